@@ -1,0 +1,179 @@
+// The one implementation of TavoMBBMSEngine, and the engine's MBBMSAgentCallback.
+//
+// A process-wide singleton created by getInstance(). Its member functions live beside the
+// subsystem they belong to:
+//   engine/        lifecycle and agent loading, tuning and tables, MBBMS requests, event relay
+//   session/       TV service control (startTVService, stopTVService, getTVServiceUrl)
+//   sharedbuffer/  creation, destruction and reset of the shared A/V buffers
+//   playengine/    command socket server, play-engine commands, image capture
+//   recording/     recording control (startRecording, stopRecording, dataRecording)
+//
+// Threads: application threads call the interface operations; agent threads call the
+// MBBMSAgentCallback operations; the command thread serves the play engine.
+// Lock order: mInstanceLock, mLock, the session manager's mutexSessionChangable, each
+// attached session's mutexDataAccessable (ascending session), the recorder's mutex.
+#ifndef TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
+#define TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "CmmbSharedBuffer.h"
+#include "MBBMSAgent.h"
+#include "MBBMSRequest.h"
+#include "PlayEngineProtocol.h"
+#include "SessionManagerSlot.h"
+#include "TavoMBBMSEngine.h"
+
+class SessionManager;
+
+class TavoMBBMSEngineImpl : public TavoMBBMSEngine, public MBBMSAgentCallback {
+public:
+    static TavoMBBMSEngineImpl* getInstance();
+
+    // ---- TavoMBBMSEngine ----
+    int init(TavoMBBMSEngineCallback* callback, const char* dir) override;
+    int deinit() override;
+    int setMode(Mode newMode) override;
+    int getModuleInfo(ModuleInfo* info) override;
+    int setPreference(const Preference* pref) override;
+    int startScan(int* freqDots, int count) override;
+    int stopScan() override;
+    int setFrequency(int freqDot) override;
+    int getFrequency() override;
+    int getMaxSupportedSessions() override;
+    int startTVService(int session, int freqDot, int start, int count, int mod,
+                       IsmaPara* isma) override;
+    int stopTVService(int session) override;
+    void getTVServiceUrl(int session, char* url) override;
+    int startUpdateTS0(int freqDot) override;
+    int stopUpdateTS0() override;
+    int startUpdateESG(int freqDot, int start, int count, int mod) override;
+    int stopUpdateESG() override;
+    int requestUpdateSG(const char* areaName) override;
+    int requestInitGBA(int force) override;
+    int requestUpdateST() override;
+    int requestSubscribeService(const char* const* ids, int count) override;
+    int requestUnsubscribeService(const char* const* ids, int count) override;
+    int requestAuthorizeService(int* list1, int* list2, const char** names, int count) override;
+    int requestInquiryAccount() override;
+    int cancelMBBMSRequest() override;
+    int startRecording(int session, int fd) override;
+    int stopRecording(int session) override;
+    bool isRecording(int session) override;
+    int captureImage(int session, int fd) override;
+    bool isCapturing(int session) override;
+
+    // ---- MBBMSAgentCallback (agent threads) ----
+    void onServiceParam(ServiceParam& param) override;
+    void onESGXml(ESGType datatype, const char* esgXml) override;
+    void onESGUpdated(bool done) override;
+    void onScanFinished(bool done) override;
+    void onEvent(EventType type, int param) override;
+    void onCaInfo(CaInfo* info, int size) override;
+    void onEmergencyMessage(EmergencyMessage& msg) override;
+    void onTS0Parsed(int freqDot) override;
+    void onSignalUpdated(SignalStatus& status) override;
+    void onRequestUpdateSG(bool done, const char* info, const char* info2) override;
+    void onRequestInitGBA(bool done) override;
+    void onRequestUpdateST(bool done, const char* info) override;
+    void onRequestSubscribeService(bool done) override;
+    void onRequestUnsubscribeService(bool done) override;
+    void onRequestInquiryAccount(bool done, const char* info) override;
+    void onRequestAuthorizeService(bool done) override;
+    void onOutputAVStart(int channelID, const unsigned char* data, int length) override;
+    void onOutputAVEnd(int channelID, bool withError) override;
+    void onClearAudioAacFrame(int channelID, unsigned long tsBase, unsigned long tsRelative,
+                              unsigned char* data, unsigned short length) override;
+    void onClearVideoNalData(int channelID, unsigned long tsBase, unsigned long tsRelative,
+                             unsigned char* data, unsigned short length,
+                             MBBMSAgent::NAL_FRAGMENT_POS_IND pos) override;
+
+    // ---- Shared A/V buffers (sharedbuffer/) ----
+    // REQUIRES: mLock held (init and deinit).
+    int initSharedBuffers();
+    int deinitSharedBuffers();
+    // Empties one session's buffer; waits out a frame being written. Sessions 0 and 1 only.
+    void resetSharedBuffer(int session);
+    // The mapping of a session's buffer in this process, or null (sessions 0 and 1 only).
+    CmmbSharedBuffer* sharedBuffer(int session) const;
+    const char* workDir() const { return mWorkDir; }
+
+    // ---- Command socket server and play-engine commands (playengine/) ----
+    int startCommandThread();
+    int stopCommandThread();
+    static void* runCommandThread(void* arg);
+    static int method_onAccepted(int fd);
+    static int sendCmd(const char* cmd, int fd, int session);
+    static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
+    static void onPlayEngineIndication(int indication, int session);
+
+    // ---- Recording (recording/) ----
+    // Agent thread, inside the frame bracket with the session's buffer locked.
+    void dataRecording(int session);
+    // The session's recording flag as the frame hand-off reads it (sessions 0 and 1 only).
+    static bool recordingFlag(int session);
+
+private:
+    TavoMBBMSEngineImpl();
+    ~TavoMBBMSEngineImpl() override;
+    TavoMBBMSEngineImpl(const TavoMBBMSEngineImpl&) = delete;
+    TavoMBBMSEngineImpl& operator=(const TavoMBBMSEngineImpl&) = delete;
+
+    // Agent library loading, at construction.
+    void loadAgent();
+    // Undoes what a failed init had set up, so that a retry creates nothing twice.
+    // REQUIRES: mLock held.
+    void rollBackFailedInit(bool commandThreadStarted);
+    // Sends an application event when a callback is registered.
+    static void notifyEvent(EventType type, int param);
+    // Starts one MBBMS request: the checks, then the agent call under mLock.
+    template <typename AgentCall>
+    int runRequest(MBBMSRequest request, bool needsMbbmsMode, AgentCall call);
+    // Ends whatever request is pending (completion callbacks).
+    void endPendingRequest();
+
+    // Deduplication key of emergency messages: bytes 0, 1, 2, 4 and the 16-bit value at 28.
+    struct EmergencyKey {
+        uint8_t bytes[4];
+        uint16_t id;
+    };
+
+    // ---- Instance state ----
+    // Pending MBBMS request; tested and set atomically (compare-and-swap) by the request
+    // operations, cleared by the completion callbacks on agent threads.
+    std::atomic<int> mPendingRequest;
+    // Written by setMode (any thread), read by requests and the event relay.
+    std::atomic<int> mMode;
+    // Owned session manager, between a successful init and deinit. The slot lets agent and
+    // application threads use it without racing its deletion by deinit.
+    SessionManagerSlot mSessionManager;
+    MBBMSAgent* mAgent;  // owned through the agent library; null if it could not be created
+    void* mAgentLib;     // dlopen handle; closed by the destructor
+    std::atomic<bool> mIsInitialized;
+    // Per frequency point 0..47: TS0 reported since init. Agent threads; reset by init.
+    std::atomic<bool> mTS0Reported[48];
+    // Agent threads; reset by init under mLock.
+    EmergencyKey mLastEmergencyKey;
+    char mWorkDir[128];
+    pthread_t mThreadCommand;
+    bool mCommandThreadRunning;  // mThreadCommand holds a thread to join; guarded by mLock
+    CmmbSharedBuffer* mSharedBuffers[2];
+    // Serialises init, deinit and the agent call of each MBBMS request.
+    std::mutex mLock;
+
+    // ---- Process-wide state ----
+    static std::atomic<TavoMBBMSEngineImpl*> mInstance;
+    static std::mutex mInstanceLock;
+    static std::atomic<TavoMBBMSEngineCallback*> mCallback;
+    static std::atomic<bool> mIsStarted;      // run flag of the command thread
+    static std::atomic<int> mSocket;          // listening socket, -1 when not serving
+    static std::atomic<int> mFdCommand;       // connected play engine, -1 when none
+    static int mSharedFds[2];                 // shared-buffer region descriptors, -1 when none
+    static std::atomic<bool> mIsRecording[2];
+    static std::atomic<bool> mIsCapturing[2];
+};
+
+#endif  // TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H

@@ -1,0 +1,81 @@
+// Contract between the engine and the tuner vendor's agent library.
+//
+// The agent library is loaded at run time and exports two unmangled functions,
+// "createAgent" and "destroyAgent". The engine gives the agent an MBBMSAgentCallback
+// through which results, events and descrambled audio and video come back. The slot order
+// of MBBMSAgent differs from the engine interface and is binding.
+#ifndef TAVO_MBBMS_AGENT_H
+#define TAVO_MBBMS_AGENT_H
+
+#include "TavoMBBMSEngine.h"
+
+class MBBMSAgentCallback;
+
+class TAVO_EXPORT MBBMSAgent {
+public:
+    // Position of a video fragment within a NAL unit: bit 1 = begins one (and starts with
+    // an Annex B start code), bit 0 = ends one.
+    enum NAL_FRAGMENT_POS_IND {
+        NAL_FRAGMENT_MIDDLE = 0,
+        NAL_FRAGMENT_END = 1,
+        NAL_FRAGMENT_START = 2,
+        NAL_FRAGMENT_COMPLETE = 3,
+    };
+
+    virtual ~MBBMSAgent() {}
+    virtual int init(MBBMSAgentCallback* callback, const char* dir, const char* dir2) = 0;  // 2
+    virtual int deinit() = 0;                                                               // 3
+    virtual int getModuleInfo(ModuleInfo* info) = 0;                                        // 4
+    virtual int preInitStep1() = 0;                                                         // 5
+    virtual int preInitStep2() = 0;                                                         // 6
+    virtual int setPreference(const Preference* pref) = 0;                                  // 7
+    virtual int startScan(int* freqDots, int count) = 0;                                    // 8
+    virtual int stopScan() = 0;                                                             // 9
+    virtual int setFrequency(int freqDot) = 0;                                              // 10
+    virtual int getFrequency() = 0;                                                         // 11
+    virtual int getMaxSupportedSessions() = 0;                                              // 12
+    virtual int startService(int* channelID, int freqDot, int start, int count, int mod,
+                             IsmaPara* isma) = 0;                                           // 13
+    virtual int stopService(int channelID) = 0;                                             // 14
+    virtual int startUpdateTS0(int freqDot) = 0;                                            // 15
+    virtual int stopUpdateTS0() = 0;                                                        // 16
+    virtual int startUpdateESG(int freqDot, int start, int count, int mod) = 0;             // 17
+    virtual int stopUpdateESG() = 0;                                                        // 18
+    virtual int requestInitGBA(int force) = 0;                                              // 19
+    virtual int requestUpdateSG(const char* areaName) = 0;                                  // 20
+    virtual int requestSubscribeService(const char* const* ids, int count) = 0;             // 21
+    virtual int requestUnsubscribeService(const char* const* ids, int count) = 0;           // 22
+    virtual int requestAuthorizeService(int* list1, int* list2, const char** names,
+                                        int count) = 0;                                     // 23
+    virtual int requestInquiryAccount() = 0;                                                // 24
+    virtual int requestUpdateST() = 0;                                                      // 25
+    virtual int cancelMBBMSRequest(int request) = 0;                                        // 26
+};
+
+// Interface the agent calls. The first sixteen operations are those of
+// TavoMBBMSEngineCallback; the four data operations ignore their data by default.
+class TAVO_EXPORT MBBMSAgentCallback : public TavoMBBMSEngineCallback {
+public:
+    // Start of one multiplex frame of a channel: the raw frame bytes.
+    virtual void onOutputAVStart(int /*channelID*/, const unsigned char* /*data*/,
+                                 int /*length*/) {}  // 18
+    // End of the frame started by onOutputAVStart; withError when demultiplexing failed.
+    virtual void onOutputAVEnd(int /*channelID*/, bool /*withError*/) {}  // 19
+    // One raw AAC frame (no ADTS header).
+    virtual void onClearAudioAacFrame(int /*channelID*/, unsigned long /*tsBase*/,
+                                      unsigned long /*tsRelative*/, unsigned char* /*data*/,
+                                      unsigned short /*length*/) {}  // 20
+    // One H.264 NAL unit or a fragment of one; see MBBMSAgent::NAL_FRAGMENT_POS_IND.
+    virtual void onClearVideoNalData(int /*channelID*/, unsigned long /*tsBase*/,
+                                     unsigned long /*tsRelative*/, unsigned char* /*data*/,
+                                     unsigned short /*length*/,
+                                     MBBMSAgent::NAL_FRAGMENT_POS_IND /*pos*/) {}  // 21
+};
+
+// Signatures of the two functions every agent library exports unmangled.
+extern "C" {
+typedef MBBMSAgent* (*CreateAgentFunc)();
+typedef void (*DestroyAgentFunc)(MBBMSAgent* agent);
+}
+
+#endif  // TAVO_MBBMS_AGENT_H

@@ -1,0 +1,51 @@
+// A fresh TAVO_ANDROID_ROOT for one test: a temporary directory with "system/lib",
+// "data/property", "data/app" and "sdcard", a tuner agent library installed as libsiano.so
+// and libinno.so, and the engine's log file. The environment points at it while the object
+// lives; the directory is removed afterwards.
+#ifndef TAVO_TESTS_SUPPORT_TEST_ROOT_H
+#define TAVO_TESTS_SUPPORT_TEST_ROOT_H
+
+#include <string>
+#include <vector>
+
+class TestRoot {
+public:
+    // agentLibrary: path of the agent shared object to install; empty installs none.
+    explicit TestRoot(const std::string& agentLibrary = fakeAgentPath());
+    ~TestRoot();
+    TestRoot(const TestRoot&) = delete;
+    TestRoot& operator=(const TestRoot&) = delete;
+
+    const std::string& path() const { return mPath; }
+    // The root followed by an Android path, e.g. resolve("/data/app/cmmb").
+    std::string resolve(const std::string& androidPath) const { return mPath + androidPath; }
+
+    // Writes "<root>/data/property/<name>"; removeProperty deletes it.
+    void setProperty(const std::string& name, const std::string& value) const;
+    void removeProperty(const std::string& name) const;
+    void setVendor(const std::string& value) const { setProperty("persist.mbbms.module.vendor", value); }
+
+    // Installs `library` as "<root>/system/lib/<name>".
+    void installAgent(const std::string& library, const std::string& name) const;
+
+    // The engine's log (TAVO_LOG_FILE), read whole.
+    std::string logFile() const { return mPath + "/engine.log"; }
+    std::vector<std::string> logLines() const;
+    // Number of log lines containing `text`.
+    int countLog(const std::string& text) const;
+    bool logContains(const std::string& text) const { return countLog(text) > 0; }
+    void clearLog() const;
+
+    static std::string fakeAgentPath();
+    static std::string fakeAgentWithoutCreatePath();
+    static std::string fakeAgentWithoutDestroyPath();
+
+private:
+    std::string mPath;
+};
+
+// Writes a whole file; throws nothing, fails the test on error.
+void writeTextFile(const std::string& path, const std::string& text);
+std::string readTextFile(const std::string& path);
+
+#endif  // TAVO_TESTS_SUPPORT_TEST_ROOT_H
