@@ -129,9 +129,11 @@ private:
     void rollBackFailedInit(bool commandThreadStarted);
     // Sends an application event when a callback is registered.
     static void notifyEvent(EventType type, int param);
-    // Starts one MBBMS request: the checks, then the agent call under mLock.
+    // Starts one MBBMS request: the checks, logged as lines of `operation`, then the agent
+    // call under mLock.
     template <typename AgentCall>
-    int runRequest(MBBMSRequest request, bool needsMbbmsMode, AgentCall call);
+    int runRequest(const char* operation, MBBMSRequest request, bool needsMbbmsMode,
+                   AgentCall call);
     // Ends whatever request is pending (completion callbacks).
     void endPendingRequest();
 

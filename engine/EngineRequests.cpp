@@ -1,0 +1,194 @@
+// MBBMS interactive requests: one at a time, some only in MBBMS mode, each agent call
+// serialised with init and deinit under mLock, each ended by its completion callback.
+//
+// mPendingRequest is claimed with a compare-and-swap from REQUEST_NONE to the request's
+// number, so of two requests issued at the same instant exactly one reaches the agent. The
+// completion callbacks (agent threads) set it back to REQUEST_NONE; init and deinit (under
+// mLock) set REQUEST_NONE and REQUEST_NOT_READY.
+#include "EngineLog.h"
+#include "TavoMBBMSEngineImpl.h"
+
+// Logs like TLOG, but names `operation` instead of the enclosing function, so that the
+// checks runRequest makes appear as lines of the request operation that called it.
+#define TLOG_FOR(operation, category, fmt, ...)                                             \
+    do {                                                                                    \
+        if (TLOG_ENABLED(category)) {                                                       \
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,            \
+                                "LogMask::" #category, operation, __LINE__, ##__VA_ARGS__); \
+        }                                                                                   \
+    } while (0)
+
+namespace {
+
+const bool kMbbmsModeOnly = true;
+const bool kAnyMode = false;
+
+const char* printable(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+}  // namespace
+
+// Checks, in this order, that the engine is initialised, that no request is pending and,
+// for the MBBMS-only requests, that the mode is MBBMS_MODE; then claims mPendingRequest and
+// makes the agent call under mLock. A refused request leaves mPendingRequest unchanged; an
+// accepted one stays pending whatever the agent returns, until a completion callback.
+template <typename AgentCall>
+int TavoMBBMSEngineImpl::runRequest(const char* operation, MBBMSRequest request,
+                                    bool needsMbbmsMode, AgentCall call) {
+    if (!mIsInitialized.load()) {
+        TLOG_FOR(operation, WARNING, "skipped due to mIsInitialized==false");
+        return -1;
+    }
+    int pending = mPendingRequest.load();
+    if (pending == REQUEST_NONE) {
+        if (needsMbbmsMode && mMode.load() != MBBMS_MODE) {
+            TLOG_FOR(operation, ERROR, "failed due to current mode is not MBBMS mode");
+            return -1;
+        }
+        // Of the requests racing from here, one turns REQUEST_NONE into its number; the
+        // others get back the number that beat them and are refused with it below.
+        if (mPendingRequest.compare_exchange_strong(pending, request)) {
+            TLOG_FOR(operation, SEMAPHORE, "wait mLock...");
+            std::lock_guard<std::mutex> guard(mLock);
+            TLOG_FOR(operation, SEMAPHORE, "wait mLock...done");
+            // A deinit that ran while this thread waited for mLock has shut the agent down
+            // and forgotten the request.
+            if (!mIsInitialized.load()) {
+                TLOG_FOR(operation, WARNING, "skipped due to mIsInitialized==false");
+                return -1;
+            }
+            return call();
+        }
+    }
+    if (pending == REQUEST_NOT_READY) {
+        // init or deinit is between marking the engine and resetting the pending request.
+        TLOG_FOR(operation, WARNING, "skipped due to mIsInitialized==false");
+        return -1;
+    }
+    TLOG_FOR(operation, ERROR, "failed due to MBBMS stack is still handling request %d", pending);
+    return -1;
+}
+
+void TavoMBBMSEngineImpl::endPendingRequest() {
+    // Ends whichever request is pending; it is not matched against the completion. A
+    // completion arriving after deinit leaves REQUEST_NOT_READY: requests wait for init.
+    int pending = mPendingRequest.load();
+    while (pending != REQUEST_NOT_READY &&
+           !mPendingRequest.compare_exchange_weak(pending, REQUEST_NONE)) {
+    }
+}
+
+int TavoMBBMSEngineImpl::requestUpdateSG(const char* areaName) {
+    TLOG(ENGINE, "areaName=%s", printable(areaName));
+    return runRequest(__func__, REQUEST_UPDATE_SG, kMbbmsModeOnly,
+                      [&] { return mAgent->requestUpdateSG(areaName); });
+}
+
+int TavoMBBMSEngineImpl::requestInitGBA(int force) {
+    TLOG(ENGINE, "force=%d", force);
+    return runRequest(__func__, REQUEST_INIT_GBA, kMbbmsModeOnly,
+                      [&] { return mAgent->requestInitGBA(force); });
+}
+
+int TavoMBBMSEngineImpl::requestAuthorizeService(int* list1, int* list2, const char** names,
+                                                 int count) {
+    TLOG(ENGINE, "count=%d", count);
+    return runRequest(__func__, REQUEST_AUTHORIZE_SERVICE, kMbbmsModeOnly,
+                      [&] { return mAgent->requestAuthorizeService(list1, list2, names, count); });
+}
+
+int TavoMBBMSEngineImpl::requestSubscribeService(const char* const* ids, int count) {
+    TLOG(ENGINE, "count=%d", count);
+    return runRequest(__func__, REQUEST_SUBSCRIBE_SERVICE, kAnyMode,
+                      [&] { return mAgent->requestSubscribeService(ids, count); });
+}
+
+int TavoMBBMSEngineImpl::requestUnsubscribeService(const char* const* ids, int count) {
+    TLOG(ENGINE, "count=%d", count);
+    return runRequest(__func__, REQUEST_UNSUBSCRIBE_SERVICE, kAnyMode,
+                      [&] { return mAgent->requestUnsubscribeService(ids, count); });
+}
+
+int TavoMBBMSEngineImpl::requestInquiryAccount() {
+    TLOG(ENGINE, "%s()", __func__);
+    return runRequest(__func__, REQUEST_INQUIRY_ACCOUNT, kAnyMode,
+                      [&] { return mAgent->requestInquiryAccount(); });
+}
+
+int TavoMBBMSEngineImpl::requestUpdateST() {
+    TLOG(ENGINE, "%s()", __func__);
+    return runRequest(__func__, REQUEST_UPDATE_ST, kMbbmsModeOnly,
+                      [&] { return mAgent->requestUpdateST(); });
+}
+
+int TavoMBBMSEngineImpl::cancelMBBMSRequest() {
+    TLOG(ENGINE, "%s()", __func__);
+    RETURN_IF_NOT_INITIALIZED(-1);
+    int pending = mPendingRequest.load();
+    if (pending == REQUEST_NONE || pending == REQUEST_NOT_READY) {
+        TLOG(WARNING, "no request to cancel");
+        return 0;
+    }
+    // Without mLock: the request's own agent call may still be running on another thread.
+    // The request stays pending until the agent calls its completion callback.
+    return mAgent->cancelMBBMSRequest(pending);
+}
+
+// ---- Completions (agent threads): relay to the application, then end the request ----
+
+void TavoMBBMSEngineImpl::onRequestUpdateSG(bool done, const char* info, const char* info2) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestUpdateSG(done, info, info2);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestInitGBA(bool done) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestInitGBA(done);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestUpdateST(bool done, const char* info) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestUpdateST(done, info);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestSubscribeService(bool done) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestSubscribeService(done);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestUnsubscribeService(bool done) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestUnsubscribeService(done);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestInquiryAccount(bool done, const char* info) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestInquiryAccount(done, info);
+    endPendingRequest();
+}
+
+void TavoMBBMSEngineImpl::onRequestAuthorizeService(bool done) {
+    TLOG(ENGINE, "done=%d", done);
+    TavoMBBMSEngineCallback* callback = mCallback.load();
+    if (callback != nullptr)
+        callback->onRequestAuthorizeService(done);
+    endPendingRequest();
+}
