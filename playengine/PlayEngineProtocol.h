@@ -6,6 +6,8 @@
 #ifndef TAVO_PLAYENGINE_PROTOCOL_H
 #define TAVO_PLAYENGINE_PROTOCOL_H
 
+#include <sys/socket.h>
+
 #include <cstddef>
 
 enum PlayEngineCommand {
@@ -47,7 +49,16 @@ struct PlayEngineIndicationMessage {
 };
 static_assert(sizeof(PlayEngineIndicationMessage) == 64, "indication message is 64 bytes");
 
-// Size of the control buffer that carries one descriptor (cmsghdr + one int on 32-bit ARM).
-enum { PLAYENGINE_FD_CONTROL_LENGTH = 16 };
+// Control buffer that carries one passed descriptor: a cmsghdr of level SOL_SOCKET and type
+// SCM_RIGHTS followed by the descriptor as a 32-bit integer. 16 bytes on 32-bit ARM; larger
+// on 64-bit hosts, whose cmsghdr is larger.
+enum { PLAYENGINE_FD_CONTROL_SPACE = CMSG_SPACE(sizeof(int)) };
+
+// Texts of the commands, as they appear in bytes 0-31 of a command message.
+#define PLAYENGINE_CMD_TEXT_SHAREBUFFER "sharebuffer"
+#define PLAYENGINE_CMD_TEXT_CAPTURE "capture"
+#define PLAYENGINE_CMD_TEXT_START_RECORD "startrecord"
+#define PLAYENGINE_CMD_TEXT_STOP_RECORD "stoprecord"
+#define PLAYENGINE_CMD_TEXT_FLUSH "flush"
 
 #endif  // TAVO_PLAYENGINE_PROTOCOL_H

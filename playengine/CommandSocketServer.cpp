@@ -1,0 +1,274 @@
+// The command thread: a Unix-domain stream server on "/data/app/cmmb.socket" that serves one
+// play engine at a time.
+//
+// Threads: startCommandThread and stopCommandThread run under mLock (init, deinit and a
+// failed init's roll-back). The command thread alone creates, accepts, receives from and
+// closes the sockets; it owns the listening socket (published in mSocket so that
+// stopCommandThread can shut it down) and the client connection (published in mFdCommand so
+// that commands can be written to it from any thread).
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "AndroidPaths.h"
+#include "EngineLog.h"
+#include "IndicationCode.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+const char kSocketPath[] = "/data/app/cmmb.socket";
+const int kPollTimeoutMs = 1000;
+const int kListenBacklog = 1;
+
+// Poll set of the server: entry 0 is the listening socket, entry 1 the client or -1.
+class ServerPollSet {
+  public:
+    explicit ServerPollSet(int listeningFd) : mEntries{}, mCount(1) {
+        mEntries[0].fd = listeningFd;
+        mEntries[0].events = POLLRDNORM;
+        mEntries[1].fd = -1;
+        mEntries[1].events = POLLRDNORM;
+    }
+
+    // Result of poll(): 0 on a time-out. Events of an earlier pass are forgotten first, so a
+    // failed poll reports none.
+    int wait() {
+        mEntries[0].revents = 0;
+        mEntries[1].revents = 0;
+        return poll(mEntries, mCount, kPollTimeoutMs);
+    }
+
+    short listeningEvents() const { return mEntries[0].revents; }
+    short clientEvents() const { return mCount > 1 ? mEntries[1].revents : 0; }
+    int client() const { return mEntries[1].fd; }
+    bool hasClient() const { return mEntries[1].fd != -1; }
+
+    void setClient(int fd) {
+        mEntries[1].fd = fd;
+        mEntries[1].revents = 0;
+        mCount = 2;
+    }
+    void clearClient() {
+        mEntries[1].fd = -1;
+        mEntries[1].revents = 0;
+        mCount = 1;
+    }
+
+  private:
+    pollfd mEntries[2];
+    nfds_t mCount;  // entries polled: 1 without a client, 2 with one
+};
+
+// A Unix address with room for a terminating zero after the longest path.
+union PeerAddress {
+    sockaddr_un address;
+    char raw[sizeof(sockaddr_un) + 1];
+};
+
+// Closes the client and forgets it everywhere.
+void dropClient(ServerPollSet& pollSet, std::atomic<int>& fdCommand) {
+    int fd = pollSet.client();
+    pollSet.clearClient();
+    fdCommand.store(-1);
+    if (fd != -1)
+        close(fd);
+}
+
+// Closes descriptors a client may have passed along with an indication; the engine attaches
+// no meaning to control data.
+void closePassedDescriptors(msghdr& message) {
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
+            continue;
+        size_t bytes = header->cmsg_len - CMSG_LEN(0);
+        const unsigned char* data = CMSG_DATA(header);
+        for (size_t i = 0; i + sizeof(int) <= bytes; i += sizeof(int)) {
+            int fd;
+            memcpy(&fd, data + i, sizeof(fd));
+            close(fd);
+        }
+    }
+}
+
+}  // namespace
+
+int TavoMBBMSEngineImpl::startCommandThread() {
+    TLOG(ENGINE, "%s()", "startCommandThread");
+    mIsStarted.store(true);
+    if (pthread_create(&mThreadCommand, nullptr, runCommandThread, nullptr) != 0) {
+        TLOG(ERROR, "Can't create thread for runCommandThread");
+        mIsStarted.store(false);
+        return -1;
+    }
+    mCommandThreadRunning = true;
+    return 0;
+}
+
+int TavoMBBMSEngineImpl::stopCommandThread() {
+    TLOG(ENGINE, "%s()", "stopCommandThread");
+    int listening = mSocket.load();
+    if (listening != -1) {
+        TLOG(CMD_PATH, "Calling shutdown()");
+        int result = shutdown(listening, SHUT_RDWR);
+        TLOG(CMD_PATH, "Calling shutdown() ...Done");
+        if (result == 0) {
+            TLOG(MAIN, "shutdown mSocket successfully");
+        } else {
+            TLOG(ERROR, "shutdown mSocket failed, reason: %s", strerror(errno));
+        }
+    } else {
+        TLOG(CMD_PATH, "No need to call shutdown() due to mSocket == -1");
+    }
+    TLOG(CMD_PATH, "Wait mThreadCommand exit...");
+    if (mCommandThreadRunning) {
+        pthread_join(mThreadCommand, nullptr);
+        mCommandThreadRunning = false;
+    }
+    TLOG(CMD_PATH, "Wait mThreadCommand exit...Done");
+    return 0;
+}
+
+int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
+    TLOG(CMD_PATH, "%s()", "method_onAccepted");
+    mFdCommand.store(fd);
+    sendPlayEngineCommand(CMD_SHAREBUFFER, 0, 0);
+    return 0;
+}
+
+void* TavoMBBMSEngineImpl::runCommandThread(void*) {
+    TLOG(CMD_PATH, "thread of runCommandThread start");
+
+    // Non-blocking, so that a connection withdrawn between poll and accept cannot block the
+    // thread in accept (accept then fails and the pass ends).
+    int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (listening < 0) {
+        TLOG(ERROR, "create server socket error");
+        return nullptr;
+    }
+
+    sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    if (resolveAndroidPath(kSocketPath, address.sun_path, sizeof(address.sun_path)) != 0) {
+        TLOG(ERROR, "bind server socket error");
+        close(listening);
+        return nullptr;
+    }
+    unlink(address.sun_path);
+    socklen_t addressLength =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
+    if (bind(listening, reinterpret_cast<sockaddr*>(&address), addressLength) != 0) {
+        TLOG(ERROR, "bind server socket error");
+        close(listening);
+        return nullptr;
+    }
+    if (listen(listening, kListenBacklog) != 0) {
+        TLOG(ERROR, "listen on server socket error");
+        close(listening);
+        return nullptr;
+    }
+
+    TLOG(CMD_PATH, "server is accepting client... ... ... ...");
+    ServerPollSet pollSet(listening);
+    mSocket.store(listening);
+
+    while (mIsStarted.load()) {
+        if (pollSet.wait() == 0)
+            continue;  // time-out: look at the run flag again
+        // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
+        if (!mIsStarted.load())
+            break;
+
+        short listeningEvents = pollSet.listeningEvents();
+        if (listeningEvents & POLLERR) {
+            TLOG(ERROR, "error on listening socket");
+            break;
+        }
+
+        if (listeningEvents & POLLRDNORM) {
+            if (pollSet.hasClient()) {
+                TLOG(ERROR, "only two client is allowed, now force close former one");
+                dropClient(pollSet, mFdCommand);
+            }
+            PeerAddress peer;
+            memset(&peer, 0, sizeof(peer));
+            socklen_t peerLength = sizeof(peer.address);
+            int client = accept4(listening, reinterpret_cast<sockaddr*>(&peer.address), &peerLength,
+                                 SOCK_CLOEXEC);
+            if (client < 0) {
+                TLOG(WARNING, "accept on listening socket error");
+                continue;
+            }
+            // The client's own path; an unbound (or abstract) client has none and is refused.
+            size_t pathEnd = peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
+            if (pathEnd < offsetof(sockaddr_un, sun_path))
+                pathEnd = offsetof(sockaddr_un, sun_path);
+            peer.raw[pathEnd] = '\0';
+            const char* peerPath = peer.raw + offsetof(sockaddr_un, sun_path);
+            struct stat status;
+            if (stat(peerPath, &status) != 0) {
+                TLOG(ERROR, "socket file not exist!");
+                close(client);
+            } else {
+                TLOG(CMD_PATH, "client %d is accepted", client);
+                pollSet.setClient(client);
+                method_onAccepted(client);
+                continue;
+            }
+        }
+
+        if (!pollSet.hasClient()) {
+            TLOG(WARNING, "no connected client yet");
+            continue;
+        }
+        short clientEvents = pollSet.clientEvents();
+        if (!(clientEvents & (POLLERR | POLLRDNORM)))
+            continue;
+
+        PlayEngineIndicationMessage indication;
+        memset(&indication, 0, sizeof(indication));
+        iovec pieces[2] = {{indication.code, sizeof(indication.code)},
+                           {indication.extra, sizeof(indication.extra)}};
+        // Room for one passed descriptor; received control data is discarded.
+        alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
+        msghdr message;
+        memset(&message, 0, sizeof(message));
+        message.msg_iov = pieces;
+        message.msg_iovlen = 2;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        TLOG(CMD_PATH, "recvmsg ... ...");
+        ssize_t received = recvmsg(pollSet.client(), &message, MSG_CMSG_CLOEXEC);
+        if (received > 0) {
+            closePassedDescriptors(message);
+            onPlayEngineIndication(parseIndicationCode(indication.code, sizeof(indication.code)),
+                                   0);
+        } else if (received == 0) {
+            TLOG(WARNING, "Connection closed by client");
+            dropClient(pollSet, mFdCommand);
+        } else if (errno == ECONNRESET) {
+            TLOG(ERROR, "Connection reset by client");
+            dropClient(pollSet, mFdCommand);
+        } else {
+            TLOG(ERROR, "Other read error occur");
+        }
+    }
+
+    close(listening);
+    mSocket.store(-1);
+    // The client goes with the server: a play engine sees its connection end and can come
+    // back to the next server, and no descriptor outlives the thread that owns it.
+    if (pollSet.hasClient())
+        dropClient(pollSet, mFdCommand);
+    TLOG(CMD_PATH, "thread of runCommandThread exit");
+    return nullptr;
+}

@@ -1,0 +1,124 @@
+// Commands to the play engine and the handling of its indications.
+//
+// Threads: sendCmd and sendPlayEngineCommand run on the command thread ("sharebuffer" after an
+// accept) and on application threads (captureImage); onPlayEngineIndication runs on the
+// command thread. None takes a lock: mFdCommand may be closed or replaced by the command
+// thread at any time, and a command written meanwhile simply fails.
+#include <errno.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "EngineLog.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+// The text of each command, indexed by PlayEngineCommand.
+const char* const kCommandTexts[] = {PLAYENGINE_CMD_TEXT_SHAREBUFFER, PLAYENGINE_CMD_TEXT_CAPTURE,
+                                     PLAYENGINE_CMD_TEXT_START_RECORD,
+                                     PLAYENGINE_CMD_TEXT_STOP_RECORD, PLAYENGINE_CMD_TEXT_FLUSH};
+
+// Status byte of a message that carries no descriptor: the low 8 bits of the negated value,
+// or 1 when these are 0 (so 1 for the usual -1).
+unsigned char missingDescriptorStatus(int fd) {
+    unsigned char status = static_cast<unsigned char>(-static_cast<unsigned int>(fd) & 0xFFu);
+    return status == 0 ? 1 : status;
+}
+
+}  // namespace
+
+int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
+    TLOG(ENGINE, "cmd=%s, session=%d", cmd, session);
+    int client = mFdCommand.load();
+
+    PlayEngineCommandMessage command;
+    memset(&command, 0, sizeof(command));
+    strncpy(command.command, cmd, sizeof(command.command));
+
+    // One control message carrying one descriptor; lives on the stack so that senders on
+    // different threads never share it.
+    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
+    memset(control, 0, sizeof(control));
+    iovec pieces[3] = {{command.command, 32}, {&command.reserved32, 32}, {&command.session, 32}};
+    msghdr message;
+    memset(&message, 0, sizeof(message));
+    message.msg_iov = pieces;
+    message.msg_iovlen = 3;
+
+    if (fd >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+        command.reserved32 = 0;
+        command.fdStatus = 0;
+        TLOG(CMD_PATH, "Sending fd=%d to client fd=%d", fd, client);
+    } else {
+        command.reserved32 = 0;
+        command.fdStatus = missingDescriptorStatus(fd);
+    }
+
+    command.session = static_cast<char>(session >= 0 ? '0' + session : '0');
+    command.reserved65 = 0;
+    const char sessionText[2] = {command.session, '\0'};
+    TLOG(CMD_PATH, "cmd:%s session is %s", cmd, sessionText);
+
+    // MSG_NOSIGNAL: a play engine that went away must not take this process with it.
+    ssize_t sent;
+    do {
+        sent = sendmsg(client, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent > 0) {
+        TLOG(CMD_PATH, ">>>>> sendmsg OK: cmd=%s (session=%d) to client fd=%d", cmd, session,
+             client);
+        return 0;
+    }
+    TLOG(ERROR, ">>>>> sendmsg cmd=%s (session=%d) to client fd=%d", cmd, session, client);
+    return -1;
+}
+
+int TavoMBBMSEngineImpl::sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session) {
+    switch (cmd) {
+        case CMD_SHAREBUFFER:
+            sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedFds[0], 0);
+            return sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedFds[1], 1);
+        case CMD_CAPTURE:
+            return sendCmd(kCommandTexts[CMD_CAPTURE], fd, session);
+        case CMD_START_RECORD:
+        case CMD_STOP_RECORD:
+        case CMD_FLUSH:
+            return sendCmd(kCommandTexts[cmd], -1, 0);
+    }
+    TLOG(ERROR, "cmd not support yet");
+    return -1;
+}
+
+void TavoMBBMSEngineImpl::onPlayEngineIndication(int indication, int session) {
+    switch (indication) {
+        case REQUEST_SHAREDBUFFER_FD:
+            TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: REQUEST_SHAREDBUFFER_FD");
+            break;
+        case GOT_SHAREDBUFFER_FD:
+            TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: GOT_SHAREDBUFFER_FD");
+            break;
+        case IMAGE_CAPTURE_SUCCESS:
+            if (session == 0 || session == 1)
+                mIsCapturing[session].store(false);
+            TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_SUCCESS");
+            notifyEvent(EVENT_CAPTURE_SUCCESS, session);
+            break;
+        case IMAGE_CAPTURE_FAIL:
+            if (session == 0 || session == 1)
+                mIsCapturing[session].store(false);
+            notifyEvent(EVENT_CAPTURE_FAIL, session);
+            TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_FAIL");
+            break;
+        default:
+            TLOG(ERROR, "<<<<< receive PlayEngineIndication: UNKNOWN_INDICATION");
+            break;
+    }
+}
