@@ -1,0 +1,291 @@
+// Session and channel tables: construction, start and stop of sessions, the frequency rule,
+// reference counts and the per-channel debug files. The data-path members live in
+// sharedbuffer/ (NalIngestion, AacIngestion, FrameHandOff).
+#include "SessionManager.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "AndroidPaths.h"
+#include "EngineLog.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+void clearChannel(SessionManager::ChannelEntry& channel) {
+    memset(&channel, 0, sizeof(channel));
+    channel.serviceID = -1;
+    channel.channelID = -1;
+}
+
+FILE* openDebugFile(const char* path) {
+    FILE* file = fopen(path, "wb");
+    if (file == nullptr)
+        TLOG(ERROR, "fopen %s failed", path);
+    return file;
+}
+
+}  // namespace
+
+SessionManager::SessionManager(TavoMBBMSEngineImpl* engine, MBBMSAgent* agent)
+    : mSession(),
+      mChannel(),
+      mFreqDot(-1),
+      mMaxSessions(0),
+      mChannelCount(0),
+      mEngine(engine),
+      mAgent(agent),
+      mutexSessionChangable() {
+    TLOG(SESSION, "SessionManager::%s()", "SessionManager");
+    // The tables hold MAX_SESSIONS entries whatever the agent claims.
+    int reported = mAgent != nullptr ? mAgent->getMaxSupportedSessions() : 0;
+    mMaxSessions = std::max(0, std::min(reported, static_cast<int>(MAX_SESSIONS)));
+    for (SessionEntry& session : mSession) {
+        session.started = false;
+        session.channelIndex = -1;
+    }
+    for (ChannelEntry& channel : mChannel)
+        clearChannel(channel);
+
+    if (sem_init(&mutexSessionChangable, 0, 1) != 0) {
+        TLOG(ERROR, "sem_init mutexSessionChangable failed");
+    } else {
+        TLOG(SEMAPHORE, "sem_init mutexSessionChangable OK");
+    }
+}
+
+SessionManager::~SessionManager() {
+    TLOG(SESSION, "SessionManager::%s()", "~SessionManager");
+    // Running agent services are left alone: the engine shuts the agent down next.
+    mAgent = nullptr;
+    for (ChannelEntry& channel : mChannel)
+        closeDebugFiles(channel);
+    if (sem_destroy(&mutexSessionChangable) != 0) {
+        TLOG(ERROR, "sem_destroy mutexSessionChangable failed");
+    } else {
+        TLOG(SEMAPHORE, "sem_destroy mutexSessionChangable OK");
+    }
+}
+
+void SessionManager::lockSessions() {
+    TLOG(SEMAPHORE, "sem_wait mutexSessionChangable ...");
+    while (sem_wait(&mutexSessionChangable) != 0) {
+        // Interrupted by a signal: wait again.
+    }
+    TLOG(SEMAPHORE, "mutexSessionChangable--");
+}
+
+void SessionManager::unlockSessions() {
+    sem_post(&mutexSessionChangable);
+    TLOG(SEMAPHORE, "mutexSessionChangable++");
+}
+
+void SessionManager::beginExclusive() {
+    lockSessions();
+}
+
+void SessionManager::endExclusive() {
+    unlockSessions();
+}
+
+int SessionManager::start(int session, int freqDot, int start, int count, int mod, IsmaPara* isma) {
+    TLOG(SESSION, "SessionManager::%s()", "start");
+    if (session < 0 || session >= mMaxSessions) {
+        TLOG(ERROR, "Wrong mSessionID=%d", session);
+        return -1;
+    }
+
+    // Frequency rule: every running channel works on one frequency point. Read before the
+    // semaphore is taken, as the started flags only change under it on application threads.
+    if (freqDot == -1) {
+        TLOG(ERROR, "SessionManager::start(): working on freq=%d, can't switch to freq=%d",
+             mFreqDot, freqDot);
+        return -1;
+    }
+    mFreqDot = mAgent->getFrequency();
+    if (mFreqDot != -1 && mFreqDot != freqDot) {
+        for (int s = 0; s < mMaxSessions; ++s) {
+            if (mSession[s].started) {
+                TLOG(ERROR, "SessionManager::start(): working on freq=%d, can't switch to freq=%d",
+                     mFreqDot, freqDot);
+                return -1;
+            }
+        }
+    }
+
+    lockSessions();
+    if (mSession[session].started) {
+        TLOG(WARNING, "session(%d) already started", session);
+        unlockSessions();
+        return -1;
+    }
+
+    // A service that already runs is shared: attach to its channel without asking the agent.
+    const int serviceID = isma != nullptr ? static_cast<int>(isma->serviceID) : -1;
+    for (int c = 0; c < mChannelCount; ++c) {
+        if (mChannel[c].started != 0 && mChannel[c].serviceID == serviceID) {
+            attachSessionToChannel(session, c);
+            unlockSessions();
+            return 0;
+        }
+    }
+
+    int slot = -1;
+    for (int c = 0; c < mChannelCount; ++c) {
+        if (mChannel[c].started == 0) {
+            slot = c;
+            break;
+        }
+    }
+    if (slot == -1) {
+        if (mChannelCount >= MAX_CHANNELS) {
+            TLOG(ERROR, "Can't open new channel");
+            unlockSessions();
+            return -1;
+        }
+        slot = mChannelCount++;
+    }
+
+    int channelID = -1;
+    if (mAgent->startService(&channelID, freqDot, start, count, mod, isma) != 0 || channelID < 0) {
+        // The slot stays free; an appended slot stays counted and is reused later.
+        dumpChannels();
+        unlockSessions();
+        return -1;
+    }
+    ChannelEntry& channel = mChannel[slot];
+    mFreqDot = freqDot;
+    channel.started = 1;
+    channel.channelID = channelID;
+    channel.refCount = 0;
+    channel.serviceID = serviceID;
+    openDebugFiles(channel);
+
+    attachSessionToChannel(session, slot);
+    unlockSessions();
+    return 0;
+}
+
+int SessionManager::stop(int session) {
+    TLOG(SESSION, "SessionManager::%s()", "stop");
+    if (session < 0 || session >= mMaxSessions) {
+        TLOG(ERROR, "Wrong mSessionID=%d", session);
+        return -1;
+    }
+
+    lockSessions();
+    if (!mSession[session].started) {
+        TLOG(WARNING, "session(%d) not started yet", session);
+        unlockSessions();
+        return -1;
+    }
+    const int c = mSession[session].channelIndex;
+    if (c < 0 || c >= mChannelCount || mChannel[c].started == 0 || mChannel[c].refCount <= 0) {
+        TLOG(ERROR, "for sessionIndex=%d, channelIndex=%d", session, c);
+        unlockSessions();
+        return -1;
+    }
+
+    ChannelEntry& channel = mChannel[c];
+    if (channel.refCount == 1) {
+        // The last session of the channel: the agent's service stops with it.
+        if (mAgent->stopService(channel.channelID) != 0) {
+            TLOG(ERROR, "stopService %d failed", session);
+            unlockSessions();
+            return -1;
+        }
+        channel.started = 0;
+        closeDebugFiles(channel);
+        channel.serviceID = -1;
+        channel.channelID = -1;
+    }
+
+    deattachSessionfromChannel(session, c);
+    unlockSessions();
+    return 0;
+}
+
+void SessionManager::attachSessionToChannel(int session, int channelIndex) {
+    TLOG(SESSION, "SessionManager::%s(sessionIndex=%d, channelIndex=%d)", "attachSessionToChannel",
+         session, channelIndex);
+    mSession[session].started = true;
+    mSession[session].channelIndex = channelIndex;
+    mChannel[channelIndex].refCount += 1;
+    mChannel[channelIndex].refSession[session] = 1;
+    dumpChannels();
+}
+
+void SessionManager::deattachSessionfromChannel(int session, int channelIndex) {
+    TLOG(SESSION, "SessionManager::%s(sessionIndex=%d, channelIndex=%d)",
+         "deattachSessionfromChannel", session, channelIndex);
+    mSession[session].channelIndex = -1;
+    mSession[session].started = false;
+    mChannel[channelIndex].refCount -= 1;
+    mChannel[channelIndex].refSession[session] = 0;
+    dumpChannels();
+}
+
+void SessionManager::dumpChannels() {
+    if (!TLOG_ENABLED(SESSION))
+        return;
+    for (int c = 0; c < mChannelCount; ++c) {
+        const ChannelEntry& channel = mChannel[c];
+        char text[256];
+        int used = snprintf(
+            text, sizeof(text), "started=%d, serviceID=%d, refCount=%d, channelID=%d, refSession{",
+            channel.started, channel.serviceID, channel.refCount, channel.channelID);
+        for (int s = 0; s < mMaxSessions; ++s) {
+            if (channel.refSession[s] == 1) {
+                used += snprintf(text + used, sizeof(text) - static_cast<size_t>(used), "%d ", s);
+            }
+        }
+        snprintf(text + used, sizeof(text) - static_cast<size_t>(used), "}\n");
+        TLOG(SESSION, "mChannel[%d]: %s", c, text);
+    }
+}
+
+int SessionManager::channelIDToIndex(int channelID) {
+    // Free slots hold -1, which no running channel has: start() refuses negative identifiers.
+    for (int c = 0; c < mChannelCount; ++c) {
+        if (mChannel[c].channelID == channelID)
+            return c;
+    }
+    return -1;
+}
+
+void SessionManager::openDebugFiles(ChannelEntry& channel) {
+    char path[512];
+    if (TLOG_ENABLED(STATISTICS)) {
+        gettimeofday(&channel.startTime, nullptr);
+        channel.mFrameCount = 0;
+        snprintf(path, sizeof(path), "%s/%d.time", mEngine->workDir(), channel.serviceID);
+        channel.timeFile = openDebugFile(path);
+    }
+    if (TLOG_ENABLED(DATA_MFS)) {
+        char sdcard[448];
+        if (resolveAndroidPath("/sdcard/", sdcard, sizeof(sdcard)) != 0) {
+            TLOG(ERROR, "fopen %s failed", "/sdcard/");
+        } else {
+            snprintf(path, sizeof(path), "%s/%d.mfs", sdcard, channel.serviceID);
+            channel.mfsFile = openDebugFile(path);
+        }
+    }
+}
+
+void SessionManager::closeDebugFiles(ChannelEntry& channel) {
+    if (TLOG_ENABLED(STATISTICS)) {
+        memset(&channel.startTime, 0, sizeof(channel.startTime));
+        memset(&channel.lastFrameTime, 0, sizeof(channel.lastFrameTime));
+        channel.mFrameCount = 0;
+    }
+    // A file opened while its category was on is closed even if the switch has been turned
+    // off since, so that no stream outlives its channel.
+    if (channel.timeFile != nullptr) {
+        fclose(channel.timeFile);
+        channel.timeFile = nullptr;
+    }
+    if (channel.mfsFile != nullptr) {
+        fclose(channel.mfsFile);
+        channel.mfsFile = nullptr;
+    }
+}

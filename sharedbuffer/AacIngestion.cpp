@@ -1,0 +1,83 @@
+// Audio ingestion: AAC frames behind an ADTS header, into the shared buffers of every
+// session attached to the delivering channel.
+#include "AacIngestion.h"
+
+#include <cstring>
+
+#include "EngineLog.h"
+#include "SessionManager.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+// The frame's own bytes may take the payload up to this, leaving room for the header.
+const uint32_t kAacFrameLimit = CMMB_PAYLOAD_LIMIT - CMMB_ADTS_HEADER_SIZE;
+
+}  // namespace
+
+void writeAdtsHeader(unsigned char* out, uint32_t frameLength) {
+    // syncword 0xFFF, MPEG-2, layer 0, no CRC; AAC LC, 24,000 Hz (index 6), private bit 0,
+    // two channels; frame length in 13 bits (the top two always 0); buffer fullness 0x7FF;
+    // one raw data block.
+    out[0] = 0xFF;
+    out[1] = 0xF9;
+    out[2] = 0x58;
+    out[3] = 0x80;
+    out[4] = static_cast<unsigned char>((frameLength >> 3) & 0xFF);
+    out[5] = static_cast<unsigned char>(((frameLength & 0x07) << 5) | 0x1F);
+    out[6] = 0xFC;
+}
+
+bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
+                    unsigned long tsRelative, const unsigned char* data, unsigned short length) {
+    TLOG(DATA_AAC, "+Raw audio AAC,session=%d, count=%d, ts=%lu+%lu , len=%lu\n", session,
+         static_cast<int>(buffer->aacCount), tsBase, tsRelative,
+         static_cast<unsigned long>(length));
+
+    const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
+    if (needed > kAacFrameLimit) {
+        TLOG(DATA_AAC, "SharedBuffer have no enough space for AAC, %d > %d, DATA drop!",
+             static_cast<int>(needed), 65535);
+        return false;
+    }
+    if (buffer->aacCount >= CMMB_AAC_RECORD_SLOTS) {
+        TLOG(WARNING, "SharedBuffer have no free AAC record, aacCount=%d, DATA drop!",
+             static_cast<int>(buffer->aacCount));
+        return false;
+    }
+
+    CmmbAacRecord& record = buffer->aac[buffer->aacCount];
+    const uint32_t frameLength = static_cast<uint32_t>(length) + CMMB_ADTS_HEADER_SIZE;
+    record.tsBase = static_cast<uint32_t>(tsBase);
+    record.tsRelative = static_cast<uint32_t>(tsRelative);
+    record.length = frameLength;
+    record.offset = buffer->dataLength;
+    buffer->dataLength += frameLength;
+
+    unsigned char* header = buffer->data + record.offset;
+    writeAdtsHeader(header, frameLength);
+    memcpy(header + CMMB_ADTS_HEADER_SIZE, data, length);
+    buffer->aacCount += 1;
+    return true;
+}
+
+void SessionManager::onClearAudioAacFrame(int channelID, unsigned long tsBase,
+                                          unsigned long tsRelative, unsigned char* data,
+                                          unsigned short length) {
+    // Inside the frame bracket: the tables cannot change under this call.
+    const int c = channelIDToIndex(channelID);
+    if (c < 0) {
+        TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        return;
+    }
+    for (int s = 0; s < mMaxSessions; ++s) {
+        if (mChannel[c].refSession[s] != 1)
+            continue;
+        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+        if (buffer == nullptr)
+            continue;  // only sessions 0 and 1 have a buffer
+        // A drop ends the call: later sessions do not receive the frame either.
+        if (!appendAacFrame(buffer, s, tsBase, tsRelative, data, length))
+            return;
+    }
+}

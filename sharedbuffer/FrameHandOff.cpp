@@ -1,0 +1,118 @@
+// The multiplex-frame bracket: at the frame's start, lock and empty the shared buffer of
+// every session attached to the channel; at its end, record statistics, feed the recording,
+// unlock the buffers and signal the play engine.
+//
+// Agent thread only. mutexSessionChangable is taken in onOutputAVStart and released in
+// onOutputAVEnd, on every path, so that the tables stay still for the whole frame; inside it
+// each attached session's mutexDataAccessable is held, in ascending session order. Frames
+// must therefore never overlap, not even for different channels.
+#include <sys/time.h>
+
+#include "EngineLog.h"
+#include "SessionManager.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+// Milliseconds from `from` to `to`, truncated toward zero.
+int elapsedMs(const struct timeval& from, const struct timeval& to) {
+    return static_cast<int>((to.tv_sec - from.tv_sec) * 1000 + (to.tv_usec - from.tv_usec) / 1000);
+}
+
+}  // namespace
+
+void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, int length) {
+    lockSessions();  // held until onOutputAVEnd, whatever happens here
+    const int c = channelIDToIndex(channelID);
+    if (c < 0) {
+        TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        return;
+    }
+    ChannelEntry& channel = mChannel[c];
+    for (int s = 0; s < mMaxSessions; ++s) {
+        if (channel.refSession[s] != 1)
+            continue;
+        if (TLOG_ENABLED(DATA_MFS) && channel.mfsFile != nullptr && frame != nullptr &&
+            length > 0) {
+            fwrite(frame, 1, static_cast<size_t>(length), channel.mfsFile);  // errors ignored
+        }
+        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+        if (buffer == nullptr)
+            continue;  // only sessions 0 and 1 have a buffer
+
+        TLOG(SEMAPHORE, "sem_wait mutexDataAccessable(session=%d)...", s);
+        cmmb_sem_wait(&buffer->mutexDataAccessable);  // held until onOutputAVEnd
+        TLOG(SEMAPHORE, "mutexDataAccessable--");
+        if (buffer->nalCount != 0 || buffer->aacCount != 0) {
+            TLOG(WARNING,
+                 "A/V DATA LOST(nalCount=%d, aacCount=%d) due to playengine doesn't fetch them "
+                 "in time",
+                 static_cast<int>(buffer->nalCount), static_cast<int>(buffer->aacCount));
+            buffer->nalCount = 0;
+            buffer->aacCount = 0;
+        }
+        buffer->dataLength = 0;
+        for (CmmbNalRecord& record : buffer->nal)
+            record.pos = CMMB_NAL_POS_NONE_OPEN;
+    }
+}
+
+void SessionManager::onOutputAVEnd(int channelID, bool withError) {
+    const int c = channelIDToIndex(channelID);
+    if (c < 0) {
+        TLOG(WARNING, "ChannelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        unlockSessions();
+        return;
+    }
+    ChannelEntry& channel = mChannel[c];
+    for (int s = 0; s < mMaxSessions; ++s) {
+        if (channel.refSession[s] != 1)
+            continue;
+        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+        if (buffer == nullptr)
+            continue;
+
+        if (withError) {
+            // The payload bytes stay but are no longer referenced: an empty frame is handed on.
+            buffer->nalCount = 0;
+            buffer->aacCount = 0;
+            TLOG(WARNING, "after demux, withError = true, DROP this MFS frame");
+        }
+        const int nalCount = static_cast<int>(buffer->nalCount);
+        const int aacCount = static_cast<int>(buffer->aacCount);
+        if (aacCount != 0) {
+            TLOG(MAIN, "session=%d, channelID=%d, nalCount=%d, aacCount=%d, baseTime=%lu", s,
+                 channelID, nalCount, aacCount, static_cast<unsigned long>(buffer->aac[0].tsBase));
+        } else {
+            TLOG(MAIN, "session=%d, channelID=%d, nalCount=%d, aacCount=%d", s, channelID, nalCount,
+                 aacCount);
+        }
+
+        if (TLOG_ENABLED(STATISTICS)) {
+            channel.mFrameCount += 1;
+            struct timeval now;
+            gettimeofday(&now, nullptr);
+            const struct timeval& reference =
+                channel.mFrameCount == 1 ? channel.startTime : channel.lastFrameTime;
+            const int delta = elapsedMs(reference, now);
+            TLOG(STATISTICS, "mFrameCount=%d, %lu:%lu, delta=%lu ms", channel.mFrameCount,
+                 static_cast<unsigned long>(now.tv_sec), static_cast<unsigned long>(now.tv_usec),
+                 static_cast<unsigned long>(delta));
+            if (channel.timeFile != nullptr) {
+                fprintf(channel.timeFile, "%d, %lu, %d, %d\n", channel.mFrameCount,
+                        static_cast<unsigned long>(delta), nalCount, aacCount);
+            }
+            channel.lastFrameTime = now;
+        }
+
+        // The recording copies the frame while the buffer is still locked.
+        if (TavoMBBMSEngineImpl::recordingFlag(s))
+            mEngine->dataRecording(s);
+
+        cmmb_sem_post(&buffer->mutexDataAccessable);
+        TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)++", s);
+        cmmb_sem_post(&buffer->mutexDataAvailable);
+        TLOG(SEMAPHORE, "mutexDataAvailable(session=%d)++", s);
+    }
+    unlockSessions();
+}

@@ -1,0 +1,123 @@
+// Video ingestion: reassembly of fragmented NAL units into the shared buffers of every
+// session attached to the delivering channel.
+#include "NalIngestion.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "EngineLog.h"
+#include "SessionManager.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+const int kBeginsUnit = MBBMSAgent::NAL_FRAGMENT_START;  // bit 1
+const int kEndsUnit = MBBMSAgent::NAL_FRAGMENT_END;      // bit 0
+
+// Logs one delivered fragment with up to its first six bytes, never reading past its end.
+void logRawFragment(const CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
+                    unsigned long tsRelative, const unsigned char* data, unsigned short length,
+                    int pos) {
+    char bytes[6 * 3 + 1];
+    int used = 0;
+    for (int i = 0; i < 6 && i < length; ++i) {
+        used += snprintf(bytes + used, sizeof(bytes) - static_cast<size_t>(used), "%02x ", data[i]);
+    }
+    bytes[used] = '\0';
+    TLOG(DATA_NAL, "+Raw video NAL, session=%d, count=%d, ts=%lu + %lu, len=%lu, pos=%d, %s\n",
+         session, static_cast<int>(buffer->nalCount), tsBase, tsRelative,
+         static_cast<unsigned long>(length), pos, bytes);
+}
+
+}  // namespace
+
+int getStartCodeLength(const unsigned char* data, int length) {
+    if (length < 3 || data[0] != 0 || data[1] != 0)
+        return 0;
+    if (data[2] == 1)
+        return 3;
+    if (data[2] != 0 || length == 3)
+        return 0;
+    return data[3] == 1 ? 4 : 0;
+}
+
+bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
+                       unsigned long tsRelative, const unsigned char* data, unsigned short length,
+                       int pos) {
+    if (TLOG_ENABLED(DATA_NAL))
+        logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos);
+
+    // The whole fragment, start code included, must fit before anything is rewound.
+    const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
+    if (needed > CMMB_PAYLOAD_LIMIT) {
+        TLOG(WARNING, "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
+             static_cast<int>(needed), 65535);
+        return false;
+    }
+    if (buffer->nalCount >= CMMB_NAL_RECORD_SLOTS) {
+        TLOG(WARNING, "SharedBuffer have no free NAL record, nalCount=%d, DATA drop!",
+             static_cast<int>(buffer->nalCount));
+        return false;
+    }
+
+    CmmbNalRecord& record = buffer->nal[buffer->nalCount];
+    const bool unitOpen = record.pos == MBBMSAgent::NAL_FRAGMENT_START ||
+                          record.pos == MBBMSAgent::NAL_FRAGMENT_MIDDLE;
+    const unsigned char* bytes = data;
+    uint32_t count = length;
+    if ((pos & kBeginsUnit) != 0) {
+        if (unitOpen) {
+            TLOG(WARNING, "last NAL is not ended, overwrite it!");
+            record.length = 0;
+            if (record.offset <= buffer->dataLength)
+                buffer->dataLength = record.offset;
+            record.pos = CMMB_NAL_POS_NONE_OPEN;
+        }
+        const int startCode = getStartCodeLength(data, length);
+        if (startCode == 0) {
+            TLOG(ERROR, "H264 NAL has no start code, drop it!");
+            return false;
+        }
+        bytes += startCode;
+        count -= static_cast<uint32_t>(startCode);
+        record.tsBase = static_cast<uint32_t>(tsBase);
+        record.tsRelative = static_cast<uint32_t>(tsRelative);
+        record.length = 0;
+        record.offset = buffer->dataLength;
+    } else if (!unitOpen) {
+        TLOG(WARNING, "current NAL has no beginning, drop it!");
+        return false;
+    }
+
+    memcpy(buffer->data + buffer->dataLength, bytes, count);
+    record.length += count;
+    buffer->dataLength += count;
+    record.pos = static_cast<uint32_t>(pos);
+    if ((pos & kEndsUnit) != 0) {
+        record.pos = CMMB_NAL_POS_NONE_OPEN;
+        buffer->nalCount += 1;
+    }
+    return true;
+}
+
+void SessionManager::onClearVideoNalData(int channelID, unsigned long tsBase,
+                                         unsigned long tsRelative, unsigned char* data,
+                                         unsigned short length,
+                                         MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
+    // Inside the frame bracket: the tables cannot change under this call.
+    const int c = channelIDToIndex(channelID);
+    if (c < 0) {
+        TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        return;
+    }
+    for (int s = 0; s < mMaxSessions; ++s) {
+        if (mChannel[c].refSession[s] != 1)
+            continue;
+        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+        if (buffer == nullptr)
+            continue;  // only sessions 0 and 1 have a buffer
+        // A drop ends the call: later sessions do not receive the fragment either.
+        if (!appendNalFragment(buffer, s, tsBase, tsRelative, data, length, pos))
+            return;
+    }
+}
