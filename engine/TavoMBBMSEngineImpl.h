@@ -20,6 +20,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
 #include "MBBMSAgent.h"
 #include "MBBMSRequest.h"
@@ -117,6 +118,10 @@ public:
     static bool recordingFlag(int session);
 
 private:
+    // Agent thread only, inside the frame bracket: the frame being recorded, copied out of
+    // the session's shared buffer. A fixed buffer so that no frame allocates.
+    CmmbFrameCopy mRecordingCopy;
+
     TavoMBBMSEngineImpl();
     ~TavoMBBMSEngineImpl() override;
     TavoMBBMSEngineImpl(const TavoMBBMSEngineImpl&) = delete;

@@ -1,0 +1,219 @@
+#define LOG_TAG "CmmbRecorder"
+
+#include "CmmbRecorder.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "CmmbMPEG4Writer.h"
+#include "Log.h"
+
+namespace {
+
+const long long kDefaultMaxFileSize = 2147483647LL;
+
+// The fixed format of every recording.
+const CmmbMediaSource kVideoFormat = {"video/avc", 320, 240, 25, 22500};
+const CmmbMediaSource kAudioFormat = {"audio/mp4a-latm", 0, 0, 24000, 24000};
+const int32_t kMovieTimeScale = 24000;
+
+_CmmbMetaData startParameters() {
+    _CmmbMetaData meta;
+    meta.timeScale = kMovieTimeScale;
+    meta.useNalLengthFour = true;
+    meta.use32BitFileOffset = true;
+    return meta;
+}
+
+}  // namespace
+
+CmmbRecorder::CmmbRecorder()
+    : mGotSps(0),
+      mGotPps(0),
+      mBaseTimestamp(0),
+      mWaitForIdr(false),
+      mWriter(nullptr),
+      mVideoSource(nullptr),
+      mAudioSource(nullptr),
+      mOutputFd(-1),
+      mMaxFileSize(kDefaultMaxFileSize),
+      mScratch(new CmmbRecorderScratch()) {}
+
+CmmbRecorder::~CmmbRecorder() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter != nullptr) {
+        mWriter->stop();
+        releaseWriter();
+    }
+    if (mOutputFd >= 0) {
+        ::close(mOutputFd);
+        mOutputFd = -1;
+    }
+}
+
+int CmmbRecorder::init() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter == nullptr)
+        return 0;
+    ALOGW("CmmbRecorder:  in init(), release old writer!");
+    int result = mWriter->stop();
+    if (result == 0)
+        releaseWriter();
+    return result;
+}
+
+int CmmbRecorder::setOutputFile(const char* /*path*/) {
+    return ERROR_INVALID;
+}
+
+int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (offset != 0 || length != 0) {
+        ALOGE("setOutputFile: offset %lld and length %lld are not supported", offset, length);
+        return ERROR_INVALID;
+    }
+    if (mOutputFd >= 0) {
+        ::close(mOutputFd);
+        mOutputFd = -1;
+    }
+    mOutputFd = dup(fd);
+    if (mOutputFd < 0) {
+        ALOGE("dup of the output descriptor failed: %s", strerror(errno));
+        return ERROR_INVALID;
+    }
+    return 0;
+}
+
+int CmmbRecorder::setMaxFileSize(long long bytes) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mMaxFileSize = bytes;
+    return 0;
+}
+
+long long CmmbRecorder::queryCurrentMoovLength() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter == nullptr) {
+        ALOGE("no writer!");
+        return ERROR_INVALID;
+    }
+    return mWriter->queryMoovLength();
+}
+
+int CmmbRecorder::prepare() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return 0;
+}
+
+int CmmbRecorder::start() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter != nullptr) {
+        ALOGE("File writer is not avaialble");
+        return ERROR_INVALID;
+    }
+    return startMPEG4Recording();
+}
+
+int CmmbRecorder::pause() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter == nullptr) {
+        ALOGE("no writer!");
+        return ERROR_INVALID;
+    }
+    return mWriter->pause();
+}
+
+int CmmbRecorder::resume() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter == nullptr) {
+        ALOGE("no writer!");
+        return ERROR_INVALID;
+    }
+    mWaitForIdr = true;
+    _CmmbMetaData meta = startParameters();
+    return mWriter->start(&meta);
+}
+
+int CmmbRecorder::LockRecorder() {
+    mLock.lock();
+    return 0;
+}
+
+int CmmbRecorder::UnlockRecorder() {
+    mLock.unlock();
+    return 0;
+}
+
+int CmmbRecorder::writeout(_CmmbOutBuffer* buffer) {
+    if (mWriter == nullptr) {
+        ALOGE("no writer!");
+        return ERROR_INVALID;
+    }
+    return mWriter->writeout(buffer);
+}
+
+int CmmbRecorder::stop() {
+    std::lock_guard<std::mutex> guard(mLock);
+    if (mWriter == nullptr)
+        return 0;
+
+    int result = mWriter->stop();
+    releaseWriter();
+
+    if (mOutputFd >= 0) {
+        if (result == 0 && fsync(mOutputFd) != 0) {
+            ALOGD("error reason is %s", strerror(errno));
+            result = -1;
+        }
+        ::close(mOutputFd);
+        mOutputFd = -1;
+    }
+    return result;
+}
+
+int CmmbRecorder::close() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return 0;
+}
+
+int CmmbRecorder::reset() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return 0;
+}
+
+int CmmbRecorder::startMPEG4Recording() {
+    int fd = dup(mOutputFd);
+    if (fd < 0) {
+        ALOGE("dup mOutputFd failed");
+        return ERROR_INVALID;
+    }
+    mWriter = new CmmbMPEG4Writer(fd);
+
+    mVideoSource = new CmmbMediaSource(kVideoFormat);
+    mWriter->addSource(mVideoSource);
+    mAudioSource = new CmmbMediaSource(kAudioFormat);
+    mWriter->addSource(mAudioSource);
+
+    mWriter->setMaxFileSize(mMaxFileSize);
+    _CmmbMetaData meta = startParameters();
+    return mWriter->start(&meta);
+}
+
+void CmmbRecorder::releaseWriter() {
+    // The writer keeps pointers to the track descriptors: it goes first.
+    delete mWriter;
+    mWriter = nullptr;
+    delete mVideoSource;
+    mVideoSource = nullptr;
+    delete mAudioSource;
+    mAudioSource = nullptr;
+    resetManagerState();
+}
+
+void CmmbRecorder::resetManagerState() {
+    mGotSps = 0;
+    mGotPps = 0;
+    mBaseTimestamp = 0;
+    mWaitForIdr = false;
+}

@@ -1,0 +1,352 @@
+#define LOG_TAG "MBBMSRecManager"
+
+#include "MBBMSRecManager.h"
+
+#include <cinttypes>
+#include <cstring>
+
+#include "CmmbFrameCopy.h"
+#include "CmmbRecorder.h"
+#include "CmmbSharedBuffer.h"
+#include "Log.h"
+
+namespace {
+
+const char kVideoMime[] = "video/avc";
+const char kAudioMime[] = "audio/mp4a-latm";
+
+enum {
+    NAL_TYPE_SLICE_FIRST = 1,  // non-IDR slice and data partitions A to C: types 1 to 4
+    NAL_TYPE_SLICE_LAST = 4,
+    NAL_TYPE_IDR = 5,
+    NAL_TYPE_SPS = 7,
+    NAL_TYPE_PPS = 8,
+};
+
+// An Annex B start code inside a NAL record: where it begins and how long it is.
+struct StartCode {
+    bool found;
+    uint32_t position;
+    uint32_t length;
+};
+
+// Looks for 00 00 01 at every position up to length - 4; a preceding 00 makes it the 4-byte
+// form. A pattern ending on the last byte of the range is not taken.
+StartCode findStartCode(const unsigned char* bytes, uint32_t length) {
+    if (length < 4)
+        return {false, 0, 0};
+    for (uint32_t k = 0; k + 4 <= length; ++k) {
+        if (bytes[k] == 0 && bytes[k + 1] == 0 && bytes[k + 2] == 1) {
+            if (k > 0 && bytes[k - 1] == 0)
+                return {true, k - 1, 4};
+            return {true, k, 3};
+        }
+    }
+    return {false, 0, 0};
+}
+
+bool isInside(uint32_t offset, uint32_t length, uint32_t limit) {
+    return offset <= limit && length <= limit - offset;
+}
+
+}  // namespace
+
+MBBMSRecManager* MBBMSRecManager::getInstance() {
+    // Created on first use and kept for the life of the process.
+    static MBBMSRecManager* const instance = new MBBMSRecManager();
+    return instance;
+}
+
+MBBMSRecManager::MBBMSRecManager() : mRecorder{nullptr, nullptr} {}
+
+MBBMSRecManager::~MBBMSRecManager() {
+    for (CmmbRecorder*& recorder : mRecorder) {
+        delete recorder;
+        recorder = nullptr;
+    }
+}
+
+CmmbRecorder* MBBMSRecManager::getRecorder(int session) {
+    if (!validSession(session))
+        return nullptr;
+    return mRecorder[session];
+}
+
+int MBBMSRecManager::startRecording(int session, int fd) {
+    TLOG(RECORD, "session=%d", session);
+    if (!validSession(session))
+        return -1;
+
+    CmmbRecorder*& slot = mRecorder[session];
+    if (slot != nullptr) {
+        TLOG(WARNING, "leftover of pRecorder");
+        if (slot->stop() != 0) {
+            TLOG(ERROR, "cannot stop the pRecorder!");
+            return -1;
+        }
+        delete slot;
+        slot = nullptr;
+    }
+
+    slot = new CmmbRecorder();
+    slot->init();
+    if (slot->setOutputFile(fd, 0, 0) != 0) {
+        TLOG(ERROR, "pRecorder->setOutputFile failed!");
+        delete slot;
+        slot = nullptr;
+        return -1;
+    }
+    if (slot->start() != 0) {
+        TLOG(ERROR, "pRecorder->start() failed!");
+        delete slot;
+        slot = nullptr;
+        return -1;
+    }
+    TLOG(RECORD, "pRecorder->start() Done!");
+    return 0;
+}
+
+int MBBMSRecManager::stopRecording(int session) {
+    TLOG(RECORD, "%s()", "stopRecording");
+    if (!validSession(session))
+        return -1;
+
+    CmmbRecorder*& slot = mRecorder[session];
+    if (slot != nullptr) {
+        if (slot->stop() != 0) {
+            TLOG(ERROR, "cannot stop the pRecorder!");
+            return -1;
+        }
+        delete slot;
+        slot = nullptr;
+    }
+    TLOG(RECORD, "exit successfully");
+    return 0;
+}
+
+int MBBMSRecManager::setMaxFileSize(int session, long long bytes) {
+    CmmbRecorder* recorder = getRecorder(session);
+    if (recorder == nullptr)
+        return -1;
+    return recorder->setMaxFileSize(bytes);
+}
+
+long long MBBMSRecManager::queryCurrentMoovLength(int session) {
+    CmmbRecorder* recorder = getRecorder(session);
+    if (recorder == nullptr)
+        return -1;
+    return recorder->queryCurrentMoovLength();
+}
+
+int MBBMSRecManager::read_to_new_sharedbuf(unsigned char* copy, unsigned char* sharedBuffer) {
+    const CmmbSharedBuffer* buffer = reinterpret_cast<const CmmbSharedBuffer*>(sharedBuffer);
+    // The counts are read once: the buffer is mapped by the play engine as well.
+    uint32_t nalCount = buffer->nalCount;
+    uint32_t aacCount = buffer->aacCount;
+    if (nalCount > CMMB_NAL_RECORD_SLOTS)
+        nalCount = CMMB_NAL_RECORD_SLOTS;
+    if (aacCount > CMMB_AAC_RECORD_SLOTS)
+        aacCount = CMMB_AAC_RECORD_SLOTS;
+
+    // The items are gathered by their offsets, NAL units first, so that the copy's payload
+    // is in the order its entries describe even when audio and video arrived interleaved or
+    // an unfinished NAL unit was left in the buffer. A record that points outside the
+    // payload area is copied as empty.
+    unsigned char* payload = copy + cmmbFrameCopyPayloadOffset(nalCount, aacCount);
+    uint32_t dataLength = 0;
+    for (uint32_t i = 0; i < nalCount; ++i) {
+        const CmmbNalRecord& record = buffer->nal[i];
+        CmmbFrameCopyNalEntry entry = {record.tsBase, record.tsRelative, record.length, record.pos};
+        if (!isInside(record.offset, record.length, CMMB_PAYLOAD_SIZE) ||
+            !isInside(dataLength, record.length, CMMB_PAYLOAD_LIMIT)) {
+            entry.length = 0;
+        }
+        memcpy(payload + dataLength, buffer->data + record.offset, entry.length);
+        dataLength += entry.length;
+        memcpy(copy + cmmbFrameCopyNalEntryOffset(i), &entry, sizeof(entry));
+    }
+    for (uint32_t j = 0; j < aacCount; ++j) {
+        const CmmbAacRecord& record = buffer->aac[j];
+        CmmbFrameCopyAacEntry entry = {record.tsBase, record.tsRelative, record.length};
+        if (!isInside(record.offset, record.length, CMMB_PAYLOAD_SIZE) ||
+            !isInside(dataLength, record.length, CMMB_PAYLOAD_LIMIT)) {
+            entry.length = 0;
+        }
+        memcpy(payload + dataLength, buffer->data + record.offset, entry.length);
+        dataLength += entry.length;
+        memcpy(copy + cmmbFrameCopyAacEntryOffset(nalCount, j), &entry, sizeof(entry));
+    }
+
+    CmmbFrameCopyCounts counts = {nalCount, aacCount, dataLength};
+    memcpy(copy, &counts, sizeof(counts));
+    return 0;
+}
+
+int MBBMSRecManager::dataRecording(CmmbRecorder* recorder, unsigned char* copy) {
+    TLOG(RECORD, "data recording ...");
+    if (recorder == nullptr) {
+        TLOG(ERROR, "no recorder!!");
+        return NO_RECORDER;
+    }
+
+    // Only copies that read_to_new_sharedbuf could have written are walked.
+    CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy);
+    if (counts.nalCount > CMMB_NAL_RECORD_SLOTS || counts.aacCount > CMMB_AAC_RECORD_SLOTS ||
+        counts.dataLength > CMMB_PAYLOAD_LIMIT) {
+        TLOG(ERROR, "malformed frame copy (nalCount=%u, aacCount=%u, dataLength=%u), skipped",
+             counts.nalCount, counts.aacCount, counts.dataLength);
+        return 0;
+    }
+
+    recorder->LockRecorder();
+    uint32_t resumeTimestamp = 0;
+    int result = recordVideo(recorder, copy, &resumeTimestamp);
+    if (result == 0) {
+        if (!recorder->mGotSps || !recorder->mGotPps) {
+            TLOG(WARNING, "on SPS or PPS in this second!");
+        } else if (recorder->mWaitForIdr) {
+            TLOG(WARNING, "on resumed, haven't found IDR frame yet, skip AAC frames!!!");
+        } else {
+            result = recordAudio(recorder, copy, resumeTimestamp);
+        }
+    }
+    recorder->UnlockRecorder();
+    return result;
+}
+
+int MBBMSRecManager::recordVideo(CmmbRecorder* recorder, const unsigned char* copy,
+                                 uint32_t* resumeTimestamp) {
+    CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy);
+    const unsigned char* payload =
+        copy + cmmbFrameCopyPayloadOffset(counts.nalCount, counts.aacCount);
+    _CmmbOutBuffer& sample = recorder->scratch().sample;
+    sample.mime = kVideoMime;
+    sample.data = sample.storage;
+
+    uint32_t walked = 0;
+    for (uint32_t i = 0; i < counts.nalCount; ++i) {
+        CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy, i);
+        if (!isInside(walked, entry.length, counts.dataLength)) {
+            TLOG(ERROR, "NAL entry %u runs past the payload, rest of the frame skipped", i);
+            return 0;
+        }
+        const unsigned char* unit = payload + walked;
+        walked += entry.length;
+        TLOG(RECORD, "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld",
+             entry.length, static_cast<unsigned long>(entry.tsBase),
+             static_cast<unsigned long>(entry.tsRelative),
+             static_cast<long>(reinterpret_cast<intptr_t>(unit)));
+
+        const uint32_t presentation = entry.tsBase + entry.tsRelative;
+        uint32_t sampleLength = 0;
+        const unsigned char* q = unit;
+        uint32_t remaining = entry.length;
+        while (remaining > 0) {
+            StartCode startCode = findStartCode(q, remaining);
+            const uint32_t partLength = startCode.found ? startCode.position : remaining;
+            const int type = q[0] & 0x1F;
+
+            if (!recorder->mGotSps || !recorder->mGotPps) {
+                if (type == NAL_TYPE_SPS && !recorder->mGotSps) {
+                    writeParameterSet(recorder, q, partLength);
+                    recorder->mGotSps = 1;
+                    recorder->mBaseTimestamp = presentation;
+                } else if (type == NAL_TYPE_PPS && recorder->mGotSps) {
+                    writeParameterSet(recorder, q, partLength);
+                    recorder->mGotPps = 1;
+                }
+            } else if ((type >= NAL_TYPE_SLICE_FIRST && type <= NAL_TYPE_SLICE_LAST &&
+                        !recorder->mWaitForIdr) ||
+                       type == NAL_TYPE_IDR) {
+                memcpy(sample.storage + sampleLength, q, partLength);
+                sampleLength += partLength;
+                sample.isSyncFrame = type == NAL_TYPE_IDR;
+            }
+
+            if (startCode.found) {
+                const uint32_t skipped = startCode.position + startCode.length;
+                q += skipped;
+                remaining -= skipped;
+            } else {
+                remaining = 0;
+            }
+        }
+
+        if (sampleLength > 0) {
+            sample.length = sampleLength;
+            const uint32_t timestamp = presentation - recorder->mBaseTimestamp;
+            sample.timestamp = static_cast<int64_t>(timestamp);
+            if (recorder->mWaitForIdr) {
+                recorder->mWaitForIdr = false;
+                *resumeTimestamp = timestamp;
+            }
+            int result = recorder->writeout(&sample);
+            if (result != 0)
+                return result;
+        }
+    }
+    return 0;
+}
+
+int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* copy,
+                                 uint32_t resumeTimestamp) {
+    CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy);
+    const unsigned char* payload =
+        copy + cmmbFrameCopyPayloadOffset(counts.nalCount, counts.aacCount);
+    uint32_t walked = 0;
+    for (uint32_t i = 0; i < counts.nalCount; ++i)
+        walked += cmmbFrameCopyReadNal(copy, i).length;
+
+    _CmmbOutBuffer& sample = recorder->scratch().sample;
+    sample.mime = kAudioMime;
+    sample.data = sample.storage;
+    sample.isSyncFrame = false;
+
+    for (uint32_t j = 0; j < counts.aacCount; ++j) {
+        CmmbFrameCopyAacEntry entry = cmmbFrameCopyReadAac(copy, counts.nalCount, j);
+        if (!isInside(walked, entry.length, counts.dataLength)) {
+            TLOG(ERROR, "AAC entry %u runs past the payload, rest of the frame skipped", j);
+            return 0;
+        }
+        const unsigned char* frame = payload + walked;
+        walked += entry.length;
+        if (entry.length < CMMB_ADTS_HEADER_SIZE)
+            continue;  // no header: nothing to record
+
+        if (TLOG_ENABLED(RECORD)) {
+            uint32_t words[3] = {0, 0, 0};
+            memcpy(words, frame, entry.length < sizeof(words) ? entry.length : sizeof(words));
+            TLOG(RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0], words[1], words[2]);
+        }
+
+        const uint32_t presentation = entry.tsBase + entry.tsRelative;
+        const int64_t sinceBase =
+            static_cast<int64_t>(presentation) - static_cast<int64_t>(recorder->mBaseTimestamp);
+        if (sinceBase < 0 || sinceBase < static_cast<int64_t>(resumeTimestamp))
+            continue;
+
+        sample.timestamp = sinceBase;
+        sample.length = entry.length - CMMB_ADTS_HEADER_SIZE;
+        memcpy(sample.storage, frame + CMMB_ADTS_HEADER_SIZE, sample.length);
+        int result = recorder->writeout(&sample);
+        if (result != 0)
+            return result;
+        TLOG(RECORD, "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
+             static_cast<unsigned long>(sample.timestamp),
+             static_cast<long long>(reinterpret_cast<intptr_t>(frame)));
+    }
+    return 0;
+}
+
+void MBBMSRecManager::writeParameterSet(CmmbRecorder* recorder, const unsigned char* part,
+                                        uint32_t length) {
+    _CmmbOutBuffer& parameterSet = recorder->scratch().parameterSet;
+    parameterSet.mime = kVideoMime;
+    parameterSet.timestamp = 0;  // the writer takes the first two video buffers as SPS and PPS
+    parameterSet.isSyncFrame = false;
+    parameterSet.length = length;
+    parameterSet.data = parameterSet.storage;
+    memcpy(parameterSet.storage, part, length);
+    // Its result is not examined.
+    recorder->writeout(&parameterSet);
+}

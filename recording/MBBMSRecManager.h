@@ -1,0 +1,70 @@
+// The recording manager: one recorder per recording session, and the conversion of a
+// multiplex frame into recorder samples.
+//
+// For every frame of a recording session the engine copies the session's shared buffer into
+// a frame copy (read_to_new_sharedbuf, CmmbFrameCopy.h) and hands it to dataRecording, which
+// writes the H.264 parameter sets once, one video sample per NAL record (its slices back to
+// back, without start codes), and the AAC frames without their ADTS headers, all timed
+// relative to the first sequence parameter set of the recording.
+//
+// Threads and locking: the manager has no lock of its own. startRecording, stopRecording,
+// setMaxFileSize and queryCurrentMoovLength run on application threads, read_to_new_sharedbuf
+// and dataRecording on the agent's thread inside the frame bracket. The engine serialises
+// the two sides: it changes a slot only while no frame is in progress (the session
+// manager's exclusive bracket) or from the agent's thread itself. dataRecording holds the
+// recorder's lock for the whole frame.
+//
+// The process-wide instance from getInstance() lives until the process ends. Other
+// instances (tests) delete the recorders they still hold when they are destroyed.
+#ifndef TAVO_RECORDING_MBBMS_REC_MANAGER_H
+#define TAVO_RECORDING_MBBMS_REC_MANAGER_H
+
+#include <cstdint>
+
+class CmmbRecorder;
+struct _CmmbOutBuffer;
+
+class MBBMSRecManager {
+  public:
+    enum { SESSION_COUNT = 2 };
+    // dataRecording's result when it is given no recorder.
+    static const int NO_RECORDER = INT32_MIN;
+
+    static MBBMSRecManager* getInstance();
+
+    MBBMSRecManager();
+    ~MBBMSRecManager();
+    MBBMSRecManager(const MBBMSRecManager&) = delete;
+    MBBMSRecManager& operator=(const MBBMSRecManager&) = delete;
+
+    // The session's recorder, or null (also for sessions other than 0 and 1).
+    CmmbRecorder* getRecorder(int session);
+    // Starts a new recorder writing to fd, replacing a leftover one. 0 or -1.
+    int startRecording(int session, int fd);
+    // Stops and deletes the session's recorder. 0 (also when there is none), or -1 when the
+    // recorder refused to stop; it then stays in its slot.
+    int stopRecording(int session);
+    // The recorder's results, or -1 when the session has no recorder.
+    int setMaxFileSize(int session, long long bytes);
+    long long queryCurrentMoovLength(int session);
+
+    // Writes the frame copy of a shared buffer into `copy` (at least CMMB_FRAME_COPY_MAX_SIZE
+    // bytes). REQUIRES: the buffer's mutexDataAccessable held. Returns 0.
+    int read_to_new_sharedbuf(unsigned char* copy, unsigned char* sharedBuffer);
+    // Records one frame copy. 0 when it was recorded or skipped, NO_RECORDER without a
+    // recorder, otherwise the recorder's failure (ERROR_LIMIT_REACHED, ERROR_WRITE_FAILED...)
+    // for the first sample it refused; the rest of the frame is then not recorded.
+    int dataRecording(CmmbRecorder* recorder, unsigned char* copy);
+
+  private:
+    // REQUIRES: recorder's lock held.
+    int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
+    int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
+    void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
+
+    static bool validSession(int session) { return session >= 0 && session < SESSION_COUNT; }
+
+    CmmbRecorder* mRecorder[SESSION_COUNT];  // owned; see the class comment for who may touch them
+};
+
+#endif  // TAVO_RECORDING_MBBMS_REC_MANAGER_H
