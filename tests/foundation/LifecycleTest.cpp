@@ -1,0 +1,343 @@
+// Engine creation, agent loading, init and deinit, through the public interface with the
+// fake agent loaded from its own shared library. Each test body runs in a child process
+// because the engine is one object per process.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "FakeAgentAccess.h"
+#include "RecordingCallback.h"
+#include "TavoMBBMSEngine.h"
+#include "TestRoot.h"
+
+namespace {
+
+std::string sianoPath(const TestRoot& root) {
+    return root.resolve("/system/lib/libsiano.so");
+}
+std::string innoPath(const TestRoot& root) {
+    return root.resolve("/system/lib/libinno.so");
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Shared-memory regions of the engine currently open in this process.
+int openSharedRegions() {
+    int count = 0;
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr)
+        return -1;
+    while (dirent* entry = readdir(fds)) {
+        char target[256] = {};
+        std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        if (readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
+            std::string(target).find("cmmb_shared_memory_") != std::string::npos) {
+            ++count;
+        }
+    }
+    closedir(fds);
+    return count;
+}
+
+}  // namespace
+
+TEST(AgentLoading, RacingGetInstanceCreatesOneEngineAndLoadsTheLibraryOnce) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        std::atomic<bool> go{false};
+        TavoMBBMSEngine* seen[2] = {nullptr, nullptr};
+        std::thread first([&] {
+            while (!go) {
+            }
+            seen[0] = TavoMBBMSEngine::getInstance();
+        });
+        std::thread second([&] {
+            while (!go) {
+            }
+            seen[1] = TavoMBBMSEngine::getInstance();
+        });
+        go = true;
+        first.join();
+        second.join();
+        ASSERT_NE(nullptr, seen[0]);
+        EXPECT_EQ(seen[0], seen[1]);
+        EXPECT_EQ(seen[0], TavoMBBMSEngine::getInstance());
+        EXPECT_EQ(1, fakeAgentLoadCountAt(sianoPath(root)));
+        EXPECT_EQ(1, fakeAgentCreateCountAt(sianoPath(root)));
+    });
+}
+
+class VendorProperty : public ::testing::TestWithParam<std::pair<const char*, bool>> {};
+
+// The property value selects the vendor library: "inno" in any case as the first four
+// letters means libinno.so, anything else (or nothing) libsiano.so.
+TEST_P(VendorProperty, SelectsTheAgentLibrary) {
+    const char* value = GetParam().first;
+    const bool expectInno = GetParam().second;
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        if (value != nullptr)
+            root.setVendor(value);
+        TavoMBBMSEngine::getInstance();
+        const std::string chosen = expectInno ? innoPath(root) : sianoPath(root);
+        const std::string other = expectInno ? sianoPath(root) : innoPath(root);
+        EXPECT_NE(nullptr, fakeAgentAt(chosen));
+        EXPECT_EQ(-1, fakeAgentLoadCountAt(other)) << "the other vendor library was loaded";
+        EXPECT_TRUE(root.logContains(expectInno ? "]open libinno.so" : "]open libsiano.so"));
+        EXPECT_TRUE(root.logContains("dynamically load so file successfully"));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, VendorProperty,
+    ::testing::Values(std::make_pair("inno", true), std::make_pair("Inno", true),
+                      std::make_pair("innovative", true), std::make_pair("INNOx", true),
+                      std::make_pair(nullptr, false), std::make_pair("", false),
+                      std::make_pair("siano", false), std::make_pair("inn", false)));
+
+TEST(AgentLoading, MissingLibraryIsReportedAndEveryAgentOperationFails) {
+    EXPECT_IN_CHILD({
+        TestRoot root("");  // no agent library installed
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        ASSERT_NE(nullptr, engine);
+        EXPECT_TRUE(root.logContains("E/TavoMBBMSEngine"));
+        EXPECT_TRUE(root.logContains("Can not load library: "));
+        EXPECT_EQ(0, engine->getMaxSupportedSessions());
+        RecordingCallback callback;
+        EXPECT_EQ(-1, engine->init(&callback, nullptr));
+        EXPECT_EQ(-1, engine->setFrequency(20));
+        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, openSharedRegions()) << "a failed init left shared buffers behind";
+    });
+}
+
+TEST(AgentLoading, MissingCreateAgentIsReportedAndInitFails) {
+    EXPECT_IN_CHILD({
+        TestRoot root(TestRoot::fakeAgentWithoutCreatePath());
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        EXPECT_TRUE(root.logContains("Cannot load symbol for createAgent: "));
+        EXPECT_EQ(-1, engine->init(nullptr, nullptr));
+        EXPECT_EQ(0, engine->getMaxSupportedSessions());
+    });
+}
+
+TEST(AgentLoading, MissingDestroyAgentIsReportedWhenTheEngineIsDeleted) {
+    EXPECT_IN_CHILD({
+        TestRoot root(TestRoot::fakeAgentWithoutDestroyPath());
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        EXPECT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_EQ(0, engine->deinit());
+        delete engine;
+        EXPECT_TRUE(root.logContains("Cannot load symbol for destroyAgent: "));
+    });
+}
+
+TEST(AgentLoading, DeletingTheEngineDestroysTheAgentAndUnloadsTheLibrary) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        ASSERT_NE(nullptr, fakeAgentAt(sianoPath(root)));
+        delete engine;
+        EXPECT_EQ(-1, fakeAgentLoadCountAt(sianoPath(root))) << "library still loaded";
+    });
+}
+
+TEST(Init, BringsTheAgentUpInOrderWithTheWorkingDirectory) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
+        ASSERT_NE(nullptr, agent);
+        const std::string dir = root.resolve("/work");
+        ASSERT_EQ(0, engine->init(nullptr, dir.c_str()));
+        std::vector<std::string> calls = agent->calls();
+        ASSERT_GE(calls.size(), 3u);
+        EXPECT_EQ("preInitStep1()", calls[0]);
+        EXPECT_EQ("preInitStep2()", calls[1]);
+        EXPECT_EQ("init(callback, " + dir + ", " + dir + ")", calls[2]);
+        EXPECT_TRUE(isDirectory(dir));
+        EXPECT_EQ(1, agent->countCalls("getModuleInfo")) << "init asks for the module once";
+        EXPECT_TRUE(root.logContains("init Agent OK"));
+        EXPECT_EQ(2, openSharedRegions());
+        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, openSharedRegions());
+    });
+}
+
+TEST(Init, WithoutDirectoryCreatesTheResolvedDefault) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        const std::string expected = root.resolve("/data/app/cmmb");
+        ASSERT_FALSE(isDirectory(expected));
+        EXPECT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_TRUE(isDirectory(expected));
+        EXPECT_EQ("init(callback, " + expected + ", " + expected + ")",
+                  fakeAgentAt(sianoPath(root))->calls().at(2));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(Init, AcceptsAnExistingPathOfAnyKind) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        const std::string file = root.resolve("/plainfile");
+        writeTextFile(file, "x");
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        EXPECT_EQ(0, engine->init(nullptr, file.c_str()));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(Init, UncreatableDirectoryFailsWithAnEventOnlyWhenACallbackIsSet) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        writeTextFile(root.resolve("/plainfile"), "x");
+        const std::string impossible = root.resolve("/plainfile/sub");
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+
+        EXPECT_EQ(-1, engine->init(nullptr, impossible.c_str()));
+        EXPECT_TRUE(root.logContains(impossible + " not exist and can't be created"));
+
+        RecordingCallback callback;
+        EXPECT_EQ(-1, engine->init(&callback, impossible.c_str()));
+        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, callback.calls());
+        EXPECT_EQ(0, openSharedRegions());
+    });
+}
+
+TEST(Init, RefusesAWorkingDirectoryLongerThan127Characters) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        std::string base = root.resolve("/");
+        std::string fits = base + std::string(127 - base.size(), 'd');
+        std::string tooLong = fits + "e";
+        ASSERT_EQ(127u, fits.size());
+
+        EXPECT_EQ(-1, engine->init(nullptr, tooLong.c_str()));
+        EXPECT_TRUE(root.logContains("working directory too long"));
+        EXPECT_FALSE(isDirectory(tooLong));
+        EXPECT_FALSE(isDirectory(fits)) << "the path was cut instead of refused";
+
+        EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
+        EXPECT_TRUE(isDirectory(fits));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(Init, AgentInitResultMinusOneFailsAndAnyOtherValueSucceeds) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
+        agent->setResult("init", -1);
+        EXPECT_EQ(-1, engine->init(nullptr, nullptr));
+        EXPECT_FALSE(root.logContains("init Agent OK"));
+        EXPECT_EQ(0, openSharedRegions()) << "a failed init keeps its shared buffers";
+
+        // The retry starts from scratch: one set of buffers, one server.
+        agent->setResult("init", 7);
+        EXPECT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_EQ(2, openSharedRegions());
+        EXPECT_EQ(0, engine->deinit());
+        agent->setResult("init", -2);
+        EXPECT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(Init, SecondInitKeepsTheFirstCallback) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        RecordingCallback first, second;
+        ASSERT_EQ(0, engine->init(&first, nullptr));
+        EXPECT_EQ(0, engine->init(&second, nullptr));
+        EXPECT_TRUE(root.logContains("skipped due to mIsInitialized==true"));
+        fakeAgentAt(sianoPath(root))->runOnAgentThread([](MBBMSAgentCallback* cb) {
+            cb->onScanFinished(true);
+        });
+        EXPECT_EQ(1, first.count("onScanFinished(1)"));
+        EXPECT_EQ(0, second.count("onScanFinished"));
+        EXPECT_EQ(0, engine->deinit());
+
+        // After deinit a new init replaces the callback.
+        ASSERT_EQ(0, engine->init(&second, nullptr));
+        fakeAgentAt(sianoPath(root))->runOnAgentThread([](MBBMSAgentCallback* cb) {
+            cb->onScanFinished(false);
+        });
+        EXPECT_EQ(1, second.count("onScanFinished(0)"));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(Deinit, TwiceReturnsZeroAndOnlyWarnsTheSecondTime) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        ASSERT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, root.countLog("skipped due to mIsInitialized==false"));
+        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(1, root.countLog("skipped due to mIsInitialized==false"));
+    });
+}
+
+TEST(Deinit, ShutsTheAgentDownAfterTheSessionManagerIsGone) {
+    EXPECT_IN_CHILD({
+        setenv("TAVO_LOGMASK", "all", 1);
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
+        ASSERT_EQ(0, engine->init(nullptr, nullptr));
+        int managerGoneLinesAtAgentDeinit = -1;
+        agent->setCallHook([&](const std::string& operation) {
+            if (operation == "deinit") {
+                managerGoneLinesAtAgentDeinit = root.countLog("SessionManager::~SessionManager()");
+            }
+        });
+        EXPECT_EQ(0, engine->deinit());
+        agent->setCallHook(nullptr);
+        EXPECT_EQ(1, managerGoneLinesAtAgentDeinit);
+        std::vector<std::string> calls = agent->calls();
+        // The module is queried once more before the agent is shut down.
+        ASSERT_GE(calls.size(), 2u);
+        EXPECT_EQ("getModuleInfo()", calls[calls.size() - 2]);
+        EXPECT_EQ("deinit()", calls.back());
+    });
+}
+
+TEST(Logging, LinesCarryCategoryFunctionAndLine) {
+    EXPECT_IN_CHILD({
+        setenv("TAVO_LOGMASK", "ENGINE,SEMAPHORE", 1);
+        TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        ASSERT_EQ(0, engine->init(nullptr, nullptr));
+        EXPECT_EQ(0, engine->deinit());
+        const std::string pid = std::to_string(getpid());
+        bool foundInit = false;
+        for (const std::string& line : root.logLines()) {
+            if (line.find("[LogMask::ENGINE][init():") != std::string::npos) {
+                foundInit = true;
+                EXPECT_EQ(0u,
+                          line.find("D/TavoMBBMSEngine(" + pid + "): [LogMask::ENGINE][init():"));
+                EXPECT_EQ("init()", line.substr(line.rfind(']') + 1));
+            }
+        }
+        EXPECT_TRUE(foundInit);
+        EXPECT_TRUE(root.logContains("[LogMask::SEMAPHORE][deinit():"));
+        EXPECT_TRUE(root.logContains("]wait mLock...done"));
+        EXPECT_FALSE(root.logContains("[LogMask::MAIN]")) << "MAIN was not switched on";
+    });
+}

@@ -1,0 +1,17 @@
+#!/bin/sh
+# Fails when the engine library exports anything beyond the public interface: the engine's
+# accessor and the vague-linkage data (vtables, type information) of the exported classes.
+set -eu
+nm_tool="$1"
+library="$2"
+unexpected=$("$nm_tool" -D --defined-only "$library" | awk '{print $3}' | c++filt |
+    grep -v -E '^(TavoMBBMSEngine::getInstance\(\)|(vtable|typeinfo|typeinfo name) for (TavoMBBMSEngine|TavoMBBMSEngineCallback|MBBMSAgentCallback|MBBMSAgent))$' |
+    grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' || true)
+if [ -n "$unexpected" ]; then
+    echo "unexpected exported symbols:"
+    echo "$unexpected"
+    exit 1
+fi
+"$nm_tool" -D --defined-only "$library" | c++filt | grep -q 'TavoMBBMSEngine::getInstance()' ||
+    { echo "getInstance is not exported"; exit 1; }
+echo "exports: OK"
