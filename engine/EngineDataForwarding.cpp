@@ -9,19 +9,22 @@
 
 void TavoMBBMSEngineImpl::onOutputAVStart(int channelID, const unsigned char* data, int length) {
     SessionManagerSlot::Access manager(mSessionManager);
-    if (manager) manager->onOutputAVStart(channelID, data, length);
+    if (manager)
+        manager->onOutputAVStart(channelID, data, length);
 }
 
 void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
     SessionManagerSlot::Access manager(mSessionManager);
-    if (manager) manager->onOutputAVEnd(channelID, withError);
+    if (manager)
+        manager->onOutputAVEnd(channelID, withError);
 }
 
 void TavoMBBMSEngineImpl::onClearAudioAacFrame(int channelID, unsigned long tsBase,
                                                unsigned long tsRelative, unsigned char* data,
                                                unsigned short length) {
     SessionManagerSlot::Access manager(mSessionManager);
-    if (manager) manager->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
+    if (manager)
+        manager->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
 }
 
 void TavoMBBMSEngineImpl::onClearVideoNalData(int channelID, unsigned long tsBase,
@@ -29,5 +32,6 @@ void TavoMBBMSEngineImpl::onClearVideoNalData(int channelID, unsigned long tsBas
                                               unsigned short length,
                                               MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
     SessionManagerSlot::Access manager(mSessionManager);
-    if (manager) manager->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);
+    if (manager)
+        manager->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);
 }

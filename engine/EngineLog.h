@@ -11,12 +11,12 @@
 
 // Logs "skipped due to mIsInitialized==false" (WARNING) in the calling operation and
 // returns `result` when the engine is not initialised.
-#define RETURN_IF_NOT_INITIALIZED(result)                               \
-    do {                                                                \
-        if (!mIsInitialized.load()) {                                   \
-            TLOG(WARNING, "skipped due to mIsInitialized==false");      \
-            return result;                                              \
-        }                                                               \
+#define RETURN_IF_NOT_INITIALIZED(result)                          \
+    do {                                                           \
+        if (!mIsInitialized.load()) {                              \
+            TLOG(WARNING, "skipped due to mIsInitialized==false"); \
+            return result;                                         \
+        }                                                          \
     } while (0)
 
 #endif  // TAVO_ENGINE_ENGINE_LOG_H

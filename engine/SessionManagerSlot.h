@@ -41,7 +41,8 @@ public:
     // Removes the manager and waits for its current users; the caller deletes it.
     SessionManager* retire() {
         SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
-        while (mUsers.load(std::memory_order_seq_cst) != 0) sched_yield();
+        while (mUsers.load(std::memory_order_seq_cst) != 0)
+            sched_yield();
         return manager;
     }
 

@@ -32,11 +32,14 @@ int TavoMBBMSEngineImpl::mSharedFds[2] = {-1, -1};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsRecording[2] = {{false}, {false}};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsCapturing[2] = {{false}, {false}};
 
-TavoMBBMSEngine* TavoMBBMSEngine::getInstance() { return TavoMBBMSEngineImpl::getInstance(); }
+TavoMBBMSEngine* TavoMBBMSEngine::getInstance() {
+    return TavoMBBMSEngineImpl::getInstance();
+}
 
 TavoMBBMSEngineImpl* TavoMBBMSEngineImpl::getInstance() {
     std::lock_guard<std::mutex> guard(mInstanceLock);
-    if (mInstance.load() == nullptr) mInstance.store(new TavoMBBMSEngineImpl());
+    if (mInstance.load() == nullptr)
+        mInstance.store(new TavoMBBMSEngineImpl());
     return mInstance.load();
 }
 
@@ -97,7 +100,8 @@ void TavoMBBMSEngineImpl::loadAgent() {
 
 TavoMBBMSEngineImpl::~TavoMBBMSEngineImpl() {
     TLOG(ENGINE, "%s()", "~TavoMBBMSEngineImpl");
-    if (mAgentLib == nullptr) return;
+    if (mAgentLib == nullptr)
+        return;
     dlerror();
     void* symbol = dlsym(mAgentLib, "destroyAgent");
     const char* error = dlerror();
@@ -108,7 +112,8 @@ TavoMBBMSEngineImpl::~TavoMBBMSEngineImpl() {
         // its library stays loaded, since closing it would unmap the agent's code.
         return;
     }
-    if (mAgent != nullptr) reinterpret_cast<DestroyAgentFunc>(symbol)(mAgent);
+    if (mAgent != nullptr)
+        reinterpret_cast<DestroyAgentFunc>(symbol)(mAgent);
     mAgent = nullptr;
     dlclose(mAgentLib);
     mAgentLib = nullptr;
@@ -157,7 +162,8 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
         }
     }
 
-    if (initSharedBuffers() == -1) return -1;
+    if (initSharedBuffers() == -1)
+        return -1;
 
     if (startCommandThread() == -1) {
         rollBackFailedInit(false);
@@ -177,7 +183,8 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     }
     TLOG(MAIN, "init Agent OK");
 
-    for (std::atomic<bool>& reported : mTS0Reported) reported.store(false);
+    for (std::atomic<bool>& reported : mTS0Reported)
+        reported.store(false);
     memset(mLastEmergencyKey.bytes, 0xFF, sizeof(mLastEmergencyKey.bytes));
     mLastEmergencyKey.id = 0xFFFF;
 
@@ -228,15 +235,18 @@ int TavoMBBMSEngineImpl::deinit() {
 
 void TavoMBBMSEngineImpl::notifyEvent(EventType type, int param) {
     TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr) callback->onEvent(type, param);
+    if (callback != nullptr)
+        callback->onEvent(type, param);
 }
 
 CmmbSharedBuffer* TavoMBBMSEngineImpl::sharedBuffer(int session) const {
-    if (session < 0 || session > 1) return nullptr;
+    if (session < 0 || session > 1)
+        return nullptr;
     return mSharedBuffers[session];
 }
 
 bool TavoMBBMSEngineImpl::recordingFlag(int session) {
-    if (session < 0 || session > 1) return false;
+    if (session < 0 || session > 1)
+        return false;
     return mIsRecording[session].load();
 }

@@ -175,10 +175,10 @@ private:
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
     static std::mutex mInstanceLock;
     static std::atomic<TavoMBBMSEngineCallback*> mCallback;
-    static std::atomic<bool> mIsStarted;      // run flag of the command thread
-    static std::atomic<int> mSocket;          // listening socket, -1 when not serving
-    static std::atomic<int> mFdCommand;       // connected play engine, -1 when none
-    static int mSharedFds[2];                 // shared-buffer region descriptors, -1 when none
+    static std::atomic<bool> mIsStarted;  // run flag of the command thread
+    static std::atomic<int> mSocket;      // listening socket, -1 when not serving
+    static std::atomic<int> mFdCommand;   // connected play engine, -1 when none
+    static int mSharedFds[2];             // shared-buffer region descriptors, -1 when none
     static std::atomic<bool> mIsRecording[2];
     static std::atomic<bool> mIsCapturing[2];
 };

@@ -18,14 +18,14 @@
 #include "CmmbSharedSemaphore.h"
 
 enum : uint32_t {
-    CMMB_SHARED_BUFFER_COUNT = 2,           // one buffer per session, sessions 0 and 1
-    CMMB_SHARED_BUFFER_SIZE = 74772,        // size of each region and each mapping
+    CMMB_SHARED_BUFFER_COUNT = 2,     // one buffer per session, sessions 0 and 1
+    CMMB_SHARED_BUFFER_SIZE = 74772,  // size of each region and each mapping
     CMMB_NAL_RECORD_SLOTS = 256,
     CMMB_AAC_RECORD_SLOTS = 256,
     CMMB_PAYLOAD_SIZE = 65536,
-    CMMB_PAYLOAD_LIMIT = 65534,             // dataLength never exceeds this
+    CMMB_PAYLOAD_LIMIT = 65534,  // dataLength never exceeds this
     CMMB_ADTS_HEADER_SIZE = 7,
-    CMMB_NAL_POS_NONE_OPEN = 3,             // record pos when no NAL unit is open in it
+    CMMB_NAL_POS_NONE_OPEN = 3,  // record pos when no NAL unit is open in it
 };
 
 // Name of each region, formatted with the session number.

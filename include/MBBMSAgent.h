@@ -35,21 +35,21 @@ public:
     virtual int getFrequency() = 0;                                                         // 11
     virtual int getMaxSupportedSessions() = 0;                                              // 12
     virtual int startService(int* channelID, int freqDot, int start, int count, int mod,
-                             IsmaPara* isma) = 0;                                           // 13
-    virtual int stopService(int channelID) = 0;                                             // 14
-    virtual int startUpdateTS0(int freqDot) = 0;                                            // 15
-    virtual int stopUpdateTS0() = 0;                                                        // 16
-    virtual int startUpdateESG(int freqDot, int start, int count, int mod) = 0;             // 17
-    virtual int stopUpdateESG() = 0;                                                        // 18
-    virtual int requestInitGBA(int force) = 0;                                              // 19
-    virtual int requestUpdateSG(const char* areaName) = 0;                                  // 20
-    virtual int requestSubscribeService(const char* const* ids, int count) = 0;             // 21
-    virtual int requestUnsubscribeService(const char* const* ids, int count) = 0;           // 22
+                             IsmaPara* isma) = 0;                                  // 13
+    virtual int stopService(int channelID) = 0;                                    // 14
+    virtual int startUpdateTS0(int freqDot) = 0;                                   // 15
+    virtual int stopUpdateTS0() = 0;                                               // 16
+    virtual int startUpdateESG(int freqDot, int start, int count, int mod) = 0;    // 17
+    virtual int stopUpdateESG() = 0;                                               // 18
+    virtual int requestInitGBA(int force) = 0;                                     // 19
+    virtual int requestUpdateSG(const char* areaName) = 0;                         // 20
+    virtual int requestSubscribeService(const char* const* ids, int count) = 0;    // 21
+    virtual int requestUnsubscribeService(const char* const* ids, int count) = 0;  // 22
     virtual int requestAuthorizeService(int* list1, int* list2, const char** names,
-                                        int count) = 0;                                     // 23
-    virtual int requestInquiryAccount() = 0;                                                // 24
-    virtual int requestUpdateST() = 0;                                                      // 25
-    virtual int cancelMBBMSRequest(int request) = 0;                                        // 26
+                                        int count) = 0;  // 23
+    virtual int requestInquiryAccount() = 0;             // 24
+    virtual int requestUpdateST() = 0;                   // 25
+    virtual int cancelMBBMSRequest(int request) = 0;     // 26
 };
 
 // Interface the agent calls. The first sixteen operations are those of
@@ -57,8 +57,8 @@ public:
 class TAVO_EXPORT MBBMSAgentCallback : public TavoMBBMSEngineCallback {
 public:
     // Start of one multiplex frame of a channel: the raw frame bytes.
-    virtual void onOutputAVStart(int /*channelID*/, const unsigned char* /*data*/,
-                                 int /*length*/) {}  // 18
+    virtual void onOutputAVStart(int /*channelID*/, const unsigned char* /*data*/, int /*length*/) {
+    }  // 18
     // End of the frame started by onOutputAVStart; withError when demultiplexing failed.
     virtual void onOutputAVEnd(int /*channelID*/, bool /*withError*/) {}  // 19
     // One raw AAC frame (no ADTS header).

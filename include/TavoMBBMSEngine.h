@@ -129,7 +129,7 @@ enum EventType {
 // Callback interface implemented by the application. Calls arrive on the agent's threads
 // and on the engine's own threads.
 class TAVO_EXPORT TavoMBBMSEngineCallback {
-  public:
+public:
     virtual ~TavoMBBMSEngineCallback() {}
     virtual void onServiceParam(ServiceParam& param) = 0;                                // 2
     virtual void onCaInfo(CaInfo* info, int size) = 0;                                   // 3
@@ -152,7 +152,7 @@ class TAVO_EXPORT TavoMBBMSEngineCallback {
 // The engine. Obtain it with getInstance(); every operation may be called from any thread.
 // The default bodies do nothing and return 0; the library's implementation overrides all.
 class TAVO_EXPORT TavoMBBMSEngine {
-  public:
+public:
     enum Mode {
         CMMB_MODE = 0,   // broadcast only (initial mode)
         MBBMS_MODE = 1,  // interactive MBBMS services allowed

@@ -9,12 +9,12 @@
 
 #define TLOG_ENABLED(category) (LogMask::masks[LogMask::category] != 0)
 
-#define TLOG(category, fmt, ...)                                                        \
-    do {                                                                                \
-        if (TLOG_ENABLED(category)) {                                                   \
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,        \
+#define TLOG(category, fmt, ...)                                                           \
+    do {                                                                                   \
+        if (TLOG_ENABLED(category)) {                                                      \
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,           \
                                 "LogMask::" #category, __func__, __LINE__, ##__VA_ARGS__); \
-        }                                                                               \
+        }                                                                                  \
     } while (0)
 
 // Ungated logging at a given priority, without the prefix (recorder and file writer).
@@ -24,12 +24,12 @@
 #define ALOGE(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)
 
 // Internal invariant: logs at priority F and aborts when cond is false.
-#define TAVO_ASSERT(cond)                                                          \
-    do {                                                                           \
-        if (!(cond)) {                                                             \
-            __android_log_assert(#cond, LOG_TAG, "%s:%d: assertion failed: %s",    \
-                                 __FILE__, __LINE__, #cond);                       \
-        }                                                                          \
+#define TAVO_ASSERT(cond)                                                                 \
+    do {                                                                                  \
+        if (!(cond)) {                                                                    \
+            __android_log_assert(#cond, LOG_TAG, "%s:%d: assertion failed: %s", __FILE__, \
+                                 __LINE__, #cond);                                        \
+        }                                                                                 \
     } while (0)
 
 #endif  // TAVO_PLATFORM_LOG_H

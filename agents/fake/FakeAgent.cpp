@@ -68,7 +68,8 @@ private:
         std::unique_lock<std::mutex> lock(mLock);
         for (;;) {
             mWake.wait(lock, [&] { return mStopping || !mQueue.empty(); });
-            if (mQueue.empty()) return;
+            if (mQueue.empty())
+                return;
             std::function<void()> work = std::move(mQueue.front());
             mQueue.pop_front();
             lock.unlock();
@@ -102,7 +103,8 @@ public:
     int countCalls(const std::string& prefix) override {
         std::lock_guard<std::mutex> guard(mLock);
         int count = 0;
-        for (const std::string& call : mCalls) count += call.compare(0, prefix.size(), prefix) == 0;
+        for (const std::string& call : mCalls)
+            count += call.compare(0, prefix.size(), prefix) == 0;
         return count;
     }
     void setResult(const std::string& operation, int value) override {
@@ -147,7 +149,8 @@ public:
     int deinit() override { return record("deinit", "deinit()"); }
     int getModuleInfo(ModuleInfo* info) override {
         if (info != nullptr) {
-            for (size_t i = 0; i < sizeof(info->bytes); ++i) info->bytes[i] = static_cast<unsigned char>(i);
+            for (size_t i = 0; i < sizeof(info->bytes); ++i)
+                info->bytes[i] = static_cast<unsigned char>(i);
         }
         return record("getModuleInfo", "getModuleInfo()");
     }
@@ -159,7 +162,8 @@ public:
     }
     int startScan(int* freqDots, int count) override {
         std::string line = "startScan(";
-        for (int i = 0; freqDots != nullptr && i < count; ++i) line += format("%d ", freqDots[i]);
+        for (int i = 0; freqDots != nullptr && i < count; ++i)
+            line += format("%d ", freqDots[i]);
         return record("startScan", line + format("count=%d)", count));
     }
     int stopScan() override { return record("stopScan", "stopScan()"); }
@@ -187,8 +191,10 @@ public:
                             format("startService(%d, %d, %d, %d, serviceID=%d)", freqDot, start,
                                    count, mod, isma != nullptr ? isma->serviceID : -1));
         std::lock_guard<std::mutex> guard(mLock);
-        if (channelID != nullptr) *channelID = mHasFixedChannelID ? mFixedChannelID : mNextChannelID;
-        if (result == 0 && !mHasFixedChannelID) ++mNextChannelID;
+        if (channelID != nullptr)
+            *channelID = mHasFixedChannelID ? mFixedChannelID : mNextChannelID;
+        if (result == 0 && !mHasFixedChannelID)
+            ++mNextChannelID;
         return result;
     }
     int stopService(int channelID) override {
@@ -219,8 +225,7 @@ public:
     }
     int requestAuthorizeService(int* /*list1*/, int* /*list2*/, const char** names,
                                 int count) override {
-        return record("requestAuthorizeService",
-                      joinIds("requestAuthorizeService", names, count));
+        return record("requestAuthorizeService", joinIds("requestAuthorizeService", names, count));
     }
     int requestInquiryAccount() override {
         return record("requestInquiryAccount", "requestInquiryAccount()");
@@ -239,10 +244,12 @@ private:
             std::lock_guard<std::mutex> guard(mLock);
             mCalls.push_back(line);
             auto configured = mResults.find(operation);
-            if (configured != mResults.end()) result = configured->second;
+            if (configured != mResults.end())
+                result = configured->second;
             hook = mHook;
         }
-        if (hook) hook(operation);
+        if (hook)
+            hook(operation);
         return result;
     }
 
@@ -256,14 +263,14 @@ private:
     }
 
     std::mutex mLock;
-    std::vector<std::string> mCalls;                     // guarded by mLock
-    std::map<std::string, int> mResults;                 // guarded by mLock
-    std::function<void(const std::string&)> mHook;       // guarded by mLock
-    MBBMSAgentCallback* mCallback = nullptr;             // guarded by mLock
-    int mFrequency = -1;                                 // guarded by mLock
-    int mNextChannelID = 0;                              // guarded by mLock
-    int mFixedChannelID = 0;                             // guarded by mLock
-    bool mHasFixedChannelID = false;                     // guarded by mLock
+    std::vector<std::string> mCalls;                // guarded by mLock
+    std::map<std::string, int> mResults;            // guarded by mLock
+    std::function<void(const std::string&)> mHook;  // guarded by mLock
+    MBBMSAgentCallback* mCallback = nullptr;        // guarded by mLock
+    int mFrequency = -1;                            // guarded by mLock
+    int mNextChannelID = 0;                         // guarded by mLock
+    int mFixedChannelID = 0;                        // guarded by mLock
+    bool mHasFixedChannelID = false;                // guarded by mLock
     AgentThread mThread;  // last member: stopped first, before the state it uses
 };
 
@@ -300,7 +307,8 @@ __attribute__((visibility("default"))) MBBMSAgent* createAgent() {
 __attribute__((visibility("default"))) void destroyAgent(MBBMSAgent* agent) {
     {
         std::lock_guard<std::mutex> guard(gGlobalsLock);
-        if (gLastAgent == dynamic_cast<FakeAgentControl*>(agent)) gLastAgent = nullptr;
+        if (gLastAgent == dynamic_cast<FakeAgentControl*>(agent))
+            gLastAgent = nullptr;
     }
     delete agent;
 }

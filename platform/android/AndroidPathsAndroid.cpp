@@ -4,7 +4,8 @@
 #include "AndroidPaths.h"
 
 int resolveAndroidPath(const char* androidPath, char* out, size_t outSize) {
-    if (outSize == 0) return -1;
+    if (outSize == 0)
+        return -1;
     int n = snprintf(out, outSize, "%s", androidPath);
     if (n < 0 || static_cast<size_t>(n) >= outSize) {
         out[0] = '\0';

@@ -8,14 +8,22 @@
 
 static_assert(sizeof(sem_t) == sizeof(CmmbSharedSemaphore), "bionic sem_t is one 32-bit word");
 
-static sem_t* asSem(CmmbSharedSemaphore* sem) { return reinterpret_cast<sem_t*>(sem); }
+static sem_t* asSem(CmmbSharedSemaphore* sem) {
+    return reinterpret_cast<sem_t*>(sem);
+}
 
 int cmmb_sem_init(CmmbSharedSemaphore* sem, unsigned int value) {
     return sem_init(asSem(sem), 1, value);
 }
-int cmmb_sem_destroy(CmmbSharedSemaphore* sem) { return sem_destroy(asSem(sem)); }
-int cmmb_sem_wait(CmmbSharedSemaphore* sem) { return sem_wait(asSem(sem)); }
-int cmmb_sem_trywait(CmmbSharedSemaphore* sem) { return sem_trywait(asSem(sem)); }
+int cmmb_sem_destroy(CmmbSharedSemaphore* sem) {
+    return sem_destroy(asSem(sem));
+}
+int cmmb_sem_wait(CmmbSharedSemaphore* sem) {
+    return sem_wait(asSem(sem));
+}
+int cmmb_sem_trywait(CmmbSharedSemaphore* sem) {
+    return sem_trywait(asSem(sem));
+}
 int cmmb_sem_timedwait(CmmbSharedSemaphore* sem, int timeoutMs) {
     struct timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
@@ -27,7 +35,9 @@ int cmmb_sem_timedwait(CmmbSharedSemaphore* sem, int timeoutMs) {
     }
     return sem_timedwait(asSem(sem), &deadline);
 }
-int cmmb_sem_post(CmmbSharedSemaphore* sem) { return sem_post(asSem(sem)); }
+int cmmb_sem_post(CmmbSharedSemaphore* sem) {
+    return sem_post(asSem(sem));
+}
 int cmmb_sem_getvalue(CmmbSharedSemaphore* sem, int* value) {
     return sem_getvalue(asSem(sem), value);
 }

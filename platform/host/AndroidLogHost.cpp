@@ -19,37 +19,50 @@ void* gSinkContext = nullptr;
 
 char priorityLetter(int prio) {
     switch (prio) {
-        case ANDROID_LOG_VERBOSE: return 'V';
-        case ANDROID_LOG_DEBUG: return 'D';
-        case ANDROID_LOG_INFO: return 'I';
-        case ANDROID_LOG_WARN: return 'W';
-        case ANDROID_LOG_ERROR: return 'E';
-        case ANDROID_LOG_FATAL: return 'F';
-        default: return 'D';
+        case ANDROID_LOG_VERBOSE:
+            return 'V';
+        case ANDROID_LOG_DEBUG:
+            return 'D';
+        case ANDROID_LOG_INFO:
+            return 'I';
+        case ANDROID_LOG_WARN:
+            return 'W';
+        case ANDROID_LOG_ERROR:
+            return 'E';
+        case ANDROID_LOG_FATAL:
+            return 'F';
+        default:
+            return 'D';
     }
 }
 
 void writeAll(int fd, const char* data, size_t length) {
     while (length > 0) {
         ssize_t n = ::write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
         data += n;
         length -= static_cast<size_t>(n);
     }
 }
 
 void emitLine(int prio, const char* tag, const char* message) {
-    if (gSink != nullptr) gSink(gSinkContext, prio, tag, message);
+    if (gSink != nullptr)
+        gSink(gSinkContext, prio, tag, message);
 
     char line[4096];
     size_t messageLength = strlen(message);
     bool endsWithNewline = messageLength > 0 && message[messageLength - 1] == '\n';
     int n = snprintf(line, sizeof(line), "%c/%s(%d): %s%s", priorityLetter(prio), tag,
                      static_cast<int>(getpid()), message, endsWithNewline ? "" : "\n");
-    if (n < 0) return;
-    size_t length = static_cast<size_t>(n) < sizeof(line) ? static_cast<size_t>(n) : sizeof(line) - 1;
-    if (length > 0 && line[length - 1] != '\n') line[length - 1] = '\n';  // truncated line
+    if (n < 0)
+        return;
+    size_t length =
+        static_cast<size_t>(n) < sizeof(line) ? static_cast<size_t>(n) : sizeof(line) - 1;
+    if (length > 0 && line[length - 1] != '\n')
+        line[length - 1] = '\n';  // truncated line
 
     // One write per line (O_APPEND) so that lines of different threads never interleave.
     const char* path = getenv("TAVO_LOG_FILE");

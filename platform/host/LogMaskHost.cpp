@@ -14,16 +14,23 @@ struct CategoryName {
 };
 
 const CategoryName kCategories[] = {
-    {"ERROR", LogMask::ERROR},         {"WARNING", LogMask::WARNING},
-    {"MAIN", LogMask::MAIN},           {"ENGINE", LogMask::ENGINE},
-    {"RECORD", LogMask::RECORD},       {"SEMAPHORE", LogMask::SEMAPHORE},
-    {"STATISTICS", LogMask::STATISTICS}, {"SESSION", LogMask::SESSION},
-    {"CMD_PATH", LogMask::CMD_PATH},   {"DATA_MFS", LogMask::DATA_MFS},
-    {"DATA_NAL", LogMask::DATA_NAL},   {"DATA_AAC", LogMask::DATA_AAC},
+    {"ERROR", LogMask::ERROR},
+    {"WARNING", LogMask::WARNING},
+    {"MAIN", LogMask::MAIN},
+    {"ENGINE", LogMask::ENGINE},
+    {"RECORD", LogMask::RECORD},
+    {"SEMAPHORE", LogMask::SEMAPHORE},
+    {"STATISTICS", LogMask::STATISTICS},
+    {"SESSION", LogMask::SESSION},
+    {"CMD_PATH", LogMask::CMD_PATH},
+    {"DATA_MFS", LogMask::DATA_MFS},
+    {"DATA_NAL", LogMask::DATA_NAL},
+    {"DATA_AAC", LogMask::DATA_AAC},
 };
 
 void setAll(unsigned char value) {
-    for (const CategoryName& c : kCategories) LogMask::masks[c.category] = value;
+    for (const CategoryName& c : kCategories)
+        LogMask::masks[c.category] = value;
 }
 
 void enableByName(const char* name, size_t length) {
@@ -49,13 +56,15 @@ void LogMask::readConfigure() {
         setAll(1);
         return;
     }
-    if (strcmp(config, "none") == 0) return;
+    if (strcmp(config, "none") == 0)
+        return;
     const char* p = config;
     while (*p != '\0') {
         const char* end = strchr(p, ',');
         size_t length = end != nullptr ? static_cast<size_t>(end - p) : strlen(p);
         enableByName(p, length);
-        if (end == nullptr) break;
+        if (end == nullptr)
+            break;
         p = end + 1;
     }
 }

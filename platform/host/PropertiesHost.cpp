@@ -9,8 +9,9 @@ int property_get(const char* key, char* value, const char* default_value) {
     char relative[512];
     char path[1024];
     bool found = false;
-    if (key != nullptr && snprintf(relative, sizeof(relative), "/data/property/%s", key) <
-                              static_cast<int>(sizeof(relative)) &&
+    if (key != nullptr &&
+        snprintf(relative, sizeof(relative), "/data/property/%s", key) <
+            static_cast<int>(sizeof(relative)) &&
         resolveAndroidPath(relative, path, sizeof(path)) == 0) {
         FILE* file = fopen(path, "re");
         if (file != nullptr) {

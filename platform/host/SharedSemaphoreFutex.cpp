@@ -66,7 +66,8 @@ int cmmb_sem_destroy(CmmbSharedSemaphore* sem) {
 }
 
 int cmmb_sem_trywait(CmmbSharedSemaphore* sem) {
-    if (tryDecrement(sem)) return 0;
+    if (tryDecrement(sem))
+        return 0;
     errno = EAGAIN;
     return -1;
 }

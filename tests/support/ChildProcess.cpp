@@ -11,7 +11,8 @@ std::string runInChild(const std::function<void()>& body) {
     fflush(stdout);
     fflush(stderr);
     pid_t pid = fork();
-    if (pid < 0) return std::string("fork failed: ") + strerror(errno);
+    if (pid < 0)
+        return std::string("fork failed: ") + strerror(errno);
     if (pid == 0) {
         body();
         bool failed = ::testing::Test::HasFailure();
@@ -22,12 +23,15 @@ std::string runInChild(const std::function<void()>& body) {
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return std::string("waitpid failed: ") + strerror(errno);
+        if (errno != EINTR)
+            return std::string("waitpid failed: ") + strerror(errno);
     }
     if (WIFEXITED(status)) {
-        if (WEXITSTATUS(status) == 0) return "";
+        if (WEXITSTATUS(status) == 0)
+            return "";
         return "child reported failures (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
     }
-    if (WIFSIGNALED(status)) return "child killed by signal " + std::to_string(WTERMSIG(status));
+    if (WIFSIGNALED(status))
+        return "child killed by signal " + std::to_string(WTERMSIG(status));
     return "child ended abnormally";
 }

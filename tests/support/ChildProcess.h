@@ -19,10 +19,10 @@
 // description of how it failed (gtest failures, exit status or signal).
 std::string runInChild(const std::function<void()>& body);
 
-#define EXPECT_IN_CHILD(...)                                            \
-    do {                                                                \
-        std::string childFailure = runInChild([&]() __VA_ARGS__);       \
-        EXPECT_EQ("", childFailure);                                    \
+#define EXPECT_IN_CHILD(...)                                      \
+    do {                                                          \
+        std::string childFailure = runInChild([&]() __VA_ARGS__); \
+        EXPECT_EQ("", childFailure);                              \
     } while (0)
 
 #endif  // TAVO_TESTS_SUPPORT_CHILD_PROCESS_H

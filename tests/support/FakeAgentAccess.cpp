@@ -6,7 +6,8 @@ namespace {
 
 void* symbolOfLoaded(const std::string& libraryPath, const char* name) {
     void* handle = dlopen(libraryPath.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle == nullptr) return nullptr;
+    if (handle == nullptr)
+        return nullptr;
     void* symbol = dlsym(handle, name);
     dlclose(handle);  // drops only the reference RTLD_NOLOAD added
     return symbol;
@@ -14,7 +15,8 @@ void* symbolOfLoaded(const std::string& libraryPath, const char* name) {
 
 int counter(const std::string& libraryPath, const char* name) {
     void* symbol = symbolOfLoaded(libraryPath, name);
-    if (symbol == nullptr) return -1;
+    if (symbol == nullptr)
+        return -1;
     return reinterpret_cast<FakeAgentCounterFunc>(symbol)();
 }
 
@@ -22,7 +24,8 @@ int counter(const std::string& libraryPath, const char* name) {
 
 FakeAgentControl* fakeAgentAt(const std::string& libraryPath) {
     void* symbol = symbolOfLoaded(libraryPath, "fakeAgentControl");
-    if (symbol == nullptr) return nullptr;
+    if (symbol == nullptr)
+        return nullptr;
     return reinterpret_cast<FakeAgentControlFunc>(symbol)();
 }
 

@@ -3,7 +3,9 @@
 #include <chrono>
 
 namespace {
-std::string str(const char* s) { return s != nullptr ? s : "null"; }
+std::string str(const char* s) {
+    return s != nullptr ? s : "null";
+}
 }  // namespace
 
 std::vector<std::string> RecordingCallback::calls() {
@@ -13,7 +15,8 @@ std::vector<std::string> RecordingCallback::calls() {
 
 int RecordingCallback::countLocked(const std::string& prefix) {
     int n = 0;
-    for (const std::string& call : mCalls) n += call.compare(0, prefix.size(), prefix) == 0;
+    for (const std::string& call : mCalls)
+        n += call.compare(0, prefix.size(), prefix) == 0;
     return n;
 }
 
@@ -50,11 +53,15 @@ void RecordingCallback::onCaInfo(CaInfo* /*info*/, int size) {
 void RecordingCallback::onEmergencyMessage(EmergencyMessage& msg) {
     add("onEmergencyMessage(" + std::to_string(msg.msgID) + ")");
 }
-void RecordingCallback::onTS0Parsed(int freqDot) { add("onTS0Parsed(" + std::to_string(freqDot) + ")"); }
+void RecordingCallback::onTS0Parsed(int freqDot) {
+    add("onTS0Parsed(" + std::to_string(freqDot) + ")");
+}
 void RecordingCallback::onESGXml(ESGType datatype, const char* esgXml) {
     add("onESGXml(" + std::to_string(datatype) + ", " + str(esgXml) + ")");
 }
-void RecordingCallback::onESGUpdated(bool done) { add("onESGUpdated(" + std::to_string(done) + ")"); }
+void RecordingCallback::onESGUpdated(bool done) {
+    add("onESGUpdated(" + std::to_string(done) + ")");
+}
 void RecordingCallback::onScanFinished(bool done) {
     add("onScanFinished(" + std::to_string(done) + ")");
 }

@@ -15,7 +15,8 @@ void makeDirs(const std::string& path) {
     std::stringstream parts(path);
     std::string part;
     while (std::getline(parts, part, '/')) {
-        if (part.empty()) continue;
+        if (part.empty())
+            continue;
         partial += "/" + part;
         mkdir(partial.c_str(), 0777);
     }
@@ -46,7 +47,8 @@ std::string readTextFile(const std::string& path) {
 
 TestRoot::TestRoot(const std::string& agentLibrary) {
     const char* tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/tavo-root-XXXXXX";
+    std::string pattern =
+        std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/tavo-root-XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     if (mkdtemp(buffer.data()) == nullptr) {
@@ -54,7 +56,8 @@ TestRoot::TestRoot(const std::string& agentLibrary) {
         return;
     }
     mPath = buffer.data();
-    for (const char* dir : {"/system/lib", "/data/property", "/data/app", "/sdcard"}) makeDirs(mPath + dir);
+    for (const char* dir : {"/system/lib", "/data/property", "/data/app", "/sdcard"})
+        makeDirs(mPath + dir);
     if (!agentLibrary.empty()) {
         installAgent(agentLibrary, "libsiano.so");
         installAgent(agentLibrary, "libinno.so");
@@ -68,7 +71,8 @@ TestRoot::~TestRoot() {
     unsetenv("TAVO_LOG_FILE");
     if (!mPath.empty() && getenv("TAVO_KEEP_TEST_ROOT") == nullptr) {
         std::string command = "rm -rf '" + mPath + "'";
-        if (system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", mPath.c_str());
+        if (system(command.c_str()) != 0)
+            fprintf(stderr, "could not remove %s\n", mPath.c_str());
     }
 }
 
@@ -88,18 +92,28 @@ std::vector<std::string> TestRoot::logLines() const {
     std::vector<std::string> lines;
     std::stringstream content(readTextFile(logFile()));
     std::string line;
-    while (std::getline(content, line)) lines.push_back(line);
+    while (std::getline(content, line))
+        lines.push_back(line);
     return lines;
 }
 
 int TestRoot::countLog(const std::string& text) const {
     int count = 0;
-    for (const std::string& line : logLines()) count += line.find(text) != std::string::npos;
+    for (const std::string& line : logLines())
+        count += line.find(text) != std::string::npos;
     return count;
 }
 
-void TestRoot::clearLog() const { truncate(logFile().c_str(), 0); }
+void TestRoot::clearLog() const {
+    truncate(logFile().c_str(), 0);
+}
 
-std::string TestRoot::fakeAgentPath() { return TAVO_FAKE_AGENT_PATH; }
-std::string TestRoot::fakeAgentWithoutCreatePath() { return TAVO_FAKE_AGENT_NOCREATE_PATH; }
-std::string TestRoot::fakeAgentWithoutDestroyPath() { return TAVO_FAKE_AGENT_NODESTROY_PATH; }
+std::string TestRoot::fakeAgentPath() {
+    return TAVO_FAKE_AGENT_PATH;
+}
+std::string TestRoot::fakeAgentWithoutCreatePath() {
+    return TAVO_FAKE_AGENT_NOCREATE_PATH;
+}
+std::string TestRoot::fakeAgentWithoutDestroyPath() {
+    return TAVO_FAKE_AGENT_NODESTROY_PATH;
+}

@@ -23,7 +23,9 @@ public:
     // Writes "<root>/data/property/<name>"; removeProperty deletes it.
     void setProperty(const std::string& name, const std::string& value) const;
     void removeProperty(const std::string& name) const;
-    void setVendor(const std::string& value) const { setProperty("persist.mbbms.module.vendor", value); }
+    void setVendor(const std::string& value) const {
+        setProperty("persist.mbbms.module.vendor", value);
+    }
 
     // Installs `library` as "<root>/system/lib/<name>".
     void installAgent(const std::string& library, const std::string& name) const;
