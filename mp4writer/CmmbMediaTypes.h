@@ -17,7 +17,7 @@ enum { CMMB_SAMPLE_STORAGE_SIZE = 65535 };
 
 // One sample. The bytes live in the record's own storage; data points into it.
 struct _CmmbOutBuffer {
-    const char* mime;  // "video/avc" or "audio/mp4a-latm" (case-insensitive)
+    const char* mime;   // "video/avc" or "audio/mp4a-latm" (case-insensitive)
     int64_t timestamp;  // input ticks of 1/22500 s
     uint32_t length;    // bytes at data, at most CMMB_SAMPLE_STORAGE_SIZE
     uint8_t* data;
@@ -34,9 +34,9 @@ struct _CmmbMetaData {
 
 // Descriptor of one track; created and owned by the recorder, the track keeps a pointer.
 struct CmmbMediaSource {
-    const char* mime;  // "video/avc", "video/mp4v-es", "video/3gpp" or "audio/mp4a-latm"
-    int32_t width;     // video width in pixels (0 for audio)
-    int32_t height;    // video height in pixels (0 for audio)
+    const char* mime;    // "video/avc", "video/mp4v-es", "video/3gpp" or "audio/mp4a-latm"
+    int32_t width;       // video width in pixels (0 for audio)
+    int32_t height;      // video height in pixels (0 for audio)
     int32_t sampleRate;  // audio sample rate in Hz; 25 for this system's video (not read)
     int32_t timeScale;   // media time scale of the track (mdhd, stts)
 
