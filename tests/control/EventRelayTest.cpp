@@ -1,0 +1,247 @@
+// Relay of agent results and events to the application, with its three filters: the TS0
+// gate, emergency message deduplication and the CMMB-mode event filter. Callbacks are
+// played from the fake agent's own thread; each body runs in a child process.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "ControlEngine.h"
+
+namespace {
+
+// Plays the three TS0-gated reports of a frequency point.
+void reportTables(ControlEngine& control, int freqDot) {
+    control.fromAgent([freqDot](MBBMSAgentCallback& c) {
+        ServiceParam param = {};
+        param.serviceID = 600 + freqDot;
+        CaInfo ca[2] = {};
+        c.onServiceParam(param);
+        c.onCaInfo(ca, 2);
+        c.onTS0Parsed(freqDot);
+    });
+}
+
+std::vector<std::string> tablesOf(int freqDot) {
+    return {"onServiceParam(" + std::to_string(600 + freqDot) + ")", "onCaInfo(2)",
+            "onTS0Parsed(" + std::to_string(freqDot) + ")"};
+}
+
+EmergencyMessage emergency(uint8_t type, uint16_t id) {
+    EmergencyMessage msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.msgType = type;
+    msg.msgID = id;
+    strcpy(msg.text, "flood warning");
+    return msg;
+}
+
+void playEmergency(ControlEngine& control, const EmergencyMessage& msg) {
+    control.fromAgent([msg](MBBMSAgentCallback& c) {
+        EmergencyMessage copy = msg;
+        c.onEmergencyMessage(copy);
+    });
+}
+
+const char kRepeat[] = "Same emergency message received, drop it!";
+
+}  // namespace
+
+TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInit) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        control.engine().setFrequency(20);
+        reportTables(control, 20);
+        EXPECT_EQ(tablesOf(20), control.app().calls());
+        reportTables(control, 20);
+        EXPECT_EQ(tablesOf(20), control.app().calls());
+
+        // Another point has a flag of its own.
+        control.app().clear();
+        control.engine().setFrequency(21);
+        reportTables(control, 21);
+        EXPECT_EQ(tablesOf(21), control.app().calls());
+
+        control.app().clear();
+        ASSERT_EQ(0, control.engine().deinit());
+        ASSERT_EQ(0, control.init());
+        control.engine().setFrequency(20);
+        reportTables(control, 20);
+        EXPECT_EQ(tablesOf(20), control.app().calls());
+        // Every report is logged, passed on or not.
+        EXPECT_EQ(3, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
+    });
+}
+
+// Points outside 0 to 47, and no frequency at all (-1), have no flag: every report of them
+// is passed on.
+TEST(TS0Gate, PointsWithoutAFlagArePassedOnEveryTime) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        for (int freqDot : {-1, 48, 1000}) {
+            control.app().clear();
+            control.agent().setResult("getFrequency", freqDot);
+            reportTables(control, freqDot);
+            reportTables(control, freqDot);
+            std::vector<std::string> twice = tablesOf(freqDot);
+            const std::vector<std::string> once = twice;
+            twice.insert(twice.end(), once.begin(), once.end());
+            EXPECT_EQ(twice, control.app().calls()) << "freqDot " << freqDot;
+        }
+        // Nothing was recorded for a tracked point on the way.
+        control.app().clear();
+        control.agent().clearResult("getFrequency");
+        control.engine().setFrequency(0);
+        reportTables(control, 0);
+        EXPECT_EQ(tablesOf(0), control.app().calls());
+    });
+}
+
+// With no application callback the TS0 report still sets the flag. It shows once a callback
+// is registered without the flags being cleared: an init that fails in the agent stores the
+// callback but never reaches the reset of the flags.
+TEST(TS0Gate, AReportWithoutApplicationCallbackStillSetsTheFlag) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.initWithoutCallback());
+        control.engine().setFrequency(20);
+        reportTables(control, 20);
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
+        ASSERT_EQ(0, control.engine().deinit());
+        control.agent().setResult("init", -1);
+        ASSERT_EQ(-1, control.init());
+
+        reportTables(control, 20);
+        EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
+        reportTables(control, 21);  // the callback itself is in place
+        EXPECT_EQ(std::vector<std::string>{"onTS0Parsed(21)"}, control.app().calls());
+    });
+}
+
+TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        EmergencyMessage last = emergency(1, 100);
+        playEmergency(control, last);
+        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+
+        // Differences outside the key: byte 3 and everything past byte 4 except offset 28.
+        int drops = 0;
+        for (size_t offset : {size_t(3), size_t(5), size_t(8), size_t(27), size_t(30), size_t(32),
+                              sizeof(EmergencyMessage) - 1}) {
+            EmergencyMessage other = last;
+            reinterpret_cast<unsigned char*>(&other)[offset] ^= 0x5A;
+            playEmergency(control, other);
+            EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat))
+                << "offset " << offset;
+        }
+        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+
+        // Each key value on its own makes a new message, which becomes the one remembered.
+        int passed = 1;
+        for (size_t offset : {0, 1, 2, 4, 28, 29}) {
+            EmergencyMessage other = last;
+            reinterpret_cast<unsigned char*>(&other)[offset] ^= 0x5A;
+            playEmergency(control, other);
+            EXPECT_EQ(++passed, control.app().count("onEmergencyMessage(")) << "offset " << offset;
+            playEmergency(control, other);
+            EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
+            last = other;
+        }
+    });
+}
+
+TEST(Emergency, OnlyTheLastMessagePassedOnIsRemembered) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        playEmergency(control, emergency(1, 7));
+        playEmergency(control, emergency(2, 8));
+        playEmergency(control, emergency(1, 7));
+        EXPECT_EQ((std::vector<std::string>{"onEmergencyMessage(7)", "onEmergencyMessage(8)",
+                                            "onEmergencyMessage(7)"}),
+                  control.app().calls());
+        EXPECT_EQ(0, control.root().countLog(kRepeat));
+    });
+}
+
+TEST(Emergency, InitForgetsTheKeySoAnAllOnesKeyIsARepeat) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        EmergencyMessage ones = emergency(0xFF, 0xFFFF);
+        ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
+        playEmergency(control, ones);
+        EXPECT_EQ(0, control.app().count("onEmergencyMessage("));
+        EXPECT_EQ(1, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
+
+        // The key passed on last is forgotten by deinit and init.
+        playEmergency(control, emergency(3, 30));
+        ASSERT_EQ(0, control.engine().deinit());
+        ASSERT_EQ(0, control.init());
+        playEmergency(control, emergency(3, 30));
+        EXPECT_EQ(2, control.app().count("onEmergencyMessage(30)"));
+    });
+}
+
+TEST(Events, MbbmsOnlyEventIsDroppedOnlyInCmmbMode) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        auto playEvents = [&] {
+            control.fromAgent([](MBBMSAgentCallback& c) {
+                c.onEvent(EVENT_MBBMS_ONLY, 5);
+                c.onEvent(static_cast<EventType>(131), 6);
+            });
+        };
+        playEvents();
+        EXPECT_EQ(std::vector<std::string>{"onEvent(131, 6)"}, control.app().calls());
+        EXPECT_EQ(1, control.countLogLine("WARNING", "onEvent",
+                                          "No need to call back this type event in CMMB mode"));
+        for (int mode : {1, 2}) {
+            control.app().clear();
+            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
+            playEvents();
+            EXPECT_EQ((std::vector<std::string>{"onEvent(130, 5)", "onEvent(131, 6)"}),
+                      control.app().calls())
+                << "mode " << mode;
+        }
+        EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
+    });
+}
+
+TEST(Relay, ResultsArePassedOnUnchangedAndAlwaysLogged) {
+    auto playResults = [](ControlEngine& control) {
+        control.fromAgent([](MBBMSAgentCallback& c) {
+            SignalStatus status = {};
+            status.strength = -70;
+            c.onESGXml(ESG_CONTENT, "<content id=\"1\"/>");
+            c.onESGUpdated(true);
+            c.onScanFinished(false);
+            c.onSignalUpdated(status);
+        });
+    };
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        playResults(control);
+        EXPECT_EQ((std::vector<std::string>{"onESGXml(3, <content id=\"1\"/>)", "onESGUpdated(1)",
+                                            "onScanFinished(0)", "onSignalUpdated(-70)"}),
+                  control.app().calls());
+    });
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.initWithoutCallback());
+        playResults(control);
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onESGXml",
+                                          "datatype=3, esgXml=<content id=\"1\"/>"));
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onESGUpdated", "done=1"));
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onScanFinished", "done=0"));
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onSignalUpdated", "onSignalUpdated()"));
+    });
+}

@@ -1,0 +1,275 @@
+// MBBMS requests: one at a time, some only in MBBMS mode, ended by their completion
+// callbacks played from the fake agent's own thread. Each body runs in a child process.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "ControlEngine.h"
+
+namespace {
+
+const char* kIds[] = {"service-1", "service-2"};
+int kList[] = {1, 2};
+
+struct Request {
+    int number;  // the engine's pending-request number, as printed in its refusal
+    const char* name;
+    bool mbbmsOnly;
+    std::function<int(TavoMBBMSEngine&)> issue;
+    std::function<void(MBBMSAgentCallback&)> complete;  // the agent's completion
+    const char* appCompletion;                          // as the application receives it
+};
+
+std::vector<Request> allRequests() {
+    return {
+        {1, "requestUpdateSG", true, [](TavoMBBMSEngine& e) { return e.requestUpdateSG("bj"); },
+         [](MBBMSAgentCallback& c) { c.onRequestUpdateSG(true, "info", "info2"); },
+         "onRequestUpdateSG(1, info, info2)"},
+        {2, "requestInitGBA", true, [](TavoMBBMSEngine& e) { return e.requestInitGBA(1); },
+         [](MBBMSAgentCallback& c) { c.onRequestInitGBA(false); }, "onRequestInitGBA(0)"},
+        {3, "requestAuthorizeService", true,
+         [](TavoMBBMSEngine& e) { return e.requestAuthorizeService(kList, kList, kIds, 2); },
+         [](MBBMSAgentCallback& c) { c.onRequestAuthorizeService(true); },
+         "onRequestAuthorizeService(1)"},
+        {4, "requestSubscribeService", false,
+         [](TavoMBBMSEngine& e) { return e.requestSubscribeService(kIds, 2); },
+         [](MBBMSAgentCallback& c) { c.onRequestSubscribeService(true); },
+         "onRequestSubscribeService(1)"},
+        {5, "requestUnsubscribeService", false,
+         [](TavoMBBMSEngine& e) { return e.requestUnsubscribeService(kIds, 1); },
+         [](MBBMSAgentCallback& c) { c.onRequestUnsubscribeService(false); },
+         "onRequestUnsubscribeService(0)"},
+        {6, "requestInquiryAccount", false,
+         [](TavoMBBMSEngine& e) { return e.requestInquiryAccount(); },
+         [](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "balance"); },
+         "onRequestInquiryAccount(1, balance)"},
+        {7, "requestUpdateST", true, [](TavoMBBMSEngine& e) { return e.requestUpdateST(); },
+         [](MBBMSAgentCallback& c) { c.onRequestUpdateST(true, "st"); },
+         "onRequestUpdateST(1, st)"},
+    };
+}
+
+const char kModeRefusal[] = "failed due to current mode is not MBBMS mode";
+
+std::string busyRefusal(int pending) {
+    return "failed due to MBBMS stack is still handling request " + std::to_string(pending);
+}
+
+}  // namespace
+
+TEST(Requests, ModeDecidesWhichRequestsReachTheAgent) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        // CMMB_MODE, MBBMS_MODE, and a value that is neither: only 1 allows every request.
+        for (int mode : {0, 1, 2}) {
+            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
+            for (const Request& request : allRequests()) {
+                bool allowed = mode == 1 || !request.mbbmsOnly;
+                int refusals = control.countLogLine("ERROR", request.name, kModeRefusal);
+                int agentCalls = control.agent().countCalls(std::string(request.name) + "(");
+                EXPECT_EQ(allowed ? 0 : -1, request.issue(control.engine()))
+                    << request.name << " in mode " << mode;
+                EXPECT_EQ(refusals + (allowed ? 0 : 1),
+                          control.countLogLine("ERROR", request.name, kModeRefusal));
+                EXPECT_EQ(agentCalls + (allowed ? 1 : 0),
+                          control.agent().countCalls(std::string(request.name) + "("));
+                if (allowed)
+                    control.fromAgent(request.complete);
+            }
+        }
+        EXPECT_EQ(1, control.agent().countCalls("requestUpdateSG(bj)"));
+        EXPECT_EQ(1, control.agent().countCalls("requestAuthorizeService(service-1 service-2 "));
+        EXPECT_EQ(3, control.agent().countCalls("requestSubscribeService(service-1 service-2 "));
+    });
+}
+
+TEST(Requests, APendingRequestRefusesEveryOtherWithItsNumberBeforeTheModeCheck) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        for (const Request& pending : allRequests()) {
+            control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
+            ASSERT_EQ(0, pending.issue(control.engine())) << pending.name;
+            // CMMB mode: the MBBMS-only requests are refused for the pending one, not the mode.
+            control.engine().setMode(TavoMBBMSEngine::CMMB_MODE);
+            for (const Request& other : allRequests()) {
+                control.agent().clearCalls();
+                EXPECT_EQ(-1, other.issue(control.engine())) << other.name;
+                EXPECT_EQ(std::vector<std::string>{}, control.agent().calls());
+            }
+            for (const Request& other : allRequests()) {
+                EXPECT_EQ(1, control.countLogLine("ERROR", other.name, busyRefusal(pending.number)))
+                    << other.name << " while " << pending.name << " is pending";
+            }
+            control.fromAgent(pending.complete);
+        }
+        for (const Request& request : allRequests()) {
+            EXPECT_EQ(0, control.countLogLine("ERROR", request.name, kModeRefusal));
+        }
+    });
+}
+
+TEST(Requests, ACompletionIsPassedOnAndEndsWhateverRequestIsPending) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
+        std::vector<Request> requests = allRequests();
+        for (size_t i = 0; i < requests.size(); ++i) {
+            const Request& pending = requests[i];
+            const Request& completing = requests[(i + 3) % requests.size()];
+            ASSERT_EQ(0, pending.issue(control.engine()));
+            int passedOn = control.app().count(completing.appCompletion);
+            control.fromAgent(completing.complete);
+            EXPECT_EQ(passedOn + 1, control.app().count(completing.appCompletion));
+            EXPECT_EQ(0, pending.issue(control.engine())) << pending.name << " did not end";
+            control.fromAgent(pending.complete);
+        }
+    });
+}
+
+TEST(Requests, ACompletionWithoutApplicationCallbackStillEndsTheRequest) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.initWithoutCallback());
+        ASSERT_EQ(0, control.engine().requestInquiryAccount());
+        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
+        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
+    });
+}
+
+TEST(Requests, AnAgentRefusalIsReturnedAndTheRequestStaysPendingUntilItsCompletion) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
+        control.agent().setResult("requestInitGBA", -5);
+        EXPECT_EQ(-5, control.engine().requestInitGBA(1));
+        EXPECT_EQ(-1, control.engine().requestUpdateSG("bj"));
+        EXPECT_EQ(1, control.countLogLine("ERROR", "requestUpdateSG", busyRefusal(2)));
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInitGBA(false); });
+        EXPECT_EQ(1, control.app().count("onRequestInitGBA(0)"));
+        control.agent().setResult("requestUpdateSG", 17);
+        EXPECT_EQ(17, control.engine().requestUpdateSG("bj"));
+    });
+}
+
+TEST(Cancel, AsksTheAgentForThePendingRequestWhichStaysPending) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        EXPECT_EQ(0, control.engine().cancelMBBMSRequest());
+        EXPECT_EQ(1, control.countLogLine("WARNING", "cancelMBBMSRequest", "no request to cancel"));
+        EXPECT_EQ(0, control.agent().countCalls("cancelMBBMSRequest"));
+
+        ASSERT_EQ(0, control.engine().requestUnsubscribeService(kIds, 2));
+        control.agent().setResult("cancelMBBMSRequest", 9);
+        EXPECT_EQ(9, control.engine().cancelMBBMSRequest());
+        EXPECT_EQ(1, control.agent().countCalls("cancelMBBMSRequest(5)"));
+        EXPECT_EQ(-1, control.engine().requestInquiryAccount());
+        EXPECT_EQ(1, control.countLogLine("ERROR", "requestInquiryAccount", busyRefusal(5)));
+        // The agent ends the cancelled request with its completion.
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestUnsubscribeService(false); });
+        EXPECT_EQ(0, control.engine().requestInquiryAccount());
+    });
+}
+
+TEST(Requests, DeinitForgetsThePendingRequest) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        ASSERT_EQ(0, control.engine().requestInquiryAccount());
+        ASSERT_EQ(0, control.engine().deinit());
+        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
+        ASSERT_EQ(0, control.init());
+        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
+    });
+}
+
+// The agent call of a request is serialised with deinit under the engine lock; a request
+// that was accepted while deinit was running finds the engine shut down and is refused.
+TEST(Requests, ARequestWaitingForDeinitIsRefusedWithoutReachingTheAgent) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        std::mutex lock;
+        std::condition_variable changed;
+        bool deinitStarted = false, release = false;
+        control.agent().setCallHook([&](const std::string& operation) {
+            if (operation != "getModuleInfo")
+                return;  // deinit's first agent call
+            std::unique_lock<std::mutex> guard(lock);
+            deinitStarted = true;
+            changed.notify_all();
+            changed.wait(guard, [&] { return release; });
+        });
+        std::thread deinit([&] { control.engine().deinit(); });
+        {
+            std::unique_lock<std::mutex> guard(lock);
+            changed.wait(guard, [&] { return deinitStarted; });
+        }
+        int result = 0;
+        std::thread request([&] { result = control.engine().requestInquiryAccount(); });
+        // Wait (bounded) until the request has been accepted and waits for the lock.
+        for (int i = 0; i < 2000 && control.countLogLine("SEMAPHORE", "requestInquiryAccount",
+                                                         "wait mLock...") == 0;
+             ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            release = true;
+        }
+        changed.notify_all();
+        deinit.join();
+        request.join();
+        EXPECT_EQ(1, control.countLogLine("SEMAPHORE", "requestInquiryAccount", "wait mLock..."));
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ(0, control.agent().countCalls("requestInquiryAccount"));
+        control.agent().setCallHook(nullptr);
+    });
+}
+
+TEST(Requests, OfTwoRacingRequestsExactlyOneGetsThrough) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ASSERT_EQ(0, control.init());
+        TavoMBBMSEngine& engine = control.engine();
+        const int rounds = 300;
+        std::atomic<int> arrived{0};
+        int results[2] = {0, 0};
+        for (int round = 0; round < rounds; ++round) {
+            auto racer = [&](int which) {
+                arrived.fetch_add(1);
+                while (arrived.load() < 2 * (round + 1)) {
+                }
+                results[which] = which == 0 ? engine.requestInquiryAccount()
+                                            : engine.requestSubscribeService(kIds, 1);
+            };
+            std::thread first(racer, 0);
+            std::thread second(racer, 1);
+            first.join();
+            second.join();
+            ASSERT_EQ(-1, results[0] + results[1]) << "round " << round;
+            ASSERT_EQ(round + 1, control.agent().countCalls("request")) << "round " << round;
+            control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, ""); });
+        }
+        // Each loser named the winner's number.
+        int inquiryWins = control.agent().countCalls("requestInquiryAccount");
+        EXPECT_EQ(inquiryWins,
+                  control.countLogLine("ERROR", "requestSubscribeService", busyRefusal(6)));
+        EXPECT_EQ(rounds - inquiryWins,
+                  control.countLogLine("ERROR", "requestInquiryAccount", busyRefusal(4)));
+    });
+}
