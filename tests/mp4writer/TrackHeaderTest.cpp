@@ -1,0 +1,208 @@
+// The moov as written at stop: movie and track headers, handlers, sample descriptions with
+// their codec boxes, and the refusal of tracks the header cannot describe.
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "WriterHarness.h"
+
+namespace {
+
+Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& part : parts) {
+        out.insert(out.end(), part.begin(), part.end());
+    }
+    return out;
+}
+
+Bytes text(const char* s, size_t n) {
+    return Bytes(s, s + n);
+}
+
+TEST(TrackHeaderTest, VideoTrackDescribesAvcWithItsSizeHandlerAndParameterSets) {
+    WriterHarness harness;
+    harness.addVideo();
+    uint32_t before = static_cast<uint32_t>(time(nullptr));
+    ASSERT_EQ(0, harness.start());
+    ASSERT_EQ(0, harness.feedParameterSets());
+    harness.feedRun(kVideoMime, 0, 900, 3, 50, true);
+    ASSERT_EQ(0, harness.stop());
+    uint32_t after = static_cast<uint32_t>(time(nullptr));
+    Mp4File file = harness.readFile();
+    const Mp4Box* trak = file.find("moov/trak");
+    ASSERT_NE(nullptr, trak);
+
+    FieldReader tkhd = file.fields(*trak->find("tkhd"));
+    EXPECT_EQ(7u, tkhd.u32());
+    uint32_t created = tkhd.u32();
+    EXPECT_TRUE(created >= before && created <= after) << "seconds since 1970: " << created;
+    tkhd.skip(4);
+    EXPECT_EQ(1u, tkhd.u32());  // track id
+    tkhd.skip(20);
+    EXPECT_EQ(0u, tkhd.u16());  // volume
+    tkhd.skip(38);
+    EXPECT_EQ(0x01400000u, tkhd.u32());
+    EXPECT_EQ(0x00F00000u, tkhd.u32());
+
+    const Mp4Box* hdlr = trak->find("mdia/hdlr");
+    EXPECT_EQ(44u, hdlr->size);
+    EXPECT_EQ(concat({Bytes(8, 0), text("vide", 4), Bytes(12, 0), text("VideoHandle", 12)}),
+              file.body(*hdlr));
+    EXPECT_EQ(concat({{0, 0, 0, 1}, Bytes(8, 0)}), file.body(*trak->find("mdia/minf/vmhd")));
+    EXPECT_EQ(concat({{0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 12}, text("url ", 4), {0, 0, 0, 1}}),
+              file.body(*trak->find("mdia/minf/dinf/dref")));
+
+    const Mp4Box* avc1 = trak->find("mdia/minf/stbl/stsd/avc1");
+    ASSERT_NE(nullptr, avc1);
+    FieldReader entry = file.fields(*avc1, 6);
+    EXPECT_EQ(0u, entry.u16());  // data-reference index
+    entry.skip(16);
+    EXPECT_EQ(0x0140u, entry.u16());
+    EXPECT_EQ(0x00F0u, entry.u16());
+    EXPECT_EQ(concat({{1, 0x42, 0xC0, 0x1E, 0xFF, 0xE1, 0, 9}, kTestSps, {1, 0, 4}, kTestPps}),
+              file.body(*avc1->find("avcC")));
+    EXPECT_EQ(Bytes({0, 1, 0, 0, 0, 1, 0, 0}), file.body(*avc1->find("pasp")));
+    EXPECT_NE(nullptr, trak->find("mdia/minf/stbl/stss"));
+}
+
+TEST(TrackHeaderTest, AudioTrackDescribesAacAt24kHzWithFixedDecoderConfiguration) {
+    WriterHarness harness;
+    harness.addAudio();
+    ASSERT_EQ(0, harness.start());
+    harness.feedRun(kAudioMime, 0, 960, 3, 50);
+    ASSERT_EQ(0, harness.stop());
+    Mp4File file = harness.readFile();
+    const Mp4Box* trak = file.find("moov/trak");
+    ASSERT_NE(nullptr, trak);
+
+    FieldReader tkhd = file.fields(*trak->find("tkhd"), 36);
+    EXPECT_EQ(0x0100u, tkhd.u16());
+    EXPECT_EQ(concat({Bytes(8, 0), text("soun", 4), Bytes(12, 0), text("SoundHandle", 12)}),
+              file.body(*trak->find("mdia/hdlr")));
+    EXPECT_EQ(Bytes(8, 0), file.body(*trak->find("mdia/minf/smhd")));
+    EXPECT_EQ(nullptr, trak->find("mdia/minf/stbl/stss"));
+
+    const Mp4Box* mp4a = trak->find("mdia/minf/stbl/stsd/mp4a");
+    ASSERT_NE(nullptr, mp4a);
+    FieldReader entry = file.fields(*mp4a, 6);
+    EXPECT_EQ(1u, entry.u16());  // data-reference index
+    entry.skip(8);
+    EXPECT_EQ(2u, entry.u16());
+    EXPECT_EQ(16u, entry.u16());
+    entry.skip(4);
+    EXPECT_EQ(0x5DC00000u, entry.u32());
+    const Bytes esds = {0,    0,    0,    0,    0x03, 0x19, 0,    0,    0,    0x04, 0x11,
+                        0x40, 0x15, 0x00, 0x03, 0x00, 0x00, 0x01, 0x77, 0x00, 0x00, 0x01,
+                        0x77, 0x00, 0x05, 0x02, 0x13, 0x10, 0x06, 0x01, 0x02};
+    EXPECT_EQ(esds, file.body(*mp4a->find("esds")));
+}
+
+TEST(TrackHeaderTest, DurationsUseTheMediaAndMovieTimeScalesAndNextTrackIdFollowsTheTracks) {
+    WriterHarness harness;
+    harness.addSource(kAudioMime, 0, 0, 24000, 22500);
+    harness.addAudio();
+    ASSERT_EQ(0, harness.start(true, true, 24000));
+    harness.feedRun(kAudioMime, 0, 22500, 2, 10);  // 45000 ticks with the last duration
+    ASSERT_EQ(0, harness.stop());
+    Mp4File file = harness.readFile();
+    ASSERT_EQ(2u, file.find("moov")->count("trak"));
+
+    FieldReader mvhd = file.fields(*file.find("moov/mvhd"), 12);
+    EXPECT_EQ(24000u, mvhd.u32());
+    EXPECT_EQ(48000u, mvhd.u32());
+    mvhd.skip(76);
+    EXPECT_EQ(3u, mvhd.u32());  // next track id
+    FieldReader mdhd = file.fields(*file.find("moov/trak")->find("mdia/mdhd"), 12);
+    EXPECT_EQ(22500u, mdhd.u32());
+    EXPECT_EQ(45000u, mdhd.u32());
+    EXPECT_EQ(48000u, file.fields(*file.find("moov/trak")->find("tkhd"), 20).u32());
+    EXPECT_EQ(2u, file.fields(*file.find("moov/trak", 1)->find("tkhd"), 12).u32());
+}
+
+TEST(TrackHeaderTest, ShortNalLengthsShowInAvcConfigurationAndSamplePrefixes) {
+    WriterHarness harness;
+    harness.addVideo();
+    ASSERT_EQ(0, harness.start(false));
+    ASSERT_EQ(0, harness.feedParameterSets());
+    ASSERT_EQ(0, harness.feed(kVideoMime, 0, patternBytes(300, 0), true));
+    ASSERT_EQ(0, harness.stop());
+    Mp4File file = harness.readFile();
+    const Mp4Box* trak = file.find("moov/trak");
+    ASSERT_NE(nullptr, trak);
+    EXPECT_EQ(0xFD, file.body(*trak->find("mdia/minf/stbl/stsd/avc1/avcC"))[4]);
+    EXPECT_EQ(concat({{0x01, 0x2C}, patternBytes(300, 0)}), file.samples(*trak).at(0));
+}
+
+TEST(TrackHeaderTest, Mpeg4VideoKeepsTheBytesBeforeTheFirstVopAsDecoderConfiguration) {
+    for (size_t configSize : {104u, 105u}) {
+        WriterHarness harness;
+        harness.addSource("video/mp4v-es", 176, 144, 25, 22500);
+        ASSERT_EQ(0, harness.start());
+        Bytes config = patternBytes(configSize, 0x20);
+        Bytes vop = {0x00, 0x00, 0x01, 0xB6, 0x10, 0x20};
+        ASSERT_EQ(0, harness.feed("video/mp4v-es", 0, concat({config, vop}), true));
+        ASSERT_EQ(0, harness.feed("video/mp4v-es", 900, vop, false));
+        if (configSize == 105) {
+            EXPECT_EQ(ERROR_INVALID, harness.stop()) << "105 bytes do not fit the descriptor";
+            continue;
+        }
+        ASSERT_EQ(0, harness.stop());
+        Mp4File file = harness.readFile();
+        const Mp4Box* trak = file.find("moov/trak");
+        ASSERT_NE(nullptr, trak);
+        EXPECT_EQ(std::vector<uint32_t>({6, 6}), file.tables(*trak).sizes);
+        Bytes esds = file.body(*trak->find("mdia/minf/stbl/stsd/mp4v/esds"));
+        Bytes expected =
+            concat({{0,    0,    0, 0, 0x03, 23 + 104, 0, 0, 0x1F, 0x04, 15 + 104, 0x20, 0x11,
+                     0x01, 0x77, 0, 0, 0x03, 0xE8,     0, 0, 0x03, 0xE8, 0,        0x05, 104},
+                    config,
+                    {0x06, 0x01, 0x02}});
+        EXPECT_EQ(expected, esds);
+    }
+}
+
+TEST(TrackHeaderTest, H263VideoGetsItsDecoderBox) {
+    WriterHarness harness;
+    harness.addSource("video/3gpp", 176, 144, 25, 22500);
+    ASSERT_EQ(0, harness.start());
+    harness.feedRun("video/3gpp", 0, 900, 2, 40, true);
+    ASSERT_EQ(0, harness.stop());
+    Mp4File file = harness.readFile();
+    const Mp4Box* s263 = file.find("moov/trak/mdia/minf/stbl/stsd/s263");
+    ASSERT_NE(nullptr, s263);
+    EXPECT_EQ(Bytes({0, 0, 0, 0, 0, 10, 0}), file.body(*s263->find("d263")));
+}
+
+TEST(TrackHeaderTest, TracksTheHeaderCannotDescribeAbandonTheMoov) {
+    struct Case {
+        const char* mime;
+        bool malformedSps;
+        const char* logged;
+    };
+    const Case cases[] = {
+        {"video/unknown", false, "E/CmmbMPEG4Recorder: Unknown mime type 'video/unknown'."},
+        {"audio/amr", false, "E/CmmbMPEG4Recorder: Unknown mime type 'audio/amr'."},
+        {kVideoMime, true, "E/CmmbMPEG4Recorder: no AVC configuration"},
+    };
+    for (const Case& c : cases) {
+        LogCapture log;
+        WriterHarness harness;
+        harness.addSource(c.mime, 320, 240, 24000, 24000);
+        ASSERT_EQ(0, harness.start());
+        if (c.malformedSps) {
+            EXPECT_EQ(ERROR_INVALID, harness.feed(c.mime, 0, Bytes{0x67}));
+            EXPECT_EQ(0, harness.feed(c.mime, 0, kTestPps));
+        }
+        harness.feedRun(c.mime, 0, 900, 2, 40, true);
+        EXPECT_EQ(ERROR_INVALID, harness.stop()) << c.mime;
+        EXPECT_EQ(1, log.count(c.logged)) << c.mime;
+        // The mdat size is patched; the abandoned moov follows the samples.
+        Bytes bytes = harness.readFile().bytes();
+        uint32_t mdatSize = FieldReader(bytes, 24).u32();
+        EXPECT_EQ(c.malformedSps ? 8u + 2 * 44 : 8u + 2 * 40, mdatSize) << c.mime;
+        EXPECT_EQ("moov", FieldReader(bytes, 24 + mdatSize + 4).text(4)) << c.mime;
+    }
+}
+
+}  // namespace
