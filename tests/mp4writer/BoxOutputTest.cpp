@@ -102,8 +102,8 @@ INSTANTIATE_TEST_SUITE_P(Rotations, CompositionMatrixTest,
                                            MatrixCase{90, 0, kOne, kMinusOne, 0},
                                            MatrixCase{180, kMinusOne, 0, 0, kMinusOne},
                                            MatrixCase{270, 0, kMinusOne, kOne, 0}),
-                         [](const ::testing::TestParamInfo<MatrixCase>& info) {
-                             return "Degrees" + std::to_string(info.param.degrees);
+                         [](const ::testing::TestParamInfo<MatrixCase>& rotation) {
+                             return "Degrees" + std::to_string(rotation.param.degrees);
                          });
 
 }  // namespace
