@@ -1,0 +1,331 @@
+// End to end: the fake agent plays real H.264 and AAC through the engine, the reference play
+// engine (a separate program) reads the shared buffers and writes streams and snapshots, and
+// ffmpeg must decode what it wrote.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "FakeAgentAccess.h"
+#include "MediaFiles.h"
+#include "RecordingCallback.h"
+#include "TavoMBBMSEngineImpl.h"
+#include "TestRoot.h"
+
+namespace {
+
+using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
+const int kChannel = 7;
+const size_t kFragmentSize = 700;  // NAL units longer than this arrive in fragments
+
+// Runs a shell command; its exit status, with standard output and error in *output.
+int runCommand(const std::string& command, std::string* output) {
+    output->clear();
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    char chunk[512];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
+        output->append(chunk, n);
+    int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Frames ffprobe decodes in the first stream of `path` read as `format`, or -1.
+int decodedFrameCount(const std::string& format, const std::string& path) {
+    std::string output;
+    int status = runCommand(std::string(TAVO_FFPROBE) + " -v error -f " + format +
+                                " -count_frames -select_streams 0 -show_entries "
+                                "stream=nb_read_frames -of csv=p=0 '" +
+                                path + "'",
+                            &output);
+    return status == 0 ? atoi(output.c_str()) : -1;
+}
+
+// ffmpeg decodes the whole file, stopping at the first error; "" when it decoded cleanly.
+std::string decodeErrors(const std::string& format, const std::string& path) {
+    std::string output;
+    std::string formatOption = format.empty() ? "" : " -f " + format;
+    int status = runCommand(std::string(TAVO_FFMPEG) + " -nostdin -v error -xerror" + formatOption +
+                                " -i '" + path + "' -f null -",
+                            &output);
+    if (status != 0 && output.empty())
+        output = "ffmpeg exit status " + std::to_string(status);
+    return output;
+}
+
+// The reference play engine as a child process, its standard error in a file.
+class PlayEngineProcess {
+public:
+    PlayEngineProcess(const TestRoot& root, const std::vector<std::string>& extraArgs)
+        : mLog(root.path() + "/playengine.stderr") {
+        std::vector<std::string> args = {TAVO_PLAYENGINE_PATH,
+                                         "--engine-socket",
+                                         root.resolve("/data/app/cmmb.socket"),
+                                         "--socket",
+                                         root.path() + "/playengine.socket",
+                                         "--out-dir",
+                                         root.path(),
+                                         "--verbose"};
+        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        mPid = fork();
+        if (mPid == 0) {
+            int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(log, STDERR_FILENO);
+            std::vector<char*> argv;
+            for (std::string& arg : args)
+                argv.push_back(&arg[0]);
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+    }
+    ~PlayEngineProcess() {
+        if (mPid > 0) {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+    }
+
+    // Waits (generous bound) for the program to end; its exit status, or -1.
+    int waitForExit() {
+        for (int i = 0; i < 2000 && mPid > 0; ++i) {
+            int status = 0;
+            pid_t ended = waitpid(mPid, &status, WNOHANG);
+            if (ended == mPid) {
+                mPid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return -1;
+    }
+    int stop() {
+        kill(mPid, SIGTERM);
+        return waitForExit();
+    }
+    std::string log() const { return readTextFile(mLog); }
+    // The counters it printed for a session, e.g. "frames=5 nal=60 aac=48 empty=0".
+    std::string countersOf(int session) const {
+        std::smatch match;
+        std::string text = log();
+        std::regex line("session " + std::to_string(session) +
+                        ": (frames=\\d+ nal=\\d+ aac=\\d+ empty=\\d+) bad_records=0");
+        return std::regex_search(text, match, line) ? match[1].str()
+                                                    : "(no counters in: " + text + ")";
+    }
+
+private:
+    std::string mLog;
+    pid_t mPid;
+};
+
+// The clips cut into multiplex frames: frame i holds pictures and audio frames of the
+// same stretch of time.
+struct MediaFeed {
+    std::vector<H264Picture> pictures =
+        readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
+    std::vector<MediaBytes> audio = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
+
+    int nalUnitCount(size_t firstPicture, size_t endPicture) const {
+        int count = 0;
+        for (size_t i = firstPicture; i < endPicture; ++i)
+            count += static_cast<int>(pictures[i].nalUnits.size());
+        return count;
+    }
+    // The Annex B stream the play engine should write for the given pictures.
+    MediaBytes annexB(size_t firstPicture, size_t endPicture) const {
+        MediaBytes stream;
+        for (size_t i = firstPicture; i < endPicture; ++i) {
+            for (const MediaBytes& nal : pictures[i].nalUnits) {
+                stream.insert(stream.end(), {0, 0, 0, 1});
+                stream.insert(stream.end(), nal.begin(), nal.end());
+            }
+        }
+        return stream;
+    }
+};
+
+class Bench {
+public:
+    Bench() {
+        setenv("TAVO_LOGMASK", "all", 1);
+        engine = TavoMBBMSEngineImpl::getInstance();
+        agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
+    }
+
+    bool start() {
+        if (agent == nullptr || engine->init(&callback, nullptr) != 0)
+            return false;
+        IsmaPara isma;
+        memset(&isma, 0, sizeof(isma));
+        isma.serviceID = 11;
+        agent->setNextChannelID(kChannel);
+        return engine->startTVService(0, 20, 1, 2, 3, &isma) == 0;
+    }
+
+    bool waitForLog(const std::string& text, int n) {
+        for (int i = 0; i < 1000; ++i) {
+            if (root.countLog(text) >= n)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    // Plays pictures [firstPicture, endPicture) and audio [firstAudio, endAudio) as one
+    // multiplex frame on session 0's channel, then waits until a reader fetched it.
+    bool playFrame(const MediaFeed& feed, size_t firstPicture, size_t endPicture, size_t firstAudio,
+                   size_t endAudio) {
+        agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+            cb->onOutputAVStart(kChannel, nullptr, 0);
+            size_t audio = firstAudio;
+            for (size_t p = firstPicture; p < endPicture; ++p) {
+                for (const MediaBytes& nal : feed.pictures[p].nalUnits)
+                    sendNal(cb, nal, static_cast<unsigned long>(p));
+                // Audio interleaved with the video, as a multiplex frame carries them.
+                size_t audioDue = firstAudio + (endAudio - firstAudio) * (p + 1 - firstPicture) /
+                                                   (endPicture - firstPicture);
+                for (; audio < audioDue; ++audio) {
+                    MediaBytes frame = feed.audio[audio];
+                    cb->onClearAudioAacFrame(kChannel, 0, static_cast<unsigned long>(audio),
+                                             frame.data(),
+                                             static_cast<unsigned short>(frame.size()));
+                }
+            }
+            cb->onOutputAVEnd(kChannel, false);
+        });
+        CmmbSharedBuffer* buffer = engine->sharedBuffer(0);
+        for (int i = 0; i < 2000; ++i) {
+            if (__atomic_load_n(&buffer->nalCount, __ATOMIC_ACQUIRE) == 0 &&
+                __atomic_load_n(&buffer->aacCount, __ATOMIC_ACQUIRE) == 0)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return false;
+    }
+
+    TestRoot root;
+    RecordingCallback callback;
+    TavoMBBMSEngineImpl* engine;
+    FakeAgentControl* agent;
+
+private:
+    // One NAL unit with its start code, whole or in fragments.
+    static void sendNal(MBBMSAgentCallback* cb, const MediaBytes& nal, unsigned long ts) {
+        MediaBytes unit = {0, 0, 0, 1};
+        unit.insert(unit.end(), nal.begin(), nal.end());
+        if (unit.size() <= kFragmentSize) {
+            cb->onClearVideoNalData(kChannel, ts, 0, unit.data(),
+                                    static_cast<unsigned short>(unit.size()),
+                                    MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            return;
+        }
+        for (size_t at = 0; at < unit.size(); at += kFragmentSize) {
+            size_t size = std::min(kFragmentSize, unit.size() - at);
+            Pos pos = at == 0 ? MBBMSAgent::NAL_FRAGMENT_START
+                              : (at + size == unit.size() ? MBBMSAgent::NAL_FRAGMENT_END
+                                                          : MBBMSAgent::NAL_FRAGMENT_MIDDLE);
+            cb->onClearVideoNalData(kChannel, ts, 0, unit.data() + at,
+                                    static_cast<unsigned short>(size), pos);
+        }
+    }
+};
+
+}  // namespace
+
+TEST(ReferencePlayEngine, WritesStreamsThatFfmpegDecodes) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        MediaFeed feed;
+        ASSERT_EQ(50u, feed.pictures.size());
+        ASSERT_EQ(48u, feed.audio.size());
+        ASSERT_TRUE(bench.start());
+        const int kFrames = 5;
+        PlayEngineProcess playEngine(bench.root, {"--frames", std::to_string(kFrames)});
+        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+
+        for (int i = 0; i < kFrames; ++i) {
+            ASSERT_TRUE(bench.playFrame(feed, 10 * i, 10 * (i + 1), feed.audio.size() * i / kFrames,
+                                        feed.audio.size() * (i + 1) / kFrames))
+                << "frame " << i << " was not fetched; " << playEngine.log();
+        }
+        ASSERT_EQ(0, playEngine.waitForExit()) << playEngine.log();
+        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ("frames=5 nal=" + std::to_string(feed.nalUnitCount(0, 50)) + " aac=48 empty=0",
+                  playEngine.countersOf(0));
+        EXPECT_EQ("frames=0 nal=0 aac=0 empty=0", playEngine.countersOf(1));
+
+        // The video is the clip's NAL units, each behind a 4-byte start code again.
+        std::string video = bench.root.path() + "/session0.h264";
+        EXPECT_TRUE(readMediaFile(video) == feed.annexB(0, 50));
+        EXPECT_EQ("", decodeErrors("h264", video));
+        EXPECT_EQ(50, decodedFrameCount("h264", video));
+
+        // The audio carries the clip's raw frames behind the engine's ADTS headers.
+        std::string audio = bench.root.path() + "/session0.aac";
+        AdtsStreamInfo info;
+        EXPECT_TRUE(readAdtsFrames(audio, &info) == feed.audio);
+        EXPECT_EQ(24000, info.sampleRate);
+        EXPECT_EQ(2, info.channels);
+        EXPECT_EQ("", decodeErrors("aac", audio));
+        EXPECT_EQ(48, decodedFrameCount("aac", audio));
+    });
+}
+
+TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        MediaFeed feed;
+        ASSERT_EQ(50u, feed.pictures.size());
+        ASSERT_TRUE(bench.start());
+        PlayEngineProcess playEngine(bench.root, {});
+        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+
+        // No picture yet: the play engine answers with a failure (reported for session 0).
+        std::string early = bench.root.path() + "/early.png";
+        int earlyFd = open(early.c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
+        ASSERT_GE(earlyFd, 0);
+        EXPECT_EQ(0, bench.engine->captureImage(1, earlyFd));
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)")) << playEngine.log();
+        close(earlyFd);
+
+        // Pictures 0..14: the IDR picture 0 and P pictures after it.
+        ASSERT_TRUE(bench.playFrame(feed, 0, 15, 0, 14)) << playEngine.log();
+        std::string snapshot = bench.root.path() + "/snapshot.png";
+        int snapshotFd = open(snapshot.c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
+        ASSERT_GE(snapshotFd, 0);
+        EXPECT_EQ(0, bench.engine->captureImage(0, snapshotFd));
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)")) << playEngine.log();
+        EXPECT_FALSE(bench.engine->isCapturing(0));
+        close(snapshotFd);
+        std::string probe;
+        EXPECT_EQ(0, runCommand(std::string(TAVO_FFPROBE) +
+                                    " -v error -show_entries stream=codec_name,width,height -of "
+                                    "csv=p=0 '" +
+                                    snapshot + "'",
+                                &probe));
+        EXPECT_EQ("png,320,240\n", probe);
+        EXPECT_EQ("", decodeErrors("", snapshot));
+
+        // The engine restarts: the play engine comes back to the new server and buffers.
+        ASSERT_EQ(0, bench.engine->deinit());
+        ASSERT_TRUE(bench.start());
+        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
+        ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();
+
+        EXPECT_EQ(0, playEngine.stop()) << playEngine.log();
+        EXPECT_EQ("frames=2 nal=" + std::to_string(feed.nalUnitCount(0, 25)) + " aac=24 empty=0",
+                  playEngine.countersOf(0));
+        EXPECT_EQ(0, bench.engine->deinit());
+    });
+}
