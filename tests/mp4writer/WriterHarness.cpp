@@ -68,7 +68,9 @@ int WriterHarness::feed(const char* mime, long long timestamp, const Bytes& data
     mBuffer->timestamp = timestamp;
     mBuffer->length = static_cast<uint32_t>(data.size());
     mBuffer->data = mBuffer->storage;
-    memcpy(mBuffer->storage, data.data(), data.size());
+    if (!data.empty()) {
+        memcpy(mBuffer->storage, data.data(), data.size());
+    }
     mBuffer->isSyncFrame = sync;
     return mWriter->writeout(mBuffer.get());
 }
