@@ -252,8 +252,8 @@ TEST(Requests, OfTwoRacingRequestsExactlyOneGetsThrough) {
         for (int round = 0; round < rounds; ++round) {
             auto racer = [&](int which) {
                 arrived.fetch_add(1);
-                while (arrived.load() < 2 * (round + 1)) {
-                }
+                while (arrived.load() < 2 * (round + 1))
+                    std::this_thread::yield();
                 results[which] = which == 0 ? engine.requestInquiryAccount()
                                             : engine.requestSubscribeService(kIds, 1);
             };
