@@ -6,7 +6,9 @@
 //   - an emergency message whose key equals the last one passed on is dropped;
 //   - EVENT_MBBMS_ONLY is dropped while the mode is CMMB_MODE.
 // The request completions, which also end the pending request, are with the requests.
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 
 #include "EngineLog.h"
 #include "TavoMBBMSEngineImpl.h"
@@ -44,9 +46,10 @@ const char* printable(const char* text) {
 
 void TavoMBBMSEngineImpl::onServiceParam(ServiceParam& param) {
     TLOG(ENGINE, "%s()", __func__);
+    // Without an application callback the agent is not even asked for its frequency.
     TavoMBBMSEngineCallback* callback = mCallback.load();
     if (callback == nullptr)
-        return;  // the agent is not asked for its frequency then
+        return;
     if (ts0AlreadyReported(mAgent, mTS0Reported))
         return;
     callback->onServiceParam(param);
@@ -79,10 +82,9 @@ void TavoMBBMSEngineImpl::onEmergencyMessage(EmergencyMessage& msg) {
     // A repeat only if all five key values are equal; the rest of the message is not read.
     const EmergencyKey key = {{msg.msgType, msg.msgLevel, msg.networkLevel, msg.networkNumber},
                               msg.msgID};
-    bool repeat = true;
-    for (int i = 0; i < 4; ++i)
-        repeat = repeat && key.bytes[i] == mLastEmergencyKey.bytes[i];
-    repeat = repeat && key.id == mLastEmergencyKey.id;
+    bool repeat = std::equal(std::begin(key.bytes), std::end(key.bytes),
+                             std::begin(mLastEmergencyKey.bytes)) &&
+                  key.id == mLastEmergencyKey.id;
     if (repeat) {
         TLOG(WARNING, "Same emergency message received, drop it!");
         return;
