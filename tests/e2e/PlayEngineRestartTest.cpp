@@ -1,0 +1,125 @@
+// The play engine dies in the middle of a broadcast and a new one takes its place: the
+// engine goes on serving both sessions without a reader, hands both buffers to the new
+// play engine, and the new one reads both sessions. Real processes throughout: the
+// engine with the broadcast simulator in this test's child process, the reference play
+// engine as a grandchild.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "PlayEngineProcess.h"
+#include "RecordingCallback.h"
+#include "TavoMBBMSEngine.h"
+#include "TestRoot.h"
+
+namespace {
+
+const char kBuffersSent[] = "sendmsg OK: cmd=sharebuffer (session=1)";
+
+// Waits until the engine's log holds at least n lines containing text.
+bool waitForLog(const TestRoot& root, const std::string& text, int n) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (root.countLog(text) < n) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+std::string frameEnd(int session) {
+    return "]session=" + std::to_string(session) + ", channelID=";
+}
+
+// Waits for `more` frames of each session beyond those logged so far.
+bool waitForMoreFrames(const TestRoot& root, int more) {
+    for (int session : {0, 1}) {
+        if (!waitForLog(root, frameEnd(session), root.countLog(frameEnd(session)) + more))
+            return false;
+    }
+    return true;
+}
+
+// Frames of a session as the play engine reported them on exit, or -1.
+int reportedFrames(const std::string& report, int session) {
+    std::string key = "session " + std::to_string(session) + ": frames=";
+    size_t at = report.rfind(key);
+    return at == std::string::npos ? -1 : atoi(report.c_str() + at + key.size());
+}
+
+bool decodes(const std::string& file, const char* format) {
+    std::string command = std::string("ffmpeg -nostdin -v error -xerror -f ") + format + " -i '" +
+                          file + "' -f null - >/dev/null 2>&1";
+    return system(command.c_str()) == 0;
+}
+
+int startService(TavoMBBMSEngine* engine, int session, int serviceID, int slot) {
+    IsmaPara isma{};
+    isma.serviceID = static_cast<uint16_t>(serviceID);
+    return engine->startTVService(session, 13, slot, 4, 1, &isma);
+}
+
+TEST(PlayEngineRestart, EngineKeepsServingAndTheNewPlayEngineReadsBothSessions) {
+#ifdef TAVO_E2E_EMULATED
+    GTEST_SKIP() << "real-time play-engine processes are not run under emulation";
+#endif
+    EXPECT_IN_CHILD({
+        TestRoot root(TAVO_SIM_AGENT_PATH);
+        root.setProperty("persist.tavo.sim.speed", "20");
+        setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,CMD_PATH", 1);
+        ASSERT_EQ(0, mkdir((root.path() + "/first").c_str(), 0755));
+        ASSERT_EQ(0, mkdir((root.path() + "/second").c_str(), 0755));
+        RecordingCallback callback;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        ASSERT_EQ(0, engine->init(&callback, nullptr));
+
+        PlayEngineProcess first(TAVO_PLAYENGINE_PATH, {"--out-dir", root.path() + "/first"},
+                                root.path() + "/first.log");
+        std::string error;
+        ASSERT_TRUE(first.start(&error)) << error;
+        ASSERT_TRUE(waitForLog(root, kBuffersSent, 1));
+        ASSERT_EQ(0, startService(engine, 0, 101, 1));
+        ASSERT_EQ(0, startService(engine, 1, 102, 5));
+        ASSERT_TRUE(waitForMoreFrames(root, 3));
+
+        first.kill();
+        ASSERT_TRUE(waitForLog(root, "Connection closed by client", 1) ||
+                    waitForLog(root, "Connection reset by client", 1));
+        // Nobody reads now: frames keep coming and are dropped unread.
+        int lostBefore = root.countLog("A/V DATA LOST");
+        ASSERT_TRUE(waitForMoreFrames(root, 3));
+        EXPECT_GT(root.countLog("A/V DATA LOST"), lostBefore);
+
+        PlayEngineProcess second(TAVO_PLAYENGINE_PATH, {"--out-dir", root.path() + "/second"},
+                                 root.path() + "/second.log");
+        ASSERT_TRUE(second.start(&error)) << error;
+        ASSERT_TRUE(waitForLog(root, kBuffersSent, 2));
+        ASSERT_TRUE(waitForMoreFrames(root, 4));
+        EXPECT_EQ(0, second.stop());
+
+        std::string report = readTextFile(root.path() + "/second.log");
+        EXPECT_GE(reportedFrames(report, 0), 2) << report;
+        EXPECT_GE(reportedFrames(report, 1), 2) << report;
+        if (system("command -v ffmpeg >/dev/null 2>&1") == 0) {
+            for (const char* session : {"session0", "session1"}) {
+                std::string base = root.path() + "/second/" + session;
+                struct stat info;
+                ASSERT_EQ(0, stat((base + ".h264").c_str(), &info)) << base;
+                EXPECT_GT(info.st_size, 0);
+                EXPECT_TRUE(decodes(base + ".h264", "h264")) << base;
+                EXPECT_TRUE(decodes(base + ".aac", "aac")) << base;
+            }
+        }
+
+        EXPECT_EQ(0, engine->stopTVService(0));
+        EXPECT_EQ(0, engine->stopTVService(1));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#!/bin/sh
+# Runs the demo at high speed with two sessions and checks what it produced:
+#   - the demo exits with status 0;
+#   - the recording passes `ffprobe -v error` without a message and decodes with
+#     `ffmpeg -xerror`, and its duration is within one video frame (40 ms) of the span
+#     the engine recorded (one second per recorded multiplex frame, as the demo reports);
+#   - the engine lost no frame: the play engine kept up with both sessions;
+#   - both sessions' live output (H.264 and AAC) decodes;
+#   - the snapshot decodes as a 320x240 image.
+# Exits 77 (skipped) under emulation or without ffmpeg/ffprobe.
+#
+# usage: check_demo_run.sh <tavo_demo> <emulated: ON|OFF>
+set -u
+
+demo=$1
+emulated=$2
+
+skip() { echo "SKIPPED: $*"; exit 77; }
+fail() { echo "FAILED: $*"; echo "outputs kept in $out"; exit 1; }
+
+case "$emulated" in ON|on|1|TRUE|true) skip "the demo's real-time media pipeline is not run under emulation" ;; esac
+command -v ffmpeg >/dev/null 2>&1 || skip "ffmpeg is not installed"
+command -v ffprobe >/dev/null 2>&1 || skip "ffprobe is not installed"
+
+out=$(mktemp -d /tmp/tavo-demo-e2e.XXXXXX) || exit 1
+seconds=4
+
+"$demo" --seconds $seconds --speed 20 --sessions 2 --out "$out" >"$out/demo.txt" 2>&1
+status=$?
+cat "$out/demo.txt"
+[ $status -eq 0 ] || fail "the demo exited with status $status"
+
+rec="$out/recording-session0.3gp"
+[ -s "$rec" ] || fail "no recording at $rec"
+probe=$(ffprobe -v error "$rec" 2>&1)
+[ -z "$probe" ] || fail "ffprobe reports: $probe"
+ffmpeg -nostdin -v error -xerror -i "$rec" -f null - >"$out/decode-recording.txt" 2>&1 ||
+    fail "the recording does not decode: $(cat "$out/decode-recording.txt")"
+[ -s "$out/decode-recording.txt" ] && fail "decoding the recording reported: $(cat "$out/decode-recording.txt")"
+
+span=$(sed -n 's/^ *recorded *\([0-9][0-9]*\) multiplex frames.*/\1/p' "$out/demo.txt")
+[ -n "$span" ] || fail "the demo did not report the recorded span"
+[ "$span" -ge $seconds ] || fail "only $span s recorded, $seconds asked for"
+duration=$(ffprobe -v error -show_entries format=duration -of default=nw=1:nk=1 "$rec")
+video=$(ffprobe -v error -select_streams v:0 -show_entries stream=duration -of default=nw=1:nk=1 "$rec")
+for d in "$duration" "$video"; do
+    awk -v d="$d" -v s="$span" 'BEGIN { x = d - s; if (x < 0) x = -x; exit !(x <= 0.040) }' ||
+        fail "duration $d s is not within one frame of the $span s recorded"
+done
+
+lost=$(grep -c 'A/V DATA LOST' "$out/engine.log")
+[ "$lost" -eq 0 ] || fail "the engine lost $lost frames"
+
+for session in 0 1; do
+    for stream in h264 aac; do
+        file="$out/playengine/session$session.$stream"
+        [ -s "$file" ] || fail "no live output $file"
+        ffmpeg -nostdin -v error -xerror -f $stream -i "$file" -f null - >"$out/decode.txt" 2>&1 ||
+            fail "$file does not decode: $(cat "$out/decode.txt")"
+    done
+    grep -q "^session $session: frames=[1-9]" "$out/playengine.log" ||
+        fail "the play engine read no frame of session $session"
+done
+
+snap="$out/snapshot-session0.png"
+[ -s "$snap" ] || fail "no snapshot"
+size=$(ffprobe -v error -show_entries stream=width,height -of csv=p=0 "$snap")
+[ "$size" = "320,240" ] || fail "the snapshot is not a 320x240 image: '$size'"
+ffmpeg -nostdin -v error -xerror -i "$snap" -f null - >"$out/decode.txt" 2>&1 ||
+    fail "the snapshot does not decode: $(cat "$out/decode.txt")"
+
+rm -rf "$out"
+echo "PASSED"
