@@ -1,6 +1,7 @@
 // The samples of one track's open chunk, copied out of the caller's buffers until the chunk
-// is written. Sample bytes sit back to back in one reusable block, so a recording allocates
-// only while the block grows to its largest chunk, never per sample.
+// is written: the bytes exactly as they will sit in mdat (H.264 length prefixes included),
+// back to back in one reusable block. A recording allocates only while the block grows to
+// its largest chunk, never per sample, and a chunk reaches the file in one write.
 // Owned and used by one track on the writer's thread.
 #ifndef TAVO_MP4WRITER_CHUNK_SAMPLE_BUFFER_H
 #define TAVO_MP4WRITER_CHUNK_SAMPLE_BUFFER_H
@@ -11,33 +12,26 @@
 
 class ChunkSampleBuffer {
 public:
-    void append(const uint8_t* data, uint32_t length) {
+    void append(const uint8_t* prefix, size_t prefixSize, const uint8_t* data, uint32_t length) {
+        mBytes.insert(mBytes.end(), prefix, prefix + prefixSize);
         mBytes.insert(mBytes.end(), data, data + length);
-        mLengths.push_back(length);
+        ++mSampleCount;
     }
 
     // Keeps the capacity for the next chunk.
     void clear() {
         mBytes.clear();
-        mLengths.clear();
+        mSampleCount = 0;
     }
 
-    bool empty() const { return mLengths.empty(); }
-    uint32_t sampleCount() const { return static_cast<uint32_t>(mLengths.size()); }
-
-    // Calls visit(data, length) for every sample in arrival order.
-    template <typename Visitor>
-    void forEachSample(Visitor visit) const {
-        const uint8_t* data = mBytes.data();
-        for (uint32_t length : mLengths) {
-            visit(data, length);
-            data += length;
-        }
-    }
+    bool empty() const { return mSampleCount == 0; }
+    uint32_t sampleCount() const { return mSampleCount; }
+    const uint8_t* bytes() const { return mBytes.data(); }
+    size_t byteCount() const { return mBytes.size(); }
 
 private:
-    std::vector<uint8_t> mBytes;     // sample bytes, back to back
-    std::vector<uint32_t> mLengths;  // one entry per sample
+    std::vector<uint8_t> mBytes;
+    uint32_t mSampleCount = 0;
 };
 
 #endif  // TAVO_MP4WRITER_CHUNK_SAMPLE_BUFFER_H

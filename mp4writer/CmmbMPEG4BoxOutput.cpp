@@ -140,29 +140,25 @@ int32_t CmmbMPEG4Writer::writeSampleBytes(const uint8_t* data, uint32_t length) 
     return start;
 }
 
-int32_t CmmbMPEG4Writer::writeLengthPrefixedSampleBytes(const uint8_t* data, uint32_t length) {
-    int32_t start = mOffset;
-    uint8_t prefix[4];
-    size_t prefixSize;
+size_t CmmbMPEG4Writer::nalLengthPrefix(uint32_t length, uint8_t* prefix) const {
     if (mUseNalLengthFour) {
         prefix[0] = static_cast<uint8_t>(length >> 24);
         prefix[1] = static_cast<uint8_t>(length >> 16);
         prefix[2] = static_cast<uint8_t>(length >> 8);
         prefix[3] = static_cast<uint8_t>(length);
-        prefixSize = 4;
-    } else {
-        TAVO_ASSERT(length < 65536);
-        prefix[0] = static_cast<uint8_t>(length >> 8);
-        prefix[1] = static_cast<uint8_t>(length);
-        prefixSize = 2;
+        return 4;
     }
-    if (mFile != nullptr) {
-        fwrite(prefix, 1, prefixSize, mFile);
-        if (length > 0) {
-            fwrite(data, 1, length, mFile);
-        }
-    }
-    advanceOffset(prefixSize + length);
+    TAVO_ASSERT(length < 65536);
+    prefix[0] = static_cast<uint8_t>(length >> 8);
+    prefix[1] = static_cast<uint8_t>(length);
+    return 2;
+}
+
+int32_t CmmbMPEG4Writer::writeLengthPrefixedSampleBytes(const uint8_t* data, uint32_t length) {
+    uint8_t prefix[4];
+    size_t prefixSize = nalLengthPrefix(length, prefix);
+    int32_t start = writeSampleBytes(prefix, static_cast<uint32_t>(prefixSize));
+    writeSampleBytes(data, length);
     return start;
 }
 
@@ -176,16 +172,9 @@ int32_t CmmbMPEG4Writer::addLengthPrefixedSample(_CmmbOutBuffer* buffer) {
 
 void CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
     std::lock_guard<std::mutex> guard(mLock);
-    bool lengthPrefixed = chunk.mTrack->isAvc();
-    bool first = true;
-    chunk.mSamples->forEachSample([&](const uint8_t* data, uint32_t length) {
-        int32_t offset = lengthPrefixed ? writeLengthPrefixedSampleBytes(data, length)
-                                        : writeSampleBytes(data, length);
-        if (first) {
-            chunk.mTrack->addChunkOffset(offset);
-            first = false;
-        }
-    });
+    int32_t offset = writeSampleBytes(chunk.mSamples->bytes(),
+                                      static_cast<uint32_t>(chunk.mSamples->byteCount()));
+    chunk.mTrack->addChunkOffset(offset);
 }
 
 void CmmbMPEG4Writer::lock() {

@@ -31,7 +31,7 @@ public:
     class Track;
 
     // A closed chunk of one track, handed to writeOneChunk: the samples are copies held by
-    // the track until the chunk is written.
+    // the track, already in their mdat form, until the chunk is written.
     struct Chunk {
         Track* mTrack;
         int64_t mTimeStampTicks;  // relative time at which the chunk closed (not written)
@@ -104,6 +104,8 @@ private:
     size_t writeRaw(const void* data, size_t size);
     int32_t writeSampleBytes(const uint8_t* data, uint32_t length);
     int32_t writeLengthPrefixedSampleBytes(const uint8_t* data, uint32_t length);
+    // Fills `prefix` with the H.264 length prefix of a NAL unit; returns its size (4 or 2).
+    size_t nalLengthPrefix(uint32_t length, uint8_t* prefix) const;
     // Overwrites bytes at an earlier position and returns to the end of the file.
     void patchAt(int32_t position, const void* bytes, size_t size);
     void advanceOffset(size_t count);
@@ -155,7 +157,6 @@ public:
     int CmmbOutWrite(_CmmbOutBuffer* buffer);
     int stop();
     bool reachedEOS() const { return mReachedEOS; }
-    bool isAvc() const { return mIsAvc; }  // samples carry H.264 length prefixes in mdat
     // The track duration in input ticks (the name is historic).
     int64_t getDurationUs() const { return mTrackDurationTicks; }
     int64_t getEstimatedTrackSizeBytes() const { return mEstimatedTrackSizeBytes; }

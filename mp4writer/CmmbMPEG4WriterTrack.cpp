@@ -245,7 +245,9 @@ void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
         return;
     }
 
-    mChunkSamples.append(data, length);
+    uint8_t prefix[4];
+    size_t prefixSize = mIsAvc ? mWriter->nalLengthPrefix(length, prefix) : 0;
+    mChunkSamples.append(prefix, prefixSize, data, length);
     uint32_t interleaveTicks = mWriter->mInterleaveDuration;
     if (interleaveTicks == 0) {
         ++mNumChunks;
