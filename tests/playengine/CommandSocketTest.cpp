@@ -238,3 +238,24 @@ TEST(CommandSocketServer, DeinitWithAConnectedClientReturnsPromptlyAndInitServes
         EXPECT_EQ(0, engine->deinit());
     });
 }
+
+TEST(CommandSocketServer, RunsWithoutAServerWhenTheSocketPathCannotBeBound) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        // A directory at the socket path can be neither removed nor bound over.
+        ASSERT_EQ(0, mkdir(serverPath(root).c_str(), 0755));
+        RecordingCallback callback;
+        TavoMBBMSEngine* engine = startEngine(&callback);
+        ASSERT_TRUE(waitForLog(root, "bind server socket error"));
+
+        int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR, 0644);
+        ASSERT_GE(file, 0);
+        EXPECT_EQ(0, engine->captureImage(0, file));
+        EXPECT_EQ(1, callback.count("onEvent(162, 0)"));
+        close(file);
+
+        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(1, root.countLog("No need to call shutdown() due to mSocket == -1"));
+        EXPECT_EQ(1, root.countLog("Wait mThreadCommand exit...Done"));
+    });
+}

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,6 +150,22 @@ TEST(ImageCapture, ChecksTheFileSystemThatHoldsTheFile) {
         EXPECT_EQ(0, setup.engine->deinit());
         umount(tight.c_str());
         umount(roomy.c_str());
+    });
+}
+
+TEST(ImageCapture, APlayEngineThatStoppedReadingFailsTheSnapshotWithoutHarm) {
+    EXPECT_IN_CHILD({
+        CaptureSetup setup;
+        setup.start();
+        // The play engine stops reading but keeps its connection: the engine's send meets a
+        // broken pipe, which must neither raise SIGPIPE nor leave the snapshot pending.
+        ASSERT_EQ(0, shutdown(setup.client.fd(), SHUT_RD));
+        int file = setup.openSnapshotFile(setup.root.path());
+        EXPECT_EQ(0, setup.engine->captureImage(0, file));
+        EXPECT_EQ(1, setup.callback.count("onEvent(162, 0)"));
+        EXPECT_FALSE(setup.engine->isCapturing(0));
+        EXPECT_TRUE(setup.root.logContains(">>>>> sendmsg cmd=capture (session=0)"));
+        close(file);
     });
 }
 
