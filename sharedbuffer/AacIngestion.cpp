@@ -56,7 +56,8 @@ bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
 
     unsigned char* header = buffer->data + record.offset;
     writeAdtsHeader(header, frameLength);
-    memcpy(header + CMMB_ADTS_HEADER_SIZE, data, length);
+    if (length > 0)
+        memcpy(header + CMMB_ADTS_HEADER_SIZE, data, length);
     buffer->aacCount += 1;
     return true;
 }

@@ -89,7 +89,8 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
         return false;
     }
 
-    memcpy(buffer->data + buffer->dataLength, bytes, count);
+    if (count > 0)
+        memcpy(buffer->data + buffer->dataLength, bytes, count);
     record.length += count;
     buffer->dataLength += count;
     record.pos = static_cast<uint32_t>(pos);
