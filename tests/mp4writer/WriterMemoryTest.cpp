@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <string>
 
 #include "WriterHarness.h"
 
@@ -97,6 +98,8 @@ TEST(WriterMemoryTest, TwoHourRecordingKeepsItsTablesInAFewMegabytesWithoutPerSa
         }
     }
     gStats.counting = false;
+    RecordProperty("peakLiveBytes", std::to_string(gStats.peakLiveBytes));
+    RecordProperty("allocations", std::to_string(gStats.allocations));
 
     EXPECT_LT(gStats.peakLiveBytes, 4LL * 1024 * 1024) << "tables of two hours";
     EXPECT_LT(gStats.allocations, 200u) << (videoSamples + audioSamples) << " samples";
