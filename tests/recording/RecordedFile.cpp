@@ -1,7 +1,10 @@
 #include "RecordedFile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <sstream>
@@ -78,4 +81,38 @@ double probeStreamDuration(const std::string& path, int stream) {
 
 bool fileHasMoov(const std::string& path) {
     return readTextFile(path).find("moov") != std::string::npos;
+}
+
+std::vector<std::string> topLevelBoxes(const std::string& path) {
+    std::vector<std::string> boxes;
+    int fd = open(path.c_str(), O_RDONLY);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0) {
+        if (fd >= 0)
+            close(fd);
+        return boxes;
+    }
+    long long offset = 0;
+    while (offset < status.st_size) {
+        unsigned char header[16];
+        long long size = 0;
+        if (pread(fd, header, 8, offset) == 8) {
+            size = (static_cast<long long>(header[0]) << 24) | (header[1] << 16) |
+                   (header[2] << 8) | header[3];
+            if (size == 1 && pread(fd, header + 8, 8, offset + 8) == 8) {
+                size = 0;
+                for (int i = 8; i < 16; ++i)
+                    size = (size << 8) | header[i];
+            }
+        }
+        if (size < 8 || offset + size > status.st_size) {
+            boxes.push_back("truncated@" + std::to_string(offset));
+            break;
+        }
+        boxes.push_back(std::string(reinterpret_cast<char*>(header) + 4, 4) + "@" +
+                        std::to_string(offset) + "+" + std::to_string(size));
+        offset += size;
+    }
+    close(fd);
+    return boxes;
 }

@@ -21,6 +21,10 @@ std::string decodeMessages(const std::string& path, int* status);
 std::vector<ProbedPacket> probePackets(const std::string& path);
 // A stream's duration in seconds as ffprobe reports it; negative when unknown.
 double probeStreamDuration(const std::string& path, int stream);
+// The top-level boxes of an ISO base media file as "type@offset+size", walked by their
+// headers only (large sizes included); a header that runs past the end is listed as
+// "truncated@offset".
+std::vector<std::string> topLevelBoxes(const std::string& path);
 // Whether the file holds the four bytes "moov" anywhere.
 bool fileHasMoov(const std::string& path);
 
