@@ -3,9 +3,10 @@
 //
 // Threads: startCommandThread and stopCommandThread run under mLock (init, deinit and a
 // failed init's roll-back). The command thread alone creates, accepts, receives from and
-// closes the sockets; it owns the listening socket (published in mSocket so that
-// stopCommandThread can shut it down) and the client connection (published in mFdCommand so
-// that commands can be written to it from any thread).
+// closes the client connection (published in mFdCommand so that commands can be written to
+// it from any thread). It creates the listening socket and publishes it in mSocket; whoever
+// takes it out of mSocket closes it: the thread when its loop ends on its own, or
+// stopCommandThread, which shuts it down to wake the thread and closes it after the join.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -30,7 +31,7 @@ const int kListenBacklog = 1;
 
 // Poll set of the server: entry 0 is the listening socket, entry 1 the client or -1.
 class ServerPollSet {
-  public:
+public:
     explicit ServerPollSet(int listeningFd) : mEntries{}, mCount(1) {
         mEntries[0].fd = listeningFd;
         mEntries[0].events = POLLRDNORM;
@@ -62,7 +63,7 @@ class ServerPollSet {
         mCount = 1;
     }
 
-  private:
+private:
     pollfd mEntries[2];
     nfds_t mCount;  // entries polled: 1 without a client, 2 with one
 };
@@ -115,7 +116,10 @@ int TavoMBBMSEngineImpl::startCommandThread() {
 
 int TavoMBBMSEngineImpl::stopCommandThread() {
     TLOG(ENGINE, "%s()", "stopCommandThread");
-    int listening = mSocket.load();
+    // Taking the descriptor out of mSocket makes this function its closer: the thread, when
+    // its loop ends, closes only a descriptor it still finds there. So the shutdown below can
+    // never reach a descriptor number the thread has closed and something else reused.
+    int listening = mSocket.exchange(-1);
     if (listening != -1) {
         TLOG(CMD_PATH, "Calling shutdown()");
         int result = shutdown(listening, SHUT_RDWR);
@@ -133,6 +137,8 @@ int TavoMBBMSEngineImpl::stopCommandThread() {
         pthread_join(mThreadCommand, nullptr);
         mCommandThreadRunning = false;
     }
+    if (listening != -1)
+        close(listening);  // the thread has stopped using it
     TLOG(CMD_PATH, "Wait mThreadCommand exit...Done");
     return 0;
 }
@@ -263,8 +269,10 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         }
     }
 
-    close(listening);
-    mSocket.store(-1);
+    // Closed here unless stopCommandThread has already taken it over (it closes it after the
+    // join).
+    if (mSocket.exchange(-1) == listening)
+        close(listening);
     // The client goes with the server: a play engine sees its connection end and can come
     // back to the next server, and no descriptor outlives the thread that owns it.
     if (pollSet.hasClient())
