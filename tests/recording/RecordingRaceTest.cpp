@@ -46,6 +46,52 @@ TEST(RecordingRace, StopAndRestartWhileFramesArriveNeverLosesARecorderUnderAFram
         running.store(false);
         agentThread.join();
         EXPECT_GT(completed, 0);
+        // Every recording ended because it was asked to, never for a failure of its own.
+        EXPECT_EQ(0, rig.app().count("onEvent("));
+        EXPECT_EQ(0, rig.root().countLog("no recorder!!"));
+    });
+}
+
+// While a multiplex frame is in progress, a stop or a replacing start waits for its end.
+TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig("ERROR,WARNING");
+        rig.startService();
+        ClipFeed feed;
+        int fd = rig.createOutput("first.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        close(fd);
+        rig.play(feed.nextSecond());
+
+        for (bool replace : {true, false}) {
+            MBBMSAgentCallback* agent = rig.agent().callback();
+            const unsigned char raw[4] = {0};
+            agent->onOutputAVStart(5, raw, sizeof(raw));
+
+            std::atomic<bool> returned{false};
+            int result = -2;
+            std::thread application([&] {
+                if (replace) {
+                    int next = rig.createOutput("second.3gp");
+                    result = rig.engine().startRecording(0, next);
+                    close(next);
+                } else {
+                    result = rig.engine().stopRecording(0);
+                }
+                returned.store(true);
+            });
+            usleep(200 * 1000);
+            EXPECT_FALSE(returned.load())
+                << (replace ? "start" : "stop") << " returned while a frame was in progress";
+            agent->onOutputAVEnd(5, false);
+            application.join();
+            EXPECT_EQ(0, result);
+            rig.play(feed.nextSecond());
+        }
+        EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
+        int status = -1;
+        EXPECT_EQ("", probeMessages(rig.outputPath("first.3gp"), &status));
+        EXPECT_EQ("", probeMessages(rig.outputPath("second.3gp"), &status));
     });
 }
 
