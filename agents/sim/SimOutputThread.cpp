@@ -103,15 +103,15 @@ void SimOutputThread::run() {
             mWake.wait(lock);
             continue;
         }
-        if (Clock::now() < next->due) {
-            mWake.wait_until(lock, next->due);
+        const Clock::time_point due = next->due;
+        if (Clock::now() < due) {
+            mWake.wait_until(lock, due);
             continue;  // a channel may have come or gone meanwhile
         }
 
         // Emit a copy without the lock, then store its new position if the channel is
         // still there.
         SimChannel channel = next->channel;
-        Clock::time_point due = next->due;
         MBBMSAgentCallback* callback = mCallback;
         lock.unlock();
         mEmitter.emitNextSecond(callback, &channel);

@@ -41,8 +41,9 @@ void SimTaskThread::run() {
             continue;
         }
         auto first = mTasks.begin();
-        if (Clock::now() < first->first) {
-            mWake.wait_until(lock, first->first);
+        const Clock::time_point due = first->first;  // the node may go while we wait
+        if (Clock::now() < due) {
+            mWake.wait_until(lock, due);
             continue;
         }
         Task task = std::move(first->second);

@@ -121,7 +121,8 @@ void readTrack(const std::string& bytes, const Box& trak, Mp4Track* track, bool*
     const Box* minf = find(inMdia, "minf");
     if (minf == nullptr)
         return;
-    const Box* stbl = find(children(bytes, minf->payload, minf->end, ok), "stbl");
+    std::vector<Box> inMinf = children(bytes, minf->payload, minf->end, ok);
+    const Box* stbl = find(inMinf, "stbl");
     if (stbl == nullptr)
         return;
     std::vector<Box> inStbl = children(bytes, stbl->payload, stbl->end, ok);
