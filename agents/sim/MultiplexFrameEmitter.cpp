@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr uint32_t kPicturesPerSecond = 25;
-
 void putBig16(uint8_t* at, uint32_t value) {
     at[0] = static_cast<uint8_t>(value >> 8);
     at[1] = static_cast<uint8_t>(value);
@@ -65,18 +63,30 @@ bool MultiplexFrameEmitter::fitsOneBuffer(const Totals& totals) {
            totals.nalUnits <= kRecordLimit && totals.audioFrames <= kRecordLimit;
 }
 
+MultiplexFrameEmitter::Span MultiplexFrameEmitter::partOf(const Span& whole, uint32_t parts,
+                                                          uint32_t index) {
+    Span part;
+    part.firstPicture = whole.firstPicture + kPicturesPerSecond * index / parts;
+    part.endPicture = whole.firstPicture + kPicturesPerSecond * (index + 1) / parts;
+    part.firstAudio = firstAudioFrameAt(part.firstPicture * kTicksPerPicture);
+    part.endAudio = firstAudioFrameAt(part.endPicture * kTicksPerPicture);
+    return part;
+}
+
 void MultiplexFrameEmitter::emitNextSecond(MBBMSAgentCallback* callback, SimChannel* channel) {
-    Span whole = secondSpan(channel->secondsDelivered);
-    if (fitsOneBuffer(measure(*channel, whole))) {
-        emitFrame(callback, channel, whole);
-    } else {
-        // Two multiplex frames: the first half of the pictures with the audio that starts
-        // before the first picture of the second half, then the rest.
-        uint64_t splitPicture = whole.firstPicture + kPicturesPerSecond / 2 + 1;
-        uint64_t splitAudio = firstAudioFrameAt(splitPicture * kTicksPerPicture);
-        emitFrame(callback, channel,
-                  {whole.firstPicture, splitPicture, whole.firstAudio, splitAudio});
-        emitFrame(callback, channel, {splitPicture, whole.endPicture, splitAudio, whole.endAudio});
+    const Span whole = secondSpan(channel->secondsDelivered);
+    // The fewest multiplex frames that each fit; one picture per frame at most.
+    uint32_t parts = 1;
+    for (; parts < kPicturesPerSecond; ++parts) {
+        bool allFit = true;
+        for (uint32_t index = 0; index < parts && allFit; ++index) {
+            allFit = fitsOneBuffer(measure(*channel, partOf(whole, parts, index)));
+        }
+        if (allFit)
+            break;
+    }
+    for (uint32_t index = 0; index < parts; ++index) {
+        emitFrame(callback, channel, partOf(whole, parts, index));
     }
     channel->secondsDelivered += 1;
 }

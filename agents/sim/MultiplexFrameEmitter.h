@@ -11,7 +11,8 @@
 //
 // A second normally travels in one multiplex frame. When it would not fit the engine's
 // shared buffer (65,534 payload bytes, 256 NAL units, 256 AAC frames) it is split into
-// two, each carrying about half of the pictures and the audio of the same time span.
+// the fewest frames that fit, each carrying an equal share of the pictures and the audio
+// of the same time span (at most 25 frames of one picture each).
 //
 // Used by the output thread only; allocates nothing after construction.
 #ifndef TAVO_SIM_MULTIPLEX_FRAME_EMITTER_H
@@ -31,6 +32,7 @@ public:
     static constexpr size_t kRecordLimit = 256;     // NAL and AAC records per buffer
     static constexpr size_t kAdtsHeaderLength = 7;  // added by the engine to every AAC frame
     static constexpr uint32_t kTicksPerSecond = 22500;
+    static constexpr uint32_t kPicturesPerSecond = 25;
     static constexpr uint32_t kTicksPerPicture = 900;
     static constexpr uint32_t kTicksPerAudioFrame = 960;
     static constexpr size_t kHeaderLength = 32;
@@ -52,6 +54,8 @@ private:
     };
 
     static Span secondSpan(uint32_t second);
+    // Part `index` of `parts` equal shares of a second.
+    static Span partOf(const Span& whole, uint32_t parts, uint32_t index);
     static Totals measure(const SimChannel& channel, const Span& span);
     static bool fitsOneBuffer(const Totals& totals);
     void emitFrame(MBBMSAgentCallback* callback, SimChannel* channel, const Span& span);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -465,6 +466,54 @@ TEST_F(SimAgentTest, ChannelsDeliverTheirContentInSeparateWellFormedFrames) {
     initAgent();                                         // and the agent starts again
     ASSERT_EQ(0, startService(33, 301, &news));
     ASSERT_TRUE(mCallback.waitForFrames({news}, 1));
+}
+
+TEST_F(SimAgentTest, SecondsTooLargeForOneBufferAreSplitIntoFramesThatFit) {
+    if (system("command -v ffmpeg >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "ffmpeg is not installed";
+    // Two seconds of service 101 at about 1.2 Mbit/s: well over 65,534 bytes per second.
+    std::string dir = mRoot.path() + "/heavy";
+    std::string make =
+        "mkdir -p " + dir +
+        " && ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25:duration=2 "
+        "-c:v libx264 -profile:v baseline -pix_fmt yuv420p -b:v 1200k -minrate 1200k -maxrate "
+        "1200k "
+        "-bufsize 600k -x264-params keyint=25:min-keyint=25:scenecut=0:repeat-headers=1 -f h264 " +
+        dir +
+        "/101.h264 && ffmpeg -nostdin -v error -y -f lavfi -i "
+        "sine=frequency=440:sample_rate=24000:duration=2 "
+        "-c:a aac -ac 2 -b:a 32k -f adts " +
+        dir + "/101.aac";
+    ASSERT_EQ(0, system(make.c_str()));
+    mRoot.setProperty("persist.tavo.sim.content", dir);
+    // The agent reads its properties when it is created: make a new one.
+    mDestroy(mAgent);
+    mAgent = reinterpret_cast<CreateAgentFunc>(dlsym(mLibrary, "createAgent"))();
+    initAgent();
+
+    int channel = -1;
+    ASSERT_EQ(0, startService(13, 101, &channel));
+    ASSERT_TRUE(mCallback.waitForFrames({channel}, 6));  // three seconds
+    ASSERT_EQ(0, mAgent->deinit());
+
+    std::vector<std::string> violations = mCallback.violations();
+    EXPECT_TRUE(violations.empty()) << violations.front();  // each frame within the buffer
+    ChannelStream stream = mCallback.stream(channel);
+    int pictures = 0;
+    for (const MediaBytes& nal : stream.nalUnits)
+        pictures += nalUnitType(nal) == 1 || nalUnitType(nal) == 5;
+    EXPECT_GT(stream.frames, pictures / 25) << "more multiplex frames than seconds";
+    std::vector<MediaBytes> sourceNals;
+    for (const H264Picture& picture : readAnnexBPictures(dir + "/101.h264")) {
+        sourceNals.insert(sourceNals.end(), picture.nalUnits.begin(), picture.nalUnits.end());
+    }
+    ASSERT_GE(stream.nalUnits.size(), sourceNals.size());
+    for (size_t i = 0; i < stream.nalUnits.size(); ++i) {
+        ASSERT_EQ(sourceNals[i % sourceNals.size()], stream.nalUnits[i]) << "NAL unit " << i;
+    }
+    for (size_t i = 1; i < stream.aacTimes.size(); ++i) {
+        ASSERT_EQ(960u, stream.aacTimes[i] - stream.aacTimes[i - 1]) << "AAC " << i;
+    }
 }
 
 }  // namespace
