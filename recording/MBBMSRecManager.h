@@ -28,7 +28,7 @@ class MBBMSRecManager {
   public:
     enum { SESSION_COUNT = 2 };
     // dataRecording's result when it is given no recorder.
-    static const int NO_RECORDER = INT32_MIN;
+    static constexpr int NO_RECORDER = INT32_MIN;
 
     static MBBMSRecManager* getInstance();
 

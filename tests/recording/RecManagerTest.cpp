@@ -3,44 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "AndroidLog.h"
 #include "CmmbFrameCopy.h"
 #include "LogMask.h"
-#include "LogSink.h"
 #include "MBBMSRecManager.h"
 #include "SampleCapture.h"
 
 namespace {
 
 const uint8_t kSps = 0x67, kPps = 0x68, kIdr = 0x65, kSlice = 0x41, kSei = 0x06;
-
-class CapturedLog {
-public:
-    CapturedLog() { tavo_log_set_sink(&CapturedLog::receive, this); }
-    ~CapturedLog() { tavo_log_set_sink(nullptr, nullptr); }
-
-    int count(const std::string& text) {
-        std::lock_guard<std::mutex> guard(mLock);
-        int n = 0;
-        for (const std::string& line : mLines)
-            n += line.find(text) != std::string::npos;
-        return n;
-    }
-
-private:
-    static void receive(void* context, int, const char* tag, const char* message) {
-        CapturedLog* self = static_cast<CapturedLog*>(context);
-        std::lock_guard<std::mutex> guard(self->mLock);
-        self->mLines.push_back(std::string(tag) + ": " + message);
-    }
-
-    std::mutex mLock;
-    std::vector<std::string> mLines;
-};
 
 class RecManagerFrames : public testing::Test {
 protected:

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "LogSink.h"
+
 SharedBufferImage::SharedBufferImage() : mBuffer(new CmmbSharedBuffer()) {
     memset(mBuffer.get(), 0, sizeof(CmmbSharedBuffer));
     for (CmmbNalRecord& record : mBuffer->nal)
@@ -79,4 +81,26 @@ Bytes concat(const Bytes& a, const Bytes& b) {
     Bytes joined(a);
     joined.insert(joined.end(), b.begin(), b.end());
     return joined;
+}
+
+CapturedLog::CapturedLog() {
+    tavo_log_set_sink(&CapturedLog::receive, this);
+}
+
+CapturedLog::~CapturedLog() {
+    tavo_log_set_sink(nullptr, nullptr);
+}
+
+int CapturedLog::count(const std::string& text) {
+    std::lock_guard<std::mutex> guard(mLock);
+    int n = 0;
+    for (const std::string& line : mLines)
+        n += line.find(text) != std::string::npos;
+    return n;
+}
+
+void CapturedLog::receive(void* context, int priority, const char* tag, const char* message) {
+    CapturedLog* self = static_cast<CapturedLog*>(context);
+    std::lock_guard<std::mutex> guard(self->mLock);
+    self->mLines.push_back(std::to_string(priority) + " " + tag + " " + message);
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,24 @@ private:
     int mWriteouts = 0;
     int mFailAt = 0;
     int mFailure = 0;
+};
+
+// Captures the log lines written while it lives, as "<priority> <tag> <message>"
+// (priority 6 is ERROR).
+class CapturedLog {
+public:
+    CapturedLog();
+    ~CapturedLog();
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+    // Number of lines containing `text`.
+    int count(const std::string& text);
+
+private:
+    static void receive(void* context, int priority, const char* tag, const char* message);
+
+    std::mutex mLock;
+    std::vector<std::string> mLines;  // guarded by mLock
 };
 
 // Byte sequences used as H.264 units (first byte = NAL header) and AAC frames.
