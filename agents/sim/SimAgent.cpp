@@ -345,7 +345,7 @@ int SimAgent::startService(int* channelID, int freqDot, int start, int count, in
     channel.content = content;
     // Each service's broadcast clock starts at its own point in the day.
     channel.tsOrigin = static_cast<uint32_t>(service->serviceID) * kOriginTicksPerServiceID;
-    if (mOutput.hasChannel(channel.channelID) || !mOutput.addChannel(channel)) {
+    if (!mOutput.addChannel(channel)) {
         SIM_LOG(WARN, "startService: no free channel for service %d", service->serviceID);
         return -1;
     }

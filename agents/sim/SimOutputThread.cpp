@@ -69,15 +69,6 @@ bool SimOutputThread::removeChannel(int channelID) {
     return false;
 }
 
-bool SimOutputThread::hasChannel(int channelID) {
-    std::lock_guard<std::mutex> guard(mLock);
-    for (const Slot& slot : mSlots) {
-        if (slot.used && slot.channel.channelID == channelID)
-            return true;
-    }
-    return false;
-}
-
 size_t SimOutputThread::channelCount() {
     std::lock_guard<std::mutex> guard(mLock);
     size_t count = 0;

@@ -38,7 +38,6 @@ public:
     bool addChannel(const SimChannel& channel);
     // False when no running channel has that identifier.
     bool removeChannel(int channelID);
-    bool hasChannel(int channelID);
     size_t channelCount();
 
 private:

@@ -214,7 +214,7 @@ bool DemoRun::readTables() {
             if (g.serviceID == service.serviceID)
                 named.name = g.name;
         }
-        mPlans.push_back({session, named});
+        mPlans.push_back({session, named, false});
     }
     return true;
 }
@@ -289,7 +289,7 @@ bool DemoRun::startPlayEngine() {
 bool DemoRun::startServices() {
     heading("Starting TV services");
     mServicesMark = mLog.mark();
-    for (const SessionPlan& plan : mPlans) {
+    for (SessionPlan& plan : mPlans) {
         IsmaPara isma{};
         isma.serviceID = static_cast<uint16_t>(plan.service.serviceID);
         if (mEngine->startTVService(plan.session, plan.service.freqDot, plan.service.timeSlotStart,
@@ -297,6 +297,7 @@ bool DemoRun::startServices() {
                                     &isma) != 0) {
             return failed("startTVService", "session " + std::to_string(plan.session));
         }
+        plan.started = true;
         char url[64] = {};
         mEngine->getTVServiceUrl(plan.session, url);
         printf("session %d      service %d %s, %s\n", plan.session, plan.service.serviceID,
@@ -378,8 +379,9 @@ bool DemoRun::stopEverything() {
     heading("Stopping");
     bool ok = true;
     for (auto plan = mPlans.rbegin(); plan != mPlans.rend(); ++plan) {
-        if (mEngine->stopTVService(plan->session) != 0)
+        if (plan->started && mEngine->stopTVService(plan->session) != 0) {
             ok = failed("stopTVService", "refused");
+        }
     }
     if (mPlayEngine) {
         mPlayEngineStatus = mPlayEngine->stop();

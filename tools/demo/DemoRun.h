@@ -27,6 +27,7 @@ private:
     struct SessionPlan {
         int session;
         ServiceSummary service;
+        bool started;  // startTVService succeeded
     };
 
     bool prepare();
