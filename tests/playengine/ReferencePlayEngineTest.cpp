@@ -114,12 +114,12 @@ public:
         return waitForExit();
     }
     std::string log() const { return readTextFile(mLog); }
-    // The counters it printed for a session, e.g. "frames=5 nal=60 aac=48 empty=0".
+    // The counters it printed for a session, e.g. "frames=5 nal=60 aac=48 empty=0 bad_records=0".
     std::string countersOf(int session) const {
         std::smatch match;
         std::string text = log();
         std::regex line("session " + std::to_string(session) +
-                        ": (frames=\\d+ nal=\\d+ aac=\\d+ empty=\\d+) bad_records=0");
+                        ": (frames=\\d+ nal=\\d+ aac=\\d+ empty=\\d+ bad_records=\\d+)");
         return std::regex_search(text, match, line) ? match[1].str()
                                                     : "(no counters in: " + text + ")";
     }
@@ -261,9 +261,10 @@ TEST(ReferencePlayEngine, WritesStreamsThatFfmpegDecodes) {
         }
         ASSERT_EQ(0, playEngine.waitForExit()) << playEngine.log();
         EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
-        EXPECT_EQ("frames=5 nal=" + std::to_string(feed.nalUnitCount(0, 50)) + " aac=48 empty=0",
+        EXPECT_EQ("frames=5 nal=" + std::to_string(feed.nalUnitCount(0, 50)) +
+                      " aac=48 empty=0 bad_records=0",
                   playEngine.countersOf(0));
-        EXPECT_EQ("frames=0 nal=0 aac=0 empty=0", playEngine.countersOf(1));
+        EXPECT_EQ("frames=0 nal=0 aac=0 empty=0 bad_records=0", playEngine.countersOf(1));
 
         // The video is the clip's NAL units, each behind a 4-byte start code again.
         std::string video = bench.root.path() + "/session0.h264";
@@ -324,8 +325,45 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
         ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();
 
         EXPECT_EQ(0, playEngine.stop()) << playEngine.log();
-        EXPECT_EQ("frames=2 nal=" + std::to_string(feed.nalUnitCount(0, 25)) + " aac=24 empty=0",
+        EXPECT_EQ("frames=2 nal=" + std::to_string(feed.nalUnitCount(0, 25)) +
+                      " aac=24 empty=0 bad_records=0",
                   playEngine.countersOf(0));
         EXPECT_EQ(0, bench.engine->deinit());
+    });
+}
+
+TEST(ReferencePlayEngine, SkipsRecordsThatPointOutsideThePayload) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        ASSERT_TRUE(bench.start());
+        PlayEngineProcess playEngine(bench.root, {"--frames", "1"});
+        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+
+        // A frame written straight into session 0's buffer, as a faulty writer might leave it:
+        // one good NAL unit, one past the payload, one empty, and an AAC count beyond the
+        // record table.
+        CmmbSharedBuffer* buffer = bench.engine->sharedBuffer(0);
+        ASSERT_EQ(0, cmmb_sem_wait(&buffer->mutexDataAccessable));
+        const unsigned char sps[] = {0x67, 0x42, 0xC0, 0x0D, 0xD9, 0x01, 0x41, 0xFB, 0x01, 0x10};
+        memcpy(buffer->data, sps, sizeof(sps));
+        buffer->dataLength = sizeof(sps);
+        buffer->nal[0] = CmmbNalRecord{0, 0, sizeof(sps), 0, 3};
+        buffer->nal[1] = CmmbNalRecord{0, 0, 100, CMMB_PAYLOAD_SIZE - 50, 3};
+        buffer->nal[2] = CmmbNalRecord{0, 0, 0, 0, 3};
+        buffer->nalCount = 3;
+        memset(buffer->aac, 0, sizeof(buffer->aac));
+        buffer->aacCount = 1000;
+        ASSERT_EQ(0, cmmb_sem_post(&buffer->mutexDataAccessable));
+        ASSERT_EQ(0, cmmb_sem_post(&buffer->mutexDataAvailable));
+
+        ASSERT_EQ(0, playEngine.waitForExit()) << playEngine.log();
+        EXPECT_EQ(
+            "frames=1 nal=1 aac=0 empty=0 bad_records=" + std::to_string(2 + CMMB_AAC_RECORD_SLOTS),
+            playEngine.countersOf(0));
+        MediaBytes expected = {0, 0, 0, 1};
+        expected.insert(expected.end(), sps, sps + sizeof(sps));
+        EXPECT_TRUE(readMediaFile(bench.root.path() + "/session0.h264") == expected);
+        EXPECT_EQ(0u, buffer->nalCount);
+        EXPECT_EQ(0u, buffer->aacCount);
     });
 }
