@@ -1,6 +1,7 @@
 // The multiplex-frame bracket as the play engine sees it: which buffers are locked, emptied,
 // handed over and signalled, what happens when the reader does not keep up, and the
 // per-channel statistics and dump files.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -270,6 +271,41 @@ TEST(FrameHandOff, SessionStartWaitsForTheFrameInProgress) {
         bench.frameEnd(40);
         ASSERT_EQ(std::future_status::ready, start.wait_for(std::chrono::seconds(20)));
         EXPECT_EQ(0, start.get());
+    });
+}
+
+TEST(FrameHandOff, OnlyTheRecordingSessionIsRecordedAndBeforeItsBufferIsUnlocked) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench;
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        ASSERT_EQ(0, bench.startService(1, 7, 40));
+        std::string path = bench.root.path() + "/session1.3gp";
+        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_LE(0, fd);
+        ASSERT_EQ(0, bench.engine->startRecording(1, fd));
+        bench.root.clearLog();
+        playFrame(bench, 40, 2, 2);
+        playFrame(bench, 40, 1, 1);
+        EXPECT_EQ(0, bench.root.countLog("session=0, free space="));
+        EXPECT_EQ(2, bench.root.countLog("session=1, free space="));
+        // Each recording step of session 1 comes between the frame's start and the unlock
+        // of that session's buffer.
+        int recordedWhileLocked = 0;
+        bool locked = false;
+        for (const std::string& line : bench.root.logLines()) {
+            if (line.find("mutexDataAccessable(session=1)++") != std::string::npos)
+                locked = false;
+            if (line.find("[LogMask::MAIN]") != std::string::npos &&
+                line.find("session=1, channelID=40") != std::string::npos)
+                locked = true;
+            if (line.find("session=1, free space=") != std::string::npos && locked)
+                ++recordedWhileLocked;
+        }
+        EXPECT_EQ(2, recordedWhileLocked);
+        // The units played here are not decodable video, so the recording itself is empty.
+        bench.engine->stopRecording(1);
+        close(fd);
     });
 }
 
