@@ -183,14 +183,25 @@ int SimAgent::deinit() {
     return 0;
 }
 
+// Also reports the tuner's state, read under mLock. The engine asks for this at the end
+// of its init, so the lock also orders the engine's own initialisation before the
+// unsolicited reports (emergency broadcasts) of the control thread, which take it too.
 int SimAgent::getModuleInfo(ModuleInfo* info) {
     if (info == nullptr)
         return -1;
+    int freqDot;
+    size_t channels;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        freqDot = mFreqDot;
+        channels = mOutput.channelCount();
+    }
     memset(info->bytes, 0, sizeof(info->bytes));
     snprintf(reinterpret_cast<char*>(info->bytes), sizeof(info->bytes),
              "TavoSim CMMB/MBBMS broadcast simulator 1.0; %zu frequency points, %zu services; "
-             "speed %.2f",
-             SimLineup::frequencyCount(), SimLineup::serviceCount(), mSettings.speed);
+             "speed %.2f; tuned to %d, %zu channels running",
+             SimLineup::frequencyCount(), SimLineup::serviceCount(), mSettings.speed, freqDot,
+             channels);
     return 0;
 }
 
