@@ -1,8 +1,10 @@
-// The play engine dies in the middle of a broadcast and a new one takes its place: the
-// engine goes on serving both sessions without a reader, hands both buffers to the new
-// play engine, and the new one reads both sessions. Real processes throughout: the
-// engine with the broadcast simulator in this test's child process, the reference play
-// engine as a grandchild.
+// The engine with the broadcast simulator as its agent, in real processes: the engine in
+// the test's child process, the reference play engine as a grandchild.
+//
+// A play engine that dies in the middle of a broadcast and a new one that takes its
+// place: the engine goes on serving both sessions without a reader, hands both buffers to
+// the new play engine, and the new one reads both sessions. And a deinit while services
+// are running, followed by a new init that serves again.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -64,7 +66,7 @@ int startService(TavoMBBMSEngine* engine, int session, int serviceID, int slot) 
     return engine->startTVService(session, 13, slot, 4, 1, &isma);
 }
 
-TEST(PlayEngineRestart, EngineKeepsServingAndTheNewPlayEngineReadsBothSessions) {
+TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBothSessions) {
 #ifdef TAVO_E2E_EMULATED
     GTEST_SKIP() << "real-time play-engine processes are not run under emulation";
 #endif
@@ -119,6 +121,29 @@ TEST(PlayEngineRestart, EngineKeepsServingAndTheNewPlayEngineReadsBothSessions) 
         EXPECT_EQ(0, engine->stopTVService(0));
         EXPECT_EQ(0, engine->stopTVService(1));
         EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(SimulatedBroadcast, DeinitWithRunningServicesThenInitServesAgain) {
+#ifdef TAVO_E2E_EMULATED
+    GTEST_SKIP() << "real-time broadcast is not run under emulation";
+#endif
+    EXPECT_IN_CHILD({
+        TestRoot root(TAVO_SIM_AGENT_PATH);
+        root.setProperty("persist.tavo.sim.speed", "20");
+        RecordingCallback callback;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_EQ(0, engine->init(&callback, nullptr)) << "round " << round;
+            ASSERT_EQ(0, startService(engine, 0, 101, 1));
+            ASSERT_EQ(0, startService(engine, 1, 102, 5));
+            // No play engine: frames are handed over and replaced unread.
+            ASSERT_TRUE(waitForMoreFrames(root, 3)) << "round " << round;
+            ASSERT_EQ(0, engine->deinit());  // the services are left running
+        }
+        int frames = root.countLog(frameEnd(0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // four frame periods
+        EXPECT_EQ(frames, root.countLog(frameEnd(0))) << "frames after deinit";
     });
 }
 
