@@ -37,6 +37,13 @@ bool waitForLog(const TestRoot& root, const std::string& text, int n = 1) {
     return false;
 }
 
+// Ends the engine (and so its command thread, which calls the callback) before the
+// callback declared ahead of it goes away.
+struct DeinitAtScopeExit {
+    TavoMBBMSEngine* engine;
+    ~DeinitAtScopeExit() { engine->deinit(); }
+};
+
 // Engine with every log category on; must run before the first getInstance.
 TavoMBBMSEngine* startEngine(RecordingCallback* callback) {
     setenv("TAVO_LOGMASK", "all", 1);
@@ -80,7 +87,7 @@ TEST(CommandSocketServer, RefusesAnUnboundClientWithoutSendingItAnything) {
     EXPECT_IN_CHILD({
         TestRoot root;
         RecordingCallback callback;
-        startEngine(&callback);
+        DeinitAtScopeExit stop{startEngine(&callback)};
 
         PlayEngineTestClient unbound("");
         ASSERT_TRUE(unbound.connectTo(serverPath(root)));
@@ -96,7 +103,7 @@ TEST(CommandSocketServer, NewcomerDisplacesTheClientAndReceivesBothBuffers) {
     EXPECT_IN_CHILD({
         TestRoot root;
         RecordingCallback callback;
-        startEngine(&callback);
+        DeinitAtScopeExit stop{startEngine(&callback)};
 
         PlayEngineTestClient former(clientPath(root, "former"));
         ASSERT_TRUE(former.connectTo(serverPath(root)));
@@ -137,6 +144,7 @@ TEST(CommandSocketServer, ServesAClientAgainAfterItDisconnects) {
         TestRoot root;
         RecordingCallback callback;
         TavoMBBMSEngine* engine = startEngine(&callback);
+        DeinitAtScopeExit stop{engine};
 
         PlayEngineTestClient client(clientPath(root, "player"));
         ASSERT_TRUE(client.connectTo(serverPath(root)));
@@ -162,7 +170,7 @@ TEST(CommandSocketServer, BindsOverAStaleFileAtTheSocketPath) {
         TestRoot root;
         writeTextFile(serverPath(root), "left over from an earlier run");
         RecordingCallback callback;
-        startEngine(&callback);
+        DeinitAtScopeExit stop{startEngine(&callback)};
 
         PlayEngineTestClient client(clientPath(root, "player"));
         ASSERT_TRUE(client.connectTo(serverPath(root)));
@@ -175,6 +183,7 @@ TEST(CommandSocketServer, HandlesEveryIndicationForSessionZero) {
         TestRoot root;
         RecordingCallback callback;
         TavoMBBMSEngine* engine = startEngine(&callback);
+        DeinitAtScopeExit stop{engine};
         PlayEngineTestClient client(clientPath(root, "player"));
         ASSERT_TRUE(client.connectTo(serverPath(root)));
         expectSharedBuffers(client);
@@ -221,6 +230,7 @@ TEST(CommandSocketServer, DeinitWithAConnectedClientReturnsPromptlyAndInitServes
         TestRoot root;
         RecordingCallback callback;
         TavoMBBMSEngine* engine = startEngine(&callback);
+        DeinitAtScopeExit stop{engine};
         PlayEngineTestClient client(clientPath(root, "player"));
         ASSERT_TRUE(client.connectTo(serverPath(root)));
         expectSharedBuffers(client);
@@ -246,6 +256,7 @@ TEST(CommandSocketServer, RunsWithoutAServerWhenTheSocketPathCannotBeBound) {
         ASSERT_EQ(0, mkdir(serverPath(root).c_str(), 0755));
         RecordingCallback callback;
         TavoMBBMSEngine* engine = startEngine(&callback);
+        DeinitAtScopeExit stop{engine};
         ASSERT_TRUE(waitForLog(root, "bind server socket error"));
 
         int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR, 0644);

@@ -30,6 +30,12 @@ struct CaptureSetup {
     TavoMBBMSEngine* engine = nullptr;
     PlayEngineTestClient client{root.path() + "/player.sock"};
 
+    // The command thread calls `callback`: end it first.
+    ~CaptureSetup() {
+        if (engine != nullptr)
+            engine->deinit();
+    }
+
     void start() {
         engine = TavoMBBMSEngine::getInstance();
         ASSERT_EQ(0, engine->init(&callback, nullptr));
@@ -182,6 +188,10 @@ TEST(ImageCapture, RefusesOutsideAnInitialisedEngineAndUnknownSessions) {
         EXPECT_FALSE(engine->isCapturing(0));
 
         ASSERT_EQ(0, engine->init(&callback, nullptr));
+        struct DeinitAtScopeExit {
+            TavoMBBMSEngine* engine;
+            ~DeinitAtScopeExit() { engine->deinit(); }
+        } stop{engine};
         for (int session : {-1, 2, 1000}) {
             EXPECT_EQ(-1, engine->captureImage(session, file)) << session;
             EXPECT_FALSE(engine->isCapturing(session)) << session;

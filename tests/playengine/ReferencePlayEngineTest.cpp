@@ -162,6 +162,8 @@ public:
         engine = TavoMBBMSEngineImpl::getInstance();
         agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
     }
+    // The command thread calls `callback`: end it first.
+    ~Bench() { engine->deinit(); }
 
     bool start() {
         if (agent == nullptr || engine->init(&callback, nullptr) != 0)
