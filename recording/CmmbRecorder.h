@@ -34,7 +34,7 @@ struct CmmbRecorderScratch {
 };
 
 class CmmbRecorder {
-  public:
+public:
     CmmbRecorder();
     virtual ~CmmbRecorder();
     CmmbRecorder(const CmmbRecorder&) = delete;
@@ -76,7 +76,7 @@ class CmmbRecorder {
     uint32_t mBaseTimestamp;  // input time of the first SPS: timestamp 0 of the recording
     bool mWaitForIdr;         // after a resume: skip video up to the next IDR slice
 
-  private:
+private:
     // REQUIRES: mLock held.
     int startMPEG4Recording();
     // Destroys the writer and the track descriptors and resets the manager's state.

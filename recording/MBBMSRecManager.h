@@ -25,7 +25,7 @@ class CmmbRecorder;
 struct _CmmbOutBuffer;
 
 class MBBMSRecManager {
-  public:
+public:
     enum { SESSION_COUNT = 2 };
     // dataRecording's result when it is given no recorder.
     static constexpr int NO_RECORDER = INT32_MIN;
@@ -56,7 +56,7 @@ class MBBMSRecManager {
     // for the first sample it refused; the rest of the frame is then not recorded.
     int dataRecording(CmmbRecorder* recorder, unsigned char* copy);
 
-  private:
+private:
     // REQUIRES: recorder's lock held.
     int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
     int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);

@@ -44,7 +44,7 @@ long long toMiB(long long bytes) {
 // Holds frames off for the lifetime of the object, once any frame in progress has ended.
 // Without a session manager no frame can be in progress.
 class FramesHeldOff {
-  public:
+public:
     explicit FramesHeldOff(SessionManagerSlot& slot) : mManager(slot) {
         if (mManager)
             mManager->beginExclusive();
@@ -56,7 +56,7 @@ class FramesHeldOff {
     FramesHeldOff(const FramesHeldOff&) = delete;
     FramesHeldOff& operator=(const FramesHeldOff&) = delete;
 
-  private:
+private:
     SessionManagerSlot::Access mManager;
 };
 
