@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -256,6 +257,13 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
         EXPECT_TRUE(finishesOnItsOwn([&] { stopped = bench.engine->stopTVService(1); }));
         EXPECT_EQ(0, started);
         EXPECT_EQ(0, stopped);
+        // ...and taken only once: a frame in progress still keeps a start waiting.
+        bench.frameStart(40);
+        auto start = std::async(std::launch::async, [&] { return bench.startService(1, 8, 41); });
+        EXPECT_EQ(std::future_status::timeout, start.wait_for(std::chrono::milliseconds(200)));
+        bench.frameEnd(40);
+        ASSERT_EQ(std::future_status::ready, start.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(0, start.get());
     });
 }
 
@@ -342,6 +350,46 @@ TEST(FrameHandOff, StatisticsFileGetsOneLinePerFrameAndSession) {
         for (const std::string& logLine : bench.root.logLines())
             matching += std::regex_match(logLine, logFormat);
         EXPECT_EQ(4, matching);
+    });
+}
+
+// Reads the delta column of the statistics file.
+std::vector<unsigned long> deltas(const std::string& path) {
+    std::vector<unsigned long> result;
+    std::istringstream lines(readTextFile(path));
+    std::string line;
+    while (std::getline(lines, line)) {
+        size_t comma = line.find(", ");
+        if (comma != std::string::npos)
+            result.push_back(std::stoul(line.substr(comma + 2)));
+    }
+    return result;
+}
+
+long millisecondsSince(const struct timeval& then) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    return (now.tv_sec - then.tv_sec) * 1000 + (now.tv_usec - then.tv_usec) / 1000;
+}
+
+TEST(FrameHandOff, FirstFrameIsTimedFromTheChannelStartLaterOnesFromThePreviousFrame) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench;
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        usleep(600 * 1000);
+        bench.frameStart(40);
+        struct timeval beforeFirstEnd;  // the second frame is timed from after this
+        gettimeofday(&beforeFirstEnd, nullptr);
+        bench.frameEnd(40);
+        playFrame(bench, 40, 1, 1);
+        const long window = millisecondsSince(beforeFirstEnd);
+        ASSERT_EQ(0, bench.engine->stopTVService(0));
+
+        std::vector<unsigned long> measured = deltas(bench.root.resolve("/data/app/cmmb/7.time"));
+        ASSERT_EQ(2u, measured.size());
+        EXPECT_GE(measured[0], 600u);
+        EXPECT_LE(measured[1], static_cast<unsigned long>(window + 1));
     });
 }
 
