@@ -125,9 +125,6 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
 }
 
 TEST(SimulatedBroadcast, DeinitWithRunningServicesThenInitServesAgain) {
-#ifdef TAVO_E2E_EMULATED
-    GTEST_SKIP() << "real-time broadcast is not run under emulation";
-#endif
     EXPECT_IN_CHILD({
         TestRoot root(TAVO_SIM_AGENT_PATH);
         root.setProperty("persist.tavo.sim.speed", "20");
