@@ -3,6 +3,8 @@
 // sharedbuffer/ (NalIngestion, AacIngestion, FrameHandOff).
 #include "SessionManager.h"
 
+#include <errno.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -69,7 +71,7 @@ SessionManager::~SessionManager() {
 
 void SessionManager::lockSessions() {
     TLOG(SEMAPHORE, "sem_wait mutexSessionChangable ...");
-    while (sem_wait(&mutexSessionChangable) != 0) {
+    while (sem_wait(&mutexSessionChangable) != 0 && errno == EINTR) {
         // Interrupted by a signal: wait again.
     }
     TLOG(SEMAPHORE, "mutexSessionChangable--");
