@@ -37,7 +37,8 @@ SessionManager::SessionManager(TavoMBBMSEngineImpl* engine, MBBMSAgent* agent)
       mChannelCount(0),
       mEngine(engine),
       mAgent(agent),
-      mutexSessionChangable() {
+      mutexSessionChangable(),
+      mOpenFrameSlot(NO_FRAME) {
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
     int reported = mAgent != nullptr ? mAgent->getMaxSupportedSessions() : 0;
@@ -60,6 +61,7 @@ SessionManager::~SessionManager() {
     TLOG(SESSION, "SessionManager::%s()", "~SessionManager");
     // Running agent services are left alone: the engine shuts the agent down next.
     mAgent = nullptr;
+    releaseAbandonedFrame();
     for (ChannelEntry& channel : mChannel)
         closeDebugFiles(channel);
     if (sem_destroy(&mutexSessionChangable) != 0) {
@@ -67,6 +69,24 @@ SessionManager::~SessionManager() {
     } else {
         TLOG(SEMAPHORE, "sem_destroy mutexSessionChangable OK");
     }
+}
+
+void SessionManager::releaseAbandonedFrame() {
+    const int slot = mOpenFrameSlot.load();
+    if (slot == NO_FRAME)
+        return;
+    TLOG(WARNING, "frame in progress on channel slot %d is abandoned, its buffers are unlocked",
+         slot);
+    if (slot >= 0) {
+        const ChannelEntry& channel = mChannel[slot];
+        for (int s = 0; s < mMaxSessions; ++s) {
+            CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+            if (channel.refSession[s] == 1 && buffer != nullptr)
+                cmmb_sem_post(&buffer->mutexDataAccessable);
+        }
+    }
+    mOpenFrameSlot.store(NO_FRAME);
+    unlockSessions();
 }
 
 void SessionManager::lockSessions() {

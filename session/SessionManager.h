@@ -17,6 +17,7 @@
 #include <semaphore.h>
 #include <sys/time.h>
 
+#include <atomic>
 #include <cstdio>
 
 #include "MBBMSAgent.h"
@@ -79,6 +80,9 @@ private:
     void closeDebugFiles(ChannelEntry& channel);
     void lockSessions();    // waits on mutexSessionChangable, with its log lines
     void unlockSessions();  // posts mutexSessionChangable, with its log line
+    // Destructor only: unlocks the buffers of a frame bracket that deinit cut short, so that
+    // a play engine still mapping them is not left waiting.
+    void releaseAbandonedFrame();
 
     SessionEntry mSession[MAX_SESSIONS];
     ChannelEntry mChannel[MAX_CHANNELS];
@@ -88,6 +92,11 @@ private:
     TavoMBBMSEngineImpl* mEngine;  // not owned
     MBBMSAgent* mAgent;            // not owned
     sem_t mutexSessionChangable;   // process-private, initial value 1
+    // The channel slot of the frame bracket in progress, -1 for an unknown channel, NO_FRAME
+    // between frames. Written by agent threads inside the bracket; atomic so that a frame end
+    // without a start (which is ignored) and the destructor can read it.
+    enum { NO_FRAME = -2 };
+    std::atomic<int> mOpenFrameSlot;
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H

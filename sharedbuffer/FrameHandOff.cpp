@@ -24,6 +24,7 @@ int elapsedMs(const struct timeval& from, const struct timeval& to) {
 void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, int length) {
     lockSessions();  // held until onOutputAVEnd, whatever happens here
     const int c = channelIDToIndex(channelID);
+    mOpenFrameSlot = c;
     if (c < 0) {
         TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
         return;
@@ -58,9 +59,16 @@ void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, 
 }
 
 void SessionManager::onOutputAVEnd(int channelID, bool withError) {
+    if (mOpenFrameSlot.load() == NO_FRAME) {
+        // Not this manager's bracket (for example one begun before a deinit): releasing the
+        // session lock here would let two frames or sessions changes in at once.
+        TLOG(WARNING, "frame end without frame start, channelID=%d, ignored", channelID);
+        return;
+    }
     const int c = channelIDToIndex(channelID);
     if (c < 0) {
         TLOG(WARNING, "ChannelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        mOpenFrameSlot = NO_FRAME;
         unlockSessions();
         return;
     }
@@ -114,5 +122,6 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
         cmmb_sem_post(&buffer->mutexDataAvailable);
         TLOG(SEMAPHORE, "mutexDataAvailable(session=%d)++", s);
     }
+    mOpenFrameSlot = NO_FRAME;
     unlockSessions();
 }

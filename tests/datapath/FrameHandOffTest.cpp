@@ -267,6 +267,34 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
     });
 }
 
+TEST(FrameHandOff, DeinitDuringAFrameUnlocksItsBuffersAndItsLateEndIsIgnored) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench;
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        ASSERT_EQ(0, bench.startService(1, 7, 40));
+        bench.frameStart(40);
+        bench.nal(40, nalUnit(4, 0x65, 30), COMPLETE);
+        ASSERT_EQ(0, bench.engine->deinit());
+        for (int s = 0; s < 2; ++s)
+            EXPECT_EQ(1, EngineDataPath::valueOf(&bench.buffer(s)->mutexDataAccessable))
+                << "the play engine would wait for ever on buffer " << s;
+        EXPECT_EQ(1, bench.root.countLog("is abandoned, its buffers are unlocked"));
+
+        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        bench.frameEnd(40);  // the agent ends the frame it began before the deinit
+        EXPECT_EQ(1, bench.root.countLog("frame end without frame start, channelID=40, ignored"));
+        // The new session lock was not released by that end: a frame still holds starts off.
+        bench.frameStart(40);
+        auto start = std::async(std::launch::async, [&] { return bench.startService(1, 8, 41); });
+        EXPECT_EQ(std::future_status::timeout, start.wait_for(std::chrono::milliseconds(200)));
+        bench.frameEnd(40);
+        ASSERT_EQ(std::future_status::ready, start.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(0, start.get());
+    });
+}
+
 TEST(FrameHandOff, SessionStartWaitsForTheFrameInProgress) {
     EXPECT_IN_CHILD({
         EngineDataPath bench;
