@@ -6,9 +6,7 @@
 //   - an emergency message whose key equals the last one passed on is dropped;
 //   - EVENT_MBBMS_ONLY is dropped while the mode is CMMB_MODE.
 // The request completions, which also end the pending request, are with the requests.
-#include <algorithm>
 #include <cstddef>
-#include <iterator>
 
 #include "EngineLog.h"
 #include "TavoMBBMSEngineImpl.h"
@@ -80,19 +78,21 @@ void TavoMBBMSEngineImpl::onTS0Parsed(int freqDot) {
 void TavoMBBMSEngineImpl::onEmergencyMessage(EmergencyMessage& msg) {
     TLOG(ENGINE, "%s()", __func__);
     // A repeat only if all five key values are equal; the rest of the message is not read.
-    const EmergencyKey key = {{msg.msgType, msg.msgLevel, msg.networkLevel, msg.networkNumber},
-                              msg.msgID};
-    bool repeat = std::equal(std::begin(key.bytes), std::end(key.bytes),
-                             std::begin(mLastEmergencyKey.bytes)) &&
-                  key.id == mLastEmergencyKey.id;
-    if (repeat) {
+    const uint64_t key = emergencyKeyOf(msg);
+    if (key == mLastEmergencyKey.load()) {
         TLOG(WARNING, "Same emergency message received, drop it!");
         return;
     }
     TavoMBBMSEngineCallback* callback = mCallback.load();
     if (callback != nullptr)
         callback->onEmergencyMessage(msg);
-    mLastEmergencyKey = key;  // remembered also when nothing was passed on
+    mLastEmergencyKey.store(key);  // remembered also when nothing was passed on
+}
+
+uint64_t TavoMBBMSEngineImpl::emergencyKeyOf(const EmergencyMessage& msg) {
+    return static_cast<uint64_t>(msg.msgType) | static_cast<uint64_t>(msg.msgLevel) << 8 |
+           static_cast<uint64_t>(msg.networkLevel) << 16 |
+           static_cast<uint64_t>(msg.networkNumber) << 24 | static_cast<uint64_t>(msg.msgID) << 32;
 }
 
 void TavoMBBMSEngineImpl::onEvent(EventType type, int param) {

@@ -50,7 +50,7 @@ TavoMBBMSEngineImpl::TavoMBBMSEngineImpl()
       mAgentLib(nullptr),
       mIsInitialized(false),
       mTS0Reported{},
-      mLastEmergencyKey{},
+      mLastEmergencyKey(kNoEmergencyKey),
       mWorkDir{},
       mThreadCommand(),
       mCommandThreadRunning(false),
@@ -185,8 +185,7 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
 
     for (std::atomic<bool>& reported : mTS0Reported)
         reported.store(false);
-    memset(mLastEmergencyKey.bytes, 0xFF, sizeof(mLastEmergencyKey.bytes));
-    mLastEmergencyKey.id = 0xFFFF;
+    mLastEmergencyKey.store(kNoEmergencyKey);
 
     mIsInitialized.store(true);
     mPendingRequest.store(REQUEST_NONE);

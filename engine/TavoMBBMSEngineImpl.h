@@ -142,11 +142,11 @@ private:
     // Ends whatever request is pending (completion callbacks).
     void endPendingRequest();
 
-    // Deduplication key of emergency messages: bytes 0, 1, 2, 4 and the 16-bit value at 28.
-    struct EmergencyKey {
-        uint8_t bytes[4];
-        uint16_t id;
-    };
+    // Deduplication key of emergency messages: bytes 0, 1, 2 and 4 and the 16-bit value at
+    // offset 28, packed into one word so that init and the agent threads exchange it
+    // atomically. The value after init is all ones.
+    static uint64_t emergencyKeyOf(const EmergencyMessage& msg);
+    static const uint64_t kNoEmergencyKey = 0xFFFFFFFFFFFFull;
 
     // ---- Instance state ----
     // Pending MBBMS request; tested and set atomically (compare-and-swap) by the request
@@ -162,8 +162,8 @@ private:
     std::atomic<bool> mIsInitialized;
     // Per frequency point 0..47: TS0 reported since init. Agent threads; reset by init.
     std::atomic<bool> mTS0Reported[48];
-    // Agent threads; reset by init under mLock.
-    EmergencyKey mLastEmergencyKey;
+    // Key of the last emergency message passed on. Agent threads; reset by init.
+    std::atomic<uint64_t> mLastEmergencyKey;
     char mWorkDir[128];
     pthread_t mThreadCommand;
     bool mCommandThreadRunning;  // mThreadCommand holds a thread to join; guarded by mLock
