@@ -12,7 +12,12 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define TAVO_COUNT_ALLOCATIONS 0  // the sanitizers own the allocator
-#else
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TAVO_COUNT_ALLOCATIONS 0
+#endif
+#endif
+#ifndef TAVO_COUNT_ALLOCATIONS
 #define TAVO_COUNT_ALLOCATIONS 1
 #endif
 
