@@ -23,7 +23,6 @@
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
 #include "MBBMSAgent.h"
-#include "MBBMSRequest.h"
 #include "PlayEngineProtocol.h"
 #include "SessionManagerSlot.h"
 #include "TavoMBBMSEngine.h"

@@ -11,6 +11,20 @@
 
 class MBBMSAgentCallback;
 
+// Identifiers of the MBBMS interactive requests: the number of the request in progress,
+// which the engine hands to cancelMBBMSRequest.
+enum MBBMSRequest {
+    REQUEST_NONE = 0,
+    REQUEST_UPDATE_SG = 1,
+    REQUEST_INIT_GBA = 2,
+    REQUEST_AUTHORIZE_SERVICE = 3,
+    REQUEST_SUBSCRIBE_SERVICE = 4,
+    REQUEST_UNSUBSCRIBE_SERVICE = 5,
+    REQUEST_INQUIRY_ACCOUNT = 6,
+    REQUEST_UPDATE_ST = 7,
+    REQUEST_NOT_READY = 10,  // the engine is not initialised
+};
+
 class TAVO_EXPORT MBBMSAgent {
 public:
     // Position of a video fragment within a NAL unit: bit 1 = begins one (and starts with

@@ -509,7 +509,7 @@ void SimAgent::deliverGuide(uint64_t generation) {
         callback->onESGUpdated(true);
 }
 
-int SimAgent::startRequest(Request request, const char* name, RequestCompletion completion) {
+int SimAgent::startRequest(MBBMSRequest request, const char* name, RequestCompletion completion) {
     uint64_t generation;
     {
         std::lock_guard<std::mutex> guard(mLock);

@@ -64,24 +64,12 @@ private:
     // Ends a request: called on the control thread with the callback and the outcome.
     using RequestCompletion = std::function<void(MBBMSAgentCallback*, bool done)>;
 
-    // Request numbers as the engine passes them to cancelMBBMSRequest.
-    enum Request {
-        REQUEST_NONE = 0,
-        REQUEST_UPDATE_SG = 1,
-        REQUEST_INIT_GBA = 2,
-        REQUEST_AUTHORIZE_SERVICE = 3,
-        REQUEST_SUBSCRIBE_SERVICE = 4,
-        REQUEST_UNSUBSCRIBE_SERVICE = 5,
-        REQUEST_INQUIRY_ACCOUNT = 6,
-        REQUEST_UPDATE_ST = 7,
-    };
-
     bool loadContentOnce();
     const ServiceContent* contentFor(int serviceID) const;
 
     // REQUIRES: mLock held. Tunes to freqDot unless a running service needs another one.
     bool tuneForLocked(int freqDot);
-    int startRequest(Request request, const char* name, RequestCompletion completion);
+    int startRequest(MBBMSRequest request, const char* name, RequestCompletion completion);
 
     // Control-thread tasks. Each checks that the activity it belongs to is still the one
     // it was posted for (its generation) before it calls back.
@@ -116,7 +104,7 @@ private:
     uint64_t mTs0Generation = 0;
     uint64_t mEsgGeneration = 0;
     bool mUpdatingEsg = false;
-    Request mPendingRequest = REQUEST_NONE;
+    MBBMSRequest mPendingRequest = REQUEST_NONE;
     uint64_t mRequestGeneration = 0;
     RequestCompletion mRequestCompletion;
     int mNextChannelID = 0;
