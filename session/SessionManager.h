@@ -84,6 +84,10 @@ private:
     // a play engine still mapping them is not left waiting.
     void releaseAbandonedFrame();
 
+    // Guarded by mutexSessionChangable: written by start() and stop() and read by the frame
+    // bracket while they hold it; the NAL and AAC callbacks read them inside the bracket
+    // without taking it. start() reads the sessions' started flags and sets mFreqDot before
+    // taking it (frequency rule); mMaxSessions is fixed at construction.
     SessionEntry mSession[MAX_SESSIONS];
     ChannelEntry mChannel[MAX_CHANNELS];
     int mFreqDot;

@@ -3,6 +3,8 @@
 // ADTS header. Each test runs a fresh engine in a child process.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 
