@@ -2,8 +2,10 @@
 // services, the frequency rule, channel slot reuse, refusals, and the buffer reset that
 // every stop performs.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 
@@ -150,6 +152,56 @@ TEST(TVServiceControl, SessionNumbersOutsideTheAgentsRangeAreRefused) {
         EXPECT_EQ(0, bench.agent->countCalls("startService"));
         EXPECT_EQ(0, bench.root.countLog("no shared buffer for session"))
             << "stop resets only the buffers of sessions 0 and 1";
+    });
+}
+
+TEST(TVServiceControl, AgentWithMoreSessionsThanTheTablesIsClampedAndExtraSessionsGetNoData) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        setenv("TAVO_LOGMASK", "all", 1);
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
+        ASSERT_NE(nullptr, agent);
+        agent->setResult("getMaxSupportedSessions", 12);
+        ASSERT_EQ(0, engine->init(nullptr, nullptr));
+        IsmaPara isma;
+        memset(&isma, 0, sizeof(isma));
+        isma.serviceID = 7;
+        agent->setNextChannelID(40);
+        EXPECT_EQ(-1, engine->startTVService(10, 20, 0, 0, 0, &isma));
+        EXPECT_EQ(1, root.countLog("Wrong mSessionID=10"));
+        ASSERT_EQ(0, engine->startTVService(9, 20, 0, 0, 0, &isma));
+        ASSERT_EQ(0, engine->startTVService(0, 20, 0, 0, 0, &isma));
+        // Session 9 has no shared buffer: frames reach session 0 only.
+        unsigned char unit[] = {0, 0, 0, 1, 0x65, 1, 2, 3};
+        unsigned char audio[] = {9, 8, 7};
+        agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+            cb->onOutputAVStart(40, nullptr, 0);
+            cb->onClearVideoNalData(40, 0, 0, unit, sizeof(unit),
+                                    MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            cb->onClearAudioAacFrame(40, 0, 0, audio, sizeof(audio));
+            cb->onOutputAVEnd(40, false);
+        });
+        EXPECT_EQ(1, root.countLog("session=0, channelID=40, nalCount=1, aacCount=1"));
+        EXPECT_EQ(0, root.countLog("session=9, channelID=40"));
+        EXPECT_EQ(0, engine->stopTVService(9));
+        EXPECT_EQ(0, engine->stopTVService(0));
+        EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+TEST(TVServiceControl, ChannelStartsWithoutDebugFilesThatCannotBeOpened) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench;
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, rmdir(bench.root.resolve("/sdcard").c_str()));
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        EXPECT_EQ(1,
+                  bench.root.countLog("fopen " + bench.root.resolve("/sdcard//7.mfs") + " failed"));
+        bench.frameStart(40, pattern(16));
+        bench.frameEnd(40);
+        EXPECT_EQ(1, bench.root.countLog("session=0, channelID=40, nalCount=0, aacCount=0"));
+        EXPECT_EQ(0, bench.engine->stopTVService(0));
     });
 }
 
