@@ -34,7 +34,8 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
 
     PlayEngineCommandMessage command;
     memset(&command, 0, sizeof(command));
-    strncpy(command.command, cmd, sizeof(command.command));
+    // At most 32 bytes, zero padded; a text of 32 characters or more has no terminator.
+    memcpy(command.command, cmd, strnlen(cmd, sizeof(command.command)));
 
     // One control message carrying one descriptor; lives on the stack so that senders on
     // different threads never share it.
