@@ -2,28 +2,22 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <map>
 
 namespace {
 
 // Bytes between a box header and its first child, for the boxes that hold children.
 bool childOffset(const std::string& type, size_t* skip) {
-    static const char* const kPlain[] = {"moov", "trak", "mdia", "minf", "dinf", "stbl"};
-    for (const char* plain : kPlain) {
-        if (type == plain) {
-            *skip = 0;
-            return true;
-        }
-    }
-    if (type == "stsd" || type == "dref") {
-        *skip = 8;  // version/flags, entry count
-    } else if (type == "avc1" || type == "mp4v" || type == "s263") {
-        *skip = 78;  // visual sample entry fields
-    } else if (type == "mp4a") {
-        *skip = 28;  // audio sample entry fields
-    } else {
+    static const std::map<std::string, size_t> kContainers = {
+        {"moov", 0},  {"trak", 0},  {"mdia", 0},  {"minf", 0},
+        {"dinf", 0},  {"stbl", 0},  {"stsd", 8},  {"dref", 8},  // version/flags, entry count
+        {"avc1", 78}, {"mp4v", 78}, {"s263", 78},               // visual sample entry fields
+        {"mp4a", 28}};                                          // audio sample entry fields
+    auto found = kContainers.find(type);
+    if (found == kContainers.end()) {
         return false;
     }
+    *skip = found->second;
     return true;
 }
 
@@ -40,12 +34,10 @@ bool parseBoxes(const Bytes& file, size_t begin, size_t end, std::vector<Mp4Box>
             box.size = header.u64();
             box.bodyOffset += 8;
         }
-        if (box.size < box.bodyOffset - position || position + box.size > end) {
-            return false;
-        }
         size_t skip;
-        if (childOffset(box.type, &skip) &&
-            !parseBoxes(file, box.bodyOffset + skip, position + box.size, &box.children)) {
+        if (box.size < box.bodyOffset - position || position + box.size > end ||
+            (childOffset(box.type, &skip) &&
+             !parseBoxes(file, box.bodyOffset + skip, position + box.size, &box.children))) {
             return false;
         }
         out->push_back(box);
@@ -59,54 +51,24 @@ bool parseBoxes(const Bytes& file, size_t begin, size_t end, std::vector<Mp4Box>
 const Mp4Box* Mp4Box::find(const std::string& path, size_t index) const {
     size_t slash = path.find('/');
     bool last = slash == std::string::npos;
-    std::string first = path.substr(0, slash);
-    size_t wanted = last ? index : 0;
     size_t seen = 0;
     for (const Mp4Box& child : children) {
-        if (child.type != first || seen++ != wanted) {
-            continue;
+        if (child.type == path.substr(0, slash) && seen++ == (last ? index : 0)) {
+            return last ? &child : child.find(path.substr(slash + 1), index);
         }
-        return last ? &child : child.find(path.substr(slash + 1), index);
     }
     return nullptr;
 }
 
-size_t Mp4Box::count(const std::string& type) const {
-    size_t n = 0;
-    for (const Mp4Box& child : children) {
-        n += child.type == type ? 1 : 0;
-    }
-    return n;
-}
-
-uint32_t FieldReader::u8() {
-    return mPosition < mFile.size() ? mFile[mPosition++] : 0;
-}
-uint32_t FieldReader::u16() {
-    return u8() << 8 | u8();
-}
-uint32_t FieldReader::u32() {
-    return u16() << 16 | u16();
-}
-uint64_t FieldReader::u64() {
-    return static_cast<uint64_t>(u32()) << 32 | u32();
-}
-
-Bytes FieldReader::bytes(size_t count) {
-    Bytes out;
-    for (size_t i = 0; i < count; ++i) {
-        out.push_back(static_cast<uint8_t>(u8()));
+std::string FieldReader::text(size_t count) {
+    std::string out;
+    while (count-- > 0) {
+        out.push_back(static_cast<char>(u8()));
     }
     return out;
 }
 
-std::string FieldReader::text(size_t count) {
-    Bytes raw = bytes(count);
-    return std::string(raw.begin(), raw.end());
-}
-
 Mp4File::Mp4File(Bytes bytes) : mBytes(std::move(bytes)) {
-    mRoot.size = mBytes.size();
     if (!parseBoxes(mBytes, 0, mBytes.size(), &mRoot.children)) {
         mRoot.children.clear();
     }
@@ -129,60 +91,33 @@ Bytes Mp4File::body(const Mp4Box& box) const {
     return Bytes(mBytes.begin() + box.bodyOffset, mBytes.begin() + box.offset + box.size);
 }
 
-TrackTables Mp4File::tables(const Mp4Box& trak) const {
-    TrackTables t;
-    if (const Mp4Box* stts = trak.find("mdia/minf/stbl/stts")) {
-        FieldReader f = fields(*stts, 4);
-        for (uint32_t n = f.u32(); n > 0; --n) {
-            uint32_t count = f.u32();
-            t.stts.push_back({count, f.u32()});
-        }
+Table Mp4File::table(const Mp4Box& trak, const std::string& type) const {
+    Table entries;
+    const Mp4Box* box = trak.find("mdia/minf/stbl/" + type);
+    if (box == nullptr) {
+        return entries;
     }
-    if (const Mp4Box* stss = trak.find("mdia/minf/stbl/stss")) {
-        t.hasStss = true;
-        FieldReader f = fields(*stss, 4);
-        for (uint32_t n = f.u32(); n > 0; --n) {
-            t.stss.push_back(f.u32());
-        }
+    // After version/flags (and stsz's common sample size) comes the entry count.
+    FieldReader f = fields(*box, type == "stsz" ? 8 : 4);
+    uint32_t fieldsPerEntry = type == "stts" ? 2 : type == "stsc" ? 3 : 1;
+    for (uint32_t n = f.u32() * fieldsPerEntry; n > 0; --n) {
+        entries.push_back(f.u32());
     }
-    if (const Mp4Box* stsz = trak.find("mdia/minf/stbl/stsz")) {
-        FieldReader f = fields(*stsz, 8);
-        for (uint32_t n = f.u32(); n > 0; --n) {
-            t.sizes.push_back(f.u32());
-        }
-    }
-    if (const Mp4Box* stsc = trak.find("mdia/minf/stbl/stsc")) {
-        FieldReader f = fields(*stsc, 4);
-        for (uint32_t n = f.u32(); n > 0; --n) {
-            uint32_t first = f.u32();
-            uint32_t perChunk = f.u32();
-            f.u32();
-            t.stsc.push_back({first, perChunk});
-        }
-    }
-    if (const Mp4Box* stco = trak.find("mdia/minf/stbl/stco")) {
-        FieldReader f = fields(*stco, 4);
-        for (uint32_t n = f.u32(); n > 0; --n) {
-            t.chunkOffsets.push_back(f.u32());
-        }
-    }
-    return t;
+    return entries;
 }
 
 std::vector<Bytes> Mp4File::samples(const Mp4Box& trak) const {
-    TrackTables t = tables(trak);
+    Table sizes = table(trak, "stsz"), stsc = table(trak, "stsc"), offsets = table(trak, "stco");
     std::vector<Bytes> out;
     size_t sample = 0;
-    for (size_t chunk = 0; chunk < t.chunkOffsets.size(); ++chunk) {
+    for (size_t chunk = 0; chunk < offsets.size(); ++chunk) {
         uint32_t perChunk = 0;
-        for (const StscEntry& entry : t.stsc) {
-            if (entry.firstChunk <= chunk + 1) {
-                perChunk = entry.samplesPerChunk;
-            }
+        for (size_t entry = 0; entry + 1 < stsc.size(); entry += 3) {
+            perChunk = stsc[entry] <= chunk + 1 ? stsc[entry + 1] : perChunk;
         }
-        size_t position = t.chunkOffsets[chunk];
-        for (uint32_t i = 0; i < perChunk && sample < t.sizes.size(); ++i, ++sample) {
-            size_t end = std::min(position + t.sizes[sample], mBytes.size());
+        size_t position = offsets[chunk];
+        for (uint32_t i = 0; i < perChunk && sample < sizes.size(); ++i, ++sample) {
+            size_t end = std::min<size_t>(position + sizes[sample], mBytes.size());
             out.emplace_back(mBytes.begin() + position, mBytes.begin() + end);
             position = end;
         }

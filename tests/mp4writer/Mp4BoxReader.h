@@ -1,5 +1,5 @@
-// A small reader for the files the writer produces: the box tree, big-endian fields, and
-// each track's samples reassembled from its stsz/stsc/stco tables.
+// A small reader for the files the writer produces: the box tree, big-endian fields, each
+// track's sample tables and its samples located through them.
 #ifndef TAVO_TESTS_MP4WRITER_MP4_BOX_READER_H
 #define TAVO_TESTS_MP4WRITER_MP4_BOX_READER_H
 
@@ -8,6 +8,7 @@
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
+using Table = std::vector<uint32_t>;
 
 struct Mp4Box {
     std::string type;
@@ -19,50 +20,31 @@ struct Mp4Box {
     // The box at a path such as "trak/mdia/mdhd" below this one; `index` picks among the
     // siblings of the last element's type. Null when absent.
     const Mp4Box* find(const std::string& path, size_t index = 0) const;
-    size_t count(const std::string& type) const;
 };
 
-// Reads big-endian fields starting at a position of the file.
+// Reads big-endian fields from a position on; reads past the end give zeros.
 class FieldReader {
 public:
-    FieldReader(const Bytes& file, size_t position) : mFile(file), mPosition(position) {}
-    uint32_t u8();
-    uint32_t u16();
-    uint32_t u32();
-    uint64_t u64();
-    Bytes bytes(size_t count);
+    FieldReader(const Bytes& file, size_t position) : mFile(&file), mPosition(position) {}
+    uint32_t u8() { return mPosition < mFile->size() ? (*mFile)[mPosition++] : 0; }
+    uint32_t u16() {
+        uint32_t high = u8();
+        return high << 8 | u8();
+    }
+    uint32_t u32() {
+        uint32_t high = u16();
+        return high << 16 | u16();
+    }
+    uint64_t u64() {
+        uint64_t high = u32();
+        return high << 32 | u32();
+    }
     std::string text(size_t count);
     void skip(size_t count) { mPosition += count; }
-    size_t position() const { return mPosition; }
 
 private:
-    const Bytes& mFile;
+    const Bytes* mFile;
     size_t mPosition;
-};
-
-struct SttsEntry {
-    uint32_t count;
-    uint32_t delta;
-    bool operator==(const SttsEntry& other) const {
-        return count == other.count && delta == other.delta;
-    }
-};
-
-struct StscEntry {
-    uint32_t firstChunk;
-    uint32_t samplesPerChunk;
-    bool operator==(const StscEntry& other) const {
-        return firstChunk == other.firstChunk && samplesPerChunk == other.samplesPerChunk;
-    }
-};
-
-struct TrackTables {
-    std::vector<SttsEntry> stts;
-    std::vector<uint32_t> stss;
-    bool hasStss = false;
-    std::vector<uint32_t> sizes;
-    std::vector<StscEntry> stsc;
-    std::vector<uint32_t> chunkOffsets;
 };
 
 class Mp4File {
@@ -81,7 +63,10 @@ public:
     }
     Bytes body(const Mp4Box& box) const;
 
-    TrackTables tables(const Mp4Box& trak) const;
+    // The entries of one sample table of a track ("stts", "stss", "stsz", "stsc", "stco"),
+    // every field of every entry in order: stts gives count, delta, count, delta...
+    // Empty when the table is absent.
+    Table table(const Mp4Box& trak, const std::string& type) const;
     // The bytes of every sample of a track, located through its tables.
     std::vector<Bytes> samples(const Mp4Box& trak) const;
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <string>
 
@@ -12,37 +13,34 @@
 
 namespace {
 
-const long long kVideoTicksPerFrame = 900;  // 25 fps in 1/22500 s
-const long long kAudioTicksPerFrame = 960;  // 1024 samples at 24 kHz
-
-struct ToolResult {
-    int status;
-    std::string output;  // standard output and error together
-};
-
-ToolResult runTool(const std::string& command) {
-    ToolResult result{-1, ""};
+// Standard output and error of a command, trailing white space removed; `status` gets its
+// exit status.
+std::string runTool(const std::string& command, int* status = nullptr) {
+    std::string output;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) {
-        return result;
+        return "popen failed";
     }
     char block[4096];
     size_t got;
     while ((got = fread(block, 1, sizeof(block), pipe)) > 0) {
-        result.output.append(block, got);
+        output.append(block, got);
     }
-    result.status = pclose(pipe);
-    return result;
+    int exitStatus = pclose(pipe);
+    if (status != nullptr) {
+        *status = exitStatus;
+    }
+    while (!output.empty() && isspace(static_cast<unsigned char>(output.back()))) {
+        output.pop_back();
+    }
+    return output;
 }
 
-std::string trimmed(std::string text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
-        text.pop_back();
-    }
-    return text;
-}
+struct Tracks {
+    bool video, audio;
+};
 
-class RealMediaTest : public ::testing::Test {
+class RealMediaTest : public ::testing::TestWithParam<Tracks> {
 protected:
     void SetUp() override {
 #if TAVO_EMULATED
@@ -53,15 +51,22 @@ protected:
                 GTEST_SKIP() << tool << " is not installed; install ffmpeg and mediainfo";
             }
         }
-        pictures = readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
-        aacFrames = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
-        ASSERT_EQ(50u, pictures.size());
-        ASSERT_EQ(48u, aacFrames.size());
     }
 
-    // Feeds the clips the way the recording manager does: SPS and PPS once, then one
-    // sample per picture holding its slices, and raw AAC frames, in timestamp order.
-    void record(WriterHarness& harness, bool withVideo, bool withAudio) {
+    // Feeds the clips the way the recording manager does: SPS and PPS once, then one sample
+    // per picture holding its slices, and raw AAC frames, in timestamp order.
+    void record(bool withVideo, bool withAudio) {
+        std::vector<H264Picture> pictures =
+            readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
+        std::vector<MediaBytes> aacFrames = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
+        ASSERT_EQ(50u, pictures.size());
+        ASSERT_EQ(48u, aacFrames.size());
+        if (!withVideo) {
+            pictures.clear();
+        }
+        if (!withAudio) {
+            aacFrames.clear();
+        }
         if (withVideo) {
             harness.addVideo();
         }
@@ -69,15 +74,24 @@ protected:
             harness.addAudio();
         }
         ASSERT_EQ(0, harness.start());
+        bool sentParameterSet[2] = {false, false};
         size_t picture = 0, frame = 0;
-        while ((withVideo && picture < pictures.size()) ||
-               (withAudio && frame < aacFrames.size())) {
-            long long videoTime = static_cast<long long>(picture) * kVideoTicksPerFrame;
-            long long audioTime = static_cast<long long>(frame) * kAudioTicksPerFrame;
-            bool videoNext = withVideo && picture < pictures.size() &&
-                             (!withAudio || frame == aacFrames.size() || videoTime <= audioTime);
-            if (videoNext) {
-                feedPicture(harness, pictures[picture++], videoTime);
+        while (picture < pictures.size() || frame < aacFrames.size()) {
+            long long videoTime = picture * 900LL, audioTime = frame * 960LL;  // 1/22500 s
+            if (frame == aacFrames.size() ||
+                (picture < pictures.size() && videoTime <= audioTime)) {
+                Bytes slices;
+                for (const Bytes& nal : pictures[picture].nalUnits) {
+                    int type = nalUnitType(nal);
+                    if ((type == 7 || type == 8) && !sentParameterSet[type - 7]) {
+                        ASSERT_EQ(0, harness.feed(kVideoMime, videoTime, nal));
+                        sentParameterSet[type - 7] = true;
+                    } else if (type == 1 || type == 5) {
+                        slices.insert(slices.end(), nal.begin(), nal.end());
+                    }
+                }
+                ASSERT_EQ(0,
+                          harness.feed(kVideoMime, videoTime, slices, pictures[picture++].isIdr));
             } else {
                 ASSERT_EQ(0, harness.feed(kAudioMime, audioTime, aacFrames[frame++]));
             }
@@ -85,77 +99,50 @@ protected:
         ASSERT_EQ(0, harness.stop());
     }
 
-    void feedPicture(WriterHarness& harness, const H264Picture& picture, long long timestamp) {
-        Bytes slices;
-        for (const Bytes& nal : picture.nalUnits) {
-            int type = nalUnitType(nal);
-            if (type == 7 || type == 8) {
-                if (!sentParameterSets[type - 7]) {
-                    ASSERT_EQ(0, harness.feed(kVideoMime, timestamp, nal));
-                    sentParameterSets[type - 7] = true;
-                }
-            } else if (type == 1 || type == 5) {
-                slices.insert(slices.end(), nal.begin(), nal.end());
-            }
-        }
-        ASSERT_EQ(0, harness.feed(kVideoMime, timestamp, slices, picture.isIdr));
+    // ffprobe's view of one stream: "codec,duration,frames".
+    std::string probeStream(const char* selector) {
+        return runTool(std::string("/usr/bin/ffprobe -v error -count_frames -select_streams ") +
+                       selector +
+                       " -show_entries stream=codec_name,nb_read_frames,duration -of csv=p=0 '" +
+                       harness.path() + "'");
     }
 
-    // ffprobe's view of one stream: "codec,frames,duration".
-    std::string probeStream(const std::string& path, const char* selector) {
-        ToolResult probe = runTool(
-            std::string("/usr/bin/ffprobe -v error -count_frames -select_streams ") + selector +
-            " -show_entries stream=codec_name,nb_read_frames,duration -of csv=p=0 '" + path + "'");
-        EXPECT_EQ(0, probe.status) << probe.output;
-        return trimmed(probe.output);
+    std::string mediainfo(const char* inform) {
+        return runTool(std::string("/usr/bin/mediainfo --Inform='") + inform + "' '" +
+                       harness.path() + "'");
     }
 
-    void expectCleanAndComplete(const std::string& path) {
-        ToolResult probe = runTool("/usr/bin/ffprobe -v error '" + path + "'");
-        EXPECT_EQ(0, probe.status);
-        EXPECT_EQ("", probe.output) << "ffprobe complained";
-        ToolResult decode =
-            runTool("/usr/bin/ffmpeg -nostdin -v error -xerror -i '" + path + "' -f null -");
-        EXPECT_EQ(0, decode.status);
-        EXPECT_EQ("", decode.output) << "ffmpeg could not decode everything";
-    }
-
-    std::string mediainfo(const std::string& path, const char* inform) {
-        return trimmed(
-            runTool(std::string("/usr/bin/mediainfo --Inform='") + inform + "' '" + path + "'")
-                .output);
-    }
-
-    std::vector<H264Picture> pictures;
-    std::vector<MediaBytes> aacFrames;
-    bool sentParameterSets[2] = {false, false};
+    WriterHarness harness;
 };
 
-TEST_F(RealMediaTest, VideoAndAudioInTwoTracksPlayAsFed) {
-    WriterHarness harness;
-    record(harness, true, true);
-    expectCleanAndComplete(harness.path());
-    EXPECT_EQ("h264,2.000000,50", probeStream(harness.path(), "v:0"));
-    EXPECT_EQ("aac,2.048000,48", probeStream(harness.path(), "a:0"));
-    EXPECT_EQ("AVC", mediainfo(harness.path(), "Video;%Format%"));
-    EXPECT_EQ("AAC", mediainfo(harness.path(), "Audio;%Format%").substr(0, 3));
-    EXPECT_EQ("320x240", mediainfo(harness.path(), "Video;%Width%x%Height%"));
+TEST_P(RealMediaTest, RecordingReadsCleanlyDecodesCompletelyAndPlaysAsFed) {
+    ASSERT_NO_FATAL_FAILURE(record(GetParam().video, GetParam().audio));
+    int status = -1;
+    EXPECT_EQ("", runTool("/usr/bin/ffprobe -v error '" + harness.path() + "'", &status))
+        << "ffprobe complained";
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("", runTool("/usr/bin/ffmpeg -nostdin -v error -xerror -i '" + harness.path() +
+                              "' -f null -",
+                          &status))
+        << "ffmpeg could not decode everything";
+    EXPECT_EQ(0, status);
+    if (GetParam().video) {
+        EXPECT_EQ("h264,2.000000,50", probeStream("v:0"));  // 50 pictures at 25 fps
+        EXPECT_EQ("AVC", mediainfo("Video;%Format%"));
+        EXPECT_EQ("320x240", mediainfo("Video;%Width%x%Height%"));
+    }
+    if (GetParam().audio) {
+        EXPECT_EQ("aac,2.048000,48", probeStream("a:0"));  // 48 frames of 1024 at 24 kHz
+        EXPECT_EQ("AAC", mediainfo("Audio;%Format%").substr(0, 3));
+    }
 }
 
-TEST_F(RealMediaTest, VideoAloneInOneTrackPlaysAsFed) {
-    WriterHarness harness;
-    record(harness, true, false);
-    expectCleanAndComplete(harness.path());
-    EXPECT_EQ("h264,2.000000,50", probeStream(harness.path(), "v:0"));
-    EXPECT_EQ("AVC", mediainfo(harness.path(), "Video;%Format%"));
-}
-
-TEST_F(RealMediaTest, AudioAloneInOneTrackPlaysAsFed) {
-    WriterHarness harness;
-    record(harness, false, true);
-    expectCleanAndComplete(harness.path());
-    EXPECT_EQ("aac,2.048000,48", probeStream(harness.path(), "a:0"));
-    EXPECT_EQ("AAC", mediainfo(harness.path(), "Audio;%Format%").substr(0, 3));
-}
+INSTANTIATE_TEST_SUITE_P(Tracks, RealMediaTest,
+                         ::testing::Values(Tracks{true, true}, Tracks{true, false},
+                                           Tracks{false, true}),
+                         [](const ::testing::TestParamInfo<Tracks>& tracks) {
+                             return std::string(tracks.param.video ? "Video" : "") +
+                                    (tracks.param.audio ? "Audio" : "");
+                         });
 
 }  // namespace

@@ -20,104 +20,85 @@ Bytes text(const char* s, size_t n) {
     return Bytes(s, s + n);
 }
 
-TEST(TrackHeaderTest, VideoTrackDescribesAvcWithItsSizeHandlerAndParameterSets) {
+TEST(TrackHeaderTest, AvcAndAacTracksCarryTheirHeadersHandlersAndDecoderConfigurations) {
     WriterHarness harness;
-    harness.addVideo();
+    harness.addVideo();  // media time scale 22500
+    harness.addAudio();  // media time scale 24000
     uint32_t before = static_cast<uint32_t>(time(nullptr));
-    ASSERT_EQ(0, harness.start());
+    ASSERT_EQ(0, harness.start(true, true, 24000));
     ASSERT_EQ(0, harness.feedParameterSets());
-    harness.feedRun(kVideoMime, 0, 900, 3, 50, true);
+    harness.feedRun(kVideoMime, 0, 900, 4, 50, true);  // lasts 4 * 900 with the last duration
+    harness.feedRun(kAudioMime, 0, 960, 3, 50);        // 3 * 1024 at 24 kHz
     ASSERT_EQ(0, harness.stop());
     uint32_t after = static_cast<uint32_t>(time(nullptr));
     Mp4File file = harness.readFile();
-    const Mp4Box* trak = file.find("moov/trak");
-    ASSERT_NE(nullptr, trak);
+    const Mp4Box* video = file.find("moov/trak", 0);
+    const Mp4Box* audio = file.find("moov/trak", 1);
+    ASSERT_TRUE(video != nullptr && audio != nullptr);
 
-    FieldReader tkhd = file.fields(*trak->find("tkhd"));
-    EXPECT_EQ(7u, tkhd.u32());
-    uint32_t created = tkhd.u32();
-    EXPECT_TRUE(created >= before && created <= after) << "seconds since 1970: " << created;
-    tkhd.skip(4);
-    EXPECT_EQ(1u, tkhd.u32());  // track id
-    tkhd.skip(20);
-    EXPECT_EQ(0u, tkhd.u16());  // volume
-    tkhd.skip(38);
-    EXPECT_EQ(0x01400000u, tkhd.u32());
-    EXPECT_EQ(0x00F00000u, tkhd.u32());
+    const uint32_t videoMovieTicks = 4 * 900 * 24000 / 22500, audioTicks = 3 * 1024;
+    FieldReader mvhd = file.fields(*file.find("moov/mvhd"), 12);
+    EXPECT_EQ(24000u, mvhd.u32());
+    EXPECT_EQ(videoMovieTicks, mvhd.u32()) << "the longer track";
+    mvhd.skip(76);
+    EXPECT_EQ(3u, mvhd.u32());  // next track id
+    FieldReader mdhd = file.fields(*video->find("mdia/mdhd"), 12);
+    EXPECT_EQ(22500u, mdhd.u32());
+    EXPECT_EQ(4u * 900, mdhd.u32());
+    mdhd = file.fields(*audio->find("mdia/mdhd"), 12);
+    EXPECT_EQ(24000u, mdhd.u32());
+    EXPECT_EQ(audioTicks, mdhd.u32());
 
-    const Mp4Box* hdlr = trak->find("mdia/hdlr");
-    EXPECT_EQ(44u, hdlr->size);
-    EXPECT_EQ(concat({Bytes(8, 0), text("vide", 4), Bytes(12, 0), text("VideoHandle", 12)}),
-              file.body(*hdlr));
-    EXPECT_EQ(concat({{0, 0, 0, 1}, Bytes(8, 0)}), file.body(*trak->find("mdia/minf/vmhd")));
-    EXPECT_EQ(concat({{0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 12}, text("url ", 4), {0, 0, 0, 1}}),
-              file.body(*trak->find("mdia/minf/dinf/dref")));
+    for (const Mp4Box* trak : {video, audio}) {
+        bool isVideo = trak == video;
+        FieldReader tkhd = file.fields(*trak->find("tkhd"));
+        EXPECT_EQ(7u, tkhd.u32());  // version 0, enabled, in movie and preview
+        uint32_t created = tkhd.u32();
+        EXPECT_TRUE(created >= before && created <= after) << "seconds since 1970: " << created;
+        tkhd.skip(4);
+        EXPECT_EQ(isVideo ? 1u : 2u, tkhd.u32());  // track id
+        tkhd.skip(4);
+        EXPECT_EQ(isVideo ? videoMovieTicks : audioTicks, tkhd.u32());
+        tkhd.skip(12);
+        EXPECT_EQ(isVideo ? 0u : 0x0100u, tkhd.u16());  // volume
+        tkhd.skip(38);
+        EXPECT_EQ(isVideo ? 0x01400000u : 0u, tkhd.u32());  // 320 and 240 in 16.16
+        EXPECT_EQ(isVideo ? 0x00F00000u : 0u, tkhd.u32());
+        EXPECT_EQ(concat({Bytes(8, 0), text(isVideo ? "vide" : "soun", 4), Bytes(12, 0),
+                          text(isVideo ? "VideoHandle" : "SoundHandle", 12)}),
+                  file.body(*trak->find("mdia/hdlr")));
+        EXPECT_EQ(concat({{0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 12}, text("url ", 4), {0, 0, 0, 1}}),
+                  file.body(*trak->find("mdia/minf/dinf/dref")));
+    }
+    EXPECT_EQ(concat({{0, 0, 0, 1}, Bytes(8, 0)}), file.body(*video->find("mdia/minf/vmhd")));
+    EXPECT_EQ(Bytes(8, 0), file.body(*audio->find("mdia/minf/smhd")));
+    EXPECT_NE(nullptr, video->find("mdia/minf/stbl/stss"));
+    EXPECT_EQ(nullptr, audio->find("mdia/minf/stbl/stss"));
 
-    const Mp4Box* avc1 = trak->find("mdia/minf/stbl/stsd/avc1");
+    const Mp4Box* avc1 = video->find("mdia/minf/stbl/stsd/avc1");
     ASSERT_NE(nullptr, avc1);
     FieldReader entry = file.fields(*avc1, 6);
     EXPECT_EQ(0u, entry.u16());  // data-reference index
     entry.skip(16);
-    EXPECT_EQ(0x0140u, entry.u16());
-    EXPECT_EQ(0x00F0u, entry.u16());
+    EXPECT_EQ(320u, entry.u16());
+    EXPECT_EQ(240u, entry.u16());
     EXPECT_EQ(concat({{1, 0x42, 0xC0, 0x1E, 0xFF, 0xE1, 0, 9}, kTestSps, {1, 0, 4}, kTestPps}),
               file.body(*avc1->find("avcC")));
     EXPECT_EQ(Bytes({0, 1, 0, 0, 0, 1, 0, 0}), file.body(*avc1->find("pasp")));
-    EXPECT_NE(nullptr, trak->find("mdia/minf/stbl/stss"));
-}
 
-TEST(TrackHeaderTest, AudioTrackDescribesAacAt24kHzWithFixedDecoderConfiguration) {
-    WriterHarness harness;
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start());
-    harness.feedRun(kAudioMime, 0, 960, 3, 50);
-    ASSERT_EQ(0, harness.stop());
-    Mp4File file = harness.readFile();
-    const Mp4Box* trak = file.find("moov/trak");
-    ASSERT_NE(nullptr, trak);
-
-    FieldReader tkhd = file.fields(*trak->find("tkhd"), 36);
-    EXPECT_EQ(0x0100u, tkhd.u16());
-    EXPECT_EQ(concat({Bytes(8, 0), text("soun", 4), Bytes(12, 0), text("SoundHandle", 12)}),
-              file.body(*trak->find("mdia/hdlr")));
-    EXPECT_EQ(Bytes(8, 0), file.body(*trak->find("mdia/minf/smhd")));
-    EXPECT_EQ(nullptr, trak->find("mdia/minf/stbl/stss"));
-
-    const Mp4Box* mp4a = trak->find("mdia/minf/stbl/stsd/mp4a");
+    const Mp4Box* mp4a = audio->find("mdia/minf/stbl/stsd/mp4a");
     ASSERT_NE(nullptr, mp4a);
-    FieldReader entry = file.fields(*mp4a, 6);
+    entry = file.fields(*mp4a, 6);
     EXPECT_EQ(1u, entry.u16());  // data-reference index
     entry.skip(8);
-    EXPECT_EQ(2u, entry.u16());
-    EXPECT_EQ(16u, entry.u16());
+    EXPECT_EQ(2u, entry.u16());   // channels
+    EXPECT_EQ(16u, entry.u16());  // bits per sample
     entry.skip(4);
-    EXPECT_EQ(0x5DC00000u, entry.u32());
+    EXPECT_EQ(24000u << 16, entry.u32());
     const Bytes esds = {0,    0,    0,    0,    0x03, 0x19, 0,    0,    0,    0x04, 0x11,
                         0x40, 0x15, 0x00, 0x03, 0x00, 0x00, 0x01, 0x77, 0x00, 0x00, 0x01,
                         0x77, 0x00, 0x05, 0x02, 0x13, 0x10, 0x06, 0x01, 0x02};
     EXPECT_EQ(esds, file.body(*mp4a->find("esds")));
-}
-
-TEST(TrackHeaderTest, DurationsUseTheMediaAndMovieTimeScalesAndNextTrackIdFollowsTheTracks) {
-    WriterHarness harness;
-    harness.addSource(kAudioMime, 0, 0, 24000, 22500);
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start(true, true, 24000));
-    harness.feedRun(kAudioMime, 0, 22500, 2, 10);  // 45000 ticks with the last duration
-    ASSERT_EQ(0, harness.stop());
-    Mp4File file = harness.readFile();
-    ASSERT_EQ(2u, file.find("moov")->count("trak"));
-
-    FieldReader mvhd = file.fields(*file.find("moov/mvhd"), 12);
-    EXPECT_EQ(24000u, mvhd.u32());
-    EXPECT_EQ(48000u, mvhd.u32());
-    mvhd.skip(76);
-    EXPECT_EQ(3u, mvhd.u32());  // next track id
-    FieldReader mdhd = file.fields(*file.find("moov/trak")->find("mdia/mdhd"), 12);
-    EXPECT_EQ(22500u, mdhd.u32());
-    EXPECT_EQ(45000u, mdhd.u32());
-    EXPECT_EQ(48000u, file.fields(*file.find("moov/trak")->find("tkhd"), 20).u32());
-    EXPECT_EQ(2u, file.fields(*file.find("moov/trak", 1)->find("tkhd"), 12).u32());
 }
 
 TEST(TrackHeaderTest, ShortNalLengthsShowInAvcConfigurationAndSamplePrefixes) {
@@ -151,14 +132,13 @@ TEST(TrackHeaderTest, Mpeg4VideoKeepsTheBytesBeforeTheFirstVopAsDecoderConfigura
         Mp4File file = harness.readFile();
         const Mp4Box* trak = file.find("moov/trak");
         ASSERT_NE(nullptr, trak);
-        EXPECT_EQ(std::vector<uint32_t>({6, 6}), file.tables(*trak).sizes);
-        Bytes esds = file.body(*trak->find("mdia/minf/stbl/stsd/mp4v/esds"));
+        EXPECT_EQ((Table{6, 6}), file.table(*trak, "stsz"));
         Bytes expected =
             concat({{0,    0,    0, 0, 0x03, 23 + 104, 0, 0, 0x1F, 0x04, 15 + 104, 0x20, 0x11,
                      0x01, 0x77, 0, 0, 0x03, 0xE8,     0, 0, 0x03, 0xE8, 0,        0x05, 104},
                     config,
                     {0x06, 0x01, 0x02}});
-        EXPECT_EQ(expected, esds);
+        EXPECT_EQ(expected, file.body(*trak->find("mdia/minf/stbl/stsd/mp4v/esds")));
     }
 }
 
@@ -175,23 +155,23 @@ TEST(TrackHeaderTest, H263VideoGetsItsDecoderBox) {
 }
 
 TEST(TrackHeaderTest, TracksTheHeaderCannotDescribeAbandonTheMoov) {
-    struct Case {
+    const struct {
         const char* mime;
         bool malformedSps;
         const char* logged;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"video/unknown", false, "E/CmmbMPEG4Recorder: Unknown mime type 'video/unknown'."},
         {"audio/amr", false, "E/CmmbMPEG4Recorder: Unknown mime type 'audio/amr'."},
         {kVideoMime, true, "E/CmmbMPEG4Recorder: no AVC configuration"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         LogCapture log;
         WriterHarness harness;
         harness.addSource(c.mime, 320, 240, 24000, 24000);
         ASSERT_EQ(0, harness.start());
         if (c.malformedSps) {
-            EXPECT_EQ(ERROR_INVALID, harness.feed(c.mime, 0, Bytes{0x67}));
+            EXPECT_EQ(ERROR_INVALID, harness.feed(c.mime, 0, Bytes{0x67, 0x42, 0xC0}));
+            EXPECT_EQ(1, log.count("E/CmmbMPEG4Recorder: AVC SPS parse error!Give up recording!"));
             EXPECT_EQ(0, harness.feed(c.mime, 0, kTestPps));
         }
         harness.feedRun(c.mime, 0, 900, 2, 40, true);

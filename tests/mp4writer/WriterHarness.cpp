@@ -1,10 +1,9 @@
 #include "WriterHarness.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "AndroidLog.h"
 #include "LogSink.h"
@@ -15,17 +14,18 @@ const Bytes kTestSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF, 0xE5};
 const Bytes kTestPps = {0x68, 0xCE, 0x3C, 0x80};
 
 LogCapture::LogCapture() {
-    tavo_log_set_sink(&LogCapture::collect, this);
+    tavo_log_set_sink(
+        [](void* context, int prio, const char* tag, const char* message) {
+            static const char kLetters[] = "??VDIWEF?";
+            char letter = kLetters[prio >= 0 && prio <= ANDROID_LOG_SILENT ? prio : 0];
+            static_cast<LogCapture*>(context)->mLines.push_back(std::string(1, letter) + "/" + tag +
+                                                                ": " + message);
+        },
+        this);
 }
 
 LogCapture::~LogCapture() {
     tavo_log_set_sink(nullptr, nullptr);
-}
-
-void LogCapture::collect(void* context, int prio, const char* tag, const char* message) {
-    static const char kLetters[] = "??VDIWEF?";
-    std::string line(1, kLetters[prio >= 0 && prio <= ANDROID_LOG_SILENT ? prio : 0]);
-    static_cast<LogCapture*>(context)->mLines.push_back(line + "/" + tag + ": " + message);
 }
 
 int LogCapture::count(const std::string& fragment) const {
@@ -38,12 +38,10 @@ int LogCapture::count(const std::string& fragment) const {
 
 WriterHarness::WriterHarness() : mBuffer(new _CmmbOutBuffer()) {
     const char* dir = getenv("TMPDIR");
-    std::string pattern =
+    std::string name =
         std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/mp4writer-test-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    int fd = mkstemp(name.data());
-    mPath = name.data();
+    int fd = mkstemp(&name[0]);
+    mPath = name;
     mWriter.reset(new CmmbMPEG4Writer(fd));
 }
 
@@ -68,9 +66,7 @@ int WriterHarness::feed(const char* mime, long long timestamp, const Bytes& data
     mBuffer->timestamp = timestamp;
     mBuffer->length = static_cast<uint32_t>(data.size());
     mBuffer->data = mBuffer->storage;
-    if (!data.empty()) {
-        memcpy(mBuffer->storage, data.data(), data.size());
-    }
+    std::copy(data.begin(), data.end(), mBuffer->storage);
     mBuffer->isSyncFrame = sync;
     return mWriter->writeout(mBuffer.get());
 }

@@ -21,10 +21,8 @@ public:
     LogCapture();
     ~LogCapture();
     int count(const std::string& fragment) const;
-    const std::vector<std::string>& lines() const { return mLines; }
 
 private:
-    static void collect(void* context, int prio, const char* tag, const char* message);
     std::vector<std::string> mLines;
 };
 

@@ -1,6 +1,7 @@
 // Memory of a long recording: the sample tables stay compact and grow in a few steps, never
-// by one allocation per sample. Every allocation of this test program is counted while a
-// counter is active (the writer runs on the test's thread only).
+// by one allocation per sample. Every allocation of this test program is counted while
+// counting is on (the writer runs on the test's thread only); the array forms of new and
+// delete reach these replacements through their default versions.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,63 +12,35 @@
 
 namespace {
 
-struct AllocationStats {
-    bool counting = false;
-    size_t allocations = 0;
-    long long liveBytes = 0;
-    long long peakLiveBytes = 0;
-};
-AllocationStats gStats;
+bool gCounting = false;
+size_t gAllocations = 0;
+long long gLiveBytes = 0, gPeakLiveBytes = 0;
+const size_t kHeader = alignof(std::max_align_t);  // each block carries its size in front
 
-// Each block carries its size in front so that frees can be accounted.
-const size_t kHeader = alignof(std::max_align_t);
+}  // namespace
 
-void* countedAllocate(size_t size) {
+void* operator new(size_t size) {
     auto* block = static_cast<unsigned char*>(malloc(size + kHeader));
     if (block == nullptr) {
         throw std::bad_alloc();
     }
     *reinterpret_cast<size_t*>(block) = size;
-    if (gStats.counting) {
-        ++gStats.allocations;
-        gStats.liveBytes += static_cast<long long>(size);
-        if (gStats.liveBytes > gStats.peakLiveBytes) {
-            gStats.peakLiveBytes = gStats.liveBytes;
-        }
+    if (gCounting) {
+        ++gAllocations;
+        gLiveBytes += static_cast<long long>(size);
+        gPeakLiveBytes = std::max(gPeakLiveBytes, gLiveBytes);
     }
     return block + kHeader;
 }
-
-void countedFree(void* pointer) {
-    if (pointer == nullptr) {
-        return;
-    }
-    unsigned char* block = static_cast<unsigned char*>(pointer) - kHeader;
-    if (gStats.counting) {
-        gStats.liveBytes -= static_cast<long long>(*reinterpret_cast<size_t*>(block));
-    }
-    free(block);
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-    return countedAllocate(size);
-}
-void* operator new[](size_t size) {
-    return countedAllocate(size);
-}
 void operator delete(void* pointer) noexcept {
-    countedFree(pointer);
-}
-void operator delete[](void* pointer) noexcept {
-    countedFree(pointer);
+    if (pointer != nullptr) {
+        unsigned char* block = static_cast<unsigned char*>(pointer) - kHeader;
+        gLiveBytes -= gCounting ? static_cast<long long>(*reinterpret_cast<size_t*>(block)) : 0;
+        free(block);
+    }
 }
 void operator delete(void* pointer, size_t) noexcept {
-    countedFree(pointer);
-}
-void operator delete[](void* pointer, size_t) noexcept {
-    countedFree(pointer);
+    operator delete(pointer);
 }
 
 namespace {
@@ -79,35 +52,30 @@ TEST(WriterMemoryTest, TwoHourRecordingKeepsItsTablesInAFewMegabytesWithoutPerSa
     harness.addAudio();
     ASSERT_EQ(0, harness.start());
     ASSERT_EQ(0, harness.feedParameterSets());
-    const Bytes videoSample = patternBytes(24, 1);
-    const Bytes audioSample = patternBytes(12, 2);
+    const Bytes videoSample = patternBytes(24, 1), audioSample = patternBytes(12, 2);
 
-    gStats = AllocationStats();
-    gStats.counting = true;
+    gCounting = true;
     long long videoTime = 0, audioTime = 0;
-    int videoSamples = 0, audioSamples = 0;
-    while (videoTime < kTwoHoursTicks || audioTime < kTwoHoursTicks) {
+    for (int videoSamples = 0; videoTime < kTwoHoursTicks || audioTime < kTwoHoursTicks;) {
         if (videoTime <= audioTime) {
-            ASSERT_EQ(0, harness.feed(kVideoMime, videoTime, videoSample, videoSamples % 25 == 0));
-            ++videoSamples;
+            ASSERT_EQ(0,
+                      harness.feed(kVideoMime, videoTime, videoSample, videoSamples++ % 25 == 0));
             videoTime += 900;
         } else {
             ASSERT_EQ(0, harness.feed(kAudioMime, audioTime, audioSample));
-            ++audioSamples;
             audioTime += 960;
         }
     }
-    gStats.counting = false;
-    RecordProperty("peakLiveBytes", std::to_string(gStats.peakLiveBytes));
-    RecordProperty("allocations", std::to_string(gStats.allocations));
-
-    EXPECT_LT(gStats.peakLiveBytes, 4LL * 1024 * 1024) << "tables of two hours";
-    EXPECT_LT(gStats.allocations, 200u) << (videoSamples + audioSamples) << " samples";
+    gCounting = false;
+    RecordProperty("peakLiveBytes", std::to_string(gPeakLiveBytes));
+    RecordProperty("allocations", std::to_string(gAllocations));
+    EXPECT_LT(gPeakLiveBytes, 4LL * 1024 * 1024) << "tables of two hours";
+    EXPECT_LT(gAllocations, 200u) << "for 348,750 samples";
 
     ASSERT_EQ(0, harness.stop());
     Mp4File file = harness.readFile();
-    EXPECT_EQ(180000u, file.tables(*file.find("moov/trak", 0)).sizes.size());
-    EXPECT_EQ(168750u, file.tables(*file.find("moov/trak", 1)).sizes.size());
+    EXPECT_EQ(180000u, file.table(*file.find("moov/trak", 0), "stsz").size());
+    EXPECT_EQ(168750u, file.table(*file.find("moov/trak", 1), "stsz").size());
 }
 
 }  // namespace
