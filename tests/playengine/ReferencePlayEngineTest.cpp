@@ -333,39 +333,3 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
         EXPECT_EQ(0, bench.engine->deinit());
     });
 }
-
-TEST(ReferencePlayEngine, SkipsRecordsThatPointOutsideThePayload) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_TRUE(bench.start());
-        PlayEngineProcess playEngine(bench.root, {"--frames", "1"});
-        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
-
-        // A frame written straight into session 0's buffer, as a faulty writer might leave it:
-        // one good NAL unit, one past the payload, one empty, and an AAC count beyond the
-        // record table.
-        CmmbSharedBuffer* buffer = bench.engine->sharedBuffer(0);
-        ASSERT_EQ(0, cmmb_sem_wait(&buffer->mutexDataAccessable));
-        const unsigned char sps[] = {0x67, 0x42, 0xC0, 0x0D, 0xD9, 0x01, 0x41, 0xFB, 0x01, 0x10};
-        memcpy(buffer->data, sps, sizeof(sps));
-        buffer->dataLength = sizeof(sps);
-        buffer->nal[0] = CmmbNalRecord{0, 0, sizeof(sps), 0, 3};
-        buffer->nal[1] = CmmbNalRecord{0, 0, 100, CMMB_PAYLOAD_SIZE - 50, 3};
-        buffer->nal[2] = CmmbNalRecord{0, 0, 0, 0, 3};
-        buffer->nalCount = 3;
-        memset(buffer->aac, 0, sizeof(buffer->aac));
-        buffer->aacCount = 1000;
-        ASSERT_EQ(0, cmmb_sem_post(&buffer->mutexDataAccessable));
-        ASSERT_EQ(0, cmmb_sem_post(&buffer->mutexDataAvailable));
-
-        ASSERT_EQ(0, playEngine.waitForExit()) << playEngine.log();
-        EXPECT_EQ(
-            "frames=1 nal=1 aac=0 empty=0 bad_records=" + std::to_string(2 + CMMB_AAC_RECORD_SLOTS),
-            playEngine.countersOf(0));
-        MediaBytes expected = {0, 0, 0, 1};
-        expected.insert(expected.end(), sps, sps + sizeof(sps));
-        EXPECT_TRUE(readMediaFile(bench.root.path() + "/session0.h264") == expected);
-        EXPECT_EQ(0u, buffer->nalCount);
-        EXPECT_EQ(0u, buffer->aacCount);
-    });
-}
