@@ -1,19 +1,143 @@
 // The recording manager turning shared-buffer frames into recorder samples, observed through
-// a recorder that captures what it is handed.
+// a recorder that captures what it is handed, and the recorder with the real file writer.
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "CmmbFrameCopy.h"
+#include "CmmbRecorder.h"
 #include "LogMask.h"
+#include "LogSink.h"
 #include "MBBMSRecManager.h"
-#include "SampleCapture.h"
+#include "RecordingMedia.h"
+#include "TestRoot.h"
 
 namespace {
 
-const uint8_t kSps = 0x67, kPps = 0x68, kIdr = 0x65, kSlice = 0x41, kSei = 0x06;
+using Bytes = std::vector<uint8_t>;
+
+// A shared buffer as the frame hand-off leaves it: NAL units without start code, AAC frames
+// behind a 7-byte ADTS header, appended in call order.
+class SharedBufferImage {
+public:
+    SharedBufferImage() : mBuffer(new CmmbSharedBuffer()) {
+        memset(mBuffer.get(), 0, sizeof(CmmbSharedBuffer));
+        for (CmmbNalRecord& record : mBuffer->nal)
+            record.pos = CMMB_NAL_POS_NONE_OPEN;
+    }
+    SharedBufferImage& nal(uint32_t tsBase, uint32_t tsRelative, const Bytes& unit) {
+        CmmbSharedBuffer& b = *mBuffer;
+        b.nal[b.nalCount++] = {tsBase, tsRelative, static_cast<uint32_t>(unit.size()), b.dataLength,
+                               CMMB_NAL_POS_NONE_OPEN};
+        memcpy(b.data + b.dataLength, unit.data(), unit.size());
+        b.dataLength += unit.size();
+        return *this;
+    }
+    SharedBufferImage& aac(uint32_t tsBase, uint32_t tsRelative, const Bytes& raw) {
+        CmmbSharedBuffer& b = *mBuffer;
+        const uint32_t length = raw.size() + CMMB_ADTS_HEADER_SIZE;
+        b.aac[b.aacCount++] = {tsBase, tsRelative, length, b.dataLength};
+        const uint8_t header[CMMB_ADTS_HEADER_SIZE] = {
+            0xFF,
+            0xF9,
+            0x58,
+            0x80,
+            static_cast<uint8_t>(length >> 3),
+            static_cast<uint8_t>(((length & 7) << 5) | 0x1F),
+            0xFC};
+        memcpy(b.data + b.dataLength, header, sizeof(header));
+        memcpy(b.data + b.dataLength + sizeof(header), raw.data(), raw.size());
+        b.dataLength += length;
+        return *this;
+    }
+    CmmbSharedBuffer& buffer() { return *mBuffer; }
+    unsigned char* bytes() { return reinterpret_cast<unsigned char*>(mBuffer.get()); }
+
+private:
+    std::unique_ptr<CmmbSharedBuffer> mBuffer;
+};
+
+struct CapturedSample {
+    std::string mime;
+    int64_t timestamp;
+    Bytes bytes;
+    bool isSyncFrame;
+};
+
+// Captures every writeout and counts those made without LockRecorder() held.
+class CapturingRecorder : public CmmbRecorder {
+public:
+    int LockRecorder() override {
+        const int result = CmmbRecorder::LockRecorder();
+        ++lockDepth;
+        return result;
+    }
+    int UnlockRecorder() override {
+        --lockDepth;
+        return CmmbRecorder::UnlockRecorder();
+    }
+    int writeout(_CmmbOutBuffer* b) override {
+        writeoutsOutsideLock += lockDepth != 1;
+        samples.push_back(
+            {b->mime, b->timestamp, Bytes(b->data, b->data + b->length), b->isSyncFrame});
+        return 0;
+    }
+    std::vector<CapturedSample> samples;
+    int writeoutsOutsideLock = 0;
+    int lockDepth = 0;
+};
+
+// Counts the log lines written while it lives that contain a text.
+class CapturedLog {
+public:
+    CapturedLog() { tavo_log_set_sink(&CapturedLog::receive, this); }
+    ~CapturedLog() { tavo_log_set_sink(nullptr, nullptr); }
+    int count(const std::string& text) {
+        std::lock_guard<std::mutex> guard(mLock);
+        int n = 0;
+        for (const std::string& line : mLines)
+            n += line.find(text) != std::string::npos;
+        return n;
+    }
+
+private:
+    static void receive(void* context, int priority, const char* tag, const char* message) {
+        CapturedLog* self = static_cast<CapturedLog*>(context);
+        std::lock_guard<std::mutex> guard(self->mLock);
+        self->mLines.push_back(std::to_string(priority) + " " + tag + " " + message);
+    }
+    std::mutex mLock;
+    std::vector<std::string> mLines;  // guarded by mLock
+};
+
+Bytes nalUnit(uint8_t header, size_t length, uint8_t fill) {
+    Bytes unit(length, fill);
+    unit[0] = header;
+    return unit;
+}
+
+// Units joined into one record, separated by start codes of 4 and 3 bytes in turn.
+Bytes joined(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    int separator = 0;
+    for (const Bytes& part : parts) {
+        if (!out.empty()) {
+            if (separator++ % 2 == 0)
+                out.push_back(0);
+            out.insert(out.end(), {0, 0, 1});
+        }
+        out.insert(out.end(), part.begin(), part.end());
+    }
+    return out;
+}
 
 class RecManagerFrames : public testing::Test {
 protected:
@@ -22,266 +146,126 @@ protected:
         LogMask::masks[LogMask::ERROR] = LogMask::masks[LogMask::WARNING] = 1;
         LogMask::masks[LogMask::RECORD] = 1;
     }
-
     // Copies the frame out of the buffer and records it, as the engine does.
-    int record(SharedBufferImage& frame) {
+    int record(SharedBufferImage& frame, CmmbRecorder* to = nullptr) {
         manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
-        return manager.dataRecording(&recorder, copy.get());
+        return manager.dataRecording(to != nullptr ? to : &recorder, copy.get());
     }
-
-    const Bytes sps = nalUnit(kSps, 12, 0x5A);
-    const Bytes pps = nalUnit(kPps, 5, 0x3C);
-    const Bytes idr = nalUnit(kIdr, 300, 0xA7);
-    const Bytes slice = nalUnit(kSlice, 120, 0x9B);
-
-    // A first frame that gives the recorder both parameter sets at `base`.
+    // Gives the recorder both parameter sets at `base`.
     void startStream(uint32_t base) {
         SharedBufferImage frame;
-        frame.addNal(base, 0, sps);
-        frame.addNal(base, 0, pps);
-        ASSERT_EQ(0, record(frame));
+        ASSERT_EQ(0, record(frame.nal(base, 0, sps).nal(base, 0, pps)));
         recorder.samples.clear();
     }
 
+    const Bytes sps = nalUnit(0x67, 12, 0x5A);
+    const Bytes pps = nalUnit(0x68, 5, 0x3C);
+    const Bytes idr = nalUnit(0x65, 300, 0xA7);
+    const Bytes slice = nalUnit(0x41, 120, 0x9B);
     MBBMSRecManager manager;
     CapturingRecorder recorder;
     CapturedLog log;
     std::unique_ptr<unsigned char[]> copy{new unsigned char[CMMB_FRAME_COPY_MAX_SIZE]};
 };
 
-TEST_F(RecManagerFrames, SpsPpsAndIdrInOneUnitGiveTwoParameterSetsAndOneSyncSampleAtZero) {
+TEST_F(RecManagerFrames, SpsPpsAndIdrInOneRecordGiveTwoParameterSetsAndOneSyncSampleAtZero) {
     SharedBufferImage frame;
-    frame.addNal(90000, 1800, joinWithStartCodes({sps, pps, idr}, {4, 4}));
-    frame.addAac(90000, 1800, Bytes(40, 0x11));
-    ASSERT_EQ(0, record(frame));
-
-    ASSERT_EQ(4u, recorder.samples.size());
-    EXPECT_EQ("video/avc", recorder.samples[0].mime);
+    ASSERT_EQ(0, record(frame.nal(90000, 1800, joined({sps, pps, idr}))));
+    ASSERT_EQ(3u, recorder.samples.size());
     EXPECT_EQ(sps, recorder.samples[0].bytes);
-    EXPECT_EQ("video/avc", recorder.samples[1].mime);
     EXPECT_EQ(pps, recorder.samples[1].bytes);
-    EXPECT_EQ("video/avc", recorder.samples[2].mime);
     EXPECT_EQ(idr, recorder.samples[2].bytes);
+    for (const CapturedSample& sample : recorder.samples)
+        EXPECT_EQ("video/avc", sample.mime);
     EXPECT_EQ(0, recorder.samples[2].timestamp);
     EXPECT_TRUE(recorder.samples[2].isSyncFrame);
-    EXPECT_EQ("audio/mp4a-latm", recorder.samples[3].mime);
-    EXPECT_EQ(Bytes(40, 0x11), recorder.samples[3].bytes);
-    EXPECT_EQ(0, recorder.samples[3].timestamp);
     EXPECT_EQ(91800u, recorder.mBaseTimestamp);
     EXPECT_EQ(0, recorder.writeoutsOutsideLock);
     EXPECT_EQ(0, recorder.lockDepth);
 }
 
-TEST_F(RecManagerFrames, NothingIsRecordedBeforeTheFirstSpsAndLaterParameterSetsAreNotRepeated) {
+TEST_F(RecManagerFrames, NothingIsRecordedBeforeTheFirstSpsAndParameterSetsAreNotRepeated) {
     SharedBufferImage early;
-    early.addNal(1000, 0, idr);
-    early.addNal(1000, 900, pps);  // a PPS before any SPS does not count
-    early.addNal(1000, 1800, slice);
-    early.addAac(1000, 0, Bytes(30, 0x22));
+    early.nal(1000, 0, idr).nal(1000, 900, pps).nal(1000, 1800, slice).aac(1000, 0, Bytes(30, 1));
     ASSERT_EQ(0, record(early));
     EXPECT_TRUE(recorder.samples.empty());
     EXPECT_EQ(1, log.count("on SPS or PPS in this second!"));
 
     SharedBufferImage next;
-    next.addNal(23500, 0, sps);
-    next.addNal(23500, 0, pps);
-    next.addNal(23500, 0, joinWithStartCodes({nalUnit(kSei, 8, 0x33), idr}, {3}));
-    next.addNal(23500, 900, joinWithStartCodes({sps, pps, slice}, {4, 3}));
+    next.nal(23500, 0, sps).nal(23500, 0, pps).nal(23500, 0, joined({nalUnit(0x06, 8, 3), idr}));
+    next.nal(23500, 900, joined({sps, pps, slice}));
     ASSERT_EQ(0, record(next));
-
     ASSERT_EQ(4u, recorder.samples.size());
-    EXPECT_EQ(sps, recorder.samples[0].bytes);
-    EXPECT_EQ(pps, recorder.samples[1].bytes);
-    EXPECT_EQ(idr, recorder.samples[2].bytes);  // the SEI in front of it is left out
-    EXPECT_TRUE(recorder.samples[2].isSyncFrame);
-    EXPECT_EQ(slice, recorder.samples[3].bytes);  // repeated SPS and PPS are left out
+    EXPECT_EQ(idr, recorder.samples[2].bytes);    // the SEI in front of it is left out
+    EXPECT_EQ(slice, recorder.samples[3].bytes);  // the repeated SPS and PPS are left out
     EXPECT_EQ(900, recorder.samples[3].timestamp);
     EXPECT_FALSE(recorder.samples[3].isSyncFrame);
 }
 
-TEST_F(RecManagerFrames, SlicesOfOneUnitBecomeOneSampleWithoutStartCodes) {
+TEST_F(RecManagerFrames, TheSlicesOfOneRecordBecomeOneSampleWithoutStartCodes) {
     startStream(5000);
     const Bytes second = nalUnit(0x01, 77, 0x7E);
     SharedBufferImage frame;
-    frame.addNal(5000, 900, joinWithStartCodes({slice, second}, {3}));
-    frame.addNal(5000, 1800, joinWithStartCodes({slice, second, slice}, {4, 3}));
+    frame.nal(5000, 900, joined({slice, second}));
+    // 00 00 01 as the last three bytes is not a start code.
+    frame.nal(5000, 1800, joined({slice, second, Bytes{0x21, 0, 0, 1}}));
     ASSERT_EQ(0, record(frame));
-
     ASSERT_EQ(2u, recorder.samples.size());
-    EXPECT_EQ(concat(slice, second), recorder.samples[0].bytes);
+    Bytes expected = slice;
+    expected.insert(expected.end(), second.begin(), second.end());
+    EXPECT_EQ(expected, recorder.samples[0].bytes);
     EXPECT_EQ(900, recorder.samples[0].timestamp);
-    EXPECT_EQ(concat(concat(slice, second), slice), recorder.samples[1].bytes);
-    EXPECT_EQ(1800, recorder.samples[1].timestamp);
-}
-
-TEST_F(RecManagerFrames, StartCodeEndingOnTheLastByteIsPartOfTheUnit) {
-    startStream(0);
-    // 00 00 01 as the last three bytes is not taken as a start code.
-    Bytes unit = slice;
-    unit.insert(unit.end(), {0x00, 0x00, 0x01});
-    SharedBufferImage frame;
-    frame.addNal(0, 900, unit);
-    ASSERT_EQ(0, record(frame));
-    ASSERT_EQ(1u, recorder.samples.size());
-    EXPECT_EQ(unit, recorder.samples[0].bytes);
+    expected.insert(expected.end(), {0x21, 0, 0, 1});
+    EXPECT_EQ(expected, recorder.samples[1].bytes);
 }
 
 TEST_F(RecManagerFrames, AudioBeforeTheBaseIsSkippedAndLaterAudioLosesItsHeader) {
     SharedBufferImage frame;
-    frame.addNal(10000, 0, sps);
-    frame.addNal(10000, 0, pps);
-    frame.addNal(10000, 0, idr);
-    frame.addAac(9000, 40, Bytes(20, 0x01));    // before the SPS: skipped
-    frame.addAac(9000, 1000, Bytes(21, 0x02));  // exactly at the SPS: timestamp 0
-    frame.addAac(10000, 960, Bytes(22, 0x03));
+    frame.nal(10000, 0, sps).nal(10000, 0, pps).nal(10000, 0, idr);
+    frame.aac(9000, 40, Bytes(20, 1));    // before the SPS: skipped
+    frame.aac(9000, 1000, Bytes(21, 2));  // at the SPS: timestamp 0
+    frame.aac(10000, 960, Bytes(22, 3));
     ASSERT_EQ(0, record(frame));
-
-    std::vector<CapturedSample> audio;
-    for (const CapturedSample& s : recorder.samples)
-        if (s.mime == "audio/mp4a-latm")
-            audio.push_back(s);
-    ASSERT_EQ(2u, audio.size());
-    EXPECT_EQ(Bytes(21, 0x02), audio[0].bytes);
-    EXPECT_EQ(0, audio[0].timestamp);
-    EXPECT_FALSE(audio[0].isSyncFrame);
-    EXPECT_EQ(Bytes(22, 0x03), audio[1].bytes);
-    EXPECT_EQ(960, audio[1].timestamp);
-}
-
-TEST_F(RecManagerFrames, VideoTimestampsCountOnAcrossTheWrapOfTheInputClock) {
-    startStream(0xFFFFFC00u);
-    SharedBufferImage frame;
-    frame.addNal(0xFFFFFC00u, 0x800, slice);  // wraps to 0x400
-    ASSERT_EQ(0, record(frame));
-    ASSERT_EQ(1u, recorder.samples.size());
-    EXPECT_EQ(0x800, recorder.samples[0].timestamp);
+    ASSERT_EQ(5u, recorder.samples.size());
+    EXPECT_EQ("audio/mp4a-latm", recorder.samples[3].mime);
+    EXPECT_EQ(Bytes(21, 2), recorder.samples[3].bytes);
+    EXPECT_EQ(0, recorder.samples[3].timestamp);
+    EXPECT_EQ("audio/mp4a-latm", recorder.samples[4].mime);
+    EXPECT_EQ(Bytes(22, 3), recorder.samples[4].bytes);
+    EXPECT_EQ(960, recorder.samples[4].timestamp);
 }
 
 TEST_F(RecManagerFrames, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped) {
     startStream(0);
-    recorder.mWaitForIdr = true;  // what the recorder's resume() sets
-
+    recorder.mWaitForIdr = true;  // what resume() sets (checked with the real recorder below)
     SharedBufferImage withoutIdr;
-    withoutIdr.addNal(22500, 0, slice);
-    withoutIdr.addAac(22500, 0, Bytes(10, 0x44));
-    ASSERT_EQ(0, record(withoutIdr));
+    ASSERT_EQ(0, record(withoutIdr.nal(22500, 0, slice).aac(22500, 0, Bytes(10, 4))));
     EXPECT_TRUE(recorder.samples.empty());
-    EXPECT_EQ(1, log.count("on resumed, haven't found IDR frame yet, skip AAC frames!!!"));
 
     SharedBufferImage withIdr;
-    withIdr.addNal(45000, 0, slice);
-    withIdr.addNal(45000, 900, idr);
-    withIdr.addNal(45000, 1800, slice);
-    withIdr.addAac(45000, 500, Bytes(11, 0x55));  // older than the IDR: dropped
-    withIdr.addAac(45000, 900, Bytes(12, 0x66));  // at the IDR
-    withIdr.addAac(45000, 1860, Bytes(13, 0x77));
+    withIdr.nal(45000, 0, slice).nal(45000, 900, idr).nal(45000, 1800, slice);
+    withIdr.aac(45000, 500, Bytes(11, 5));  // older than the IDR: dropped
+    withIdr.aac(45000, 900, Bytes(12, 6)).aac(45000, 1860, Bytes(13, 7));
     ASSERT_EQ(0, record(withIdr));
-
     ASSERT_EQ(4u, recorder.samples.size());
     EXPECT_EQ(idr, recorder.samples[0].bytes);
     EXPECT_EQ(45900, recorder.samples[0].timestamp);
     EXPECT_TRUE(recorder.samples[0].isSyncFrame);
     EXPECT_EQ(slice, recorder.samples[1].bytes);
-    EXPECT_EQ(46800, recorder.samples[1].timestamp);
-    EXPECT_EQ(Bytes(12, 0x66), recorder.samples[2].bytes);
+    EXPECT_EQ(Bytes(12, 6), recorder.samples[2].bytes);
     EXPECT_EQ(45900, recorder.samples[2].timestamp);
-    EXPECT_EQ(Bytes(13, 0x77), recorder.samples[3].bytes);
+    EXPECT_EQ(Bytes(13, 7), recorder.samples[3].bytes);
     EXPECT_FALSE(recorder.mWaitForIdr);
-}
-
-TEST_F(RecManagerFrames, ARefusedSampleEndsTheFrameWithTheRecordersResult) {
-    startStream(0);
-    recorder.failWriteout(2, -1000);
-    SharedBufferImage frame;
-    frame.addNal(0, 0, idr);
-    frame.addNal(0, 900, slice);  // refused
-    frame.addNal(0, 1800, slice);
-    frame.addAac(0, 0, Bytes(10, 0x01));
-    EXPECT_EQ(-1000, record(frame));
-    ASSERT_EQ(1u, recorder.samples.size());
-    EXPECT_EQ(idr, recorder.samples[0].bytes);
-    EXPECT_EQ(0, recorder.lockDepth);
-
-    CapturingRecorder audioFails;
-    audioFails.mGotSps = audioFails.mGotPps = 1;
-    audioFails.failWriteout(2, -1001);
-    SharedBufferImage audioFrame;
-    audioFrame.addAac(0, 0, Bytes(10, 0x01));
-    audioFrame.addAac(0, 960, Bytes(10, 0x02));  // refused
-    audioFrame.addAac(0, 1920, Bytes(10, 0x03));
-    manager.read_to_new_sharedbuf(copy.get(), audioFrame.bytes());
-    EXPECT_EQ(-1001, manager.dataRecording(&audioFails, copy.get()));
-    EXPECT_EQ(1u, audioFails.samples.size());
-    EXPECT_EQ(0, audioFails.lockDepth);
-}
-
-TEST_F(RecManagerFrames, AFrameWithoutRecorderIsRefusedWithTheMostNegativeResult) {
-    SharedBufferImage frame;
-    frame.addNal(0, 0, sps);
-    manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
-    EXPECT_EQ(INT32_MIN, manager.dataRecording(nullptr, copy.get()));
-    EXPECT_EQ(1, log.count("no recorder!!"));
-}
-
-TEST_F(RecManagerFrames, TheCopyHoldsCountsEntriesAndPayloadBackToBack) {
-    SharedBufferImage frame;
-    frame.addNal(1, 2, Bytes(5, 0xA1));
-    frame.addNal(3, 4, Bytes(6, 0xA2));
-    frame.addAac(7, 8, Bytes(2, 0xB1));
-    manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
-
-    const uint32_t expectedWords[] = {2, 1, 5 + 6 + 9,     // counts
-                                      1, 2, 5,         3,  // NAL entry 0 (pos 3 = complete)
-                                      3, 4, 6,         3,  // NAL entry 1
-                                      7, 8, 9};            // AAC entry 0, header included
-    uint32_t words[14];
-    memcpy(words, copy.get(), sizeof(words));
-    for (int i = 0; i < 14; ++i)
-        EXPECT_EQ(expectedWords[i], words[i]) << "word " << i;
-    const unsigned char* payload = copy.get() + 12 + 2 * 16 + 12;
-    EXPECT_EQ(Bytes(5, 0xA1), Bytes(payload, payload + 5));
-    EXPECT_EQ(Bytes(6, 0xA2), Bytes(payload + 5, payload + 11));
-    EXPECT_EQ(0xFF, payload[11]);  // the ADTS header stays in the copy
-    EXPECT_EQ(Bytes(2, 0xB1), Bytes(payload + 18, payload + 20));
-}
-
-TEST_F(RecManagerFrames, AudioDeliveredBetweenVideoIsRecordedAsIfItCameLast) {
-    SharedBufferImage inOrder;
-    inOrder.addNal(0, 0, joinWithStartCodes({sps, pps, idr}, {4, 4}));
-    inOrder.addNal(0, 900, slice);
-    inOrder.addAac(0, 0, Bytes(17, 0x31));
-    inOrder.addAac(0, 960, Bytes(18, 0x32));
-    ASSERT_EQ(0, record(inOrder));
-    const std::vector<CapturedSample> expected = recorder.samples;
-
-    CapturingRecorder other;
-    SharedBufferImage interleaved;
-    interleaved.addAac(0, 0, Bytes(17, 0x31));
-    interleaved.addNal(0, 0, joinWithStartCodes({sps, pps, idr}, {4, 4}));
-    interleaved.addAac(0, 960, Bytes(18, 0x32));
-    interleaved.addNal(0, 900, slice);
-    manager.read_to_new_sharedbuf(copy.get(), interleaved.bytes());
-    ASSERT_EQ(0, manager.dataRecording(&other, copy.get()));
-
-    ASSERT_EQ(expected.size(), other.samples.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(expected[i].mime, other.samples[i].mime) << i;
-        EXPECT_EQ(expected[i].bytes, other.samples[i].bytes) << i;
-        EXPECT_EQ(expected[i].timestamp, other.samples[i].timestamp) << i;
-    }
 }
 
 TEST_F(RecManagerFrames, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
     SharedBufferImage frame;
-    frame.addNal(0, 0, joinWithStartCodes({sps, pps, idr}, {4, 4}));
-    frame.addNal(0, 900, slice);
+    frame.nal(0, 0, joined({sps, pps, idr})).nal(0, 900, slice);
     frame.buffer().nal[1].offset = CMMB_PAYLOAD_SIZE - 10;  // runs past the payload area
     frame.buffer().nalCount = 1000;                         // more than the table holds
-    frame.buffer().nal[2].length = 0;
     manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
-
-    CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy.get());
-    EXPECT_EQ(256u, counts.nalCount);
+    const CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy.get());
+    EXPECT_EQ(static_cast<uint32_t>(CMMB_NAL_RECORD_SLOTS), counts.nalCount);
     EXPECT_EQ(0u, cmmbFrameCopyReadNal(copy.get(), 1).length);
     EXPECT_LE(counts.dataLength, static_cast<uint32_t>(CMMB_PAYLOAD_LIMIT));
     ASSERT_EQ(0, manager.dataRecording(&recorder, copy.get()));
@@ -289,28 +273,83 @@ TEST_F(RecManagerFrames, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
     EXPECT_EQ(idr, recorder.samples[2].bytes);
 }
 
-TEST(RecManagerSlots, SessionsWithoutRecorderAnswerWithoutTouchingAnything) {
-    MBBMSRecManager manager;
-    for (int session : {-1, 0, 1, 2}) {
-        EXPECT_EQ(nullptr, manager.getRecorder(session)) << session;
-        EXPECT_EQ(-1, manager.queryCurrentMoovLength(session)) << session;
-        EXPECT_EQ(-1, manager.setMaxFileSize(session, 1000)) << session;
-    }
-    EXPECT_EQ(0, manager.stopRecording(0));
-    EXPECT_EQ(0, manager.stopRecording(1));
-    EXPECT_EQ(-1, manager.stopRecording(2));
-    EXPECT_EQ(-1, manager.startRecording(-1, 1));
-    EXPECT_EQ(-1, manager.startRecording(2, 1));
+int openDescriptorCount() {
+    DIR* dir = opendir("/proc/self/fd");
+    int count = 0;
+    while (dirent* entry = readdir(dir))
+        count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count - 1;  // the directory's own descriptor
 }
 
-TEST(RecManagerSlots, AnOutputThatCannotBeDuplicatedLeavesTheSlotEmpty) {
-    memset(LogMask::masks, 0, sizeof(LogMask::masks));
-    LogMask::masks[LogMask::ERROR] = 1;
-    CapturedLog log;
-    MBBMSRecManager manager;
-    EXPECT_EQ(-1, manager.startRecording(0, -1));
-    EXPECT_EQ(nullptr, manager.getRecorder(0));
-    EXPECT_EQ(1, log.count("pRecorder->setOutputFile failed!"));
+class RecorderFiles : public RecManagerFrames {
+protected:
+    int createOutput(const std::string& name) {
+        const int fd = open(path(name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        EXPECT_GE(fd, 0);
+        return fd;
+    }
+    std::string path(const std::string& name) { return root.path() + "/" + name; }
+    TestRoot root{""};
+};
+
+TEST_F(RecorderFiles, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDuplicate) {
+    const int baseline = openDescriptorCount();
+    {
+        CmmbRecorder bare;
+        bare.LockRecorder();
+        EXPECT_EQ(-1015, bare.writeout(&bare.scratch().sample));
+        bare.UnlockRecorder();
+        EXPECT_EQ(-1015, bare.pause());
+        EXPECT_EQ(-1015, bare.resume());
+        EXPECT_FALSE(bare.mWaitForIdr);
+        EXPECT_EQ(-1015, bare.queryCurrentMoovLength());
+        EXPECT_EQ(4, log.count("6 CmmbRecorder no writer!"));
+        EXPECT_EQ(-1015, bare.start());  // no output yet
+        EXPECT_EQ(0, bare.stop());
+        EXPECT_EQ(0, bare.init());
+        EXPECT_EQ(-1015, bare.setOutputFile("/tmp/out.3gp"));
+
+        const int fd = createOutput("out.3gp");
+        EXPECT_EQ(0, bare.setOutputFile(fd, 0, 0));
+        EXPECT_EQ(0, bare.setOutputFile(fd, 0, 0));  // the first duplicate is closed
+        EXPECT_EQ(-1015, bare.setOutputFile(fd, 10, 0));
+        EXPECT_EQ(-1015, bare.setOutputFile(fd, 0, 100));
+        EXPECT_EQ(baseline + 2, openDescriptorCount());
+        close(fd);
+    }
+    EXPECT_EQ(baseline, openDescriptorCount());  // released by destruction
+
+    CmmbRecorder bare;
+    const int fd = createOutput("out.3gp");
+    ASSERT_EQ(0, bare.setOutputFile(fd, 0, 0));
+    close(fd);
+    ASSERT_EQ(0, bare.start());
+    EXPECT_EQ(-1015, bare.start());
+    EXPECT_EQ(-1002, bare.stop());  // nothing was recorded
+    EXPECT_EQ(baseline, openDescriptorCount());
+}
+
+TEST_F(RecorderFiles, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) {
+    const int fd = createOutput("video-only.3gp");
+    ASSERT_EQ(0, manager.startRecording(0, fd));
+    close(fd);
+    CmmbRecorder* real = manager.getRecorder(0);
+    ASSERT_NE(nullptr, real);
+    ClipFeed feed;
+    for (int second = 0; second < 2; ++second) {
+        SharedBufferImage image;
+        for (const MultiplexFrame::Video& video : feed.nextSecond().video)
+            image.nal(video.tsBase, video.tsRelative,
+                      Bytes(video.annexB.begin() + 4, video.annexB.end()));
+        ASSERT_EQ(0, record(image, real));
+    }
+    EXPECT_GT(manager.queryCurrentMoovLength(0), 0);
+    ASSERT_EQ(0, real->pause());
+    ASSERT_EQ(0, real->resume());
+    EXPECT_TRUE(real->mWaitForIdr);
+    EXPECT_EQ(-1002, real->stop());
+    EXPECT_FALSE(fileHasMoov(path("video-only.3gp")));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Stopping and restarting recordings on an application thread while another thread keeps
-// delivering frames as the agent does. Meant for the ThreadSanitizer build as well: a
-// recorder destroyed under a frame being written shows up there, or as a crash here.
+// Stopping and restarting recordings on an application thread while frames arrive as the
+// agent delivers them. Meant for the ThreadSanitizer build as well: a recorder destroyed
+// under a frame being written shows up there, or as a crash here.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -25,15 +25,13 @@ TEST(RecordingRace, StopAndRestartWhileFramesArriveNeverLosesARecorderUnderAFram
                 delivered.fetch_add(1);
             }
         });
-
-        const int rounds = 60;
         int completed = 0;
-        for (int round = 0; round < rounds; ++round) {
+        for (int round = 0; round < 60; ++round) {
             const int session = round % 2;
-            int fd = rig.createOutput("race" + std::to_string(round) + ".3gp");
+            const int fd = rig.createOutput("race" + std::to_string(round) + ".3gp");
             ASSERT_EQ(0, rig.engine().startRecording(session, fd)) << round;
             close(fd);
-            // Let a varying number of frames through, from none to a few.
+            // Let from none to a few frames through.
             const int until = delivered.load() + round % 4;
             while (delivered.load() < until)
                 usleep(100);
@@ -58,7 +56,7 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
         RecordingRig rig("ERROR,WARNING");
         rig.startService();
         ClipFeed feed;
-        int fd = rig.createOutput("first.3gp");
+        const int fd = rig.createOutput("first.3gp");
         ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         close(fd);
         rig.play(feed.nextSecond());
@@ -66,13 +64,12 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
         for (bool replace : {true, false}) {
             MBBMSAgentCallback* agent = rig.agent().callback();
             const unsigned char raw[4] = {0};
-            agent->onOutputAVStart(5, raw, sizeof(raw));
-
+            agent->onOutputAVStart(RecordingRig::kChannel, raw, sizeof(raw));
             std::atomic<bool> returned{false};
             int result = -2;
             std::thread application([&] {
                 if (replace) {
-                    int next = rig.createOutput("second.3gp");
+                    const int next = rig.createOutput("second.3gp");
                     result = rig.engine().startRecording(0, next);
                     close(next);
                 } else {
@@ -83,15 +80,15 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
             usleep(200 * 1000);
             EXPECT_FALSE(returned.load())
                 << (replace ? "start" : "stop") << " returned while a frame was in progress";
-            agent->onOutputAVEnd(5, false);
+            agent->onOutputAVEnd(RecordingRig::kChannel, false);
             application.join();
             EXPECT_EQ(0, result);
             rig.play(feed.nextSecond());
         }
+        // The replaced recording was completed as a leftover; the second one by the stop.
         EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
-        int status = -1;
-        EXPECT_EQ("", probeMessages(rig.outputPath("first.3gp"), &status));
-        EXPECT_EQ("", probeMessages(rig.outputPath("second.3gp"), &status));
+        expectCleanFile(rig.outputPath("first.3gp"));
+        expectCleanFile(rig.outputPath("second.3gp"));
     });
 }
 
