@@ -1,8 +1,9 @@
 #include "Mp4BoxReader.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
+
+#include "MediaFiles.h"
 
 namespace {
 
@@ -75,16 +76,7 @@ Mp4File::Mp4File(Bytes bytes) : mBytes(std::move(bytes)) {
 }
 
 Mp4File Mp4File::read(const std::string& path) {
-    Bytes bytes;
-    if (FILE* file = fopen(path.c_str(), "rb")) {
-        uint8_t block[65536];
-        size_t got;
-        while ((got = fread(block, 1, sizeof(block), file)) > 0) {
-            bytes.insert(bytes.end(), block, block + got);
-        }
-        fclose(file);
-    }
-    return Mp4File(std::move(bytes));
+    return Mp4File(readMediaFile(path));
 }
 
 Bytes Mp4File::body(const Mp4Box& box) const {

@@ -13,20 +13,15 @@
 
 namespace {
 
-// Standard output and error of a command, trailing white space removed; `status` gets its
-// exit status.
+// Standard output and error of a command, trailing white space removed, then its status.
 std::string runTool(const std::string& command, int* status = nullptr) {
     std::string output;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return "popen failed";
-    }
     char block[4096];
-    size_t got;
-    while ((got = fread(block, 1, sizeof(block), pipe)) > 0) {
+    for (size_t got; pipe != nullptr && (got = fread(block, 1, sizeof(block), pipe)) > 0;) {
         output.append(block, got);
     }
-    int exitStatus = pclose(pipe);
+    int exitStatus = pipe != nullptr ? pclose(pipe) : -1;
     if (status != nullptr) {
         *status = exitStatus;
     }
@@ -54,86 +49,66 @@ protected:
     }
 
     // Feeds the clips the way the recording manager does: SPS and PPS once, then one sample
-    // per picture holding its slices, and raw AAC frames, in timestamp order.
-    void record(bool withVideo, bool withAudio) {
-        std::vector<H264Picture> pictures =
-            readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
-        std::vector<MediaBytes> aacFrames = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
+    // per picture holding its slices, and raw AAC frames, in timestamp order (1/22500 s).
+    void record() {
+        auto pictures = readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
+        auto aacFrames = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
         ASSERT_EQ(50u, pictures.size());
         ASSERT_EQ(48u, aacFrames.size());
-        if (!withVideo) {
-            pictures.clear();
-        }
-        if (!withAudio) {
-            aacFrames.clear();
-        }
-        if (withVideo) {
-            harness.addVideo();
-        }
-        if (withAudio) {
-            harness.addAudio();
-        }
+        GetParam().video ? harness.addVideo() : pictures.clear();
+        GetParam().audio ? harness.addAudio() : aacFrames.clear();
         ASSERT_EQ(0, harness.start());
         bool sentParameterSet[2] = {false, false};
-        size_t picture = 0, frame = 0;
-        while (picture < pictures.size() || frame < aacFrames.size()) {
-            long long videoTime = picture * 900LL, audioTime = frame * 960LL;  // 1/22500 s
-            if (frame == aacFrames.size() ||
-                (picture < pictures.size() && videoTime <= audioTime)) {
-                Bytes slices;
-                for (const Bytes& nal : pictures[picture].nalUnits) {
-                    int type = nalUnitType(nal);
-                    if ((type == 7 || type == 8) && !sentParameterSet[type - 7]) {
-                        ASSERT_EQ(0, harness.feed(kVideoMime, videoTime, nal));
-                        sentParameterSet[type - 7] = true;
-                    } else if (type == 1 || type == 5) {
-                        slices.insert(slices.end(), nal.begin(), nal.end());
-                    }
-                }
-                ASSERT_EQ(0,
-                          harness.feed(kVideoMime, videoTime, slices, pictures[picture++].isIdr));
-            } else {
+        for (size_t picture = 0, frame = 0;
+             picture < pictures.size() || frame < aacFrames.size();) {
+            long long videoTime = picture * 900LL, audioTime = frame * 960LL;
+            if (frame < aacFrames.size() && (picture == pictures.size() || audioTime < videoTime)) {
                 ASSERT_EQ(0, harness.feed(kAudioMime, audioTime, aacFrames[frame++]));
+                continue;
             }
+            Bytes slices;
+            for (const Bytes& nal : pictures[picture].nalUnits) {
+                int type = nalUnitType(nal);
+                if ((type == 7 || type == 8) && !sentParameterSet[type - 7]) {
+                    ASSERT_EQ(0, harness.feed(kVideoMime, videoTime, nal));
+                    sentParameterSet[type - 7] = true;
+                } else if (type == 1 || type == 5) {
+                    slices.insert(slices.end(), nal.begin(), nal.end());
+                }
+            }
+            ASSERT_EQ(0, harness.feed(kVideoMime, videoTime, slices, pictures[picture++].isIdr));
         }
         ASSERT_EQ(0, harness.stop());
     }
 
-    // ffprobe's view of one stream: "codec,duration,frames".
-    std::string probeStream(const char* selector) {
-        return runTool(std::string("/usr/bin/ffprobe -v error -count_frames -select_streams ") +
-                       selector +
-                       " -show_entries stream=codec_name,nb_read_frames,duration -of csv=p=0 '" +
-                       harness.path() + "'");
-    }
-
-    std::string mediainfo(const char* inform) {
-        return runTool(std::string("/usr/bin/mediainfo --Inform='") + inform + "' '" +
-                       harness.path() + "'");
+    std::string tool(const std::string& command, const std::string& arguments) {
+        return runTool("/usr/bin/" + command + " " + arguments + " '" + harness.path() + "'");
     }
 
     WriterHarness harness;
 };
 
 TEST_P(RealMediaTest, RecordingReadsCleanlyDecodesCompletelyAndPlaysAsFed) {
-    ASSERT_NO_FATAL_FAILURE(record(GetParam().video, GetParam().audio));
+    ASSERT_NO_FATAL_FAILURE(record());
     int status = -1;
-    EXPECT_EQ("", runTool("/usr/bin/ffprobe -v error '" + harness.path() + "'", &status))
-        << "ffprobe complained";
-    EXPECT_EQ(0, status);
+    EXPECT_EQ("", runTool("/usr/bin/ffprobe -v error '" + harness.path() + "'", &status));
+    EXPECT_EQ(0, status) << "ffprobe";
     EXPECT_EQ("", runTool("/usr/bin/ffmpeg -nostdin -v error -xerror -i '" + harness.path() +
                               "' -f null -",
-                          &status))
-        << "ffmpeg could not decode everything";
-    EXPECT_EQ(0, status);
+                          &status));
+    EXPECT_EQ(0, status) << "ffmpeg could not decode everything";
+    const std::string probe =
+        "-v error -count_frames -show_entries "
+        "stream=codec_name,nb_read_frames,duration -of csv=p=0 "
+        "-select_streams ";
     if (GetParam().video) {
-        EXPECT_EQ("h264,2.000000,50", probeStream("v:0"));  // 50 pictures at 25 fps
-        EXPECT_EQ("AVC", mediainfo("Video;%Format%"));
-        EXPECT_EQ("320x240", mediainfo("Video;%Width%x%Height%"));
+        EXPECT_EQ("h264,2.000000,50", tool("ffprobe", probe + "v:0"));  // 50 pictures at 25 fps
+        EXPECT_EQ("AVC", tool("mediainfo", "--Inform='Video;%Format%'"));
+        EXPECT_EQ("320x240", tool("mediainfo", "--Inform='Video;%Width%x%Height%'"));
     }
     if (GetParam().audio) {
-        EXPECT_EQ("aac,2.048000,48", probeStream("a:0"));  // 48 frames of 1024 at 24 kHz
-        EXPECT_EQ("AAC", mediainfo("Audio;%Format%").substr(0, 3));
+        EXPECT_EQ("aac,2.048000,48", tool("ffprobe", probe + "a:0"));  // 48 x 1024 at 24 kHz
+        EXPECT_EQ("AAC", tool("mediainfo", "--Inform='Audio;%Format%'").substr(0, 3));
     }
 }
 
