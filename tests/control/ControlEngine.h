@@ -3,9 +3,14 @@
 #ifndef TAVO_TESTS_CONTROL_CONTROL_ENGINE_H
 #define TAVO_TESTS_CONTROL_CONTROL_ENGINE_H
 
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdlib>
 #include <functional>
 #include <string>
 
+#include "FakeAgentAccess.h"
 #include "FakeAgentControl.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
@@ -13,25 +18,51 @@
 
 class ControlEngine {
 public:
-    // Creates the engine (the first getInstance of the process); does not init it.
-    explicit ControlEngine(const std::string& agentLibrary = TestRoot::fakeAgentPath());
+    // The first getInstance of the process; TAVO_LOGMASK is read by the engine's constructor.
+    ControlEngine() {
+        setenv("TAVO_LOGMASK", "all", 1);
+        mEngine = TavoMBBMSEngine::getInstance();
+    }
 
-    // init with the recording callback, or with none.
     int init() { return mEngine->init(&mApp, nullptr); }
     int initWithoutCallback() { return mEngine->init(nullptr, nullptr); }
-
     TavoMBBMSEngine& engine() { return *mEngine; }
     RecordingCallback& app() { return mApp; }
     const TestRoot& root() const { return mRoot; }
-    // The fake agent the engine created; fails the test when there is none.
-    FakeAgentControl& agent();
+
+    FakeAgentControl& agent() {
+        FakeAgentControl* agent = fakeAgentAt(mRoot.resolve("/system/lib/libsiano.so"));
+        if (agent == nullptr) {
+            ADD_FAILURE() << "the engine has no fake agent";
+            abort();
+        }
+        return *agent;
+    }
 
     // Plays agent callbacks on the fake agent's own thread and waits for them.
-    void fromAgent(const std::function<void(MBBMSAgentCallback&)>& play);
+    void fromAgent(const std::function<void(MBBMSAgentCallback&)>& play) {
+        agent().runOnAgentThread([&](MBBMSAgentCallback* callback) {
+            ASSERT_NE(nullptr, callback) << "the agent has no engine callback yet";
+            play(*callback);
+        });
+    }
 
     // Number of log lines "[LogMask::<category>][<function>():<line>]<message>".
     int countLogLine(const std::string& category, const std::string& function,
-                     const std::string& message) const;
+                     const std::string& message) const {
+        const std::string prefix = "[LogMask::" + category + "][" + function + "():";
+        int count = 0;
+        for (const std::string& line : mRoot.logLines()) {
+            size_t end = line.find(prefix);
+            if (end == std::string::npos)
+                continue;
+            end += prefix.size();
+            while (end < line.size() && isdigit(static_cast<unsigned char>(line[end])))
+                ++end;
+            count += line.compare(end, std::string::npos, "]" + message) == 0;
+        }
+        return count;
+    }
 
 private:
     TestRoot mRoot;

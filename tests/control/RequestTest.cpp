@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,7 +134,7 @@ TEST(Requests, ACompletionIsPassedOnAndEndsWhateverRequestIsPending) {
     });
 }
 
-TEST(Requests, ACompletionWithoutApplicationCallbackStillEndsTheRequest) {
+TEST(Requests, WithoutApplicationCallbackACompletionEndsTheRequestAndDeinitForgetsIt) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.initWithoutCallback());
@@ -146,26 +143,15 @@ TEST(Requests, ACompletionWithoutApplicationCallbackStillEndsTheRequest) {
         control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
         EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
         EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
-    });
-}
 
-TEST(Requests, AnAgentRefusalIsReturnedAndTheRequestStaysPendingUntilItsCompletion) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
+        // Still pending at deinit: the next init accepts a new request at once.
+        ASSERT_EQ(0, control.engine().deinit());
         ASSERT_EQ(0, control.init());
-        control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
-        control.agent().setResult("requestInitGBA", -5);
-        EXPECT_EQ(-5, control.engine().requestInitGBA(1));
-        EXPECT_EQ(-1, control.engine().requestUpdateSG("bj"));
-        EXPECT_EQ(1, control.countLogLine("ERROR", "requestUpdateSG", busyRefusal(2)));
-        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInitGBA(false); });
-        EXPECT_EQ(1, control.app().count("onRequestInitGBA(0)"));
-        control.agent().setResult("requestUpdateSG", 17);
-        EXPECT_EQ(17, control.engine().requestUpdateSG("bj"));
+        EXPECT_EQ(0, control.engine().requestInquiryAccount());
     });
 }
 
-TEST(Cancel, AsksTheAgentForThePendingRequestWhichStaysPending) {
+TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletion) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
@@ -173,71 +159,18 @@ TEST(Cancel, AsksTheAgentForThePendingRequestWhichStaysPending) {
         EXPECT_EQ(1, control.countLogLine("WARNING", "cancelMBBMSRequest", "no request to cancel"));
         EXPECT_EQ(0, control.agent().countCalls("cancelMBBMSRequest"));
 
-        ASSERT_EQ(0, control.engine().requestUnsubscribeService(kIds, 2));
+        control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
+        control.agent().setResult("requestInitGBA", -5);
+        EXPECT_EQ(-5, control.engine().requestInitGBA(1));
         control.agent().setResult("cancelMBBMSRequest", 9);
         EXPECT_EQ(9, control.engine().cancelMBBMSRequest());
-        EXPECT_EQ(1, control.agent().countCalls("cancelMBBMSRequest(5)"));
-        EXPECT_EQ(-1, control.engine().requestInquiryAccount());
-        EXPECT_EQ(1, control.countLogLine("ERROR", "requestInquiryAccount", busyRefusal(5)));
-        // The agent ends the cancelled request with its completion.
-        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestUnsubscribeService(false); });
-        EXPECT_EQ(0, control.engine().requestInquiryAccount());
-    });
-}
-
-TEST(Requests, DeinitForgetsThePendingRequest) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        ASSERT_EQ(0, control.engine().requestInquiryAccount());
-        ASSERT_EQ(0, control.engine().deinit());
-        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
-        ASSERT_EQ(0, control.init());
-        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
-    });
-}
-
-// The agent call of a request is serialised with deinit under the engine lock; a request
-// that was accepted while deinit was running finds the engine shut down and is refused.
-TEST(Requests, ARequestWaitingForDeinitIsRefusedWithoutReachingTheAgent) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        std::mutex lock;
-        std::condition_variable changed;
-        bool deinitStarted = false, release = false;
-        control.agent().setCallHook([&](const std::string& operation) {
-            if (operation != "getModuleInfo")
-                return;  // deinit's first agent call
-            std::unique_lock<std::mutex> guard(lock);
-            deinitStarted = true;
-            changed.notify_all();
-            changed.wait(guard, [&] { return release; });
-        });
-        std::thread deinit([&] { control.engine().deinit(); });
-        {
-            std::unique_lock<std::mutex> guard(lock);
-            changed.wait(guard, [&] { return deinitStarted; });
-        }
-        int result = 0;
-        std::thread request([&] { result = control.engine().requestInquiryAccount(); });
-        // Wait (bounded) until the request has been accepted and waits for the lock.
-        for (int i = 0; i < 2000 && control.countLogLine("SEMAPHORE", "requestInquiryAccount",
-                                                         "wait mLock...") == 0;
-             ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            release = true;
-        }
-        changed.notify_all();
-        deinit.join();
-        request.join();
-        EXPECT_EQ(1, control.countLogLine("SEMAPHORE", "requestInquiryAccount", "wait mLock..."));
-        EXPECT_EQ(-1, result);
-        EXPECT_EQ(0, control.agent().countCalls("requestInquiryAccount"));
-        control.agent().setCallHook(nullptr);
+        EXPECT_EQ(1, control.agent().countCalls("cancelMBBMSRequest(2)"));
+        EXPECT_EQ(-1, control.engine().requestUpdateSG("bj"));
+        EXPECT_EQ(1, control.countLogLine("ERROR", "requestUpdateSG", busyRefusal(2)));
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInitGBA(false); });
+        EXPECT_EQ(1, control.app().count("onRequestInitGBA(0)"));
+        control.agent().setResult("requestUpdateSG", 17);
+        EXPECT_EQ(17, control.engine().requestUpdateSG("bj"));
     });
 }
 
