@@ -8,16 +8,14 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
 #include "LogMask.h"
-#include "LogSink.h"
 #include "MBBMSRecManager.h"
-#include "RecordingMedia.h"
+#include "RecordingRig.h"
 #include "TestRoot.h"
 
 namespace {
@@ -72,7 +70,7 @@ struct CapturedSample {
     bool isSyncFrame;
 };
 
-// Captures every writeout and counts those made without LockRecorder() held.
+// Captures every writeout, which must come while LockRecorder() is held.
 class CapturingRecorder : public CmmbRecorder {
 public:
     int LockRecorder() override {
@@ -85,37 +83,13 @@ public:
         return CmmbRecorder::UnlockRecorder();
     }
     int writeout(_CmmbOutBuffer* b) override {
-        writeoutsOutsideLock += lockDepth != 1;
+        EXPECT_EQ(1, lockDepth);
         samples.push_back(
             {b->mime, b->timestamp, Bytes(b->data, b->data + b->length), b->isSyncFrame});
         return 0;
     }
     std::vector<CapturedSample> samples;
-    int writeoutsOutsideLock = 0;
     int lockDepth = 0;
-};
-
-// Counts the log lines written while it lives that contain a text.
-class CapturedLog {
-public:
-    CapturedLog() { tavo_log_set_sink(&CapturedLog::receive, this); }
-    ~CapturedLog() { tavo_log_set_sink(nullptr, nullptr); }
-    int count(const std::string& text) {
-        std::lock_guard<std::mutex> guard(mLock);
-        int n = 0;
-        for (const std::string& line : mLines)
-            n += line.find(text) != std::string::npos;
-        return n;
-    }
-
-private:
-    static void receive(void* context, int priority, const char* tag, const char* message) {
-        CapturedLog* self = static_cast<CapturedLog*>(context);
-        std::lock_guard<std::mutex> guard(self->mLock);
-        self->mLines.push_back(std::to_string(priority) + " " + tag + " " + message);
-    }
-    std::mutex mLock;
-    std::vector<std::string> mLines;  // guarded by mLock
 };
 
 Bytes nalUnit(uint8_t header, size_t length, uint8_t fill) {
@@ -139,7 +113,7 @@ Bytes joined(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-class RecManagerFrames : public testing::Test {
+class RecManager : public testing::Test {
 protected:
     void SetUp() override {
         memset(LogMask::masks, 0, sizeof(LogMask::masks));
@@ -151,12 +125,8 @@ protected:
         manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
         return manager.dataRecording(to != nullptr ? to : &recorder, copy.get());
     }
-    // Gives the recorder both parameter sets at `base`.
-    void startStream(uint32_t base) {
-        SharedBufferImage frame;
-        ASSERT_EQ(0, record(frame.nal(base, 0, sps).nal(base, 0, pps)));
-        recorder.samples.clear();
-    }
+    int createOutput(const std::string& name) { return createFile(path(name)); }
+    std::string path(const std::string& name) { return root.path() + "/" + name; }
 
     const Bytes sps = nalUnit(0x67, 12, 0x5A);
     const Bytes pps = nalUnit(0x68, 5, 0x3C);
@@ -164,79 +134,58 @@ protected:
     const Bytes slice = nalUnit(0x41, 120, 0x9B);
     MBBMSRecManager manager;
     CapturingRecorder recorder;
-    CapturedLog log;
+    TestRoot root{""};  // fresh log file
     std::unique_ptr<unsigned char[]> copy{new unsigned char[CMMB_FRAME_COPY_MAX_SIZE]};
 };
 
-TEST_F(RecManagerFrames, SpsPpsAndIdrInOneRecordGiveTwoParameterSetsAndOneSyncSampleAtZero) {
+TEST_F(RecManager, SpsPpsAndIdrInOneRecordStartTheRecordingAndOlderAudioIsSkipped) {
     SharedBufferImage frame;
-    ASSERT_EQ(0, record(frame.nal(90000, 1800, joined({sps, pps, idr}))));
-    ASSERT_EQ(3u, recorder.samples.size());
-    EXPECT_EQ(sps, recorder.samples[0].bytes);
-    EXPECT_EQ(pps, recorder.samples[1].bytes);
-    EXPECT_EQ(idr, recorder.samples[2].bytes);
-    for (const CapturedSample& sample : recorder.samples)
-        EXPECT_EQ("video/avc", sample.mime);
-    EXPECT_EQ(0, recorder.samples[2].timestamp);
-    EXPECT_TRUE(recorder.samples[2].isSyncFrame);
+    frame.nal(90000, 1800, joined({sps, pps, idr}));
+    frame.aac(90000, 1000, Bytes(20, 1));  // before the SPS: skipped
+    frame.aac(91000, 800, Bytes(21, 2));   // at the SPS: timestamp 0
+    frame.aac(91800, 960, Bytes(22, 3));
+    ASSERT_EQ(0, record(frame));
+    ASSERT_EQ(5u, recorder.samples.size());
+    const Bytes expected[] = {sps, pps, idr, Bytes(21, 2), Bytes(22, 3)};
+    const int64_t timestamps[] = {0, 0, 0, 0, 960};
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(i < 3 ? "video/avc" : "audio/mp4a-latm", recorder.samples[i].mime) << i;
+        EXPECT_EQ(expected[i], recorder.samples[i].bytes) << i;  // audio without its header
+        if (i >= 2) {  // the samples proper
+            EXPECT_EQ(timestamps[i], recorder.samples[i].timestamp) << i;
+            EXPECT_EQ(i == 2, recorder.samples[i].isSyncFrame) << i;
+        }
+    }
     EXPECT_EQ(91800u, recorder.mBaseTimestamp);
-    EXPECT_EQ(0, recorder.writeoutsOutsideLock);
     EXPECT_EQ(0, recorder.lockDepth);
 }
 
-TEST_F(RecManagerFrames, NothingIsRecordedBeforeTheFirstSpsAndParameterSetsAreNotRepeated) {
+TEST_F(RecManager, NothingIsRecordedBeforeTheFirstSpsAndTheSlicesOfOneRecordMakeOneSample) {
     SharedBufferImage early;
     early.nal(1000, 0, idr).nal(1000, 900, pps).nal(1000, 1800, slice).aac(1000, 0, Bytes(30, 1));
     ASSERT_EQ(0, record(early));
     EXPECT_TRUE(recorder.samples.empty());
-    EXPECT_EQ(1, log.count("on SPS or PPS in this second!"));
+    EXPECT_EQ(1, root.countLog("on SPS or PPS in this second!"));
 
     SharedBufferImage next;
     next.nal(23500, 0, sps).nal(23500, 0, pps).nal(23500, 0, joined({nalUnit(0x06, 8, 3), idr}));
-    next.nal(23500, 900, joined({sps, pps, slice}));
+    // Slices of one record make one sample; 00 00 01 as the last bytes is not a start code.
+    const Bytes tail = {0x21, 0, 0, 1};
+    next.nal(23500, 900, joined({sps, pps, slice, tail}));
     ASSERT_EQ(0, record(next));
     ASSERT_EQ(4u, recorder.samples.size());
-    EXPECT_EQ(idr, recorder.samples[2].bytes);    // the SEI in front of it is left out
-    EXPECT_EQ(slice, recorder.samples[3].bytes);  // the repeated SPS and PPS are left out
+    EXPECT_EQ(idr, recorder.samples[2].bytes);  // the SEI in front of it is left out
+    Bytes slices = slice;                       // the repeated SPS and PPS are left out
+    slices.insert(slices.end(), tail.begin(), tail.end());
+    EXPECT_EQ(slices, recorder.samples[3].bytes);
     EXPECT_EQ(900, recorder.samples[3].timestamp);
     EXPECT_FALSE(recorder.samples[3].isSyncFrame);
 }
 
-TEST_F(RecManagerFrames, TheSlicesOfOneRecordBecomeOneSampleWithoutStartCodes) {
-    startStream(5000);
-    const Bytes second = nalUnit(0x01, 77, 0x7E);
-    SharedBufferImage frame;
-    frame.nal(5000, 900, joined({slice, second}));
-    // 00 00 01 as the last three bytes is not a start code.
-    frame.nal(5000, 1800, joined({slice, second, Bytes{0x21, 0, 0, 1}}));
-    ASSERT_EQ(0, record(frame));
-    ASSERT_EQ(2u, recorder.samples.size());
-    Bytes expected = slice;
-    expected.insert(expected.end(), second.begin(), second.end());
-    EXPECT_EQ(expected, recorder.samples[0].bytes);
-    EXPECT_EQ(900, recorder.samples[0].timestamp);
-    expected.insert(expected.end(), {0x21, 0, 0, 1});
-    EXPECT_EQ(expected, recorder.samples[1].bytes);
-}
-
-TEST_F(RecManagerFrames, AudioBeforeTheBaseIsSkippedAndLaterAudioLosesItsHeader) {
-    SharedBufferImage frame;
-    frame.nal(10000, 0, sps).nal(10000, 0, pps).nal(10000, 0, idr);
-    frame.aac(9000, 40, Bytes(20, 1));    // before the SPS: skipped
-    frame.aac(9000, 1000, Bytes(21, 2));  // at the SPS: timestamp 0
-    frame.aac(10000, 960, Bytes(22, 3));
-    ASSERT_EQ(0, record(frame));
-    ASSERT_EQ(5u, recorder.samples.size());
-    EXPECT_EQ("audio/mp4a-latm", recorder.samples[3].mime);
-    EXPECT_EQ(Bytes(21, 2), recorder.samples[3].bytes);
-    EXPECT_EQ(0, recorder.samples[3].timestamp);
-    EXPECT_EQ("audio/mp4a-latm", recorder.samples[4].mime);
-    EXPECT_EQ(Bytes(22, 3), recorder.samples[4].bytes);
-    EXPECT_EQ(960, recorder.samples[4].timestamp);
-}
-
-TEST_F(RecManagerFrames, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped) {
-    startStream(0);
+TEST_F(RecManager, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped) {
+    SharedBufferImage parameterSets;
+    ASSERT_EQ(0, record(parameterSets.nal(0, 0, sps).nal(0, 0, pps)));
+    recorder.samples.clear();
     recorder.mWaitForIdr = true;  // what resume() sets (checked with the real recorder below)
     SharedBufferImage withoutIdr;
     ASSERT_EQ(0, record(withoutIdr.nal(22500, 0, slice).aac(22500, 0, Bytes(10, 4))));
@@ -258,7 +207,7 @@ TEST_F(RecManagerFrames, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDr
     EXPECT_FALSE(recorder.mWaitForIdr);
 }
 
-TEST_F(RecManagerFrames, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
+TEST_F(RecManager, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
     SharedBufferImage frame;
     frame.nal(0, 0, joined({sps, pps, idr})).nal(0, 900, slice);
     frame.buffer().nal[1].offset = CMMB_PAYLOAD_SIZE - 10;  // runs past the payload area
@@ -282,18 +231,7 @@ int openDescriptorCount() {
     return count - 1;  // the directory's own descriptor
 }
 
-class RecorderFiles : public RecManagerFrames {
-protected:
-    int createOutput(const std::string& name) {
-        const int fd = open(path(name).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        EXPECT_GE(fd, 0);
-        return fd;
-    }
-    std::string path(const std::string& name) { return root.path() + "/" + name; }
-    TestRoot root{""};
-};
-
-TEST_F(RecorderFiles, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDuplicate) {
+TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDuplicate) {
     const int baseline = openDescriptorCount();
     {
         CmmbRecorder bare;
@@ -304,7 +242,7 @@ TEST_F(RecorderFiles, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwned
         EXPECT_EQ(-1015, bare.resume());
         EXPECT_FALSE(bare.mWaitForIdr);
         EXPECT_EQ(-1015, bare.queryCurrentMoovLength());
-        EXPECT_EQ(4, log.count("6 CmmbRecorder no writer!"));
+        EXPECT_EQ(4, root.countLog("no writer!"));
         EXPECT_EQ(-1015, bare.start());  // no output yet
         EXPECT_EQ(0, bare.stop());
         EXPECT_EQ(0, bare.init());
@@ -330,7 +268,7 @@ TEST_F(RecorderFiles, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwned
     EXPECT_EQ(baseline, openDescriptorCount());
 }
 
-TEST_F(RecorderFiles, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) {
+TEST_F(RecManager, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) {
     const int fd = createOutput("video-only.3gp");
     ASSERT_EQ(0, manager.startRecording(0, fd));
     close(fd);
@@ -339,9 +277,9 @@ TEST_F(RecorderFiles, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) 
     ClipFeed feed;
     for (int second = 0; second < 2; ++second) {
         SharedBufferImage image;
-        for (const MultiplexFrame::Video& video : feed.nextSecond().video)
+        for (const MultiplexFrame::Unit& video : feed.nextSecond().video)
             image.nal(video.tsBase, video.tsRelative,
-                      Bytes(video.annexB.begin() + 4, video.annexB.end()));
+                      Bytes(video.bytes.begin() + 4, video.bytes.end()));
         ASSERT_EQ(0, record(image, real));
     }
     EXPECT_GT(manager.queryCurrentMoovLength(0), 0);

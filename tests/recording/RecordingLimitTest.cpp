@@ -15,49 +15,36 @@
 
 namespace {
 
-// One second of the clip (parameter sets and first IDR), then seconds of large synthetic
-// slices and audio frames with the same timing.
-class BulkFeed {
-public:
-    explicit BulkFeed(bool withAudio) : mFirst(ClipFeed().nextSecond()) {
-        MediaBytes slice = {0, 0, 0, 1, 0x41};
-        slice.resize(4 + 2300, 0xA5);
-        for (uint32_t picture = 0; picture < 25; ++picture)
-            mBulk.video.push_back({0, picture * ClipFeed::kPictureTicks, slice});
-        for (uint32_t at = 0; withAudio && at < ClipFeed::kTicksPerSecond;
-             at += ClipFeed::kAudioFrameTicks)
-            mBulk.audio.push_back({0, at, MediaBytes(300, 0x3C)});
-        if (!withAudio)
-            mFirst.audio.clear();
-    }
-    const MultiplexFrame& next() {
-        if (mSecond++ == 0)
-            return mFirst;
-        const uint32_t tsBase = ClipFeed::kFirstTick + ClipFeed::kTicksPerSecond * (mSecond - 1);
-        for (MultiplexFrame::Video& video : mBulk.video)
-            video.tsBase = tsBase;
-        for (MultiplexFrame::Audio& audio : mBulk.audio)
-            audio.tsBase = tsBase;
-        return mBulk;
-    }
-
-private:
-    MultiplexFrame mFirst, mBulk;
-    uint32_t mSecond = 0;
-};
-
-// Records until the engine stops recording, freeing the disk blocks written so far except
-// the first page, which the writer rewrites when it completes the file. Returns the seconds.
+// Records until the engine stops recording: one second of the clip (parameter sets and the
+// first IDR), then seconds of large synthetic slices (and audio frames) with the same timing.
+// The disk blocks written so far are freed, except the first page, which the writer rewrites
+// when it completes the file. Returns the seconds played.
 int recordUntilStopped(RecordingRig& rig, int fd, bool withAudio) {
-    BulkFeed feed(withAudio);
+    MultiplexFrame frame = ClipFeed().nextSecond();
+    MediaBytes slice = {0, 0, 0, 1, 0x41};
+    slice.resize(4 + 2300, 0xA5);
     int seconds = 0;
     while (rig.engine().isRecording(0) && seconds < 40000) {
-        rig.play(feed.next());
+        if (!withAudio)
+            frame.audio.clear();
+        rig.play(frame);
         struct stat status;
         if (++seconds % 500 == 0 && fstat(fd, &status) == 0 && status.st_size >= (8 << 20)) {
             const off_t end = (status.st_size - (4 << 20)) & ~static_cast<off_t>(4095);
             fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 4096, end - 4096);
         }
+        const uint32_t tsBase = ClipFeed::kFirstTick + ClipFeed::kTicksPerSecond * seconds;
+        if (seconds == 1) {
+            frame = MultiplexFrame();
+            for (uint32_t at = 0; at < ClipFeed::kTicksPerSecond; at += ClipFeed::kPictureTicks)
+                frame.video.push_back({tsBase, at, slice});
+            for (uint32_t at = 0; at < ClipFeed::kTicksPerSecond; at += ClipFeed::kAudioFrameTicks)
+                frame.audio.push_back({tsBase, at, MediaBytes(300, 0x3C)});
+        }
+        for (MultiplexFrame::Unit& unit : frame.video)
+            unit.tsBase = tsBase;
+        for (MultiplexFrame::Unit& unit : frame.audio)
+            unit.tsBase = tsBase;
     }
     return seconds;
 }

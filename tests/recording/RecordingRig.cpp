@@ -2,11 +2,143 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 #include "FakeAgentAccess.h"
+
+namespace {
+
+std::string run(const std::string& command, int* status) {
+    std::string output;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) {
+        *status = -1;
+        return "popen failed";
+    }
+    char chunk[4096];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
+        output.append(chunk, n);
+    const int raw = pclose(pipe);
+    *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return output;
+}
+
+// ffprobe's CSV lines for one stream's `entries`.
+std::vector<std::string> probe(const std::string& path, int stream, const std::string& entries) {
+    int status = 0;
+    std::istringstream output(run("ffprobe -v error -select_streams " + std::to_string(stream) +
+                                      " -show_entries " + entries + " -of csv=p=0 '" + path + "'",
+                                  &status));
+    EXPECT_EQ(0, status) << output.str();
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(output, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+}  // namespace
+
+ClipFeed::ClipFeed(size_t startPicture)
+    : mPictures(readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"))),
+      mAudio(readAdtsFrames(testMediaPath("clip_24k_stereo.aac"))),
+      mStartPicture(startPicture),
+      mPicture(startPicture) {
+    EXPECT_FALSE(mPictures.empty() || mAudio.empty()) << "cannot read the clips";
+}
+
+bool ClipFeed::pictureHasSps(size_t i) const {
+    for (const MediaBytes& unit : mPictures[(mStartPicture + i) % mPictures.size()].nalUnits)
+        if (nalUnitType(unit) == 7)
+            return true;
+    return false;
+}
+
+MultiplexFrame ClipFeed::nextSecond() {
+    MultiplexFrame frame;
+    if (mPictures.empty() || mAudio.empty())
+        return frame;
+    const uint32_t tsBase = kFirstTick + kTicksPerSecond * mSecond;
+    const uint32_t secondStart = kTicksPerSecond * mSecond++;
+    for (uint32_t at;
+         (at = kPictureTicks * (mPicture - mStartPicture)) < secondStart + kTicksPerSecond;
+         ++mPicture) {
+        for (const MediaBytes& unit : mPictures[mPicture % mPictures.size()].nalUnits) {
+            MediaBytes annexB = {0, 0, 0, 1};
+            annexB.insert(annexB.end(), unit.begin(), unit.end());
+            frame.video.push_back({tsBase, at - secondStart, annexB});
+        }
+    }
+    for (uint32_t at; (at = kAudioFrameTicks * mAudioFrame) < secondStart + kTicksPerSecond;
+         ++mAudioFrame)
+        frame.audio.push_back({tsBase, at - secondStart, mAudio[mAudioFrame % mAudio.size()]});
+    return frame;
+}
+
+void expectCleanFile(const std::string& path) {
+    int status = -1;
+    EXPECT_EQ("", run("ffprobe -v error '" + path + "'", &status)) << path;
+    EXPECT_EQ(0, status) << path;
+    status = -1;
+    EXPECT_EQ("", run("ffmpeg -nostdin -v error -xerror -i '" + path + "' -f null -", &status))
+        << path;
+    EXPECT_EQ(0, status) << path;
+}
+
+std::vector<ProbedPacket> probePackets(const std::string& path, int stream) {
+    std::vector<ProbedPacket> packets;
+    for (const std::string& line : probe(path, stream, "packet=pts,size,flags")) {
+        ProbedPacket packet;
+        char flags[16] = {0};
+        if (sscanf(line.c_str(), "%lld,%d,%15s", &packet.pts, &packet.size, flags) != 3)
+            ADD_FAILURE() << "unexpected ffprobe line: " << line;
+        packet.key = flags[0] == 'K';
+        packets.push_back(packet);
+    }
+    return packets;
+}
+
+double probeStreamDuration(const std::string& path, int stream) {
+    const std::vector<std::string> lines = probe(path, stream, "stream=duration");
+    double duration = -1;
+    return !lines.empty() && sscanf(lines[0].c_str(), "%lf", &duration) == 1 ? duration : -1;
+}
+
+bool fileHasMoov(const std::string& path) {
+    return readTextFile(path).find("moov") != std::string::npos;
+}
+
+std::vector<std::string> topLevelBoxes(const std::string& path) {
+    std::vector<std::string> boxes;
+    const int fd = open(path.c_str(), O_RDONLY);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0) {
+        ADD_FAILURE() << "cannot open " << path;
+        return boxes;
+    }
+    for (long long offset = 0; offset < status.st_size;) {
+        unsigned char header[8];
+        const long long size = pread(fd, header, 8, offset) == 8
+                                   ? (static_cast<long long>(header[0]) << 24) | (header[1] << 16) |
+                                         (header[2] << 8) | header[3]
+                                   : 0;
+        if (size < 8 || offset + size > status.st_size) {
+            boxes.push_back("truncated");
+            break;
+        }
+        boxes.push_back(std::string(reinterpret_cast<char*>(header) + 4, 4));
+        offset += size;
+    }
+    close(fd);
+    return boxes;
+}
 
 RecordingRig::RecordingRig(const char* logMask) {
     // Read by the engine's constructor, so it must be set before the first getInstance.
@@ -39,11 +171,11 @@ void RecordingRig::playHere(const MultiplexFrame& frame) {
     const unsigned char raw[16] = {0};
     callback->onOutputAVStart(kChannel, raw, sizeof(raw));
     MediaBytes scratch;
-    for (const MultiplexFrame::Video& video : frame.video) {
-        for (size_t at = 0; at < video.annexB.size(); at += kFragment) {
-            const size_t length = std::min(kFragment, video.annexB.size() - at);
-            const bool first = at == 0, last = at + length == video.annexB.size();
-            scratch.assign(video.annexB.begin() + at, video.annexB.begin() + at + length);
+    for (const MultiplexFrame::Unit& video : frame.video) {
+        for (size_t at = 0; at < video.bytes.size(); at += kFragment) {
+            const size_t length = std::min(kFragment, video.bytes.size() - at);
+            const bool first = at == 0, last = at + length == video.bytes.size();
+            scratch.assign(video.bytes.begin() + at, video.bytes.begin() + at + length);
             callback->onClearVideoNalData(kChannel, video.tsBase, video.tsRelative, scratch.data(),
                                           static_cast<unsigned short>(length),
                                           first && last ? MBBMSAgent::NAL_FRAGMENT_COMPLETE
@@ -52,8 +184,8 @@ void RecordingRig::playHere(const MultiplexFrame& frame) {
                                                         : MBBMSAgent::NAL_FRAGMENT_MIDDLE);
         }
     }
-    for (const MultiplexFrame::Audio& audio : frame.audio) {
-        scratch = audio.raw;
+    for (const MultiplexFrame::Unit& audio : frame.audio) {
+        scratch = audio.bytes;
         callback->onClearAudioAacFrame(kChannel, audio.tsBase, audio.tsRelative, scratch.data(),
                                        static_cast<unsigned short>(scratch.size()));
     }
@@ -64,8 +196,8 @@ void RecordingRig::play(const MultiplexFrame& frame) {
     agent().runOnAgentThread([&](MBBMSAgentCallback*) { playHere(frame); });
 }
 
-int RecordingRig::createOutput(const std::string& name) const {
-    const int fd = open(outputPath(name).c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    EXPECT_GE(fd, 0) << "cannot create " << outputPath(name);
+int createFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    EXPECT_GE(fd, 0) << "cannot create " << path;
     return fd;
 }
