@@ -104,7 +104,6 @@ TEST_P(RealMediaTest, RecordingReadsCleanlyDecodesCompletelyAndPlaysAsFed) {
     if (GetParam().video) {
         EXPECT_EQ("h264,2.000000,50", tool("ffprobe", probe + "v:0"));  // 50 pictures at 25 fps
         EXPECT_EQ("AVC", tool("mediainfo", "--Inform='Video;%Format%'"));
-        EXPECT_EQ("320x240", tool("mediainfo", "--Inform='Video;%Width%x%Height%'"));
     }
     if (GetParam().audio) {
         EXPECT_EQ("aac,2.048000,48", tool("ffprobe", probe + "a:0"));  // 48 x 1024 at 24 kHz

@@ -22,7 +22,8 @@ TEST(TrackTablesTest, SttsRunsMergeEqualMediaDurationsAndConvertCumulatively) {
         {24000, {7}, {1, 0}},                                   // one sample: no duration
         {22500, {0, 900, 1800, 2700}, {4, 900}},                // equal durations: one run
         {24000, {0, 900, 1800, 2700, 3601}, {3, 960, 2, 961}},  // rounding per running time
-        {1000, {0, 22, 45, 67}, {4, 1}},  // 22 and 23 ticks are both 1 ms: one run
+        {1000, {0, 22, 45, 67}, {4, 1}},              // 22 and 23 ticks are both 1 ms: one run
+        {1000, {0, 30, 60, 90}, {1, 1, 1, 2, 2, 1}},  // 0, 1.33, 2.67, 4 ms: 0, 1, 3, 4
     };
     for (const auto& c : cases) {
         WriterHarness harness;
