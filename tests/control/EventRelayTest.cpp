@@ -55,15 +55,27 @@ TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInit) {
         ASSERT_EQ(0, control.init());
         control.engine().setFrequency(20);
         reportTables(control, 20);
-        EXPECT_EQ(tablesOf(20), control.app().calls());
         reportTables(control, 20);
         EXPECT_EQ(tablesOf(20), control.app().calls());
 
-        // Another point has a flag of its own.
-        control.app().clear();
-        control.engine().setFrequency(21);
-        reportTables(control, 21);
-        EXPECT_EQ(tablesOf(21), control.app().calls());
+        // Points outside 0 to 47, and no frequency at all (-1), have no flag.
+        for (int freqDot : {-1, 48, 1000}) {
+            control.app().clear();
+            control.agent().setResult("getFrequency", freqDot);
+            reportTables(control, freqDot);
+            reportTables(control, freqDot);
+            std::vector<std::string> twice = tablesOf(freqDot), once = twice;
+            twice.insert(twice.end(), once.begin(), once.end());
+            EXPECT_EQ(twice, control.app().calls()) << "freqDot " << freqDot;
+        }
+        control.agent().clearResult("getFrequency");
+        // Every other point has a flag of its own, not set on the way.
+        for (int freqDot : {0, 47}) {
+            control.app().clear();
+            control.engine().setFrequency(freqDot);
+            reportTables(control, freqDot);
+            EXPECT_EQ(tablesOf(freqDot), control.app().calls());
+        }
 
         control.app().clear();
         ASSERT_EQ(0, control.engine().deinit());
@@ -73,31 +85,6 @@ TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInit) {
         EXPECT_EQ(tablesOf(20), control.app().calls());
         // Every report is logged, passed on or not.
         EXPECT_EQ(3, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
-    });
-}
-
-// Points outside 0 to 47, and no frequency at all (-1), have no flag: every report of them
-// is passed on.
-TEST(TS0Gate, PointsWithoutAFlagArePassedOnEveryTime) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        for (int freqDot : {-1, 48, 1000}) {
-            control.app().clear();
-            control.agent().setResult("getFrequency", freqDot);
-            reportTables(control, freqDot);
-            reportTables(control, freqDot);
-            std::vector<std::string> twice = tablesOf(freqDot);
-            const std::vector<std::string> once = twice;
-            twice.insert(twice.end(), once.begin(), once.end());
-            EXPECT_EQ(twice, control.app().calls()) << "freqDot " << freqDot;
-        }
-        // Nothing was recorded for a tracked point on the way.
-        control.app().clear();
-        control.agent().clearResult("getFrequency");
-        control.engine().setFrequency(0);
-        reportTables(control, 0);
-        EXPECT_EQ(tablesOf(0), control.app().calls());
     });
 }
 
@@ -181,33 +168,7 @@ TEST(Emergency, InitForgetsTheKeyAndOnlyTheLastMessagePassedOnIsRemembered) {
     });
 }
 
-TEST(Events, MbbmsOnlyEventIsDroppedOnlyInCmmbMode) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        auto playEvents = [&] {
-            control.fromAgent([](MBBMSAgentCallback& c) {
-                c.onEvent(EVENT_MBBMS_ONLY, 5);
-                c.onEvent(static_cast<EventType>(131), 6);
-            });
-        };
-        playEvents();
-        EXPECT_EQ(std::vector<std::string>{"onEvent(131, 6)"}, control.app().calls());
-        EXPECT_EQ(1, control.countLogLine("WARNING", "onEvent",
-                                          "No need to call back this type event in CMMB mode"));
-        for (int mode : {1, 2}) {
-            control.app().clear();
-            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
-            playEvents();
-            EXPECT_EQ((std::vector<std::string>{"onEvent(130, 5)", "onEvent(131, 6)"}),
-                      control.app().calls())
-                << "mode " << mode;
-        }
-        EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
-    });
-}
-
-TEST(Relay, ResultsArePassedOnUnchanged) {
+TEST(Events, ResultsArePassedOnAndEvent130IsDroppedOnlyInCmmbMode) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
@@ -222,5 +183,22 @@ TEST(Relay, ResultsArePassedOnUnchanged) {
         EXPECT_EQ((std::vector<std::string>{"onESGXml(3, <content id=\"1\"/>)", "onESGUpdated(1)",
                                             "onScanFinished(0)", "onSignalUpdated(-70)"}),
                   control.app().calls());
+
+        // CMMB_MODE, MBBMS_MODE, and a value that is neither.
+        for (int mode : {0, 1, 2}) {
+            control.app().clear();
+            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
+            control.fromAgent([](MBBMSAgentCallback& c) {
+                c.onEvent(EVENT_MBBMS_ONLY, 5);
+                c.onEvent(static_cast<EventType>(131), 6);
+            });
+            std::vector<std::string> expected = {"onEvent(130, 5)", "onEvent(131, 6)"};
+            if (mode == 0)
+                expected.erase(expected.begin());
+            EXPECT_EQ(expected, control.app().calls()) << "mode " << mode;
+        }
+        EXPECT_EQ(1, control.countLogLine("WARNING", "onEvent",
+                                          "No need to call back this type event in CMMB mode"));
+        EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
     });
 }
