@@ -151,7 +151,7 @@ TEST_F(RecManager, SpsPpsAndIdrInOneRecordStartTheRecordingAndOlderAudioIsSkippe
     for (size_t i = 0; i < 5; ++i) {
         EXPECT_EQ(i < 3 ? "video/avc" : "audio/mp4a-latm", recorder.samples[i].mime) << i;
         EXPECT_EQ(expected[i], recorder.samples[i].bytes) << i;  // audio without its header
-        if (i >= 2) {  // the samples proper
+        if (i >= 2) {                                            // the samples proper
             EXPECT_EQ(timestamps[i], recorder.samples[i].timestamp) << i;
             EXPECT_EQ(i == 2, recorder.samples[i].isSyncFrame) << i;
         }

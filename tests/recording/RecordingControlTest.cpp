@@ -31,7 +31,7 @@ long long fileSize(const std::string& path) {
 #define REQUIRE_FAULT_INJECTION() GTEST_SKIP() << "needs a build with TAVO_FAULT_INJECTION"
 #endif
 
-TEST(RecordingControl, OnlySessionsZeroAndOneRecordStartNeedsOneMiBAndWriteFailuresShowAtStop) {
+TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
     REQUIRE_FAULT_INJECTION();
     EXPECT_IN_CHILD({
         RecordingRig rig;
@@ -73,6 +73,21 @@ TEST(RecordingControl, OnlySessionsZeroAndOneRecordStartNeedsOneMiBAndWriteFailu
         EXPECT_TRUE(rig.engine().isRecording(0));
         EXPECT_EQ(-1, rig.engine().stopRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(0));
+
+        // A missing card ends frame delivery; the recorder stays for the application's stop.
+        const int last = rig.createOutput("last.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, last));
+        close(last);
+        rig.play(feed.nextSecond());
+        rig.play(feed.nextSecond());
+        ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
+        rig.play(feed.nextSecond());
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        EXPECT_EQ(1, rig.app().count("onEvent(151, 0)"));  // EVENT_RECORD_NO_SDCARD
+        rig.play(feed.nextSecond());
+        EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        expectCleanFile(rig.outputPath("last.3gp"));
     });
 }
 
@@ -110,28 +125,6 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         const long long completed = fileSize(rig.outputPath("out.3gp"));
         rig.play(feed.nextSecond());
         EXPECT_EQ(completed, fileSize(rig.outputPath("out.3gp")));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("out.3gp"));
-    });
-}
-
-TEST(RecordingControl, AMissingCardEndsFrameDeliveryButKeepsTheRecorderForStop) {
-    EXPECT_IN_CHILD({
-        RecordingRig rig;
-        rig.startService();
-        const int fd = rig.createOutput("out.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
-        ClipFeed feed;
-        rig.play(feed.nextSecond());
-        rig.play(feed.nextSecond());
-
-        ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
-        rig.play(feed.nextSecond());
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.app().count("onEvent(151, 0)"));  // EVENT_RECORD_NO_SDCARD
-        rig.play(feed.nextSecond());
-        EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         expectCleanFile(rig.outputPath("out.3gp"));
     });
