@@ -3,7 +3,9 @@
 // counting is on (the writer runs on the test's thread only); the array forms of new and
 // delete reach these replacements through their default versions.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -11,36 +13,29 @@
 #include "WriterHarness.h"
 
 namespace {
-
 bool gCounting = false;
 size_t gAllocations = 0;
-long long gLiveBytes = 0, gPeakLiveBytes = 0;
-const size_t kHeader = alignof(std::max_align_t);  // each block carries its size in front
-
+long long gLiveBytes = 0, gPeakLiveBytes = 0;  // as the allocator reports the blocks' sizes
 }  // namespace
 
 void* operator new(size_t size) {
-    auto* block = static_cast<unsigned char*>(malloc(size + kHeader));
+    void* block = malloc(size > 0 ? size : 1);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
-    *reinterpret_cast<size_t*>(block) = size;
     if (gCounting) {
         ++gAllocations;
-        gLiveBytes += static_cast<long long>(size);
+        gLiveBytes += static_cast<long long>(malloc_usable_size(block));
         gPeakLiveBytes = std::max(gPeakLiveBytes, gLiveBytes);
     }
-    return block + kHeader;
+    return block;
 }
-void operator delete(void* pointer) noexcept {
-    if (pointer != nullptr) {
-        unsigned char* block = static_cast<unsigned char*>(pointer) - kHeader;
-        gLiveBytes -= gCounting ? static_cast<long long>(*reinterpret_cast<size_t*>(block)) : 0;
-        free(block);
-    }
+void operator delete(void* block) noexcept {
+    gLiveBytes -= gCounting ? static_cast<long long>(malloc_usable_size(block)) : 0;
+    free(block);
 }
-void operator delete(void* pointer, size_t) noexcept {
-    operator delete(pointer);
+void operator delete(void* block, size_t) noexcept {
+    operator delete(block);
 }
 
 namespace {
