@@ -10,9 +10,7 @@
 
 int main(int argc, char** argv) {
     const int frames = argc > 1 ? atoi(argv[1]) : 20000;
-    EngineDataPath::Options options;
-    options.logMask = "none";
-    EngineDataPath bench(options);
+    EngineDataPath bench("none");
     if (!bench.setUpError().empty()) {
         fprintf(stderr, "set-up failed: %s\n", bench.setUpError().c_str());
         return 1;

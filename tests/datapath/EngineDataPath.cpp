@@ -14,42 +14,29 @@ Bytes pattern(size_t count, unsigned char seed) {
 
 Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed) {
     Bytes bytes = pattern(count, seed);
-    size_t at = 0;
-    if (startCodeLength == 4 && count >= 4) {
-        bytes[0] = bytes[1] = bytes[2] = 0;
-        bytes[3] = 1;
-        at = 4;
-    } else if (startCodeLength == 3 && count >= 3) {
-        bytes[0] = bytes[1] = 0;
-        bytes[2] = 1;
-        at = 3;
-    }
-    if (at < count)
-        bytes[at] = header;
+    for (int i = 0; i < startCodeLength; ++i)
+        bytes[i] = i + 1 == startCodeLength;
+    bytes[startCodeLength] = header;
     return bytes;
 }
 
-EngineDataPath::EngineDataPath(const Options& options) {
-    setenv("TAVO_LOGMASK", options.logMask, 1);
-    engine = TavoMBBMSEngine::getInstance();
-    agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-    if (agent == nullptr) {
-        mError = "the fake agent is not loaded";
-        return;
-    }
-    if (engine->init(&callback, nullptr) != 0) {
-        mError = "init failed";
-        return;
-    }
-    if (options.connectPlayEngine) {
-        mError = reader.connect(root.resolve("/data/app/cmmb.socket"),
-                                root.path() + "/playengine.socket");
-    }
+int valueOf(CmmbSharedSemaphore* sem) {
+    int value = -1;
+    cmmb_sem_getvalue(sem, &value);
+    return value;
 }
 
-EngineDataPath::~EngineDataPath() {
-    if (engine != nullptr)
-        engine->deinit();
+EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine) {
+    setenv("TAVO_LOGMASK", logMask, 1);
+    engine = TavoMBBMSEngine::getInstance();
+    agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
+    if (agent == nullptr)
+        mError = "the fake agent is not loaded";
+    else if (engine->init(&callback, nullptr) != 0)
+        mError = "init failed";
+    else if (connectPlayEngine)
+        mError = reader.connect(root.resolve("/data/app/cmmb.socket"),
+                                root.path() + "/playengine.socket");
 }
 
 int EngineDataPath::startService(int session, int serviceID, int channelID, int freqDot) {
@@ -76,11 +63,10 @@ void EngineDataPath::nal(int channelID, const Bytes& bytes, MBBMSAgent::NAL_FRAG
     });
 }
 
-void EngineDataPath::aac(int channelID, const Bytes& bytes, unsigned long tsBase,
-                         unsigned long tsRelative) {
+void EngineDataPath::aac(int channelID, const Bytes& bytes, unsigned long tsBase) {
     Bytes copy = bytes;
     agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearAudioAacFrame(channelID, tsBase, tsRelative, copy.data(),
+        cb->onClearAudioAacFrame(channelID, tsBase, 0, copy.data(),
                                  static_cast<unsigned short>(copy.size()));
     });
 }
@@ -90,8 +76,12 @@ void EngineDataPath::frameEnd(int channelID, bool withError) {
         [&](MBBMSAgentCallback* cb) { cb->onOutputAVEnd(channelID, withError); });
 }
 
-int EngineDataPath::valueOf(CmmbSharedSemaphore* sem) {
-    int value = -1;
-    cmmb_sem_getvalue(sem, &value);
-    return value;
+void EngineDataPath::playFrame(int channelID, int nals, int aacs, bool withError,
+                               const Bytes& multiplexFrame) {
+    frameStart(channelID, multiplexFrame);
+    for (int i = 0; i < nals; ++i)
+        nal(channelID, nalUnit(4, 0x41, 20 + i), MBBMSAgent::NAL_FRAGMENT_COMPLETE, 100 + i);
+    for (int i = 0; i < aacs; ++i)
+        aac(channelID, pattern(30 + i), 200 + i);
+    frameEnd(channelID, withError);
 }

@@ -11,68 +11,45 @@
 
 #include "PlayEngineProtocol.h"
 
-MappedSharedBuffer::~MappedSharedBuffer() {
-    if (mBuffer != nullptr)
-        munmap(mBuffer, CMMB_SHARED_BUFFER_SIZE);
-    if (mFd >= 0)
-        close(mFd);
-}
-
-bool MappedSharedBuffer::adopt(int fd) {
-    mFd = fd;
-    void* mapping =
-        mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapping == MAP_FAILED)
-        return false;
-    mBuffer = static_cast<CmmbSharedBuffer*>(mapping);
-    return true;
-}
-
 PlayEngineReader::~PlayEngineReader() {
+    for (unsigned s = 0; s < CMMB_SHARED_BUFFER_COUNT; ++s) {
+        if (mBuffers[s] != nullptr)
+            munmap(mBuffers[s], CMMB_SHARED_BUFFER_SIZE);
+        if (mFds[s] >= 0)
+            close(mFds[s]);
+    }
     if (mSocket >= 0)
         close(mSocket);
 }
 
 namespace {
 
-bool fillAddress(sockaddr_un* address, const std::string& path) {
-    memset(address, 0, sizeof(*address));
-    address->sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address->sun_path))
-        return false;
-    memcpy(address->sun_path, path.c_str(), path.size() + 1);
-    return true;
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
 }
 
-// Receives one 96-byte command message and the descriptor it carries (or -1).
+// Receives one command message, sent whole, and the descriptor it carries (or -1).
 bool receiveCommand(int socket, PlayEngineCommandMessage* command, int* fd) {
     *fd = -1;
-    size_t have = 0;
-    unsigned char* bytes = reinterpret_cast<unsigned char*>(command);
-    while (have < sizeof(*command)) {
-        struct pollfd entry = {socket, POLLIN, 0};
-        if (poll(&entry, 1, 20000) != 1)
-            return false;
-        alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
-        iovec piece = {bytes + have, sizeof(*command) - have};
-        msghdr message;
-        memset(&message, 0, sizeof(message));
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        ssize_t n = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-             header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
-                memcpy(fd, CMSG_DATA(header), sizeof(int));
-            }
-        }
-        have += static_cast<size_t>(n);
+    struct pollfd entry = {socket, POLLIN, 0};
+    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
+    iovec whole = {command, sizeof(*command)};
+    msghdr message;
+    memset(&message, 0, sizeof(message));
+    message.msg_iov = &whole;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    if (poll(&entry, 1, 20000) != 1 ||
+        recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_WAITALL) != sizeof(*command))
+        return false;
+    for (cmsghdr* h = CMSG_FIRSTHDR(&message); h != nullptr; h = CMSG_NXTHDR(&message, h)) {
+        if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_RIGHTS)
+            memcpy(fd, CMSG_DATA(h), sizeof(int));
     }
     return true;
 }
@@ -82,60 +59,51 @@ bool receiveCommand(int socket, PlayEngineCommandMessage* command, int* fd) {
 std::string PlayEngineReader::connect(const std::string& serverPath,
                                       const std::string& clientPath) {
     mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (mSocket < 0)
-        return "socket failed";
-    sockaddr_un own, server;
-    if (!fillAddress(&own, clientPath) || !fillAddress(&server, serverPath))
-        return "path too long";
+    sockaddr_un own = addressOf(clientPath), server = addressOf(serverPath);
     unlink(clientPath.c_str());
-    if (bind(mSocket, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
-        return "bind failed";
+    if (mSocket < 0 || bind(mSocket, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
+        return "cannot bind " + clientPath;
     // The command thread may still be setting up its listening socket.
-    int attempts = 0;
-    while (::connect(mSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0) {
+    for (int attempts = 0;
+         ::connect(mSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0;) {
         if (++attempts > 2000)
             return "connect failed: " + std::string(strerror(errno));
         usleep(10000);
     }
-    for (int received = 0; received < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++received) {
+    for (unsigned received = 0; received < CMMB_SHARED_BUFFER_COUNT; ++received) {
         PlayEngineCommandMessage command;
         int fd = -1;
         if (!receiveCommand(mSocket, &command, &fd))
             return "no sharebuffer command received";
-        if (strncmp(command.command, PLAYENGINE_CMD_TEXT_SHAREBUFFER, sizeof(command.command)) != 0)
-            return "unexpected command " +
-                   std::string(command.command, strnlen(command.command, 32));
-        int session = command.session - '0';
-        if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT) || fd < 0)
-            return "sharebuffer without a usable session or descriptor";
-        if (!mBuffers[session].adopt(fd))
+        int s = command.session - '0';
+        if (strncmp(command.command, PLAYENGINE_CMD_TEXT_SHAREBUFFER, sizeof(command.command)) ||
+            s < 0 || s >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT) || fd < 0)
+            return "not a usable sharebuffer command";
+        mFds[s] = fd;
+        void* mapping =
+            mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (mapping == MAP_FAILED)
             return "mmap of a received descriptor failed";
+        mBuffers[s] = static_cast<CmmbSharedBuffer*>(mapping);
     }
     return "";
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
-    CmmbSharedBuffer* buffer = mBuffers[session].get();
-    if (cmmb_sem_timedwait(&buffer->mutexDataAvailable, timeoutMs) != 0)
-        return false;
-    if (cmmb_sem_timedwait(&buffer->mutexDataAccessable, timeoutMs) != 0)
+    CmmbSharedBuffer* b = mBuffers[session];
+    if (cmmb_sem_timedwait(&b->mutexDataAvailable, timeoutMs) != 0 ||
+        cmmb_sem_timedwait(&b->mutexDataAccessable, timeoutMs) != 0)
         return false;
     frame->nals.clear();
     frame->aacs.clear();
-    for (uint32_t i = 0; i < buffer->nalCount && i < CMMB_NAL_RECORD_SLOTS; ++i) {
-        const CmmbNalRecord& record = buffer->nal[i];
-        const unsigned char* start = buffer->data + record.offset;
-        frame->nals.push_back({record.tsBase, record.tsRelative,
-                               std::vector<unsigned char>(start, start + record.length)});
-    }
-    for (uint32_t i = 0; i < buffer->aacCount && i < CMMB_AAC_RECORD_SLOTS; ++i) {
-        const CmmbAacRecord& record = buffer->aac[i];
-        const unsigned char* start = buffer->data + record.offset;
-        frame->aacs.push_back({record.tsBase, record.tsRelative,
-                               std::vector<unsigned char>(start, start + record.length)});
-    }
-    buffer->nalCount = 0;
-    buffer->aacCount = 0;
-    cmmb_sem_post(&buffer->mutexDataAccessable);
+    for (uint32_t i = 0; i < b->nalCount && i < CMMB_NAL_RECORD_SLOTS; ++i)
+        frame->nals.emplace_back(b->data + b->nal[i].offset,
+                                 b->data + b->nal[i].offset + b->nal[i].length);
+    for (uint32_t i = 0; i < b->aacCount && i < CMMB_AAC_RECORD_SLOTS; ++i)
+        frame->aacs.emplace_back(b->data + b->aac[i].offset,
+                                 b->data + b->aac[i].offset + b->aac[i].length);
+    b->nalCount = 0;
+    b->aacCount = 0;
+    cmmb_sem_post(&b->mutexDataAccessable);
     return true;
 }
