@@ -45,19 +45,20 @@ long long toMiB(long long bytes) {
 // Without a session manager no frame can be in progress.
 class FramesHeldOff {
 public:
-    explicit FramesHeldOff(SessionManagerSlot& slot) : mManager(slot) {
+    explicit FramesHeldOff(SessionManagerSlot& slot) : mManager(slot), mTaken(false) {
         if (mManager)
-            mManager->beginExclusive();
+            mTaken = mManager->beginExclusive();
     }
     ~FramesHeldOff() {
         if (mManager)
-            mManager->endExclusive();
+            mManager->endExclusive(mTaken);
     }
     FramesHeldOff(const FramesHeldOff&) = delete;
     FramesHeldOff& operator=(const FramesHeldOff&) = delete;
 
 private:
     SessionManagerSlot::Access mManager;
+    bool mTaken;  // false on the frame's own thread, which needs no waiting
 };
 
 }  // namespace

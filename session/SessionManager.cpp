@@ -38,7 +38,8 @@ SessionManager::SessionManager(TavoMBBMSEngineImpl* engine, MBBMSAgent* agent)
       mEngine(engine),
       mAgent(agent),
       mutexSessionChangable(),
-      mOpenFrameSlot(NO_FRAME) {
+      mOpenFrameSlot(NO_FRAME),
+      mFrameThread(std::thread::id()) {
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
     int reported = mAgent != nullptr ? mAgent->getMaxSupportedSessions() : 0;
@@ -86,6 +87,7 @@ void SessionManager::releaseAbandonedFrame() {
         }
     }
     mOpenFrameSlot.store(NO_FRAME);
+    mFrameThread.store(std::thread::id());
     unlockSessions();
 }
 
@@ -102,12 +104,16 @@ void SessionManager::unlockSessions() {
     TLOG(SEMAPHORE, "mutexSessionChangable++");
 }
 
-void SessionManager::beginExclusive() {
+bool SessionManager::beginExclusive() {
+    if (mFrameThread.load() == std::this_thread::get_id())
+        return false;
     lockSessions();
+    return true;
 }
 
-void SessionManager::endExclusive() {
-    unlockSessions();
+void SessionManager::endExclusive(bool taken) {
+    if (taken)
+        unlockSessions();
 }
 
 int SessionManager::start(int session, int freqDot, int start, int count, int mod, IsmaPara* isma) {

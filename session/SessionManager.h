@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <thread>
 
 #include "MBBMSAgent.h"
 
@@ -70,8 +71,11 @@ public:
     // Waits until no multiplex frame is in progress and keeps frames from starting until
     // endExclusive(); used by recording control so that a recorder is never stopped or
     // replaced while the agent's thread writes a frame into it.
-    void beginExclusive();
-    void endExclusive();
+    // Returns whether it took the lock; pass that to endExclusive. On the thread that holds
+    // the frame bracket (an application reacting to a recording event raised inside a frame)
+    // it takes nothing: that thread writes no frame while it runs the caller.
+    bool beginExclusive();
+    void endExclusive(bool taken);
 
 private:
     void attachSessionToChannel(int session, int channelIndex);
@@ -101,6 +105,8 @@ private:
     // without a start (which is ignored) and the destructor can read it.
     enum { NO_FRAME = -2 };
     std::atomic<int> mOpenFrameSlot;
+    // Thread that holds the frame bracket; a default id when no frame is in progress.
+    std::atomic<std::thread::id> mFrameThread;
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H

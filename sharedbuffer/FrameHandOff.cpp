@@ -23,6 +23,7 @@ int elapsedMs(const struct timeval& from, const struct timeval& to) {
 
 void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, int length) {
     lockSessions();  // held until onOutputAVEnd, whatever happens here
+    mFrameThread.store(std::this_thread::get_id());
     const int c = channelIDToIndex(channelID);
     mOpenFrameSlot = c;
     if (c < 0) {
@@ -69,6 +70,7 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
     if (c < 0) {
         TLOG(WARNING, "ChannelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
         mOpenFrameSlot = NO_FRAME;
+        mFrameThread.store(std::thread::id());
         unlockSessions();
         return;
     }
@@ -123,5 +125,6 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
         TLOG(SEMAPHORE, "mutexDataAvailable(session=%d)++", s);
     }
     mOpenFrameSlot = NO_FRAME;
+    mFrameThread.store(std::thread::id());
     unlockSessions();
 }
