@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <ostream>
 #include <string>
 
 #include "MediaFiles.h"
@@ -34,6 +35,9 @@ std::string runTool(const std::string& command, int* status = nullptr) {
 struct Tracks {
     bool video, audio;
 };
+void PrintTo(const Tracks& tracks, std::ostream* out) {
+    *out << (tracks.video ? "video " : "") << (tracks.audio ? "audio" : "");
+}
 
 class RealMediaTest : public ::testing::TestWithParam<Tracks> {
 protected:
