@@ -131,3 +131,47 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
 }
 
 }  // namespace
+
+namespace {
+
+// An application that ends its recording from the recording event itself. The event is
+// raised inside a multiplex frame, on the agent's thread that holds the frame.
+class StopOnRecordingEvent : public RecordingCallback {
+public:
+    explicit StopOnRecordingEvent(TavoMBBMSEngine& engine) : mEngine(engine) {}
+    void onEvent(EventType type, int param) override {
+        RecordingCallback::onEvent(type, param);
+        if (type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR)
+            stopResult = mEngine.stopRecording(param);
+    }
+    int stopResult = 1;
+
+private:
+    TavoMBBMSEngine& mEngine;
+};
+
+}  // namespace
+
+TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
+    REQUIRE_FAULT_INJECTION();
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        StopOnRecordingEvent app(rig.engine());
+        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
+        rig.startService();  // the engine keeps the first callback
+        const int fd = rig.createOutput("out.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        close(fd);
+        ClipFeed feed;
+        rig.play(feed.nextSecond());
+        setFreeBytes(kMiB - 1);
+        // Waiting for the frame in progress here would wait for ever: the frame is the caller.
+        rig.play(feed.nextSecond());
+        unsetenv("TAVO_FAKE_FREE_BYTES");
+        EXPECT_EQ(1, app.count("onEvent(152, 0)"));
+        EXPECT_EQ(0, app.stopResult);
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        rig.play(feed.nextSecond());  // frames keep flowing afterwards
+        expectCleanFile(rig.outputPath("out.3gp"));
+    });
+}
