@@ -1,22 +1,53 @@
 // Test bench for the live data path, used inside a child process (one engine per process):
-// a fresh android root, the engine initialised with the fake agent, optionally a play engine
-// holding both shared buffers, and the agent's frame bracket played on the agent's thread.
+// a minimal play engine that maps both shared buffers and reads them by the reader contract,
+// and the engine initialised with the fake agent, whose frame bracket it plays.
 #ifndef TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 #define TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 
 #include <string>
+#include <vector>
 
+#include "CmmbSharedBuffer.h"
 #include "FakeAgentControl.h"
-#include "PlayEngineReader.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
+
+using Bytes = std::vector<unsigned char>;
+using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 
 // `count` bytes of a running pattern beginning at `seed`.
 Bytes pattern(size_t count, unsigned char seed = 0);
 // `count` bytes: a 3- or 4-byte start code, the NAL header byte, then a running pattern.
 Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed = 0);
 int valueOf(CmmbSharedSemaphore* sem);
+
+// The payloads of one frame as a reader copied them (AAC frames with their ADTS header).
+struct ReadFrame {
+    std::vector<Bytes> nals, aacs;
+};
+
+class PlayEngineReader {
+public:
+    PlayEngineReader() = default;
+    ~PlayEngineReader();
+    PlayEngineReader(const PlayEngineReader&) = delete;
+    PlayEngineReader& operator=(const PlayEngineReader&) = delete;
+
+    // Connects from clientPath and maps the "sharebuffer" descriptors of sessions 0 and 1.
+    // Returns "" or what went wrong.
+    std::string connect(const std::string& serverPath, const std::string& clientPath);
+    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session]; }
+    int fd(int session) const { return mFds[session]; }
+    // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
+    // clears both counts and posts mutexDataAccessable. False on a timeout.
+    bool readFrame(int session, ReadFrame* frame, int timeoutMs = 20000);
+
+private:
+    int mSocket = -1;
+    int mFds[CMMB_SHARED_BUFFER_COUNT] = {-1, -1};
+    CmmbSharedBuffer* mBuffers[CMMB_SHARED_BUFFER_COUNT] = {};
+};
 
 class EngineDataPath {
 public:
@@ -25,19 +56,17 @@ public:
 
     // "" when the engine is initialised (and the play engine connected); else the reason.
     const std::string& setUpError() const { return mError; }
-
     // startTVService with an IsmaPara carrying serviceID; the agent hands out `channelID`.
     int startService(int session, int serviceID, int channelID, int freqDot = 20);
 
     void frameStart(int channelID, const Bytes& multiplexFrame = Bytes());
-    void nal(int channelID, const Bytes& bytes, MBBMSAgent::NAL_FRAGMENT_POS_IND pos,
-             unsigned long tsBase = 0, unsigned long tsRelative = 0);
+    void nal(int channelID, const Bytes& bytes, Pos pos, unsigned long tsBase = 0,
+             unsigned long tsRelative = 0);
     void aac(int channelID, const Bytes& bytes, unsigned long tsBase = 0);
     void frameEnd(int channelID, bool withError = false);
     // A frame of `nals` complete units and `aacs` audio frames.
     void playFrame(int channelID, int nals, int aacs, bool withError = false,
                    const Bytes& multiplexFrame = Bytes());
-
     CmmbSharedBuffer* buffer(int session) { return reader.buffer(session); }
 
     TestRoot root;

@@ -14,19 +14,18 @@
 
 namespace {
 
-// Open descriptors of this process, and how many of them name a shared region.
+// Open descriptors of this process (but the directory's own), or those naming a region.
 int openDescriptors(bool sharedRegionsOnly = false) {
-    int count = 0;
+    int count = sharedRegionsOnly ? 0 : -1;
     DIR* dir = opendir("/proc/self/fd");
     while (dirent* entry = readdir(dir)) {
         char link[256] = {};
-        std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (entry->d_name[0] == '.' || readlink(path.c_str(), link, sizeof(link) - 1) <= 0)
-            continue;
-        count += !sharedRegionsOnly || strstr(link, "cmmb_shared_memory_") != nullptr;
+        if (entry->d_name[0] != '.' &&
+            readlinkat(dirfd(dir), entry->d_name, link, sizeof(link) - 1) > 0)
+            count += !sharedRegionsOnly || strstr(link, "cmmb_shared_memory_") != nullptr;
     }
     closedir(dir);
-    return sharedRegionsOnly ? count : count - 1;  // not the directory's own descriptor
+    return count;
 }
 
 TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
@@ -56,21 +55,20 @@ TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
     });
 }
 
+// With no session running any frequency point is taken; with one running, only the one the
+// tuner reports (or any, when it reports none).
 TEST(TVServiceControl, FrequencyRuleKeepsRunningChannelsOnOneFrequencyPoint) {
     EXPECT_IN_CHILD({
         EngineDataPath bench;
         ASSERT_EQ("", bench.setUpError());
         EXPECT_EQ(-1, bench.startService(0, 7, 40, -1));
         EXPECT_EQ(1, bench.root.countLog("working on freq=-1, can't switch to freq=-1"));
-        // With no session running any frequency point is taken.
         bench.agent->setResult("getFrequency", 20);
         EXPECT_EQ(0, bench.startService(0, 7, 40, 21));
-        // The tuner reports 20 and a session runs: 22 is refused, 20 accepted.
         EXPECT_EQ(-1, bench.startService(1, 8, 41, 22));
         EXPECT_EQ(1, bench.root.countLog("working on freq=20, can't switch to freq=22"));
         EXPECT_EQ(0, bench.startService(1, 8, 41, 20));
         ASSERT_EQ(0, bench.engine->stopTVService(1));
-        // A tuner that reports no frequency point refuses nothing.
         bench.agent->setResult("getFrequency", -1);
         EXPECT_EQ(0, bench.startService(1, 8, 41, 23));
         EXPECT_EQ(3, bench.agent->countCalls("startService"));
@@ -113,12 +111,12 @@ TEST(SharedBufferLifecycle, InitFailingOnTheSecondRegionReleasesTheFirst) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("all", false);
         ASSERT_EQ("", bench.setUpError());
-        // One full cycle first, so that nothing done lazily needs a descriptor later.
+        // A full cycle first, so that nothing done lazily needs a descriptor later; then
+        // the descriptor limit lets init create the first region but not the second.
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         bench.playFrame(40, 1, 1);
         ASSERT_EQ(0, bench.engine->deinit());
         EXPECT_EQ(0, openDescriptors(true));
-        // The next two free descriptor numbers: allow the first, refuse the second.
         int first = open("/dev/null", O_RDONLY), second = open("/dev/null", O_RDONLY);
         ASSERT_LT(first, second);
         close(first);

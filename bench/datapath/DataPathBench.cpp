@@ -1,7 +1,7 @@
 // Benchmark of the live data path: frames of a typical service (25 NAL units and 23 AAC
 // frames, about 40 KB) pushed through the engine's agent callbacks into two sessions'
 // buffers. Prints the time per frame and the payload throughput. Not a test: run it by hand,
-// e.g. build-*/tests/datapath/datapath_benchmark [frames].
+// e.g. build-*/bench/datapath/datapath_benchmark [frames].
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
