@@ -1,10 +1,5 @@
 // The engine with the broadcast simulator as its agent, in real processes: the engine in
 // the test's child process, the reference play engine as a grandchild.
-//
-// A play engine that dies in the middle of a broadcast and a new one that takes its
-// place: the engine goes on serving both sessions without a reader, hands both buffers to
-// the new play engine, and the new one reads both sessions. And a deinit while services
-// are running, followed by a new init that serves again.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -23,7 +18,6 @@ namespace {
 
 const char kBuffersSent[] = "sendmsg OK: cmd=sharebuffer (session=1)";
 
-// Waits until the engine's log holds at least n lines containing text.
 bool waitForLog(const TestRoot& root, const std::string& text, int n) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (root.countLog(text) < n) {
@@ -52,12 +46,6 @@ int reportedFrames(const std::string& report, int session) {
     std::string key = "session " + std::to_string(session) + ": frames=";
     size_t at = report.rfind(key);
     return at == std::string::npos ? -1 : atoi(report.c_str() + at + key.size());
-}
-
-bool decodes(const std::string& file, const char* format) {
-    std::string command = std::string("ffmpeg -nostdin -v error -xerror -f ") + format + " -i '" +
-                          file + "' -f null - >/dev/null 2>&1";
-    return system(command.c_str()) == 0;
 }
 
 int startService(TavoMBBMSEngine* engine, int session, int serviceID, int slot) {
@@ -104,20 +92,17 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
         ASSERT_TRUE(waitForMoreFrames(root, 4));
         EXPECT_EQ(0, second.stop());
 
+        bool hasFfmpeg = system("command -v ffmpeg >/dev/null 2>&1") == 0;
         std::string report = readTextFile(root.path() + "/second.log");
         EXPECT_GE(reportedFrames(report, 0), 2) << report;
         EXPECT_GE(reportedFrames(report, 1), 2) << report;
-        if (system("command -v ffmpeg >/dev/null 2>&1") == 0) {
-            for (const char* session : {"session0", "session1"}) {
-                std::string base = root.path() + "/second/" + session;
-                struct stat info;
-                ASSERT_EQ(0, stat((base + ".h264").c_str(), &info)) << base;
-                EXPECT_GT(info.st_size, 0);
-                EXPECT_TRUE(decodes(base + ".h264", "h264")) << base;
-                EXPECT_TRUE(decodes(base + ".aac", "aac")) << base;
-            }
+        // What the new play engine wrote decodes: it got the frames whole.
+        for (const char* file :
+             {"session0.h264", "session1.h264", "session0.aac", "session1.aac"}) {
+            std::string command = "ffmpeg -nostdin -v error -xerror -i '" + root.path() +
+                                  "/second/" + file + "' -f null - >/dev/null 2>&1";
+            EXPECT_TRUE(!hasFfmpeg || system(command.c_str()) == 0) << file;
         }
-
         EXPECT_EQ(0, engine->stopTVService(0));
         EXPECT_EQ(0, engine->stopTVService(1));
         EXPECT_EQ(0, engine->deinit());
