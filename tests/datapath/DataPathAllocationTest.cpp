@@ -1,58 +1,50 @@
-// The data path allocates nothing per item or per frame. Every heap allocation of the
+// The data path allocates nothing per item or per frame: every heap allocation of the
 // process (the C library's allocator, which operator new uses too) is counted while a burst
 // of frames goes through the engine's agent callbacks.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 
-namespace {
-std::atomic<long> gAllocations{0};
-}  // namespace
+static std::atomic<long> gAllocations{0};
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
 extern "C" void* __libc_realloc(void* pointer, size_t size);
 extern "C" void* malloc(size_t size) {
-    gAllocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
+    return ++gAllocations, __libc_malloc(size);
 }
 extern "C" void* calloc(size_t count, size_t size) {
-    gAllocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(count, size);
+    return ++gAllocations, __libc_calloc(count, size);
 }
 extern "C" void* realloc(void* pointer, size_t size) {
-    gAllocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(pointer, size);
+    return ++gAllocations, __libc_realloc(pointer, size);
 }
-
-namespace {
 
 TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
     EXPECT_IN_CHILD({
-        // The default switches (ERROR, WARNING, MAIN): one line per frame and session.
+        // The default switches (ERROR, WARNING, MAIN): one log line per frame and session.
         EngineDataPath bench("ERROR,WARNING,MAIN");
         ASSERT_EQ("", bench.setUpError());
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         ASSERT_EQ(0, bench.startService(1, 7, 40));
         MBBMSAgentCallback* agentSide = bench.agent->callback();
         ASSERT_NE(nullptr, agentSide);
-        Bytes unit = nalUnit(4, 0x65, 900), first = nalUnit(3, 0x41, 400);
-        Bytes middle = pattern(300), audio = pattern(180);
-        using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
-        auto video = [&](int index, Bytes& bytes, Pos pos) {
-            agentSide->onClearVideoNalData(40, index, 0, bytes.data(), bytes.size(), pos);
-        };
+        Bytes unit = nalUnit(4, 0x65, 900), first = nalUnit(3, 0x41, 400), middle = pattern(300),
+              audio = pattern(180);
         auto frame = [&](int index) {
             agentSide->onOutputAVStart(40, nullptr, 0);
             for (int i = 0; i < 20; ++i)
-                video(index, unit, MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            video(index, first, MBBMSAgent::NAL_FRAGMENT_START);
-            video(index, middle, MBBMSAgent::NAL_FRAGMENT_MIDDLE);
-            video(index, middle, MBBMSAgent::NAL_FRAGMENT_END);
+                agentSide->onClearVideoNalData(40, index, 0, unit.data(), unit.size(),
+                                               MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            agentSide->onClearVideoNalData(40, index, 0, first.data(), first.size(),
+                                           MBBMSAgent::NAL_FRAGMENT_START);
+            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
+                                           MBBMSAgent::NAL_FRAGMENT_MIDDLE);
+            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
+                                           MBBMSAgent::NAL_FRAGMENT_END);
             for (int i = 0; i < 10; ++i)
                 agentSide->onClearAudioAacFrame(40, index, i, audio.data(), audio.size());
             agentSide->onOutputAVEnd(40, false);
@@ -76,5 +68,3 @@ TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
         EXPECT_EQ(400, bench.root.countLog("A/V DATA LOST(nalCount=21, aacCount=10)"));
     });
 }
-
-}  // namespace

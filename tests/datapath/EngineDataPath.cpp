@@ -1,17 +1,13 @@
 #include "EngineDataPath.h"
 
-#include <errno.h>
-#include <poll.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "FakeAgentAccess.h"
-#include "PlayEngineProtocol.h"
 
 Bytes pattern(size_t count, unsigned char seed) {
     Bytes bytes(count);
@@ -34,86 +30,33 @@ int valueOf(CmmbSharedSemaphore* sem) {
     return value;
 }
 
-PlayEngineReader::~PlayEngineReader() {
-    for (unsigned s = 0; s < CMMB_SHARED_BUFFER_COUNT; ++s) {
-        if (mBuffers[s] != nullptr)
-            munmap(mBuffers[s], CMMB_SHARED_BUFFER_SIZE);
-        if (mFds[s] >= 0)
-            close(mFds[s]);
-    }
-    if (mSocket >= 0)
-        close(mSocket);
-}
-
-namespace {
-
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address;
-    memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
-// Receives one command message, sent whole, and the descriptor it carries (or -1).
-bool receiveCommand(int socket, PlayEngineCommandMessage* command, int* fd) {
-    *fd = -1;
-    struct pollfd entry = {socket, POLLIN, 0};
-    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
-    iovec whole = {command, sizeof(*command)};
-    msghdr message;
-    memset(&message, 0, sizeof(message));
-    message.msg_iov = &whole;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    if (poll(&entry, 1, 20000) != 1 ||
-        recvmsg(socket, &message, MSG_CMSG_CLOEXEC | MSG_WAITALL) != sizeof(*command))
-        return false;
-    for (cmsghdr* h = CMSG_FIRSTHDR(&message); h != nullptr; h = CMSG_NXTHDR(&message, h)) {
-        if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_RIGHTS)
-            memcpy(fd, CMSG_DATA(h), sizeof(int));
-    }
-    return true;
-}
-
-}  // namespace
-
 std::string PlayEngineReader::connect(const std::string& serverPath,
                                       const std::string& clientPath) {
-    mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un own = addressOf(clientPath), server = addressOf(serverPath);
-    unlink(clientPath.c_str());
-    if (mSocket < 0 || bind(mSocket, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
-        return "cannot bind " + clientPath;
+    mConnection.reset(new EngineConnection(serverPath, clientPath));
+    std::string error;
     // The command thread may still be setting up its listening socket.
-    for (int attempts = 0;
-         ::connect(mSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0;) {
+    for (int attempts = 0; !mConnection->connect(&error); usleep(10000)) {
         if (++attempts > 2000)
-            return "connect failed: " + std::string(strerror(errno));
-        usleep(10000);
+            return error;
     }
     for (unsigned received = 0; received < CMMB_SHARED_BUFFER_COUNT; ++received) {
-        PlayEngineCommandMessage command;
-        int fd = -1;
-        if (!receiveCommand(mSocket, &command, &fd))
+        EngineCommand command;
+        struct stat status;
+        if (mConnection->receive(&command, 20000) != EngineConnection::RECEIVED)
             return "no sharebuffer command received";
-        int s = command.session - '0';
-        if (strncmp(command.command, PLAYENGINE_CMD_TEXT_SHAREBUFFER, sizeof(command.command)) ||
-            s < 0 || s >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT) || fd < 0)
+        const int s = command.session();
+        if (command.text() != PLAYENGINE_CMD_TEXT_SHAREBUFFER || s < 0 ||
+            s >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT) || fstat(command.fd.get(), &status))
             return "not a usable sharebuffer command";
-        mFds[s] = fd;
-        void* mapping =
-            mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (mapping == MAP_FAILED)
-            return "mmap of a received descriptor failed";
-        mBuffers[s] = static_cast<CmmbSharedBuffer*>(mapping);
+        mRegionSizes[s] = status.st_size;
+        if (!mBuffers[s].map(std::move(command.fd), &error))
+            return error;
     }
     return "";
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
-    CmmbSharedBuffer* b = mBuffers[session];
+    CmmbSharedBuffer* b = buffer(session);
     if (cmmb_sem_timedwait(&b->mutexDataAvailable, timeoutMs) != 0 ||
         cmmb_sem_timedwait(&b->mutexDataAccessable, timeoutMs) != 0)
         return false;
@@ -159,20 +102,19 @@ void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
     });
 }
 
-void EngineDataPath::nal(int channelID, const Bytes& bytes, Pos pos, unsigned long tsBase,
+// The agent's buffers are writable; each call gets its own copy.
+void EngineDataPath::nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase,
                          unsigned long tsRelative) {
-    Bytes copy = bytes;  // the agent's buffer, valid for the call
     agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearVideoNalData(channelID, tsBase, tsRelative, copy.data(),
-                                static_cast<unsigned short>(copy.size()), pos);
+        cb->onClearVideoNalData(channelID, tsBase, tsRelative, bytes.data(),
+                                static_cast<unsigned short>(bytes.size()), pos);
     });
 }
 
-void EngineDataPath::aac(int channelID, const Bytes& bytes, unsigned long tsBase) {
-    Bytes copy = bytes;
+void EngineDataPath::aac(int channelID, Bytes bytes, unsigned long tsBase) {
     agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearAudioAacFrame(channelID, tsBase, 0, copy.data(),
-                                 static_cast<unsigned short>(copy.size()));
+        cb->onClearAudioAacFrame(channelID, tsBase, 0, bytes.data(),
+                                 static_cast<unsigned short>(bytes.size()));
     });
 }
 

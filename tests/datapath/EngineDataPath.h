@@ -1,15 +1,20 @@
 // Test bench for the live data path, used inside a child process (one engine per process):
-// a minimal play engine that maps both shared buffers and reads them by the reader contract,
-// and the engine initialised with the fake agent, whose frame bracket it plays.
+// a play engine that maps both shared buffers and reads them by the reader contract, and the
+// engine initialised with the fake agent, whose frame bracket it plays.
 #ifndef TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 #define TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 
+#include <sys/types.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "CmmbSharedBuffer.h"
+#include "EngineConnection.h"
 #include "FakeAgentControl.h"
 #include "RecordingCallback.h"
+#include "SharedBufferMapping.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
 
@@ -27,26 +32,23 @@ struct ReadFrame {
     std::vector<Bytes> nals, aacs;
 };
 
+// A play engine's view: the reference play engine's connection and mappings, read here
+// frame by frame.
 class PlayEngineReader {
 public:
-    PlayEngineReader() = default;
-    ~PlayEngineReader();
-    PlayEngineReader(const PlayEngineReader&) = delete;
-    PlayEngineReader& operator=(const PlayEngineReader&) = delete;
-
     // Connects from clientPath and maps the "sharebuffer" descriptors of sessions 0 and 1.
     // Returns "" or what went wrong.
     std::string connect(const std::string& serverPath, const std::string& clientPath);
-    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session]; }
-    int fd(int session) const { return mFds[session]; }
+    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session].buffer(); }
+    off_t regionSize(int session) const { return mRegionSizes[session]; }
     // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
     // clears both counts and posts mutexDataAccessable. False on a timeout.
     bool readFrame(int session, ReadFrame* frame, int timeoutMs = 20000);
 
 private:
-    int mSocket = -1;
-    int mFds[CMMB_SHARED_BUFFER_COUNT] = {-1, -1};
-    CmmbSharedBuffer* mBuffers[CMMB_SHARED_BUFFER_COUNT] = {};
+    std::unique_ptr<EngineConnection> mConnection;
+    SharedBufferMapping mBuffers[CMMB_SHARED_BUFFER_COUNT];
+    off_t mRegionSizes[CMMB_SHARED_BUFFER_COUNT] = {};
 };
 
 class EngineDataPath {
@@ -60,9 +62,9 @@ public:
     int startService(int session, int serviceID, int channelID, int freqDot = 20);
 
     void frameStart(int channelID, const Bytes& multiplexFrame = Bytes());
-    void nal(int channelID, const Bytes& bytes, Pos pos, unsigned long tsBase = 0,
+    void nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase = 0,
              unsigned long tsRelative = 0);
-    void aac(int channelID, const Bytes& bytes, unsigned long tsBase = 0);
+    void aac(int channelID, Bytes bytes, unsigned long tsBase = 0);
     void frameEnd(int channelID, bool withError = false);
     // A frame of `nals` complete units and `aacs` audio frames.
     void playFrame(int channelID, int nals, int aacs, bool withError = false,

@@ -25,7 +25,6 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR,WARNING");
         ASSERT_EQ("", bench.setUpError());
-        bench.agent->setNextChannelID(kChannel);
         MBBMSAgentCallback* agentSide = bench.agent->callback();
         ASSERT_NE(nullptr, agentSide);
         Bytes units[kUnits];
@@ -33,8 +32,7 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
             units[i] = nalUnit(4, 0x41, 64 + i, static_cast<unsigned char>(i));
 
         std::atomic<bool> running{true};
-        std::atomic<int> broken{0}, framesRead{0};
-        std::atomic<long> framesDelivered{0};
+        std::atomic<long> broken{0}, framesRead{0}, framesDelivered{0};
         std::thread agentThread([&] {
             while (running.load()) {
                 agentSide->onOutputAVStart(kChannel, nullptr, 0);
@@ -43,22 +41,22 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
                                                    static_cast<unsigned short>(units[i].size()),
                                                    MBBMSAgent::NAL_FRAGMENT_COMPLETE);
                 agentSide->onOutputAVEnd(kChannel, false);
-                framesDelivered.fetch_add(1);
+                framesDelivered++;
                 // Pacing, as between real multiplex frames, so that the reader gets the lock.
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
         std::thread readerThread([&] {
             while (running.load()) {
+                ReadFrame frame;
                 for (int s = 0; s < 2; ++s) {
-                    ReadFrame frame;
                     if (!bench.reader.readFrame(s, &frame, 5))
                         continue;
-                    framesRead.fetch_add(1);
                     bool whole = frame.nals.empty() || frame.nals.size() == kUnits;
                     for (size_t i = 0; whole && i < frame.nals.size(); ++i)
                         whole = frame.nals[i] == Bytes(units[i].begin() + 4, units[i].end());
-                    broken.fetch_add(!whole);
+                    framesRead++;
+                    broken += !whole;
                 }
             }
         });
