@@ -1,9 +1,14 @@
 #!/bin/sh
-# Builds and runs every test suite:
-#   1. host build, all tests;
+# Builds and runs every test suite, with warnings as errors (the ci-* presets):
+#   1. host Debug build, all tests;
 #   2. the same suite under AddressSanitizer and UndefinedBehaviorSanitizer;
 #   3. the concurrency tests (label "tsan") under ThreadSanitizer;
-#   4. a 32-bit ARM cross build, all tests under qemu-user.
+#   4. a 32-bit ARM cross build, all tests under qemu-user;
+#   5. a Release build with g++ and one with clang++ (optimiser-only warnings);
+#   6. the package: cmake --install into a temporary prefix, the example in examples/ built
+#      against it with find_package and run, and a file that includes TavoMBBMSEngine.h
+#      compiled with pkg-config's flags;
+#   7. the benchmarks as a quick smoke (tiny counts; figures mean nothing here).
 # Build trees go to ./out/ (or $TAVO_OUT). Installs missing Debian packages first.
 set -eu
 cd "$(dirname "$0")/.."
@@ -13,11 +18,17 @@ jobs=$(nproc)
 
 sh scripts/install_dependencies.sh --arm
 
+# configure <preset> <build dir under out/>
 configure() {
+    cmake --preset "$1" -S "$root" -B "$out/$2" >"$out/$2.configure.log" 2>&1 ||
+        { cat "$out/$2.configure.log"; exit 1; }
+}
+
+build() {
     dir=$1
-    shift
-    cmake -S "$root" -B "$out/$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug "$@" >"$out/$dir.configure.log" 2>&1 ||
-        { cat "$out/$dir.configure.log"; exit 1; }
+    target=$2
+    cmake --build "$out/$dir" -j "$jobs" --target "$target" >"$out/$dir.build.log" 2>&1 ||
+        { tail -60 "$out/$dir.build.log"; exit 1; }
 }
 
 run_suite() {
@@ -27,25 +38,36 @@ run_suite() {
     shift 3
     echo "==== $name"
     started=$(date +%s)
-    cmake --build "$out/$dir" -j "$jobs" --target "$target" >"$out/$dir.build.log" 2>&1 ||
-        { tail -60 "$out/$dir.build.log"; exit 1; }
+    build "$dir" "$target"
     ctest --test-dir "$out/$dir" -j "$jobs" --output-on-failure "$@"
     echo "==== $name: $(($(date +%s) - started)) s"
 }
 
 mkdir -p "$out"
 
-configure host
+configure ci-host-debug host
 run_suite "host" host all
 
-configure asan -DTAVO_SANITIZE=address,undefined
+configure ci-asan-ubsan asan
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
     run_suite "AddressSanitizer + UndefinedBehaviorSanitizer" asan all
 
-configure tsan -DTAVO_SANITIZE=thread
+configure ci-tsan tsan
 TSAN_OPTIONS=halt_on_error=1 run_suite "ThreadSanitizer" tsan tavo_tsan_tests -L tsan
 
-configure arm -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-arm-linux-gnueabihf.cmake"
+configure ci-arm arm
 run_suite "32-bit ARM under qemu-user" arm all
+
+echo "==== Release builds (g++, clang++)"
+configure ci-release ci-release
+build ci-release all
+configure ci-clang-release ci-clang-release
+build ci-clang-release all
+
+echo "==== installed package"
+sh scripts/check_package.sh "$out/ci-release" "$out/package"
+
+echo "==== benchmarks (smoke)"
+TAVO_BENCH_PRESET=ci-release sh scripts/run_benchmarks.sh --smoke >/dev/null
 
 echo "All suites passed."

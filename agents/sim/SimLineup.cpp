@@ -5,7 +5,7 @@ namespace {
 // Three frequency points with two services each. The identifiers match the files made
 // by content/make_content.sh.
 const SimService kServices[] = {
-    {101, "CCTV-1 News", "news", 13, 1, 4, 1, false},
+    {101, "Harbour News", "news", 13, 1, 4, 1, false},
     {102, "Sports", "sports", 13, 5, 4, 1, true},
     {201, "Movies", "movies", 20, 1, 4, 1, true},
     {202, "Music", "music", 20, 5, 3, 1, false},

@@ -2,7 +2,7 @@
 // writer, against plain stdio writes of the same bytes. Both go to /dev/null, so the figures
 // are the writer's own CPU cost, not the storage's.
 //
-//   mp4writer_bench [seconds of recording, default 7200]
+//   mp4writer_bench [--smoke] [seconds of recording, default 7200]
 #include <fcntl.h>
 
 #include <chrono>
@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "BenchRow.h"
 #include "CmmbMPEG4Writer.h"
 
 namespace {
@@ -89,7 +90,11 @@ double writePlainBytes(const std::vector<Sample>& samples, const _CmmbOutBuffer*
 }  // namespace
 
 int main(int argc, char** argv) {
-    long long seconds = argc > 1 ? atoll(argv[1]) : 7200;
+    long long seconds = bench::isSmoke(argc, argv) ? 10 : 7200;
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i][0] != '-')
+            seconds = atoll(argv[i]);
+    }
     std::vector<Sample> samples = schedule(seconds);
     std::unique_ptr<_CmmbOutBuffer> buffer(new _CmmbOutBuffer());
     buffer->data = buffer->storage;
@@ -103,10 +108,11 @@ int main(int argc, char** argv) {
 
     double plain = writePlainBytes(samples, buffer.get());
     double writer = recordThroughWriter(samples, buffer.get());
-    printf("recording of %lld s: %zu samples, %.1f MB\n", seconds, samples.size(), bytes / 1e6);
-    printf("plain stdio writes: %8.3f s  %8.1f MB/s\n", plain, bytes / 1e6 / plain);
-    printf("through the writer: %8.3f s  %8.1f MB/s  %6.0f ns per sample  (%.2fx plain)\n", writer,
-           bytes / 1e6 / writer, writer * 1e9 / static_cast<double>(samples.size()),
-           writer / plain);
+    char what[96];
+    snprintf(what, sizeof(what), "MP4 writer, %lld s of samples (%.1f MB) to /dev/null", seconds,
+             bytes / 1e6);
+    bench::printRow(what, bytes / 1e6 / writer, "plain stdio writes of the same bytes",
+                    bytes / 1e6 / plain, "MB/s");
+    printf("writer cost: %.0f ns per sample\n", writer * 1e9 / static_cast<double>(samples.size()));
     return 0;
 }

@@ -30,7 +30,9 @@ void* operator new(size_t size) {
     }
     return block;
 }
-void operator delete(void* block) noexcept {
+// Not inlined: GCC would otherwise see free() applied to the result of operator new in the
+// callers and warn (-Wmismatched-new-delete), although the pair is matched here.
+__attribute__((noinline)) void operator delete(void* block) noexcept {
     gLiveBytes -= gCounting ? static_cast<long long>(malloc_usable_size(block)) : 0;
     free(block);
 }

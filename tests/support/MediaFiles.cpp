@@ -23,8 +23,8 @@ bool isSlice(int type) {
 
 // first_mb_in_slice is the first ue(v) after the slice NAL header; a picture's first slice
 // has it equal to zero, which is coded as the single bit 1.
-bool startsNewPicture(const MediaBytes& nalUnit) {
-    return nalUnit.size() > 1 && (nalUnit[1] & 0x80) != 0;
+bool startsNewPicture(const uint8_t* nalUnit, size_t length) {
+    return length > 1 && (nalUnit[1] & 0x80) != 0;
 }
 
 }  // namespace
@@ -67,13 +67,15 @@ std::vector<H264Picture> splitAnnexBPictures(const MediaBytes& stream) {
         while (end > payload && stream[end - 1] == 0) {
             --end;
         }
-        MediaBytes unit(stream.begin() + payload, stream.begin() + end);
         start = next;
-        if (unit.empty()) {
+        if (end == payload) {
             continue;
         }
-        int type = nalUnitType(unit);
-        bool beginsPicture = !isSlice(type) || startsNewPicture(unit);
+        // The unit is read in place and copied once, into the picture it belongs to.
+        const uint8_t* unit = stream.data() + payload;
+        const size_t unitLength = end - payload;
+        int type = unit[0] & 0x1f;
+        bool beginsPicture = !isSlice(type) || startsNewPicture(unit, unitLength);
         if (pendingHasSlice && beginsPicture) {
             pictures.push_back(std::move(pending));
             pending = H264Picture();
@@ -83,7 +85,7 @@ std::vector<H264Picture> splitAnnexBPictures(const MediaBytes& stream) {
             pendingHasSlice = true;
             pending.isIdr = pending.isIdr || type == kNalIdrSlice;
         }
-        pending.nalUnits.push_back(std::move(unit));
+        pending.nalUnits.emplace_back(unit, unit + unitLength);
     }
     if (pendingHasSlice) {
         pictures.push_back(std::move(pending));

@@ -21,6 +21,13 @@
 #ifndef TAVO_DEMO_PLAY_ENGINE
 #define TAVO_DEMO_PLAY_ENGINE ""
 #endif
+// Paths of the installed simulator relative to the installed program's directory.
+#ifndef TAVO_DEMO_INSTALLED_SIM_AGENT
+#define TAVO_DEMO_INSTALLED_SIM_AGENT ""
+#endif
+#ifndef TAVO_DEMO_INSTALLED_SIM_CONTENT
+#define TAVO_DEMO_INSTALLED_SIM_CONTENT ""
+#endif
 
 using std::chrono::milliseconds;
 
@@ -91,17 +98,17 @@ bool DemoRun::prepare() {
     heading("Preparing the android root");
     if (!demofiles::makeDirectories(mOut))
         return failed("prepare", "cannot create " + mOut);
-    std::string agent = TAVO_DEMO_SIM_AGENT;
+    const std::string agent = findSimAgent(), content = findSimContent();
     // A Unix socket path holds at most 107 bytes; the engine's lives in the android root.
     std::string socketPath = mRoot.resolve("/data/app/cmmb.socket");
     if (socketPath.size() > 107) {
         return failed("prepare", "--out is too long for the engine's socket path " + socketPath);
     }
-    if (!demofiles::isDirectory(TAVO_DEMO_SIM_CONTENT)) {
-        return failed("prepare", std::string("no simulator content at ") + TAVO_DEMO_SIM_CONTENT);
+    if (!demofiles::isDirectory(content)) {
+        return failed("prepare", "no simulator content at " + content);
     }
     std::string error;
-    if (!mRoot.prepare(agent, TAVO_DEMO_SIM_CONTENT, mOptions.speed, &error)) {
+    if (!mRoot.prepare(agent, content, mOptions.speed, &error)) {
         return failed("prepare", error);
     }
     demofiles::writeTextFile(mLog.path(), "");
@@ -250,6 +257,22 @@ bool DemoRun::runMbbmsRound() {
                       [engine] { return engine->requestSubscribeService(kPackages, 2); }) &&
            runRequest("requestInquiryAccount",
                       [engine] { return engine->requestInquiryAccount(); });
+}
+
+std::string DemoRun::findSimAgent() const {
+    const std::string installed =
+        demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_AGENT;
+    if (*TAVO_DEMO_INSTALLED_SIM_AGENT != '\0' && access(installed.c_str(), R_OK) == 0)
+        return installed;
+    return TAVO_DEMO_SIM_AGENT;
+}
+
+std::string DemoRun::findSimContent() const {
+    const std::string installed =
+        demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_CONTENT;
+    if (*TAVO_DEMO_INSTALLED_SIM_CONTENT != '\0' && demofiles::isDirectory(installed))
+        return installed;
+    return TAVO_DEMO_SIM_CONTENT;
 }
 
 std::string DemoRun::findPlayEngine() const {

@@ -49,6 +49,10 @@ private:
     bool checkRecordingWithFfprobe();
     std::vector<std::string> playEngineArguments() const;
     std::string findPlayEngine() const;
+    // The simulator library and its content: the installed layout next to this program's
+    // directory when it is there, else the build tree's.
+    std::string findSimAgent() const;
+    std::string findSimContent() const;
 
     // Bounded waits: generous, scaled to the broadcast speed.
     std::chrono::milliseconds broadcastTimeout(double broadcastSeconds) const;

@@ -42,7 +42,7 @@ make_service() {
         -f adts "$out/$id.aac"
 }
 
-make_service 101 "CCTV-1 News" testsrc2 440 550
+make_service 101 "Harbour News" testsrc2 440 550
 make_service 102 "Sports" smptehdbars 330 495
 make_service 201 "Movies" testsrc 523 659
 make_service 202 "Music" rgbtestsrc 262 392
