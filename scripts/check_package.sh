@@ -16,6 +16,7 @@ work=$2
 
 rm -rf "$work"
 mkdir -p "$work"
+work=$(cd "$work" && pwd)
 prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
     { cat "$work/install.log"; exit 1; }
