@@ -78,7 +78,9 @@ set terminal pngcairo size 900,500
 set output "$results/wake-latency.png"
 set title "Frame end to reader awake in another process (one round each)"
 set xlabel "microseconds"
-set ylabel "rounds"
+set ylabel "rounds (log scale)"
+set logscale y
+set yrange [0.8:*]
 set xrange [0:$xmax]
 binwidth = $xmax / 60.0
 bin(x) = binwidth * floor(x / binwidth) + binwidth / 2

@@ -2,7 +2,7 @@
 // delivered as one multiplex frame per second through the engine's agent callbacks into a
 // session that records to a file, from startRecording to the end of stopRecording (moov and
 // fsync included). Baselines, each ending with the file synced like the recording:
-//   - a plain write of the same elementary streams (Annex B H.264, ADTS AAC);
+//   - a plain write of the same elementary streams (Annex B H.264, ADTS AAC) into one file;
 //   - ffmpeg -c copy of those elementary streams into an MP4 (when ffmpeg is installed;
 //     its process start-up is included).
 // Throughput counts the media bytes (NAL units and AAC frames without start codes or ADTS
@@ -173,15 +173,18 @@ double recordThroughEngine(EngineDataPath& bench, std::vector<SecondOfContent>& 
     return elapsed;
 }
 
-bool writeAndSync(const std::string& path, const Bytes& bytes) {
+// Writes the buffers one after the other into one file in 1 MiB writes, then syncs it.
+bool writeAndSync(const std::string& path, const std::vector<const Bytes*>& buffers) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0)
         return false;
     const size_t kBlock = 1 << 20;
     bool ok = true;
-    for (size_t at = 0; ok && at < bytes.size(); at += kBlock) {
-        size_t n = std::min(kBlock, bytes.size() - at);
-        ok = write(fd, bytes.data() + at, n) == static_cast<ssize_t>(n);
+    for (const Bytes* bytes : buffers) {
+        for (size_t at = 0; ok && at < bytes->size(); at += kBlock) {
+            size_t n = std::min(kBlock, bytes->size() - at);
+            ok = write(fd, bytes->data() + at, n) == static_cast<ssize_t>(n);
+        }
     }
     ok = fsync(fd) == 0 && ok;
     return close(fd) == 0 && ok;
@@ -229,7 +232,7 @@ int main(int argc, char** argv) {
     const double heapPerSample = static_cast<double>(gHeapBytes.load()) / samples;
 
     const double plainBegin = bench::nowSeconds();
-    if (!writeAndSync(dir + "/es.h264", h264) || !writeAndSync(dir + "/es.aac", aac)) {
+    if (!writeAndSync(dir + "/plain.bin", {&h264, &aac})) {
         fprintf(stderr, "the plain write failed\n");
         return 1;
     }
@@ -243,6 +246,11 @@ int main(int argc, char** argv) {
                     mediaBytes / plainSeconds / 1e6, "MB/s");
 
     if (system("command -v ffmpeg >/dev/null 2>&1") == 0) {
+        // ffmpeg's input files, written before its clock starts.
+        if (!writeAndSync(dir + "/es.h264", {&h264}) || !writeAndSync(dir + "/es.aac", {&aac})) {
+            fprintf(stderr, "cannot write the elementary streams\n");
+            return 1;
+        }
         const std::string command = "ffmpeg -nostdin -v error -y -framerate 25 -f h264 -i '" + dir +
                                     "/es.h264' -f aac -i '" + dir +
                                     "/es.aac' -map 0:v -map 1:a -c copy -f mp4 '" + dir +
