@@ -1,0 +1,155 @@
+// The handset backend of the platform layer, built against the real liblog and libcutils.
+//
+// Semaphore waits: a signal delivered to a waiting thread must neither end a wait early
+// (the engine would then write a buffer the play engine is reading) nor stretch a timed
+// wait past its time-out.
+#include <errno.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "Ashmem.h"
+#include "SemaphoreWaits.h"
+
+namespace {
+
+int64_t monotonicMs() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void sleepMs(int ms) {
+    struct timespec step = {0, ms * 1000000L};
+    nanosleep(&step, nullptr);
+}
+
+void ignoreSignal(int) {}
+
+// Installs a SIGUSR1 handler without SA_RESTART, so that blocking calls of the thread that
+// receives it fail with EINTR unless the caller restarts them.
+class InterruptingSignal {
+public:
+    InterruptingSignal() {
+        struct sigaction action;
+        memset(&action, 0, sizeof(action));
+        action.sa_handler = ignoreSignal;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGUSR1, &action, &mPrevious);
+    }
+    ~InterruptingSignal() { sigaction(SIGUSR1, &mPrevious, nullptr); }
+
+private:
+    struct sigaction mPrevious;
+};
+
+// Runs wait() on a thread and interrupts it with signals while it waits.
+struct InterruptedWaiter {
+    std::atomic<bool> done{false};
+    std::atomic<int> result{1};
+    std::atomic<int> error{0};
+    std::thread thread;
+
+    template <typename Wait>
+    explicit InterruptedWaiter(Wait wait)
+        : thread([this, wait] {
+              int r = wait();
+              error = errno;
+              result = r;
+              done = true;
+          }) {}
+
+    void interrupt(int times) {
+        for (int i = 0; i < times && !done; ++i) {
+            pthread_kill(thread.native_handle(), SIGUSR1);
+            sleepMs(5);
+        }
+    }
+};
+
+class SemaphoreWaits : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0, sem_init(&mSem, 0, 0)); }
+    void TearDown() override { sem_destroy(&mSem); }
+
+    sem_t mSem;
+    InterruptingSignal mSignal;
+};
+
+TEST_F(SemaphoreWaits, UntimedWaitOutlastsSignalsUntilPosted) {
+    InterruptedWaiter waiter([this] { return semaphoreWaitRestarting(&mSem); });
+    waiter.interrupt(40);
+    EXPECT_FALSE(waiter.done) << "returned " << waiter.result << " errno " << waiter.error;
+    ASSERT_EQ(0, sem_post(&mSem));
+    waiter.thread.join();
+    EXPECT_EQ(0, waiter.result);
+}
+
+TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
+    const int timeoutMs = 400;
+    const int64_t started = monotonicMs();
+    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, timeoutMs); });
+    waiter.interrupt(1000);
+    waiter.thread.join();
+    const int64_t elapsed = monotonicMs() - started;
+    EXPECT_EQ(-1, waiter.result);
+    EXPECT_EQ(ETIMEDOUT, waiter.error);
+    EXPECT_GE(elapsed, timeoutMs);
+    // A hang detector, not a timing goal: the wait must end well before a second passes.
+    EXPECT_LT(elapsed, 5 * timeoutMs);
+}
+
+TEST_F(SemaphoreWaits, TimedWaitTakesAPostMadeWhileItWaits) {
+    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, 10000); });
+    waiter.interrupt(10);
+    ASSERT_EQ(0, sem_post(&mSem));
+    waiter.thread.join();
+    EXPECT_EQ(0, waiter.result);
+    EXPECT_EQ(0, sem_trywait(&mSem) == 0 ? 1 : 0) << "the post was taken once, by the waiter";
+}
+
+TEST_F(SemaphoreWaits, ZeroTimeOutTakesOnlyWhatIsAlreadyPosted) {
+    EXPECT_EQ(-1, semaphoreWaitMonotonic(&mSem, 0));
+    EXPECT_EQ(ETIMEDOUT, errno);
+    ASSERT_EQ(0, sem_post(&mSem));
+    EXPECT_EQ(0, semaphoreWaitMonotonic(&mSem, 0));
+}
+
+// The shared buffers rely on libcutils' ashmem regions being mappable by another process.
+TEST(AndroidAshmem, RegionIsSharedWithAChildProcess) {
+    const size_t size = 74772;
+    int fd = ashmem_create_region("cmmb_shared_memory_0", size);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ashmem_set_prot_region(fd, PROT_READ | PROT_WRITE));
+    void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ASSERT_NE(MAP_FAILED, mapping);
+    unsigned char* bytes = static_cast<unsigned char*>(mapping);
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        void* childMapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (childMapping == MAP_FAILED)
+            _exit(1);
+        static_cast<unsigned char*>(childMapping)[size - 1] = 0x5A;
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(0x5A, bytes[size - 1]);
+    munmap(mapping, size);
+    close(fd);
+}
+
+}  // namespace
