@@ -26,12 +26,27 @@ void CmmbMPEG4Writer::advanceOffset(size_t count) {
 }
 
 size_t CmmbMPEG4Writer::writeRaw(const void* data, size_t size) {
-    if (mFile == nullptr || size == 0) {
+    if (!mFile.isOpen() || size == 0) {
         return 0;
     }
-    size_t written = fwrite(data, 1, size, mFile);
+    size_t written = mFile.write(data, size);
     advanceOffset(written);
+    noteOutputFailure();
     return written;
+}
+
+bool CmmbMPEG4Writer::noteOutputFailure() {
+    if (mFile.error() == 0) {
+        return false;
+    }
+    if (mWriteError == 0) {
+        mWriteError = mFile.error();
+        ALOGE("write failed at offset %lld: %s", static_cast<long long>(mFile.position()),
+              strerror(mWriteError));
+    }
+    // Only what reached the file counts from here on.
+    mOffset = static_cast<int32_t>(mFile.position());
+    return true;
 }
 
 size_t CmmbMPEG4Writer::write(const void* data, unsigned int size) {
@@ -87,13 +102,12 @@ void CmmbMPEG4Writer::endBox() {
 }
 
 void CmmbMPEG4Writer::patchAt(int32_t position, const void* bytes, size_t size) {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return;
     }
-    int32_t end = mOffset;
-    fseeko(mFile, static_cast<off_t>(position), SEEK_SET);
-    fwrite(bytes, 1, size, mFile);
-    fseeko(mFile, static_cast<off_t>(end), SEEK_SET);
+    // The next write still goes to the end of the file.
+    mFile.patch(position, bytes, size);
+    noteOutputFailure();
 }
 
 void CmmbMPEG4Writer::writeCompositionMatrix(int degrees) {
@@ -133,10 +147,11 @@ void CmmbMPEG4Writer::writeCompositionMatrix(int degrees) {
 
 int32_t CmmbMPEG4Writer::writeSampleBytes(const uint8_t* data, uint32_t length) {
     int32_t start = mOffset;
-    if (mFile != nullptr && length > 0) {
-        fwrite(data, 1, length, mFile);
+    if (mFile.isOpen() && length > 0) {
+        mFile.write(data, length);
     }
     advanceOffset(length);
+    noteOutputFailure();
     return start;
 }
 
@@ -170,11 +185,17 @@ int32_t CmmbMPEG4Writer::addLengthPrefixedSample(_CmmbOutBuffer* buffer) {
     return writeLengthPrefixedSampleBytes(buffer->data, buffer->length);
 }
 
-void CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
+bool CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
     std::lock_guard<std::mutex> guard(mLock);
-    int32_t offset = writeSampleBytes(chunk.mSamples->bytes(),
-                                      static_cast<uint32_t>(chunk.mSamples->byteCount()));
+    const int32_t offset = mOffset;
+    const size_t size = chunk.mSamples->byteCount();
+    if (!mFile.writeThrough(chunk.mSamples->bytes(), size)) {
+        noteOutputFailure();
+        return false;
+    }
+    advanceOffset(size);
     chunk.mTrack->addChunkOffset(offset);
+    return true;
 }
 
 void CmmbMPEG4Writer::lock() {

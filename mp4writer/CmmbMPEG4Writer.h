@@ -22,6 +22,7 @@
 
 #include "ChunkSampleBuffer.h"
 #include "CmmbMediaTypes.h"
+#include "FileOutput.h"
 
 // Converts a 64-bit value between host order and big-endian (network) order.
 unsigned long long cmmb_hton64(unsigned long long value);
@@ -38,8 +39,10 @@ public:
         const ChunkSampleBuffer* mSamples;
     };
 
-    // Takes ownership of fd (opened as a "wb" stream; closed by stop). When the stream
-    // cannot be opened, start, writeout and stop return ERROR_INVALID.
+    // Takes ownership of fd (closed by stop). Without a valid descriptor, start, writeout and
+    // stop return ERROR_INVALID. Every write goes through Env::current() and is checked: the
+    // first failure makes start, writeout or stop return ERROR_WRITE_FAILED, and
+    // writeError() tells its errno.
     explicit CmmbMPEG4Writer(int fd);
     virtual ~CmmbMPEG4Writer();
 
@@ -58,6 +61,8 @@ public:
     virtual int writeout(_CmmbOutBuffer* buffer);
     virtual bool reachedEOS();
     // Completes the file: patches the mdat size, appends the moov, flushes and closes it.
+    // After a failed write the moov describes the samples whose chunks reached the file, and
+    // is written if the storage still takes it.
     virtual int stop();
     virtual int setMaxFileSize(long long bytes);
     virtual int setMaxFileDuration(long long duration);
@@ -93,12 +98,15 @@ public:
     // position advances by the full sample size whatever the stream reports.
     int32_t addSample(_CmmbOutBuffer* buffer);
     int32_t addLengthPrefixedSample(_CmmbOutBuffer* buffer);
-    void writeOneChunk(const Chunk& chunk);
+    // Writes the chunk's samples at the end of the file; false when the write failed.
+    bool writeOneChunk(const Chunk& chunk);
 
     void lock();
     void unlock();
 
     int32_t currentOffset() const { return mOffset; }
+    // errno of the first failed write of this file, 0 when none.
+    int writeError() const { return mWriteError; }
 
 private:
     size_t writeRaw(const void* data, size_t size);
@@ -117,7 +125,12 @@ private:
     void stopTracks(size_t count);
     int closeFile(int result);
 
-    FILE* mFile;                  // null when the descriptor could not be opened or after stop
+    // Latches the output's failure into mWriteError and resynchronises mOffset; true when
+    // the output has failed.
+    bool noteOutputFailure();
+
+    FileOutput mFile;             // not open when the descriptor was invalid, and after stop
+    int mWriteError;              // errno of the first failed write, 0 when none
     int32_t mOffset;              // bytes in the file so far = position of the next write
     int32_t mMdatOffset;          // position of the mdat header
     std::vector<int32_t> mBoxes;  // start positions of the open boxes, innermost last
@@ -181,12 +194,16 @@ private:
     uint32_t splitMpeg4VideoConfig(const uint8_t* data, uint32_t length);
     int64_t relativeTimeOf(int64_t timestamp);
     void recordTiming(int64_t relativeTicks);
-    void outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks);
+    bool outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks);
     void addOneSttsTableEntry(unsigned int sampleCount, long long duration);
     void addOneStssTableEntry(unsigned int sampleNumber);
     void addOneStscTableEntry(unsigned int firstChunk, unsigned int samplesPerChunk);
     void updateTrackSizeEstimate();
-    void bufferChunk(long long timestamp);
+    bool bufferChunk(long long timestamp);
+    // The table state after the last sample that reached the file, and its restoration when
+    // later samples were lost to a failed write.
+    void checkpointCommitted();
+    void rollBackToCommitted();
     int64_t toMediaTime(int64_t ticks) const;
 
     // Header boxes (written at stop).
@@ -198,8 +215,19 @@ private:
     int writeSampleDescriptionBox();
     int writeAudioSampleEntry();
     int writeVideoSampleEntry();
+    // The fields in which the audio and the visual elementary stream descriptors differ.
+    struct EsDescriptor {
+        uint8_t flags;  // stream priority and flags of the ES descriptor
+        uint8_t objectType;
+        uint8_t streamType;
+        uint32_t bufferSize;  // 24 bits
+        uint32_t maxBitrate;
+        uint32_t averageBitrate;
+    };
     void writeAudioEsdsBox();
     void writeVideoEsdsBox();
+    // esds around mCodecSpecificData as the decoder specific info.
+    void writeEsdsBox(const EsDescriptor& descriptor);
     void writeD263Box();
     void writeAvccBox();
     void writeSttsBox();
@@ -251,6 +279,14 @@ private:
     std::vector<StscTableEntry> mStscTableEntries;
     std::vector<int32_t> mStssTableEntries;  // 1-based sample numbers
     std::vector<SttsTableEntry> mSttsTableEntries;
+
+    // Everything the tables were at the last checkpoint (see checkpointCommitted).
+    struct Committed {
+        size_t sampleSizes = 0, chunkOffsets = 0, stscEntries = 0, stssEntries = 0, sttsEntries = 0;
+        uint32_t numSamples = 0, numChunks = 0, sttsRunLength = 1;
+        int64_t trackDurationTicks = 0, lastTimestampTicks = 0, lastDurationTicks = 0,
+                lastDurationMedia = 0;
+    } mCommitted;
 };
 
 #endif  // TAVO_MP4WRITER_CMMB_MPEG4_WRITER_H

@@ -79,6 +79,7 @@ int CmmbMPEG4Writer::Track::start() {
     mSttsRunLength = 1;
     mChunkStartTicks = 0;
     mNumChunks = 0;
+    mCommitted = Committed();
     return 0;
 }
 
@@ -125,7 +126,9 @@ int CmmbMPEG4Writer::Track::CmmbOutWrite(_CmmbOutBuffer* buffer) {
     if (buffer->isSyncFrame) {
         addOneStssTableEntry(mNumSamples);
     }
-    outputSample(data, length, relativeTicks);
+    if (!outputSample(data, length, relativeTicks)) {
+        return ERROR_WRITE_FAILED;
+    }
     return 0;
 }
 
@@ -233,16 +236,22 @@ void CmmbMPEG4Writer::Track::recordTiming(int64_t relativeTicks) {
     }
 }
 
-void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
+bool CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
                                           int64_t relativeTicks) {
     if (mWriter->numTracks() == 1) {
-        // A single track needs no interleaving: all its samples form one chunk.
+        // A single track needs no interleaving: all its samples form one chunk, each sample
+        // handed to the file as it comes.
         int32_t offset = mIsAvc ? mWriter->writeLengthPrefixedSampleBytes(data, length)
                                 : mWriter->writeSampleBytes(data, length);
+        if (!mWriter->mFile.flush()) {
+            mWriter->noteOutputFailure();
+            return false;
+        }
         if (mChunkOffsets.empty()) {
             addChunkOffset(offset);
         }
-        return;
+        checkpointCommitted();
+        return true;
     }
 
     uint8_t prefix[4];
@@ -252,8 +261,9 @@ void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
     if (interleaveTicks == 0) {
         ++mNumChunks;
         addOneStscTableEntry(mNumChunks, 1);
-        bufferChunk(relativeTicks);
-    } else if (mChunkStartTicks == 0) {
+        return bufferChunk(relativeTicks);
+    }
+    if (mChunkStartTicks == 0) {
         mChunkStartTicks = relativeTicks;
     } else if (relativeTicks - mChunkStartTicks > static_cast<int64_t>(interleaveTicks)) {
         ++mNumChunks;
@@ -262,27 +272,34 @@ void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
             samplesInChunk != mStscTableEntries.back().samplesPerChunk) {
             addOneStscTableEntry(mNumChunks, samplesInChunk);
         }
-        bufferChunk(relativeTicks);
         mChunkStartTicks = relativeTicks;
+        return bufferChunk(relativeTicks);
     }
+    return true;
 }
 
 int CmmbMPEG4Writer::Track::stop() {
     if (mDone) {
         return 0;
     }
+    const bool singleTrack = mWriter->numTracks() == 1;
+    if (!singleTrack && !mChunkSamples.empty()) {
+        ++mNumChunks;
+        addOneStscTableEntry(mNumChunks, mChunkSamples.sampleCount());
+        bufferChunk(mTrackDurationTicks);
+    }
+    // After a failed write the tables describe only the samples that reached the file.
+    if (mWriter->writeError() != 0) {
+        rollBackToCommitted();
+    }
+    if (singleTrack) {
+        addOneStscTableEntry(1, mNumSamples);
+    }
+
     int status = 0;
     if (mSampleSizes.empty() || (!mIsAudio && mStssTableEntries.empty())) {
         ALOGW("no sample written or video no sync frame!!");
         status = ERROR_NO_SAMPLES;
-    }
-
-    if (mWriter->numTracks() == 1) {
-        addOneStscTableEntry(1, mNumSamples);
-    } else if (!mChunkSamples.empty()) {
-        ++mNumChunks;
-        addOneStscTableEntry(mNumChunks, mChunkSamples.sampleCount());
-        bufferChunk(mTrackDurationTicks);
     }
 
     // The last sample lasts as long as the one before it.
@@ -327,8 +344,43 @@ void CmmbMPEG4Writer::Track::updateTrackSizeEstimate() {
     mEstimatedTrackSizeBytes = mEstimatedTrackHeaderSizeBytes + mMdatSizeBytes;
 }
 
-void CmmbMPEG4Writer::Track::bufferChunk(long long timestamp) {
-    mWriter->writeOneChunk(Chunk{this, timestamp, &mChunkSamples});
+bool CmmbMPEG4Writer::Track::bufferChunk(long long timestamp) {
+    const bool written = mWriter->writeOneChunk(Chunk{this, timestamp, &mChunkSamples});
+    mChunkSamples.clear();
+    if (written) {
+        checkpointCommitted();
+    }
+    return written;
+}
+
+void CmmbMPEG4Writer::Track::checkpointCommitted() {
+    mCommitted.sampleSizes = mSampleSizes.size();
+    mCommitted.chunkOffsets = mChunkOffsets.size();
+    mCommitted.stscEntries = mStscTableEntries.size();
+    mCommitted.stssEntries = mStssTableEntries.size();
+    mCommitted.sttsEntries = mSttsTableEntries.size();
+    mCommitted.numSamples = mNumSamples;
+    mCommitted.numChunks = mNumChunks;
+    mCommitted.sttsRunLength = mSttsRunLength;
+    mCommitted.trackDurationTicks = mTrackDurationTicks;
+    mCommitted.lastTimestampTicks = mLastTimestampTicks;
+    mCommitted.lastDurationTicks = lastDurationUs;
+    mCommitted.lastDurationMedia = mLastDurationMedia;
+}
+
+void CmmbMPEG4Writer::Track::rollBackToCommitted() {
+    mSampleSizes.resize(mCommitted.sampleSizes);
+    mChunkOffsets.resize(mCommitted.chunkOffsets);
+    mStscTableEntries.resize(mCommitted.stscEntries);
+    mStssTableEntries.resize(mCommitted.stssEntries);
+    mSttsTableEntries.resize(mCommitted.sttsEntries);
+    mNumSamples = mCommitted.numSamples;
+    mNumChunks = mCommitted.numChunks;
+    mSttsRunLength = mCommitted.sttsRunLength;
+    mTrackDurationTicks = mCommitted.trackDurationTicks;
+    mLastTimestampTicks = mCommitted.lastTimestampTicks;
+    lastDurationUs = mCommitted.lastDurationTicks;
+    mLastDurationMedia = mCommitted.lastDurationMedia;
     mChunkSamples.clear();
 }
 

@@ -65,6 +65,11 @@ public:
     virtual int close();
     virtual int reset();
 
+    // The recorder's own descriptor of the output file, or -1. Set before start.
+    int outputFd();
+    // errno of the first failed write of the recording in progress, 0 when none.
+    int writeError();
+
     // REQUIRES: LockRecorder() held. Fixed sample storage for the caller of writeout.
     CmmbRecorderScratch& scratch() { return *mScratch; }
 
