@@ -154,9 +154,12 @@ private:
 // One elementary stream of the file: turns samples into sample tables (stts, stss, stsz,
 // stsc, stco) and writes its trak box at stop. Called on the writer's thread only.
 //
-// Times: input timestamps are ticks of 1/22500 s; each track starts at relative time 0 with
-// its first stored sample. The tables keep durations in ticks and convert them into the
-// track's media time scale only when the boxes are written.
+// Times: input timestamps are ticks of 1/22500 s of a 32-bit clock; each track starts at
+// relative time 0 with its first stored sample and advances by the clock's differences
+// (modulo 2^32, so across its wrap). A difference that goes backwards or jumps forwards by
+// more than CMMB_MAX_TICK_GAP past the expected time is a discontinuity: the sample then
+// follows the previous one by the last sample duration, as after a pause. The tables keep durations
+// in ticks and convert them into the track's media time scale only when the boxes are written.
 class CmmbMPEG4Writer::Track {
 public:
     Track(CmmbMPEG4Writer* owner, CmmbMediaSource* source);
@@ -261,6 +264,7 @@ private:
 
     // Timing of the stored samples, in relative input ticks unless named media.
     int64_t mStartTimestampTicks;  // input timestamp of relative time 0
+    uint32_t mLastInputTick;       // broadcast clock of the previous sample
     int64_t mLastTimestampTicks;
     int64_t lastDurationUs;  // ticks from the previous sample to the last one
     int64_t mCurrDurationMedia;

@@ -43,6 +43,7 @@ CmmbMPEG4Writer::Track::Track(CmmbMPEG4Writer* owner, CmmbMediaSource* source)
       mProfileCompatibility(0),
       mLevelIdc(0),
       mStartTimestampTicks(0),
+      mLastInputTick(0),
       mLastTimestampTicks(0),
       lastDurationUs(0),
       mCurrDurationMedia(0),
@@ -72,6 +73,7 @@ int CmmbMPEG4Writer::Track::start() {
     mNumBuffers = 0;
     mNumSamples = 0;
     mStartTimestampTicks = 0;
+    mLastInputTick = 0;
     mLastTimestampTicks = 0;
     lastDurationUs = 0;
     mCurrDurationMedia = 0;
@@ -198,19 +200,32 @@ uint32_t CmmbMPEG4Writer::Track::splitMpeg4VideoConfig(const uint8_t* data, uint
 }
 
 int64_t CmmbMPEG4Writer::Track::relativeTimeOf(int64_t timestamp) {
-    if (mSampleSizes.empty()) {
+    // Only the 32 bits of the broadcast clock count: differences taken modulo 2^32 carry the
+    // timeline across the clock's wrap (every 53 hours) without a step.
+    const uint32_t tick = static_cast<uint32_t>(timestamp);
+    const uint32_t previousTick = mLastInputTick;
+    mLastInputTick = tick;
+    if (mNumSamples == 0) {
         mStartTimestampTicks = timestamp;
-    }
-    if (mResumed) {
-        // Shift the time origin so that the first sample after the pause follows the last
-        // one before it by the last sample duration. This holds whatever the timestamp
-        // did meanwhile, also when it went backwards.
-        int64_t durExcludingEarlierPausesUs = timestamp - mStartTimestampTicks;
-        int64_t pausedDurationUs = durExcludingEarlierPausesUs - mTrackDurationTicks;
-        mStartTimestampTicks += pausedDurationUs - lastDurationUs;
         mResumed = false;
+        return 0;
     }
-    return timestamp - mStartTimestampTicks;
+    // The sample that follows a discontinuity, or a pause, follows the previous one by the
+    // last sample duration, so that the file's duration stays the content's.
+    const int64_t lastDuration = std::max<int64_t>(lastDurationUs, 1);
+    const int64_t followOn = mLastTimestampTicks + lastDuration;
+    if (mResumed) {
+        mResumed = false;
+        return mTrackDurationTicks + lastDurationUs;
+    }
+    const int64_t delta = static_cast<int32_t>(tick - previousTick);
+    if (delta < 0 || delta > lastDuration + CMMB_MAX_TICK_GAP) {
+        ALOGW("%s time jumps by %lld ticks: continued %lld ticks after the previous sample",
+              mIsAudio ? "audio" : "video", static_cast<long long>(delta),
+              static_cast<long long>(lastDuration));
+        return followOn;
+    }
+    return mLastTimestampTicks + delta;
 }
 
 void CmmbMPEG4Writer::Track::recordTiming(int64_t relativeTicks) {

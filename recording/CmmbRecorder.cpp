@@ -35,6 +35,7 @@ CmmbRecorder::CmmbRecorder()
       mGotPps(0),
       mBaseTimestamp(0),
       mWaitForIdr(false),
+      mAudioStarted(false),
       mWriter(nullptr),
       mVideoSource(nullptr),
       mAudioSource(nullptr),
@@ -227,4 +228,5 @@ void CmmbRecorder::resetManagerState() {
     mGotPps = 0;
     mBaseTimestamp = 0;
     mWaitForIdr = false;
+    mAudioStarted = false;
 }

@@ -80,6 +80,7 @@ public:
     int32_t mGotPps;          // the PPS of this recording has been handed over
     uint32_t mBaseTimestamp;  // input time of the first SPS: timestamp 0 of the recording
     bool mWaitForIdr;         // after a resume: skip video up to the next IDR slice
+    bool mAudioStarted;       // an audio frame of this recording has been handed over
 
 private:
     // REQUIRES: mLock held.

@@ -347,18 +347,24 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
                     words[1], words[2]);
         }
 
+        // Times are taken modulo 2^32 like the clock itself, so that a recording carries on
+        // across the clock's wrap. Audio from before the first SPS is left out only until
+        // the recording's audio has begun: afterwards a clock that jumps back is a
+        // discontinuity for the writer to bridge, not a reason to drop the sound.
         const uint32_t presentation = entry.tsBase + entry.tsRelative;
-        const int64_t sinceBase =
-            static_cast<int64_t>(presentation) - static_cast<int64_t>(recorder->mBaseTimestamp);
-        if (sinceBase < 0 || sinceBase < static_cast<int64_t>(resumeTimestamp))
+        const uint32_t sinceBase = presentation - recorder->mBaseTimestamp;
+        if (!recorder->mAudioStarted && static_cast<int32_t>(sinceBase) < 0)
+            continue;
+        if (resumeTimestamp != 0 && static_cast<int32_t>(sinceBase - resumeTimestamp) < 0)
             continue;
 
-        sample.timestamp = sinceBase;
+        sample.timestamp = static_cast<int64_t>(sinceBase);
         sample.length = entry.length - CMMB_ADTS_HEADER_SIZE;
         memcpy(sample.storage, frame + CMMB_ADTS_HEADER_SIZE, sample.length);
         int result = recorder->writeout(&sample);
         if (result != 0)
             return result;
+        recorder->mAudioStarted = true;
         TLOG_AS(kDataRecording, RECORD,
                 "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
                 static_cast<unsigned long>(sample.timestamp),
