@@ -45,14 +45,14 @@ public:
         fault.sticky = sticky;
         fault.shortBytes = -1;
     }
-    // The nth write from now writes only `bytes` of what it is given (a short write); the
-    // following write fails with `error` and so does every later one.
-    void shortWriteNth(int n, size_t bytes, int error) {
+    // The nth write from now writes only `bytes` of what it is given (a short write) and
+    // the write that follows fails with `error`; with `sticky` every later one fails too.
+    void shortWriteNth(int n, size_t bytes, int error, bool sticky = false) {
         std::lock_guard<std::mutex> guard(mLock);
         Fault& fault = mFaults[WRITE];
         fault.failAt = mCalls[WRITE] + n;
         fault.error = error;
-        fault.sticky = true;
+        fault.sticky = sticky;
         fault.shortBytes = static_cast<long long>(bytes);
     }
     void clearFaults() {
@@ -131,10 +131,13 @@ private:
         Fault& fault = mFaults[call];
         if (fault.failAt == 0 || number < fault.failAt)
             return 0;
-        if (number == fault.failAt && fault.shortBytes >= 0) {
-            if (static_cast<size_t>(fault.shortBytes) < *size)
-                *size = static_cast<size_t>(fault.shortBytes);
-            return 0;
+        if (fault.shortBytes >= 0) {
+            if (number == fault.failAt) {
+                if (static_cast<size_t>(fault.shortBytes) < *size)
+                    *size = static_cast<size_t>(fault.shortBytes);
+                return 0;
+            }
+            return number == fault.failAt + 1 || fault.sticky ? fault.error : 0;
         }
         if (number == fault.failAt || fault.sticky)
             return fault.error;
