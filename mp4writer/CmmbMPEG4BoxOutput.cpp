@@ -187,6 +187,15 @@ int32_t CmmbMPEG4Writer::addLengthPrefixedSample(_CmmbOutBuffer* buffer) {
 
 bool CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
     std::lock_guard<std::mutex> guard(mLock);
+    if (mRepairRecords) {
+        mRecordBytes.clear();
+        buildRepairRecords(chunk);
+        if (!mFile.writeThrough(mRecordBytes.data(), mRecordBytes.size())) {
+            noteOutputFailure();
+            return false;
+        }
+        advanceOffset(mRecordBytes.size());
+    }
     const int32_t offset = mOffset;
     const size_t size = chunk.mSamples->byteCount();
     if (!mFile.writeThrough(chunk.mSamples->bytes(), size)) {
@@ -196,6 +205,44 @@ bool CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
     advanceOffset(size);
     chunk.mTrack->addChunkOffset(offset);
     return true;
+}
+
+void CmmbMPEG4Writer::buildRepairRecords(const Chunk& chunk) {
+    RepairRecordBuilder record;
+    // The configuration goes first, and again once a track's codec data has changed (the
+    // H.264 parameter sets arrive with the first video buffers).
+    size_t configSize = 0;
+    for (const Track* track : mTracks) {
+        configSize += track->codecSpecificDataSize();
+    }
+    if (mDescribedConfigSize == 0 || configSize != mDescribedConfigSize) {
+        record.begin(&mRecordBytes, REPAIR_RECORD_CONFIG);
+        record.u32(static_cast<uint32_t>(mTimeScale));
+        record.u8(mUseNalLengthFour ? 1 : 0);
+        record.u8(static_cast<uint8_t>(mTracks.size()));
+        for (const Track* track : mTracks) {
+            track->describeForRepair(record);
+        }
+        record.end();
+        mDescribedConfigSize = configSize == 0 ? 1 : configSize;
+    }
+
+    uint8_t trackIndex = 0;
+    while (trackIndex < mTracks.size() && mTracks[trackIndex] != chunk.mTrack) {
+        ++trackIndex;
+    }
+    const std::vector<ChunkSampleBuffer::SampleInfo>& samples = chunk.mSamples->samples();
+    record.begin(&mRecordBytes, REPAIR_RECORD_CHUNK);
+    record.u8(trackIndex);
+    record.varint(samples.empty() ? 0 : static_cast<uint64_t>(samples.front().relativeTicks));
+    record.varint(samples.size());
+    for (size_t i = 0; i < samples.size(); ++i) {
+        record.varint(static_cast<uint64_t>(samples[i].size) << 1 | (samples[i].sync ? 1 : 0));
+        const int64_t next =
+            i + 1 < samples.size() ? samples[i + 1].relativeTicks - samples[i].relativeTicks : 0;
+        record.varint(static_cast<uint64_t>(next < 0 ? 0 : next));
+    }
+    record.end();
 }
 
 void CmmbMPEG4Writer::lock() {

@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <ctime>
 
@@ -12,8 +14,16 @@
 #include "Env.h"
 #include "Log.h"
 #include "MediaTicks.h"
+#include "Properties.h"
 
 namespace {
+
+bool repairRecordsWanted() {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(CmmbMPEG4Writer::kRepairRecordsProperty, value, "1");
+    return strcasecmp(value, "0") != 0 && strcasecmp(value, "false") != 0 &&
+           strcasecmp(value, "off") != 0;
+}
 
 const int64_t kMaxFileSize32Bit = 0x7FFFFFFF;
 const uint32_t kDefaultInterleaveTicks = 22500;  // one second of input ticks
@@ -21,9 +31,13 @@ const int32_t kDefaultMovieTimeScale = 48000;
 
 }  // namespace
 
+const char CmmbMPEG4Writer::kRepairRecordsProperty[] = "persist.mbbms.record.repair";
+
 CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
     : mFile(fd, Env::current()),
       mWriteError(0),
+      mRepairRecords(repairRecordsWanted()),
+      mDescribedConfigSize(0),
       mOffset(0),
       mMdatOffset(0),
       mTimeScale(kDefaultMovieTimeScale),

@@ -40,6 +40,18 @@ int fixed16(int32_t value) {
 
 }  // namespace
 
+void CmmbMPEG4Writer::Track::describeForRepair(RepairRecordBuilder& record) const {
+    record.u8(mIsAvc ? REPAIR_TRACK_AVC : mIsAudio ? REPAIR_TRACK_AAC : 0);
+    record.u16(static_cast<uint16_t>(mSource->width));
+    record.u16(static_cast<uint16_t>(mSource->height));
+    record.u32(static_cast<uint32_t>(mSource->sampleRate));
+    record.u32(static_cast<uint32_t>(mTimeScale));
+    // The AAC configuration is fixed and written only into the header at stop.
+    const size_t size = mIsAvc ? mCodecSpecificData.size() : 0;
+    record.u16(static_cast<uint16_t>(size));
+    record.bytes(mCodecSpecificData.data(), size);
+}
+
 int CmmbMPEG4Writer::Track::writeTrackHeader(int trackId) {
     uint32_t now = static_cast<uint32_t>(time(nullptr));  // seconds since 1970
     mWriter->beginBox("trak");

@@ -23,6 +23,7 @@
 #include "ChunkSampleBuffer.h"
 #include "CmmbMediaTypes.h"
 #include "FileOutput.h"
+#include "RepairRecord.h"
 
 // Converts a 64-bit value between host order and big-endian (network) order.
 unsigned long long cmmb_hton64(unsigned long long value);
@@ -105,6 +106,11 @@ public:
     void unlock();
 
     int32_t currentOffset() const { return mOffset; }
+    // Whether chunks get repair records (RepairRecord.h); from the system property
+    // kRepairRecordsProperty at construction, on unless it says "0", "false" or "off".
+    bool writesRepairRecords() const { return mRepairRecords; }
+    void setRepairRecords(bool enabled) { mRepairRecords = enabled; }
+    static const char kRepairRecordsProperty[];
     // errno of the first failed write of this file, 0 when none.
     int writeError() const { return mWriteError; }
 
@@ -129,11 +135,17 @@ private:
     // the output has failed.
     bool noteOutputFailure();
 
-    FileOutput mFile;             // not open when the descriptor was invalid, and after stop
-    int mWriteError;              // errno of the first failed write, 0 when none
-    int32_t mOffset;              // bytes in the file so far = position of the next write
-    int32_t mMdatOffset;          // position of the mdat header
-    std::vector<int32_t> mBoxes;  // start positions of the open boxes, innermost last
+    // Appends the records that go in front of the chunk to mRecordBytes.
+    void buildRepairRecords(const Chunk& chunk);
+
+    FileOutput mFile;  // not open when the descriptor was invalid, and after stop
+    int mWriteError;   // errno of the first failed write, 0 when none
+    bool mRepairRecords;
+    std::vector<uint8_t> mRecordBytes;  // reused for every chunk's records
+    size_t mDescribedConfigSize;        // codec data bytes when the last config record was made
+    int32_t mOffset;                    // bytes in the file so far = position of the next write
+    int32_t mMdatOffset;                // position of the mdat header
+    std::vector<int32_t> mBoxes;        // start positions of the open boxes, innermost last
 
     int32_t mTimeScale;  // movie time scale (mvhd, tkhd)
     bool mUse32BitOffset;
@@ -178,6 +190,9 @@ public:
     int64_t getEstimatedTrackSizeBytes() const { return mEstimatedTrackSizeBytes; }
     int64_t getEstimatedTrackHeaderSizeBytes() const { return mEstimatedTrackHeaderSizeBytes; }
     int writeTrackHeader(int trackId);
+    // The track's entry of a repair config record.
+    void describeForRepair(RepairRecordBuilder& record) const;
+    size_t codecSpecificDataSize() const { return mCodecSpecificData.size(); }
 
     void addChunkOffset(long offset);
 
@@ -197,7 +212,7 @@ private:
     uint32_t splitMpeg4VideoConfig(const uint8_t* data, uint32_t length);
     int64_t relativeTimeOf(int64_t timestamp);
     void recordTiming(int64_t relativeTicks);
-    bool outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks);
+    bool outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks, bool isSync);
     void addOneSttsTableEntry(unsigned int sampleCount, long long duration);
     void addOneStssTableEntry(unsigned int sampleNumber);
     void addOneStscTableEntry(unsigned int firstChunk, unsigned int samplesPerChunk);

@@ -128,7 +128,7 @@ int CmmbMPEG4Writer::Track::CmmbOutWrite(_CmmbOutBuffer* buffer) {
     if (buffer->isSyncFrame) {
         addOneStssTableEntry(mNumSamples);
     }
-    if (!outputSample(data, length, relativeTicks)) {
+    if (!outputSample(data, length, relativeTicks, buffer->isSyncFrame)) {
         return ERROR_WRITE_FAILED;
     }
     return 0;
@@ -252,7 +252,7 @@ void CmmbMPEG4Writer::Track::recordTiming(int64_t relativeTicks) {
 }
 
 bool CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
-                                          int64_t relativeTicks) {
+                                          int64_t relativeTicks, bool isSync) {
     if (mWriter->numTracks() == 1) {
         // A single track needs no interleaving: all its samples form one chunk, each sample
         // handed to the file as it comes.
@@ -271,7 +271,7 @@ bool CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
 
     uint8_t prefix[4];
     size_t prefixSize = mIsAvc ? mWriter->nalLengthPrefix(length, prefix) : 0;
-    mChunkSamples.append(prefix, prefixSize, data, length);
+    mChunkSamples.append(prefix, prefixSize, data, length, relativeTicks, isSync);
     uint32_t interleaveTicks = mWriter->mInterleaveDuration;
     if (interleaveTicks == 0) {
         ++mNumChunks;
