@@ -24,12 +24,15 @@
 #include "CmmbSharedBuffer.h"
 #include "MBBMSAgent.h"
 #include "PlayEngineProtocol.h"
+#include "RecordingControl.h"
 #include "SessionManagerSlot.h"
 #include "TavoMBBMSEngine.h"
 
 class SessionManager;
 
-class TavoMBBMSEngineImpl : public TavoMBBMSEngine, public MBBMSAgentCallback {
+class TavoMBBMSEngineImpl : public TavoMBBMSEngine,
+                            public MBBMSAgentCallback,
+                            private RecordingControl::Host {
 public:
     static TavoMBBMSEngineImpl* getInstance();
 
@@ -117,9 +120,10 @@ public:
     static bool recordingFlag(int session);
 
 private:
-    // Agent thread only, inside the frame bracket: the frame being recorded, copied out of
-    // the session's shared buffer. A fixed buffer so that no frame allocates.
-    CmmbFrameCopy mRecordingCopy;
+    // RecordingControl::Host (recording/EngineRecording.cpp).
+    bool holdFrames() override;
+    void releaseFrames(bool held) override;
+    void notifyRecordingEvent(EventType type, int session) override;
 
     TavoMBBMSEngineImpl();
     ~TavoMBBMSEngineImpl() override;
@@ -169,6 +173,8 @@ private:
     CmmbSharedBuffer* mSharedBuffers[2];
     // Serialises init, deinit and the agent call of each MBBMS request.
     std::mutex mLock;
+    // Recording of the sessions; uses mSessionManager and mIsRecording.
+    RecordingControl mRecording{*this, mIsRecording};
 
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;

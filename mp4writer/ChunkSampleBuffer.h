@@ -12,17 +12,29 @@
 
 class ChunkSampleBuffer {
 public:
-    void append(const uint8_t* prefix, size_t prefixSize, const uint8_t* data, uint32_t length) {
+    // What the repair record of the chunk tells about each sample.
+    struct SampleInfo {
+        uint32_t size;          // bytes in mdat, length prefix included
+        int64_t relativeTicks;  // the sample's time in the track
+        bool sync;
+    };
+
+    void append(const uint8_t* prefix, size_t prefixSize, const uint8_t* data, uint32_t length,
+                int64_t relativeTicks, bool sync) {
         mBytes.insert(mBytes.end(), prefix, prefix + prefixSize);
         mBytes.insert(mBytes.end(), data, data + length);
+        mSamples.push_back({static_cast<uint32_t>(prefixSize + length), relativeTicks, sync});
         ++mSampleCount;
     }
 
     // Keeps the capacity for the next chunk.
     void clear() {
         mBytes.clear();
+        mSamples.clear();
         mSampleCount = 0;
     }
+
+    const std::vector<SampleInfo>& samples() const { return mSamples; }
 
     bool empty() const { return mSampleCount == 0; }
     uint32_t sampleCount() const { return mSampleCount; }
@@ -31,6 +43,7 @@ public:
 
 private:
     std::vector<uint8_t> mBytes;
+    std::vector<SampleInfo> mSamples;
     uint32_t mSampleCount = 0;
 };
 

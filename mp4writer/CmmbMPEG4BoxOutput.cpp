@@ -26,12 +26,27 @@ void CmmbMPEG4Writer::advanceOffset(size_t count) {
 }
 
 size_t CmmbMPEG4Writer::writeRaw(const void* data, size_t size) {
-    if (mFile == nullptr || size == 0) {
+    if (!mFile.isOpen() || size == 0) {
         return 0;
     }
-    size_t written = fwrite(data, 1, size, mFile);
+    size_t written = mFile.write(data, size);
     advanceOffset(written);
+    noteOutputFailure();
     return written;
+}
+
+bool CmmbMPEG4Writer::noteOutputFailure() {
+    if (mFile.error() == 0) {
+        return false;
+    }
+    if (mWriteError == 0) {
+        mWriteError = mFile.error();
+        ALOGE("write failed at offset %lld: %s", static_cast<long long>(mFile.position()),
+              strerror(mWriteError));
+    }
+    // Only what reached the file counts from here on.
+    mOffset = static_cast<int32_t>(mFile.position());
+    return true;
 }
 
 size_t CmmbMPEG4Writer::write(const void* data, unsigned int size) {
@@ -87,13 +102,12 @@ void CmmbMPEG4Writer::endBox() {
 }
 
 void CmmbMPEG4Writer::patchAt(int32_t position, const void* bytes, size_t size) {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return;
     }
-    int32_t end = mOffset;
-    fseeko(mFile, static_cast<off_t>(position), SEEK_SET);
-    fwrite(bytes, 1, size, mFile);
-    fseeko(mFile, static_cast<off_t>(end), SEEK_SET);
+    // The next write still goes to the end of the file.
+    mFile.patch(position, bytes, size);
+    noteOutputFailure();
 }
 
 void CmmbMPEG4Writer::writeCompositionMatrix(int degrees) {
@@ -133,10 +147,11 @@ void CmmbMPEG4Writer::writeCompositionMatrix(int degrees) {
 
 int32_t CmmbMPEG4Writer::writeSampleBytes(const uint8_t* data, uint32_t length) {
     int32_t start = mOffset;
-    if (mFile != nullptr && length > 0) {
-        fwrite(data, 1, length, mFile);
+    if (mFile.isOpen() && length > 0) {
+        mFile.write(data, length);
     }
     advanceOffset(length);
+    noteOutputFailure();
     return start;
 }
 
@@ -170,11 +185,64 @@ int32_t CmmbMPEG4Writer::addLengthPrefixedSample(_CmmbOutBuffer* buffer) {
     return writeLengthPrefixedSampleBytes(buffer->data, buffer->length);
 }
 
-void CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
+bool CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
     std::lock_guard<std::mutex> guard(mLock);
-    int32_t offset = writeSampleBytes(chunk.mSamples->bytes(),
-                                      static_cast<uint32_t>(chunk.mSamples->byteCount()));
+    if (mRepairRecords) {
+        mRecordBytes.clear();
+        buildRepairRecords(chunk);
+        if (!mFile.writeThrough(mRecordBytes.data(), mRecordBytes.size())) {
+            noteOutputFailure();
+            return false;
+        }
+        advanceOffset(mRecordBytes.size());
+    }
+    const int32_t offset = mOffset;
+    const size_t size = chunk.mSamples->byteCount();
+    if (!mFile.writeThrough(chunk.mSamples->bytes(), size)) {
+        noteOutputFailure();
+        return false;
+    }
+    advanceOffset(size);
     chunk.mTrack->addChunkOffset(offset);
+    return true;
+}
+
+void CmmbMPEG4Writer::buildRepairRecords(const Chunk& chunk) {
+    RepairRecordBuilder record;
+    // The configuration goes first, and again once a track's codec data has changed (the
+    // H.264 parameter sets arrive with the first video buffers).
+    size_t configSize = 0;
+    for (const Track* track : mTracks) {
+        configSize += track->codecSpecificDataSize();
+    }
+    if (mDescribedConfigSize == 0 || configSize != mDescribedConfigSize) {
+        record.begin(&mRecordBytes, REPAIR_RECORD_CONFIG);
+        record.u32(static_cast<uint32_t>(mTimeScale));
+        record.u8(mUseNalLengthFour ? 1 : 0);
+        record.u8(static_cast<uint8_t>(mTracks.size()));
+        for (const Track* track : mTracks) {
+            track->describeForRepair(record);
+        }
+        record.end();
+        mDescribedConfigSize = configSize == 0 ? 1 : configSize;
+    }
+
+    uint8_t trackIndex = 0;
+    while (trackIndex < mTracks.size() && mTracks[trackIndex] != chunk.mTrack) {
+        ++trackIndex;
+    }
+    const std::vector<ChunkSampleBuffer::SampleInfo>& samples = chunk.mSamples->samples();
+    record.begin(&mRecordBytes, REPAIR_RECORD_CHUNK);
+    record.u8(trackIndex);
+    record.varint(samples.empty() ? 0 : static_cast<uint64_t>(samples.front().relativeTicks));
+    record.varint(samples.size());
+    for (size_t i = 0; i < samples.size(); ++i) {
+        record.varint(static_cast<uint64_t>(samples[i].size) << 1 | (samples[i].sync ? 1 : 0));
+        const int64_t next =
+            i + 1 < samples.size() ? samples[i + 1].relativeTicks - samples[i].relativeTicks : 0;
+        record.varint(static_cast<uint64_t>(next < 0 ? 0 : next));
+    }
+    record.end();
 }
 
 void CmmbMPEG4Writer::lock() {

@@ -5,14 +5,25 @@
 
 #include <unistd.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <ctime>
 
 #include "CmmbMPEG4Writer.h"
+#include "Env.h"
 #include "Log.h"
 #include "MediaTicks.h"
+#include "Properties.h"
 
 namespace {
+
+bool repairRecordsWanted() {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(CmmbMPEG4Writer::kRepairRecordsProperty, value, "1");
+    return strcasecmp(value, "0") != 0 && strcasecmp(value, "false") != 0 &&
+           strcasecmp(value, "off") != 0;
+}
 
 const int64_t kMaxFileSize32Bit = 0x7FFFFFFF;
 const uint32_t kDefaultInterleaveTicks = 22500;  // one second of input ticks
@@ -20,8 +31,13 @@ const int32_t kDefaultMovieTimeScale = 48000;
 
 }  // namespace
 
+const char CmmbMPEG4Writer::kRepairRecordsProperty[] = "persist.mbbms.record.repair";
+
 CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
-    : mFile(fdopen(fd, "wb")),
+    : mFile(fd, Env::current()),
+      mWriteError(0),
+      mRepairRecords(repairRecordsWanted()),
+      mDescribedConfigSize(0),
       mOffset(0),
       mMdatOffset(0),
       mTimeScale(kDefaultMovieTimeScale),
@@ -32,11 +48,8 @@ CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
       mInterleaveDuration(kDefaultInterleaveTicks),
       mPaused(false),
       mStarted(false) {
-    if (mFile == nullptr) {
-        ALOGE("cannot open a stream on descriptor %d", fd);
-        if (fd >= 0) {
-            close(fd);  // owned from here on, even when unusable
-        }
+    if (!mFile.isOpen()) {
+        ALOGE("cannot write to descriptor %d", fd);
     }
 }
 
@@ -54,7 +67,7 @@ int CmmbMPEG4Writer::addSource(CmmbMediaSource* source) {
 }
 
 int CmmbMPEG4Writer::start(_CmmbMetaData* meta) {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return ERROR_INVALID;
     }
     mTimeScale = meta->timeScale;
@@ -75,6 +88,11 @@ int CmmbMPEG4Writer::start(_CmmbMetaData* meta) {
         writeFileTypeBox();
         mMdatOffset = mOffset;
         writeMdatHeader();
+        // A file that cannot take its first bytes is refused at once.
+        if (!mFile.flush() || noteOutputFailure()) {
+            noteOutputFailure();
+            return ERROR_WRITE_FAILED;
+        }
         int result = startTracks();
         if (result != 0) {
             return result;
@@ -107,7 +125,7 @@ void CmmbMPEG4Writer::stopTracks(size_t count) {
 }
 
 int CmmbMPEG4Writer::pause() {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return 0;
     }
     mPaused = true;
@@ -122,8 +140,11 @@ int CmmbMPEG4Writer::pause() {
 }
 
 int CmmbMPEG4Writer::writeout(_CmmbOutBuffer* buffer) {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return ERROR_INVALID;
+    }
+    if (mWriteError != 0) {
+        return ERROR_WRITE_FAILED;  // no further samples after a failed write
     }
     for (Track* track : mTracks) {
         int result = track->CmmbOutWrite(buffer);
@@ -188,9 +209,12 @@ long long CmmbMPEG4Writer::queryMoovLength() {
 }
 
 int CmmbMPEG4Writer::stop() {
-    if (mFile == nullptr) {
+    if (!mFile.isOpen()) {
         return ERROR_INVALID;
     }
+    // Completion is tried even after a failed sample write: the storage may still take the
+    // index of the samples that reached the file.
+    mFile.clearError();
     int result = 0;
     int64_t maxDurationTicks = 0;
     for (Track* track : mTracks) {
@@ -219,15 +243,14 @@ int CmmbMPEG4Writer::stop() {
     }
     endBox();
     TAVO_ASSERT(mBoxes.empty());
-    return closeFile(0);
+    return closeFile(mFile.error() != 0 ? ERROR_WRITE_FAILED : 0);
 }
 
 int CmmbMPEG4Writer::closeFile(int result) {
-    if (fflush(mFile) != 0 && result == 0) {
+    if (!mFile.close() && result == 0) {
         result = ERROR_WRITE_FAILED;
     }
-    fclose(mFile);
-    mFile = nullptr;
+    noteOutputFailure();
     mStarted = false;
     return result;
 }

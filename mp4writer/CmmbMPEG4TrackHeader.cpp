@@ -40,6 +40,18 @@ int fixed16(int32_t value) {
 
 }  // namespace
 
+void CmmbMPEG4Writer::Track::describeForRepair(RepairRecordBuilder& record) const {
+    record.u8(mIsAvc ? REPAIR_TRACK_AVC : mIsAudio ? REPAIR_TRACK_AAC : 0);
+    record.u16(static_cast<uint16_t>(mSource->width));
+    record.u16(static_cast<uint16_t>(mSource->height));
+    record.u32(static_cast<uint32_t>(mSource->sampleRate));
+    record.u32(static_cast<uint32_t>(mTimeScale));
+    // The AAC configuration is fixed and written only into the header at stop.
+    const size_t size = mIsAvc ? mCodecSpecificData.size() : 0;
+    record.u16(static_cast<uint16_t>(size));
+    record.bytes(mCodecSpecificData.data(), size);
+}
+
 int CmmbMPEG4Writer::Track::writeTrackHeader(int trackId) {
     uint32_t now = static_cast<uint32_t>(time(nullptr));  // seconds since 1970
     mWriter->beginBox("trak");
@@ -186,29 +198,34 @@ int CmmbMPEG4Writer::Track::writeAudioSampleEntry() {
 }
 
 void CmmbMPEG4Writer::Track::writeAudioEsdsBox() {
-    CmmbMPEG4Writer& out = *mWriter;
     TAVO_ASSERT(mCodecSpecificData.empty());
     mCodecSpecificData.assign(std::begin(kAacDecoderSpecificInfo),
                               std::end(kAacDecoderSpecificInfo));
+    // ISO/IEC 14496-3 audio, audio stream, buffer 0x000300, 96,000 bit/s.
+    writeEsdsBox(EsDescriptor{0x00, 0x40, 0x15, 0x000300, 96000, 96000});
+}
+
+void CmmbMPEG4Writer::Track::writeEsdsBox(const EsDescriptor& descriptor) {
+    CmmbMPEG4Writer& out = *mWriter;
     auto size = static_cast<signed char>(mCodecSpecificData.size());
     out.beginBox("esds");
     out.writeInt32(0);
     out.writeInt8(0x03);  // ES descriptor
     out.writeInt8(static_cast<signed char>(23 + size));
-    out.writeInt16(0);    // ES id
-    out.writeInt8(0x00);  // flags
+    out.writeInt16(0);  // ES id
+    out.writeInt8(static_cast<signed char>(descriptor.flags));
     out.writeInt8(0x04);  // decoder config descriptor
     out.writeInt8(static_cast<signed char>(15 + size));
-    out.writeInt8(0x40);     // ISO/IEC 14496-3 audio
-    out.writeInt8(0x15);     // audio stream
-    out.writeInt16(0x0003);  // buffer size 0x000300
-    out.writeInt8(0x00);
-    out.writeInt32(96000);  // max bitrate
-    out.writeInt32(96000);  // average bitrate
-    out.writeInt8(0x05);    // decoder specific info
+    out.writeInt8(static_cast<signed char>(descriptor.objectType));
+    out.writeInt8(static_cast<signed char>(descriptor.streamType));
+    out.writeInt16(static_cast<short>(descriptor.bufferSize >> 8));  // 24 bits
+    out.writeInt8(static_cast<signed char>(descriptor.bufferSize & 0xFF));
+    out.writeInt32(static_cast<int>(descriptor.maxBitrate));
+    out.writeInt32(static_cast<int>(descriptor.averageBitrate));
+    out.writeInt8(0x05);  // decoder specific info
     out.writeInt8(size);
     out.write(mCodecSpecificData.data(), static_cast<unsigned int>(mCodecSpecificData.size()));
-    static const uint8_t kSlConfig[] = {0x06, 0x01, 0x02};
+    static const uint8_t kSlConfig[] = {0x06, 0x01, 0x02};  // SL config, predefined 2
     out.write(kSlConfig, sizeof(kSlConfig));
     out.endBox();
 }
@@ -272,28 +289,9 @@ void CmmbMPEG4Writer::Track::writeAvccBox() {
 }
 
 void CmmbMPEG4Writer::Track::writeVideoEsdsBox() {
-    CmmbMPEG4Writer& out = *mWriter;
-    auto size = static_cast<signed char>(mCodecSpecificData.size());
-    out.beginBox("esds");
-    out.writeInt32(0);
-    out.writeInt8(0x03);  // ES descriptor
-    out.writeInt8(static_cast<signed char>(23 + size));
-    out.writeInt16(0);    // ES id
-    out.writeInt8(0x1F);  // stream priority
-    out.writeInt8(0x04);  // decoder config descriptor
-    out.writeInt8(static_cast<signed char>(15 + size));
-    out.writeInt8(0x20);  // ISO/IEC 14496-2 visual
-    out.writeInt8(0x11);  // visual stream
-    // Buffer size 0x017700, max and average bitrate 0x0003E800.
-    static const uint8_t kBufferAndRates[] = {0x01, 0x77, 0x00, 0x00, 0x03, 0xE8,
-                                              0x00, 0x00, 0x03, 0xE8, 0x00};
-    out.write(kBufferAndRates, sizeof(kBufferAndRates));
-    out.writeInt8(0x05);  // decoder specific info
-    out.writeInt8(size);
-    out.write(mCodecSpecificData.data(), static_cast<unsigned int>(mCodecSpecificData.size()));
-    static const uint8_t kSlConfig[] = {0x06, 0x01, 0x02};
-    out.write(kSlConfig, sizeof(kSlConfig));
-    out.endBox();
+    // ISO/IEC 14496-2 visual, visual stream, stream priority 0x1F, buffer 0x017700,
+    // 0x3E800 bit/s.
+    writeEsdsBox(EsDescriptor{0x1F, 0x20, 0x11, 0x017700, 0x0003E800, 0x0003E800});
 }
 
 void CmmbMPEG4Writer::Track::writeD263Box() {

@@ -22,6 +22,8 @@
 
 #include "ChunkSampleBuffer.h"
 #include "CmmbMediaTypes.h"
+#include "FileOutput.h"
+#include "RepairRecord.h"
 
 // Converts a 64-bit value between host order and big-endian (network) order.
 unsigned long long cmmb_hton64(unsigned long long value);
@@ -38,8 +40,10 @@ public:
         const ChunkSampleBuffer* mSamples;
     };
 
-    // Takes ownership of fd (opened as a "wb" stream; closed by stop). When the stream
-    // cannot be opened, start, writeout and stop return ERROR_INVALID.
+    // Takes ownership of fd (closed by stop). Without a valid descriptor, start, writeout and
+    // stop return ERROR_INVALID. Every write goes through Env::current() and is checked: the
+    // first failure makes start, writeout or stop return ERROR_WRITE_FAILED, and
+    // writeError() tells its errno.
     explicit CmmbMPEG4Writer(int fd);
     virtual ~CmmbMPEG4Writer();
 
@@ -58,6 +62,8 @@ public:
     virtual int writeout(_CmmbOutBuffer* buffer);
     virtual bool reachedEOS();
     // Completes the file: patches the mdat size, appends the moov, flushes and closes it.
+    // After a failed write the moov describes the samples whose chunks reached the file, and
+    // is written if the storage still takes it.
     virtual int stop();
     virtual int setMaxFileSize(long long bytes);
     virtual int setMaxFileDuration(long long duration);
@@ -93,12 +99,20 @@ public:
     // position advances by the full sample size whatever the stream reports.
     int32_t addSample(_CmmbOutBuffer* buffer);
     int32_t addLengthPrefixedSample(_CmmbOutBuffer* buffer);
-    void writeOneChunk(const Chunk& chunk);
+    // Writes the chunk's samples at the end of the file; false when the write failed.
+    bool writeOneChunk(const Chunk& chunk);
 
     void lock();
     void unlock();
 
     int32_t currentOffset() const { return mOffset; }
+    // Whether chunks get repair records (RepairRecord.h); from the system property
+    // kRepairRecordsProperty at construction, on unless it says "0", "false" or "off".
+    bool writesRepairRecords() const { return mRepairRecords; }
+    void setRepairRecords(bool enabled) { mRepairRecords = enabled; }
+    static const char kRepairRecordsProperty[];
+    // errno of the first failed write of this file, 0 when none.
+    int writeError() const { return mWriteError; }
 
 private:
     size_t writeRaw(const void* data, size_t size);
@@ -117,10 +131,21 @@ private:
     void stopTracks(size_t count);
     int closeFile(int result);
 
-    FILE* mFile;                  // null when the descriptor could not be opened or after stop
-    int32_t mOffset;              // bytes in the file so far = position of the next write
-    int32_t mMdatOffset;          // position of the mdat header
-    std::vector<int32_t> mBoxes;  // start positions of the open boxes, innermost last
+    // Latches the output's failure into mWriteError and resynchronises mOffset; true when
+    // the output has failed.
+    bool noteOutputFailure();
+
+    // Appends the records that go in front of the chunk to mRecordBytes.
+    void buildRepairRecords(const Chunk& chunk);
+
+    FileOutput mFile;  // not open when the descriptor was invalid, and after stop
+    int mWriteError;   // errno of the first failed write, 0 when none
+    bool mRepairRecords;
+    std::vector<uint8_t> mRecordBytes;  // reused for every chunk's records
+    size_t mDescribedConfigSize;        // codec data bytes when the last config record was made
+    int32_t mOffset;                    // bytes in the file so far = position of the next write
+    int32_t mMdatOffset;                // position of the mdat header
+    std::vector<int32_t> mBoxes;        // start positions of the open boxes, innermost last
 
     int32_t mTimeScale;  // movie time scale (mvhd, tkhd)
     bool mUse32BitOffset;
@@ -141,9 +166,12 @@ private:
 // One elementary stream of the file: turns samples into sample tables (stts, stss, stsz,
 // stsc, stco) and writes its trak box at stop. Called on the writer's thread only.
 //
-// Times: input timestamps are ticks of 1/22500 s; each track starts at relative time 0 with
-// its first stored sample. The tables keep durations in ticks and convert them into the
-// track's media time scale only when the boxes are written.
+// Times: input timestamps are ticks of 1/22500 s of a 32-bit clock; each track starts at
+// relative time 0 with its first stored sample and advances by the clock's differences
+// (modulo 2^32, so across its wrap). A difference that goes backwards or jumps forwards by
+// more than CMMB_MAX_TICK_GAP past the expected time is a discontinuity: the sample then
+// follows the previous one by the last sample duration, as after a pause. The tables keep durations
+// in ticks and convert them into the track's media time scale only when the boxes are written.
 class CmmbMPEG4Writer::Track {
 public:
     Track(CmmbMPEG4Writer* owner, CmmbMediaSource* source);
@@ -162,6 +190,9 @@ public:
     int64_t getEstimatedTrackSizeBytes() const { return mEstimatedTrackSizeBytes; }
     int64_t getEstimatedTrackHeaderSizeBytes() const { return mEstimatedTrackHeaderSizeBytes; }
     int writeTrackHeader(int trackId);
+    // The track's entry of a repair config record.
+    void describeForRepair(RepairRecordBuilder& record) const;
+    size_t codecSpecificDataSize() const { return mCodecSpecificData.size(); }
 
     void addChunkOffset(long offset);
 
@@ -181,12 +212,16 @@ private:
     uint32_t splitMpeg4VideoConfig(const uint8_t* data, uint32_t length);
     int64_t relativeTimeOf(int64_t timestamp);
     void recordTiming(int64_t relativeTicks);
-    void outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks);
+    bool outputSample(const uint8_t* data, uint32_t length, int64_t relativeTicks, bool isSync);
     void addOneSttsTableEntry(unsigned int sampleCount, long long duration);
     void addOneStssTableEntry(unsigned int sampleNumber);
     void addOneStscTableEntry(unsigned int firstChunk, unsigned int samplesPerChunk);
     void updateTrackSizeEstimate();
-    void bufferChunk(long long timestamp);
+    bool bufferChunk(long long timestamp);
+    // The table state after the last sample that reached the file, and its restoration when
+    // later samples were lost to a failed write.
+    void checkpointCommitted();
+    void rollBackToCommitted();
     int64_t toMediaTime(int64_t ticks) const;
 
     // Header boxes (written at stop).
@@ -198,8 +233,19 @@ private:
     int writeSampleDescriptionBox();
     int writeAudioSampleEntry();
     int writeVideoSampleEntry();
+    // The fields in which the audio and the visual elementary stream descriptors differ.
+    struct EsDescriptor {
+        uint8_t flags;  // stream priority and flags of the ES descriptor
+        uint8_t objectType;
+        uint8_t streamType;
+        uint32_t bufferSize;  // 24 bits
+        uint32_t maxBitrate;
+        uint32_t averageBitrate;
+    };
     void writeAudioEsdsBox();
     void writeVideoEsdsBox();
+    // esds around mCodecSpecificData as the decoder specific info.
+    void writeEsdsBox(const EsDescriptor& descriptor);
     void writeD263Box();
     void writeAvccBox();
     void writeSttsBox();
@@ -233,6 +279,7 @@ private:
 
     // Timing of the stored samples, in relative input ticks unless named media.
     int64_t mStartTimestampTicks;  // input timestamp of relative time 0
+    uint32_t mLastInputTick;       // broadcast clock of the previous sample
     int64_t mLastTimestampTicks;
     int64_t lastDurationUs;  // ticks from the previous sample to the last one
     int64_t mCurrDurationMedia;
@@ -251,6 +298,14 @@ private:
     std::vector<StscTableEntry> mStscTableEntries;
     std::vector<int32_t> mStssTableEntries;  // 1-based sample numbers
     std::vector<SttsTableEntry> mSttsTableEntries;
+
+    // Everything the tables were at the last checkpoint (see checkpointCommitted).
+    struct Committed {
+        size_t sampleSizes = 0, chunkOffsets = 0, stscEntries = 0, stssEntries = 0, sttsEntries = 0;
+        uint32_t numSamples = 0, numChunks = 0, sttsRunLength = 1;
+        int64_t trackDurationTicks = 0, lastTimestampTicks = 0, lastDurationTicks = 0,
+                lastDurationMedia = 0;
+    } mCommitted;
 };
 
 #endif  // TAVO_MP4WRITER_CMMB_MPEG4_WRITER_H

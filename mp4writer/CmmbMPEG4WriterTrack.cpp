@@ -43,6 +43,7 @@ CmmbMPEG4Writer::Track::Track(CmmbMPEG4Writer* owner, CmmbMediaSource* source)
       mProfileCompatibility(0),
       mLevelIdc(0),
       mStartTimestampTicks(0),
+      mLastInputTick(0),
       mLastTimestampTicks(0),
       lastDurationUs(0),
       mCurrDurationMedia(0),
@@ -72,6 +73,7 @@ int CmmbMPEG4Writer::Track::start() {
     mNumBuffers = 0;
     mNumSamples = 0;
     mStartTimestampTicks = 0;
+    mLastInputTick = 0;
     mLastTimestampTicks = 0;
     lastDurationUs = 0;
     mCurrDurationMedia = 0;
@@ -79,6 +81,7 @@ int CmmbMPEG4Writer::Track::start() {
     mSttsRunLength = 1;
     mChunkStartTicks = 0;
     mNumChunks = 0;
+    mCommitted = Committed();
     return 0;
 }
 
@@ -125,7 +128,9 @@ int CmmbMPEG4Writer::Track::CmmbOutWrite(_CmmbOutBuffer* buffer) {
     if (buffer->isSyncFrame) {
         addOneStssTableEntry(mNumSamples);
     }
-    outputSample(data, length, relativeTicks);
+    if (!outputSample(data, length, relativeTicks, buffer->isSyncFrame)) {
+        return ERROR_WRITE_FAILED;
+    }
     return 0;
 }
 
@@ -195,19 +200,32 @@ uint32_t CmmbMPEG4Writer::Track::splitMpeg4VideoConfig(const uint8_t* data, uint
 }
 
 int64_t CmmbMPEG4Writer::Track::relativeTimeOf(int64_t timestamp) {
-    if (mSampleSizes.empty()) {
+    // Only the 32 bits of the broadcast clock count: differences taken modulo 2^32 carry the
+    // timeline across the clock's wrap (every 53 hours) without a step.
+    const uint32_t tick = static_cast<uint32_t>(timestamp);
+    const uint32_t previousTick = mLastInputTick;
+    mLastInputTick = tick;
+    if (mNumSamples == 0) {
         mStartTimestampTicks = timestamp;
-    }
-    if (mResumed) {
-        // Shift the time origin so that the first sample after the pause follows the last
-        // one before it by the last sample duration. This holds whatever the timestamp
-        // did meanwhile, also when it went backwards.
-        int64_t durExcludingEarlierPausesUs = timestamp - mStartTimestampTicks;
-        int64_t pausedDurationUs = durExcludingEarlierPausesUs - mTrackDurationTicks;
-        mStartTimestampTicks += pausedDurationUs - lastDurationUs;
         mResumed = false;
+        return 0;
     }
-    return timestamp - mStartTimestampTicks;
+    // The sample that follows a discontinuity, or a pause, follows the previous one by the
+    // last sample duration, so that the file's duration stays the content's.
+    const int64_t lastDuration = std::max<int64_t>(lastDurationUs, 1);
+    const int64_t followOn = mLastTimestampTicks + lastDuration;
+    if (mResumed) {
+        mResumed = false;
+        return mTrackDurationTicks + lastDurationUs;
+    }
+    const int64_t delta = static_cast<int32_t>(tick - previousTick);
+    if (delta < 0 || delta > lastDuration + CMMB_MAX_TICK_GAP) {
+        ALOGW("%s time jumps by %lld ticks: continued %lld ticks after the previous sample",
+              mIsAudio ? "audio" : "video", static_cast<long long>(delta),
+              static_cast<long long>(lastDuration));
+        return followOn;
+    }
+    return mLastTimestampTicks + delta;
 }
 
 void CmmbMPEG4Writer::Track::recordTiming(int64_t relativeTicks) {
@@ -233,27 +251,34 @@ void CmmbMPEG4Writer::Track::recordTiming(int64_t relativeTicks) {
     }
 }
 
-void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
-                                          int64_t relativeTicks) {
+bool CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
+                                          int64_t relativeTicks, bool isSync) {
     if (mWriter->numTracks() == 1) {
-        // A single track needs no interleaving: all its samples form one chunk.
+        // A single track needs no interleaving: all its samples form one chunk, each sample
+        // handed to the file as it comes.
         int32_t offset = mIsAvc ? mWriter->writeLengthPrefixedSampleBytes(data, length)
                                 : mWriter->writeSampleBytes(data, length);
+        if (!mWriter->mFile.flush()) {
+            mWriter->noteOutputFailure();
+            return false;
+        }
         if (mChunkOffsets.empty()) {
             addChunkOffset(offset);
         }
-        return;
+        checkpointCommitted();
+        return true;
     }
 
     uint8_t prefix[4];
     size_t prefixSize = mIsAvc ? mWriter->nalLengthPrefix(length, prefix) : 0;
-    mChunkSamples.append(prefix, prefixSize, data, length);
+    mChunkSamples.append(prefix, prefixSize, data, length, relativeTicks, isSync);
     uint32_t interleaveTicks = mWriter->mInterleaveDuration;
     if (interleaveTicks == 0) {
         ++mNumChunks;
         addOneStscTableEntry(mNumChunks, 1);
-        bufferChunk(relativeTicks);
-    } else if (mChunkStartTicks == 0) {
+        return bufferChunk(relativeTicks);
+    }
+    if (mChunkStartTicks == 0) {
         mChunkStartTicks = relativeTicks;
     } else if (relativeTicks - mChunkStartTicks > static_cast<int64_t>(interleaveTicks)) {
         ++mNumChunks;
@@ -262,27 +287,34 @@ void CmmbMPEG4Writer::Track::outputSample(const uint8_t* data, uint32_t length,
             samplesInChunk != mStscTableEntries.back().samplesPerChunk) {
             addOneStscTableEntry(mNumChunks, samplesInChunk);
         }
-        bufferChunk(relativeTicks);
         mChunkStartTicks = relativeTicks;
+        return bufferChunk(relativeTicks);
     }
+    return true;
 }
 
 int CmmbMPEG4Writer::Track::stop() {
     if (mDone) {
         return 0;
     }
+    const bool singleTrack = mWriter->numTracks() == 1;
+    if (!singleTrack && !mChunkSamples.empty()) {
+        ++mNumChunks;
+        addOneStscTableEntry(mNumChunks, mChunkSamples.sampleCount());
+        bufferChunk(mTrackDurationTicks);
+    }
+    // After a failed write the tables describe only the samples that reached the file.
+    if (mWriter->writeError() != 0) {
+        rollBackToCommitted();
+    }
+    if (singleTrack) {
+        addOneStscTableEntry(1, mNumSamples);
+    }
+
     int status = 0;
     if (mSampleSizes.empty() || (!mIsAudio && mStssTableEntries.empty())) {
         ALOGW("no sample written or video no sync frame!!");
         status = ERROR_NO_SAMPLES;
-    }
-
-    if (mWriter->numTracks() == 1) {
-        addOneStscTableEntry(1, mNumSamples);
-    } else if (!mChunkSamples.empty()) {
-        ++mNumChunks;
-        addOneStscTableEntry(mNumChunks, mChunkSamples.sampleCount());
-        bufferChunk(mTrackDurationTicks);
     }
 
     // The last sample lasts as long as the one before it.
@@ -327,8 +359,43 @@ void CmmbMPEG4Writer::Track::updateTrackSizeEstimate() {
     mEstimatedTrackSizeBytes = mEstimatedTrackHeaderSizeBytes + mMdatSizeBytes;
 }
 
-void CmmbMPEG4Writer::Track::bufferChunk(long long timestamp) {
-    mWriter->writeOneChunk(Chunk{this, timestamp, &mChunkSamples});
+bool CmmbMPEG4Writer::Track::bufferChunk(long long timestamp) {
+    const bool written = mWriter->writeOneChunk(Chunk{this, timestamp, &mChunkSamples});
+    mChunkSamples.clear();
+    if (written) {
+        checkpointCommitted();
+    }
+    return written;
+}
+
+void CmmbMPEG4Writer::Track::checkpointCommitted() {
+    mCommitted.sampleSizes = mSampleSizes.size();
+    mCommitted.chunkOffsets = mChunkOffsets.size();
+    mCommitted.stscEntries = mStscTableEntries.size();
+    mCommitted.stssEntries = mStssTableEntries.size();
+    mCommitted.sttsEntries = mSttsTableEntries.size();
+    mCommitted.numSamples = mNumSamples;
+    mCommitted.numChunks = mNumChunks;
+    mCommitted.sttsRunLength = mSttsRunLength;
+    mCommitted.trackDurationTicks = mTrackDurationTicks;
+    mCommitted.lastTimestampTicks = mLastTimestampTicks;
+    mCommitted.lastDurationTicks = lastDurationUs;
+    mCommitted.lastDurationMedia = mLastDurationMedia;
+}
+
+void CmmbMPEG4Writer::Track::rollBackToCommitted() {
+    mSampleSizes.resize(mCommitted.sampleSizes);
+    mChunkOffsets.resize(mCommitted.chunkOffsets);
+    mStscTableEntries.resize(mCommitted.stscEntries);
+    mStssTableEntries.resize(mCommitted.stssEntries);
+    mSttsTableEntries.resize(mCommitted.sttsEntries);
+    mNumSamples = mCommitted.numSamples;
+    mNumChunks = mCommitted.numChunks;
+    mSttsRunLength = mCommitted.sttsRunLength;
+    mTrackDurationTicks = mCommitted.trackDurationTicks;
+    mLastTimestampTicks = mCommitted.lastTimestampTicks;
+    lastDurationUs = mCommitted.lastDurationTicks;
+    mLastDurationMedia = mCommitted.lastDurationMedia;
     mChunkSamples.clear();
 }
 

@@ -17,6 +17,16 @@
         }                                                                                  \
     } while (0)
 
+// TLOG for a line that belongs to a public operation while a helper prints it: the prefix
+// names `function` instead of the helper.
+#define TLOG_AS(function, category, fmt, ...)                                              \
+    do {                                                                                   \
+        if (TLOG_ENABLED(category)) {                                                      \
+            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,           \
+                                "LogMask::" #category, function, __LINE__, ##__VA_ARGS__); \
+        }                                                                                  \
+    } while (0)
+
 // Ungated logging at a given priority, without the prefix (recorder and file writer).
 #define ALOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
 #define ALOGI(...) __android_log_print(ANDROID_LOG_INFO, LOG_TAG, __VA_ARGS__)

@@ -35,9 +35,7 @@ int TavoMBBMSEngineImpl::captureImage(int session, int fd) {
         notifyEvent(EVENT_CAPTURE_FAIL, session);
         return 0;
     }
-    long long freeKB =
-        static_cast<long long>(static_cast<unsigned long long>(space.f_bfree) *
-                               static_cast<unsigned long long>(space.f_bsize) / 1024u);
+    long long freeKB = freeSpaceBytes(space) / 1024;
     if (freeKB < kMinimumFreeKB) {
         TLOG(ERROR, "free space (%lld KB) is not enough", freeKB);
         notifyEvent(EVENT_CAPTURE_FAIL, session);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "CmmbMPEG4Writer.h"
+#include "Env.h"
 #include "Log.h"
 
 namespace {
@@ -34,6 +35,7 @@ CmmbRecorder::CmmbRecorder()
       mGotPps(0),
       mBaseTimestamp(0),
       mWaitForIdr(false),
+      mAudioStarted(false),
       mWriter(nullptr),
       mVideoSource(nullptr),
       mAudioSource(nullptr),
@@ -162,7 +164,7 @@ int CmmbRecorder::stop() {
     releaseWriter();
 
     if (mOutputFd >= 0) {
-        if (result == 0 && fsync(mOutputFd) != 0) {
+        if (result == 0 && Env::current()->fsync(mOutputFd) != 0) {
             ALOGD("error reason is %s", strerror(errno));
             result = -1;
         }
@@ -170,6 +172,16 @@ int CmmbRecorder::stop() {
         mOutputFd = -1;
     }
     return result;
+}
+
+int CmmbRecorder::outputFd() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mOutputFd;
+}
+
+int CmmbRecorder::writeError() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mWriter != nullptr ? mWriter->writeError() : 0;
 }
 
 int CmmbRecorder::close() {
@@ -216,4 +228,5 @@ void CmmbRecorder::resetManagerState() {
     mGotPps = 0;
     mBaseTimestamp = 0;
     mWaitForIdr = false;
+    mAudioStarted = false;
 }

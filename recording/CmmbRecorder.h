@@ -65,6 +65,11 @@ public:
     virtual int close();
     virtual int reset();
 
+    // The recorder's own descriptor of the output file, or -1. Set before start.
+    int outputFd();
+    // errno of the first failed write of the recording in progress, 0 when none.
+    int writeError();
+
     // REQUIRES: LockRecorder() held. Fixed sample storage for the caller of writeout.
     CmmbRecorderScratch& scratch() { return *mScratch; }
 
@@ -75,6 +80,7 @@ public:
     int32_t mGotPps;          // the PPS of this recording has been handed over
     uint32_t mBaseTimestamp;  // input time of the first SPS: timestamp 0 of the recording
     bool mWaitForIdr;         // after a resume: skip video up to the next IDR slice
+    bool mAudioStarted;       // an audio frame of this recording has been handed over
 
 private:
     // REQUIRES: mLock held.

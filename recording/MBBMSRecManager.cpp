@@ -14,6 +14,8 @@ namespace {
 
 const char kVideoMime[] = "video/avc";
 const char kAudioMime[] = "audio/mp4a-latm";
+// The public operation the per-frame helpers log for.
+const char kDataRecording[] = "dataRecording";
 
 enum {
     NAL_TYPE_SLICE_FIRST = 1,  // non-IDR slice and data partitions A to C: types 1 to 4
@@ -76,52 +78,74 @@ int MBBMSRecManager::startRecording(int session, int fd) {
     TLOG(RECORD, "session=%d", session);
     if (!validSession(session))
         return -1;
-
-    CmmbRecorder*& slot = mRecorder[session];
-    if (slot != nullptr) {
-        TLOG(WARNING, "leftover of pRecorder");
-        if (slot->stop() != 0) {
-            TLOG(ERROR, "cannot stop the pRecorder!");
+    if (mRecorder[session] != nullptr) {
+        CmmbRecorder* leftover = detachRecorder(session, __func__);
+        if (completeRecorder(leftover, __func__) != 0)
             return -1;
-        }
-        delete slot;
-        slot = nullptr;
     }
-
-    slot = new CmmbRecorder();
-    slot->init();
-    if (slot->setOutputFile(fd, 0, 0) != 0) {
-        TLOG(ERROR, "pRecorder->setOutputFile failed!");
-        delete slot;
-        slot = nullptr;
+    CmmbRecorder* recorder = createRecorder(fd, __func__);
+    if (recorder == nullptr)
         return -1;
-    }
-    if (slot->start() != 0) {
-        TLOG(ERROR, "pRecorder->start() failed!");
-        delete slot;
-        slot = nullptr;
-        return -1;
-    }
-    TLOG(RECORD, "pRecorder->start() Done!");
+    installRecorder(session, recorder, __func__);
     return 0;
 }
 
 int MBBMSRecManager::stopRecording(int session) {
-    TLOG(RECORD, "%s()", "stopRecording");
-    if (!validSession(session))
+    if (!validSession(session)) {
+        TLOG(RECORD, "%s()", "stopRecording");
         return -1;
-
-    CmmbRecorder*& slot = mRecorder[session];
-    if (slot != nullptr) {
-        if (slot->stop() != 0) {
-            TLOG(ERROR, "cannot stop the pRecorder!");
-            return -1;
-        }
-        delete slot;
-        slot = nullptr;
     }
-    TLOG(RECORD, "exit successfully");
-    return 0;
+    return completeRecorder(detachRecorder(session, __func__), __func__);
+}
+
+CmmbRecorder* MBBMSRecManager::detachRecorder(int session, const char* operation) {
+    if (strcmp(operation, "stopRecording") == 0)
+        TLOG_AS(operation, RECORD, "%s()", "stopRecording");
+    if (!validSession(session))
+        return nullptr;
+    CmmbRecorder* recorder = mRecorder[session];
+    mRecorder[session] = nullptr;
+    if (recorder != nullptr && strcmp(operation, "startRecording") == 0)
+        TLOG_AS(operation, WARNING, "leftover of pRecorder");
+    return recorder;
+}
+
+int MBBMSRecManager::completeRecorder(CmmbRecorder* recorder, const char* operation) {
+    int result = 0;
+    if (recorder != nullptr) {
+        // The recorder is finished either way: a failed stop has already released its
+        // writer and descriptor, and nothing could complete the file later.
+        if (recorder->stop() != 0) {
+            TLOG_AS(operation, ERROR, "cannot stop the pRecorder!");
+            result = -1;
+        }
+        delete recorder;
+    }
+    if (result == 0 && strcmp(operation, "stopRecording") == 0)
+        TLOG_AS(operation, RECORD, "exit successfully");
+    return result;
+}
+
+CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
+    CmmbRecorder* recorder = new CmmbRecorder();
+    recorder->init();
+    if (recorder->setOutputFile(fd, 0, 0) != 0) {
+        TLOG_AS(operation, ERROR, "pRecorder->setOutputFile failed!");
+        delete recorder;
+        return nullptr;
+    }
+    if (recorder->start() != 0) {
+        TLOG_AS(operation, ERROR, "pRecorder->start() failed!");
+        delete recorder;
+        return nullptr;
+    }
+    return recorder;
+}
+
+void MBBMSRecManager::installRecorder(int session, CmmbRecorder* recorder, const char* operation) {
+    TAVO_ASSERT(validSession(session) && mRecorder[session] == nullptr);
+    mRecorder[session] = recorder;
+    TLOG_AS(operation, RECORD, "pRecorder->start() Done!");
 }
 
 int MBBMSRecManager::setMaxFileSize(int session, long long bytes) {
@@ -227,15 +251,17 @@ int MBBMSRecManager::recordVideo(CmmbRecorder* recorder, const unsigned char* co
     for (uint32_t i = 0; i < counts.nalCount; ++i) {
         CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy, i);
         if (!isInside(walked, entry.length, counts.dataLength)) {
-            TLOG(ERROR, "NAL entry %u runs past the payload, rest of the frame skipped", i);
+            TLOG_AS(kDataRecording, ERROR,
+                    "NAL entry %u runs past the payload, rest of the frame skipped", i);
             return 0;
         }
         const unsigned char* unit = payload + walked;
         walked += entry.length;
-        TLOG(RECORD, "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld",
-             entry.length, static_cast<unsigned long>(entry.tsBase),
-             static_cast<unsigned long>(entry.tsRelative),
-             static_cast<long>(reinterpret_cast<intptr_t>(unit)));
+        TLOG_AS(kDataRecording, RECORD,
+                "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld", entry.length,
+                static_cast<unsigned long>(entry.tsBase),
+                static_cast<unsigned long>(entry.tsRelative),
+                static_cast<long>(reinterpret_cast<intptr_t>(unit)));
 
         const uint32_t presentation = entry.tsBase + entry.tsRelative;
         uint32_t sampleLength = 0;
@@ -305,7 +331,8 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
     for (uint32_t j = 0; j < counts.aacCount; ++j) {
         CmmbFrameCopyAacEntry entry = cmmbFrameCopyReadAac(copy, counts.nalCount, j);
         if (!isInside(walked, entry.length, counts.dataLength)) {
-            TLOG(ERROR, "AAC entry %u runs past the payload, rest of the frame skipped", j);
+            TLOG_AS(kDataRecording, ERROR,
+                    "AAC entry %u runs past the payload, rest of the frame skipped", j);
             return 0;
         }
         const unsigned char* frame = payload + walked;
@@ -316,24 +343,32 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
         if (TLOG_ENABLED(RECORD)) {
             uint32_t words[3] = {0, 0, 0};
             memcpy(words, frame, entry.length < sizeof(words) ? entry.length : sizeof(words));
-            TLOG(RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0], words[1], words[2]);
+            TLOG_AS(kDataRecording, RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0],
+                    words[1], words[2]);
         }
 
+        // Times are taken modulo 2^32 like the clock itself, so that a recording carries on
+        // across the clock's wrap. Audio from before the first SPS is left out only until
+        // the recording's audio has begun: afterwards a clock that jumps back is a
+        // discontinuity for the writer to bridge, not a reason to drop the sound.
         const uint32_t presentation = entry.tsBase + entry.tsRelative;
-        const int64_t sinceBase =
-            static_cast<int64_t>(presentation) - static_cast<int64_t>(recorder->mBaseTimestamp);
-        if (sinceBase < 0 || sinceBase < static_cast<int64_t>(resumeTimestamp))
+        const uint32_t sinceBase = presentation - recorder->mBaseTimestamp;
+        if (!recorder->mAudioStarted && static_cast<int32_t>(sinceBase) < 0)
+            continue;
+        if (resumeTimestamp != 0 && static_cast<int32_t>(sinceBase - resumeTimestamp) < 0)
             continue;
 
-        sample.timestamp = sinceBase;
+        sample.timestamp = static_cast<int64_t>(sinceBase);
         sample.length = entry.length - CMMB_ADTS_HEADER_SIZE;
         memcpy(sample.storage, frame + CMMB_ADTS_HEADER_SIZE, sample.length);
         int result = recorder->writeout(&sample);
         if (result != 0)
             return result;
-        TLOG(RECORD, "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
-             static_cast<unsigned long>(sample.timestamp),
-             static_cast<long long>(reinterpret_cast<intptr_t>(frame)));
+        recorder->mAudioStarted = true;
+        TLOG_AS(kDataRecording, RECORD,
+                "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
+                static_cast<unsigned long>(sample.timestamp),
+                static_cast<long long>(reinterpret_cast<intptr_t>(frame)));
     }
     return 0;
 }

@@ -42,8 +42,23 @@ public:
     // Starts a new recorder writing to fd, replacing a leftover one. 0 or -1.
     int startRecording(int session, int fd);
     // Stops and deletes the session's recorder. 0 (also when there is none), or -1 when the
-    // recorder refused to stop; it then stays in its slot.
+    // recorder could not complete its file.
     int stopRecording(int session);
+
+    // The steps of startRecording and stopRecording, for a caller that must not complete a
+    // file while frames are held off (the engine's recording control). Each logs as part of
+    // `operation`, the public operation it belongs to.
+    //
+    // Empties the session's slot and returns the recorder it held (the caller owns it), or
+    // null. REQUIRES: no frame of the session in progress on another thread.
+    CmmbRecorder* detachRecorder(int session, const char* operation);
+    // Completes and deletes a detached recorder; null completes nothing. 0 or -1.
+    static int completeRecorder(CmmbRecorder* recorder, const char* operation);
+    // A started recorder writing to fd, or null (the reason is logged).
+    static CmmbRecorder* createRecorder(int fd, const char* operation);
+    // Puts a recorder from createRecorder into the empty slot of the session.
+    // REQUIRES: as detachRecorder.
+    void installRecorder(int session, CmmbRecorder* recorder, const char* operation);
     // The recorder's results, or -1 when the session has no recorder.
     int setMaxFileSize(int session, long long bytes);
     long long queryCurrentMoovLength(int session);

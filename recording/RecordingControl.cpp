@@ -1,26 +1,17 @@
-// Recording control of the engine: starting and stopping the recording of a session, and the
-// per-frame step that watches the storage card, copies the frame out of the session's
-// shared buffer and hands it to the recording manager.
-//
-// Threads: startRecording, stopRecording and isRecording run on application threads;
-// dataRecording runs on the agent's thread inside the frame bracket, with the session
-// manager's mutexSessionChangable and the session buffer's mutexDataAccessable held.
-// mIsRecording is read by the frame hand-off without a lock. A recorder is stopped or
-// replaced from an application thread only inside the session manager's exclusive bracket,
-// which waits for a frame in progress and holds further frames off, so the agent's thread
-// never writes into a recorder that is going away.
+#include "RecordingControl.h"
+
 #include <errno.h>
 #include <sys/vfs.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "AndroidPaths.h"
 #include "CmmbMediaTypes.h"
+#include "CmmbRecorder.h"
 #include "EngineLog.h"
 #include "FileSystemSpace.h"
 #include "MBBMSRecManager.h"
-#include "SessionManager.h"
-#include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
@@ -29,146 +20,253 @@ const char kStorageCard[] = "/sdcard";
 const long long kMinimumSpaceToStartMiB = 1;
 const long long kWatchMoovBelowMiB = 14;
 
-bool validSession(int session) {
-    return session >= 0 && session < MBBMSRecManager::SESSION_COUNT;
-}
-
-long long freeBytes(const struct statfs& status) {
-    return static_cast<long long>(status.f_bsize) * static_cast<long long>(status.f_bfree);
-}
+const char kStartRecording[] = "startRecording";
+const char kStopRecording[] = "stopRecording";
+const char kDataRecording[] = "dataRecording";
 
 long long toMiB(long long bytes) {
     return bytes >> 20;
 }
 
-// Holds frames off for the lifetime of the object, once any frame in progress has ended.
-// Without a session manager no frame can be in progress.
+bool isStorageFullError(int error) {
+    return error == ENOSPC || error == EDQUOT;
+}
+
+// Holds frames off for its lifetime.
 class FramesHeldOff {
 public:
-    explicit FramesHeldOff(SessionManagerSlot& slot) : mManager(slot), mTaken(false) {
-        if (mManager)
-            mTaken = mManager->beginExclusive();
-    }
-    ~FramesHeldOff() {
-        if (mManager)
-            mManager->endExclusive(mTaken);
-    }
+    explicit FramesHeldOff(RecordingControl::Host& host) : mHost(host), mHeld(host.holdFrames()) {}
+    ~FramesHeldOff() { mHost.releaseFrames(mHeld); }
     FramesHeldOff(const FramesHeldOff&) = delete;
     FramesHeldOff& operator=(const FramesHeldOff&) = delete;
 
 private:
-    SessionManagerSlot::Access mManager;
-    bool mTaken;  // false on the frame's own thread, which needs no waiting
+    RecordingControl::Host& mHost;
+    const bool mHeld;
 };
 
 }  // namespace
 
-int TavoMBBMSEngineImpl::startRecording(int session, int fd) {
-    TLOG(ENGINE, "session=%d", session);
-    RETURN_IF_NOT_INITIALIZED(-1);
+RecordingControl::RecordingControl(Host& host, std::atomic<bool>* flags)
+    : mHost(host), mIsRecording(flags) {}
+
+RecordingControl::~RecordingControl() {
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mStopping = true;
+    }
+    mChanged.notify_all();
+    if (mCompletionThread.joinable())
+        mCompletionThread.join();
+}
+
+int RecordingControl::startRecording(int session, int fd) {
     if (!validSession(session)) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
-
     struct statfs status;
     if (platform_fstatfs(fd, &status) != 0) {
         int error = errno;
         TLOG(ERROR, "fstatfs failed, error number is %d,reason: %s", error, strerror(error));
         return -1;
     }
-    if (toMiB(freeBytes(status)) < kMinimumSpaceToStartMiB)
+    if (toMiB(freeSpaceBytes(status)) < kMinimumSpaceToStartMiB)
         return -1;
 
-    int result;
+    // A recording of the session that ended in the frame path is complete before the next
+    // one starts, so that its event comes first.
+    waitForCompletion(session);
+    MBBMSRecManager* manager = MBBMSRecManager::getInstance();
+    TLOG_AS(kStartRecording, RECORD, "session=%d", session);
+    // A recording in progress, or a leftover, is detached while frames are held off and
+    // completed here, outside.
+    CmmbRecorder* leftover;
     {
-        // A leftover recorder of the session, or the one still recording, is stopped and
-        // replaced here. Whatever happens, the session records afterwards only into a
-        // recorder this call started.
-        FramesHeldOff heldOff(mSessionManager);
-        result = MBBMSRecManager::getInstance()->startRecording(session, fd);
-        mIsRecording[session].store(result == 0);
+        FramesHeldOff heldOff(mHost);
+        mIsRecording[session].store(false);
+        leftover = manager->detachRecorder(session, kStartRecording);
     }
-    return result == 0 ? 0 : -1;
+    if (leftover != nullptr && MBBMSRecManager::completeRecorder(leftover, kStartRecording) != 0)
+        return -1;
+
+    // The new file gets its first bytes before frames are held off again.
+    CmmbRecorder* recorder = MBBMSRecManager::createRecorder(fd, kStartRecording);
+    if (recorder == nullptr)
+        return -1;
+    CmmbRecorder* raced;
+    {
+        FramesHeldOff heldOff(mHost);
+        // Another application thread may have started the session meanwhile: the later
+        // start wins, as if it had come second.
+        raced = manager->detachRecorder(session, kStartRecording);
+        manager->installRecorder(session, recorder, kStartRecording);
+        mIsRecording[session].store(true);
+    }
+    MBBMSRecManager::completeRecorder(raced, kStartRecording);
+    return 0;
 }
 
-int TavoMBBMSEngineImpl::stopRecording(int session) {
-    TLOG(ENGINE, "session=%d", session);
-    RETURN_IF_NOT_INITIALIZED(-1);
+int RecordingControl::stopRecording(int session) {
     if (!validSession(session)) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
-
-    // Frames that begin from here on are not recorded; one already in progress is waited for.
+    // Frames that begin from here on are not recorded; one already in progress is waited
+    // for, then the recorder is detached and its file completed outside.
     mIsRecording[session].store(false);
-    FramesHeldOff heldOff(mSessionManager);
-    return MBBMSRecManager::getInstance()->stopRecording(session);
+    CmmbRecorder* recorder;
+    {
+        FramesHeldOff heldOff(mHost);
+        recorder = MBBMSRecManager::getInstance()->detachRecorder(session, kStopRecording);
+    }
+    const int result = MBBMSRecManager::completeRecorder(recorder, kStopRecording);
+    // A recording that ended in the frame path is complete when stopRecording returns.
+    waitForCompletion(session);
+    return result;
 }
 
-bool TavoMBBMSEngineImpl::isRecording(int session) {
-    if (!validSession(session))
-        return false;
-    return mIsRecording[session].load();
+bool RecordingControl::isRecording(int session) const {
+    return validSession(session) && mIsRecording[session].load();
 }
 
-void TavoMBBMSEngineImpl::dataRecording(int session) {
-    if (!validSession(session))
-        return;
-    MBBMSRecManager* manager = MBBMSRecManager::getInstance();
-
+bool RecordingControl::freeSpaceForRecording(int session, long long* freeBytes) {
     char storageCard[1024];
     struct statfs status;
     if (resolveAndroidPath(kStorageCard, storageCard, sizeof(storageCard)) != 0 ||
         platform_statfs(storageCard, &status) != 0) {
-        TLOG(ERROR, "sdcard not found");
+        return false;
+    }
+    *freeBytes = freeSpaceBytes(status);
+    // The recording's own file system may be another one, and fill up first.
+    CmmbRecorder* recorder = MBBMSRecManager::getInstance()->getRecorder(session);
+    const int fd = recorder != nullptr ? recorder->outputFd() : -1;
+    if (fd >= 0 && platform_fstatfs(fd, &status) == 0)
+        *freeBytes = std::min(*freeBytes, freeSpaceBytes(status));
+    return true;
+}
+
+void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
+    if (!validSession(session))
+        return;
+    MBBMSRecManager* manager = MBBMSRecManager::getInstance();
+
+    long long freeSpace = 0;
+    if (!freeSpaceForRecording(session, &freeSpace)) {
+        TLOG_AS(kDataRecording, ERROR, "sdcard not found");
         mIsRecording[session].store(false);
-        notifyEvent(EVENT_RECORD_NO_SDCARD, session);
+        mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
         return;
     }
-
-    const long long freeSpace = freeBytes(status);
-    TLOG(MAIN, "session=%d, free space=%lld", session, freeSpace);
+    TLOG_AS(kDataRecording, MAIN, "session=%d, free space=%lld", session, freeSpace);
     if (toMiB(freeSpace) < kWatchMoovBelowMiB) {
         const long long moovLength = manager->queryCurrentMoovLength(session);
-        TLOG(WARNING, "session=%d, free space=%lld, required minimal space=%lld", session,
-             freeSpace, moovLength);
+        TLOG_AS(kDataRecording, WARNING, "session=%d, free space=%lld, required minimal space=%lld",
+                session, freeSpace, moovLength);
         if (toMiB(freeSpace) <= toMiB(moovLength)) {
-            const int stopped = manager->stopRecording(session);
-            mIsRecording[session].store(false);
-            if (stopped != 0) {
-                TLOG(ERROR, "sdcard not found");
-                notifyEvent(EVENT_RECORD_NO_SDCARD, session);
-            } else {
-                TLOG(ERROR, "storage is full");
-                notifyEvent(EVENT_RECORD_STORAGE_FULL, session);
-            }
+            endInFramePath(session, EndReason::STORAGE_FULL, 0);
             return;
         }
     }
 
-    CmmbSharedBuffer* buffer = sharedBuffer(session);
     if (buffer == nullptr)
         return;
-    unsigned char* copy = reinterpret_cast<unsigned char*>(&mRecordingCopy);
+    unsigned char* copy = reinterpret_cast<unsigned char*>(&mCopy);
     manager->read_to_new_sharedbuf(copy, reinterpret_cast<unsigned char*>(buffer));
-
     const int recorded = manager->dataRecording(manager->getRecorder(session), copy);
-    if (recorded >= 0)
-        return;
+    if (recorded < 0)
+        endInFramePath(session, EndReason::CHAIN_FAILURE, recorded);
+}
 
-    const int stopped = manager->stopRecording(session);
+void RecordingControl::endInFramePath(int session, EndReason reason, int recorded) {
     mIsRecording[session].store(false);
-    if (stopped < 0) {
-        TLOG(ERROR, "stop failed");
-        notifyEvent(EVENT_RECORD_ERROR, session);
-    } else if (recorded == ERROR_WRITE_FAILED) {
-        notifyEvent(EVENT_RECORD_ERROR, session);
-        TLOG(ERROR, "write file error!");
-    } else if (recorded == ERROR_LIMIT_REACHED) {
-        notifyEvent(EVENT_RECORD_MAX_FILE_SIZE, session);
-        TLOG(ERROR, "exceed the max file size");
-    } else {
-        notifyEvent(EVENT_RECORD_ERROR, session);
+    CmmbRecorder* recorder =
+        MBBMSRecManager::getInstance()->detachRecorder(session, kDataRecording);
+    const int writeError = recorder != nullptr ? recorder->writeError() : 0;
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        PendingCompletion& pending = mPending[session];
+        if (pending.busy) {
+            // Only when an application restarted the session from the previous recording's
+            // event and the new recording ended at once: completed here, out of turn.
+            PendingCompletion ended{recorder, reason, recorded, writeError, true, true};
+            reportEnd(session, ended, MBBMSRecManager::completeRecorder(recorder, kDataRecording));
+            return;
+        }
+        pending.recorder = recorder;
+        pending.reason = reason;
+        pending.recorded = recorded;
+        pending.writeError = writeError;
+        pending.busy = true;
+        if (!mCompletionThread.joinable()) {
+            mCompletionThread = std::thread(&RecordingControl::runCompletions, this);
+            mCompletionThreadId = mCompletionThread.get_id();
+        }
     }
+    mChanged.notify_all();
+}
+
+void RecordingControl::runCompletions() {
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        int session = -1;
+        for (int s = 0; s < SESSION_COUNT && session < 0; ++s) {
+            if (mPending[s].busy && !mPending[s].taken)
+                session = s;
+        }
+        if (session < 0) {
+            if (mStopping)
+                return;
+            mChanged.wait(lock);
+            continue;
+        }
+        PendingCompletion ended = mPending[session];
+        // The slot stays busy until the event is out.
+        mPending[session].taken = true;
+        lock.unlock();
+        const int completed = MBBMSRecManager::completeRecorder(ended.recorder, kDataRecording);
+        reportEnd(session, ended, completed);
+        lock.lock();
+        mPending[session] = PendingCompletion();
+        mChanged.notify_all();
+    }
+}
+
+void RecordingControl::reportEnd(int session, const PendingCompletion& ended, int completed) {
+    if (ended.reason == EndReason::STORAGE_FULL) {
+        if (completed != 0) {
+            TLOG_AS(kDataRecording, ERROR, "sdcard not found");
+            mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
+        } else {
+            TLOG_AS(kDataRecording, ERROR, "storage is full");
+            mHost.notifyRecordingEvent(EVENT_RECORD_STORAGE_FULL, session);
+        }
+        return;
+    }
+    if (ended.recorded == ERROR_WRITE_FAILED) {
+        // A full storage is reported as such, whether or not the index still fitted.
+        if (completed < 0)
+            TLOG_AS(kDataRecording, ERROR, "stop failed");
+        mHost.notifyRecordingEvent(
+            isStorageFullError(ended.writeError) ? EVENT_RECORD_STORAGE_FULL : EVENT_RECORD_ERROR,
+            session);
+        TLOG_AS(kDataRecording, ERROR, "write file error!");
+    } else if (completed < 0) {
+        TLOG_AS(kDataRecording, ERROR, "stop failed");
+        mHost.notifyRecordingEvent(EVENT_RECORD_ERROR, session);
+    } else if (ended.recorded == ERROR_LIMIT_REACHED) {
+        mHost.notifyRecordingEvent(EVENT_RECORD_MAX_FILE_SIZE, session);
+        TLOG_AS(kDataRecording, ERROR, "exceed the max file size");
+    } else {
+        mHost.notifyRecordingEvent(EVENT_RECORD_ERROR, session);
+    }
+}
+
+void RecordingControl::waitForCompletion(int session) {
+    std::unique_lock<std::mutex> lock(mLock);
+    // An application stopping from the recording event runs on the completion thread, and
+    // its own completion is the one in progress.
+    if (std::this_thread::get_id() == mCompletionThreadId)
+        return;
+    mChanged.wait(lock, [&] { return !mPending[session].busy; });
 }

@@ -1,11 +1,12 @@
 #!/bin/sh
 # Fails when the engine library exports anything beyond the public interface: the engine's
-# accessor and the vague-linkage data (vtables, type information) of the exported classes.
+# accessor, the recording repair (TavoRecordingRepair.h) and the vague-linkage data (vtables,
+# type information) of the exported classes.
 set -eu
 nm_tool="$1"
 library="$2"
 unexpected=$("$nm_tool" -D --defined-only "$library" | awk '{print $3}' | c++filt |
-    grep -v -E '^(TavoMBBMSEngine::getInstance\(\)|(vtable|typeinfo|typeinfo name) for (TavoMBBMSEngine|TavoMBBMSEngineCallback|MBBMSAgentCallback|MBBMSAgent))$' |
+    grep -v -E '^(TavoMBBMSEngine::getInstance\(\)|tavo_repair_recording|(vtable|typeinfo|typeinfo name) for (TavoMBBMSEngine|TavoMBBMSEngineCallback|MBBMSAgentCallback|MBBMSAgent))$' |
     grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' || true)
 if [ -n "$unexpected" ]; then
     echo "unexpected exported symbols:"

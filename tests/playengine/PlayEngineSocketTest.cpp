@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "FaultInjection.h"
+#include "FaultInjectingEnv.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
@@ -273,12 +273,13 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_EQ(0, bench.callback.count("onEvent("));
 
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
-        setenv(TAVO_FAKE_FREE_BYTES_ENV, std::to_string(99 * 1024).c_str(), 1);
+        FaultInjectingEnv env;
+        env.setFreeBytes(99 * 1024);
         EXPECT_EQ(0, bench.engine->captureImage(1, file));
         EXPECT_EQ(1, bench.callback.count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine->isCapturing(1));
 
-        setenv(TAVO_FAKE_FREE_BYTES_ENV, std::to_string(100 * 1024).c_str(), 1);
+        env.setFreeBytes(100 * 1024);
         EXPECT_EQ(0, bench.engine->captureImage(0, file));
         Received request = client.receive();
         ASSERT_EQ(96, request.bytes);

@@ -10,30 +10,21 @@
 #include <string>
 
 #include "ChildProcess.h"
+#include "FaultInjectingEnv.h"
 #include "RecordingRig.h"
 
 namespace {
 
 const long long kMiB = 1 << 20;
 
-void setFreeBytes(long long bytes) {
-    setenv("TAVO_FAKE_FREE_BYTES", std::to_string(bytes).c_str(), 1);
-}
-
 long long fileSize(const std::string& path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
 }
 
-#ifdef TAVO_FAULT_INJECTION
-#define REQUIRE_FAULT_INJECTION()
-#else
-#define REQUIRE_FAULT_INJECTION() GTEST_SKIP() << "needs a build with TAVO_FAULT_INJECTION"
-#endif
-
 TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
-    REQUIRE_FAULT_INJECTION();
     EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
         RecordingRig rig;
         rig.startService();
         const int fd = rig.createOutput("out.3gp");
@@ -46,16 +37,16 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         EXPECT_EQ(-1, rig.engine().startRecording(0, 12345));  // not a descriptor
         EXPECT_EQ(1, rig.root().countLog("fstatfs failed, error number is 9"));
 
-        setFreeBytes(kMiB - 1);
+        env.setFreeBytes(kMiB - 1);
         EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
         EXPECT_FALSE(rig.engine().isRecording(0));
         EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));  // no recorder was created
-        setFreeBytes(kMiB);
+        env.setFreeBytes(kMiB);
         EXPECT_EQ(0, rig.engine().startRecording(0, fd));
         EXPECT_TRUE(rig.engine().isRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(1));
         close(fd);  // the recorder works on its own duplicate
-        unsetenv("TAVO_FAKE_FREE_BYTES");
+        env.setFreeBytes(-1);
 
         ClipFeed feed;
         rig.play(feed.nextSecond());
@@ -64,14 +55,11 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         EXPECT_FALSE(rig.engine().isRecording(0));
         expectCleanFile(rig.outputPath("out.3gp"));
 
-        // Samples are buffered; failed writes to a full device show when the file is completed.
+        // A file that takes no byte is refused at once.
         const int full = open("/dev/full", O_WRONLY);
-        ASSERT_EQ(0, rig.engine().startRecording(0, full));
+        EXPECT_EQ(-1, rig.engine().startRecording(0, full));
         close(full);
-        for (int second = 0; second < 3; ++second)
-            rig.play(feed.nextSecond());
-        EXPECT_TRUE(rig.engine().isRecording(0));
-        EXPECT_EQ(-1, rig.engine().stopRecording(0));
+        EXPECT_EQ(1, rig.root().countLog("pRecorder->start() failed!"));
         EXPECT_FALSE(rig.engine().isRecording(0));
 
         // A missing card ends frame delivery; the recorder stays for the application's stop.
@@ -92,8 +80,8 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
 }
 
 TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull) {
-    REQUIRE_FAULT_INJECTION();
     EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
         RecordingRig rig;
         rig.startService();
         const int fd = rig.createOutput("out.3gp");
@@ -102,25 +90,27 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         ClipFeed feed;
         const char* estimateWarning = "required minimal space=";
 
-        setFreeBytes(14 * kMiB);  // not consulted
+        env.setFreeBytes(14 * kMiB);  // not consulted
         rig.play(feed.nextSecond());
         rig.play(feed.nextSecond());
         EXPECT_EQ(0, rig.root().countLog(estimateWarning));
         // Below it the estimate (a few KiB, so 0 MiB) is compared in whole MiB.
-        setFreeBytes(14 * kMiB - 1);
+        env.setFreeBytes(14 * kMiB - 1);
         rig.play(feed.nextSecond());
         EXPECT_EQ(1, rig.root().countLog(estimateWarning));
-        setFreeBytes(kMiB);
+        env.setFreeBytes(kMiB);
         rig.play(feed.nextSecond());
         EXPECT_EQ(2, rig.root().countLog(estimateWarning));
         EXPECT_TRUE(rig.engine().isRecording(0));
         EXPECT_EQ(0, rig.app().count("onEvent("));
 
-        setFreeBytes(kMiB - 1);
+        env.setFreeBytes(kMiB - 1);
         rig.play(feed.nextSecond());
         EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.app().count("onEvent(152, 0)"));  // EVENT_RECORD_STORAGE_FULL
-        unsetenv("TAVO_FAKE_FREE_BYTES");
+        // The file is completed off the frame path; the event follows its completion.
+        ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));  // EVENT_RECORD_STORAGE_FULL
+        EXPECT_EQ(1, rig.app().count("onEvent("));
+        env.setFreeBytes(-1);
         // The recording was completed when it stopped; later frames do not reach it.
         const long long completed = fileSize(rig.outputPath("out.3gp"));
         rig.play(feed.nextSecond());
@@ -153,8 +143,8 @@ private:
 }  // namespace
 
 TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
-    REQUIRE_FAULT_INJECTION();
     EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
         RecordingRig rig;
         StopOnRecordingEvent app(rig.engine());
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
@@ -164,11 +154,12 @@ TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
         close(fd);
         ClipFeed feed;
         rig.play(feed.nextSecond());
-        setFreeBytes(kMiB - 1);
+        env.setFreeBytes(kMiB - 1);
         // Waiting for the frame in progress here would wait for ever: the frame is the caller.
         rig.play(feed.nextSecond());
-        unsetenv("TAVO_FAKE_FREE_BYTES");
-        EXPECT_EQ(1, app.count("onEvent(152, 0)"));
+        env.setFreeBytes(-1);
+        ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
+        EXPECT_EQ(0, rig.engine().stopRecording(0));  // returns once the event is handled
         EXPECT_EQ(0, app.stopResult);
         EXPECT_FALSE(rig.engine().isRecording(0));
         rig.play(feed.nextSecond());  // frames keep flowing afterwards

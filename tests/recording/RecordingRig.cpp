@@ -92,6 +92,27 @@ void expectCleanFile(const std::string& path) {
     EXPECT_EQ(0, status) << path;
 }
 
+void expectPlayableRecording(const std::string& path) {
+    expectCleanFile(path);
+    int status = -1;
+    EXPECT_EQ("",
+              run("ffmpeg -nostdin -v error -xerror -i '" + path + "' -map 0 -f null -", &status))
+        << path;
+    const std::string counts =
+        run("ffprobe -v error -count_packets -select_streams v:0 -show_entries "
+            "stream=nb_frames,nb_read_packets -of csv=p=0 '" +
+                path + "'",
+            &status);
+    long long frames = -1, packets = -2;
+    EXPECT_EQ(2, sscanf(counts.c_str(), "%lld,%lld", &frames, &packets)) << counts;
+    EXPECT_EQ(frames, packets) << path;
+    EXPECT_GT(frames, 0) << path;
+    EXPECT_EQ("AVC\n", run("mediainfo --Inform='Video;%Format%' '" + path + "'", &status)) << path;
+    EXPECT_EQ("AAC",
+              run("mediainfo --Inform='Audio;%Format%' '" + path + "'", &status).substr(0, 3))
+        << path;
+}
+
 std::vector<ProbedPacket> probePackets(const std::string& path, int stream) {
     std::vector<ProbedPacket> packets;
     for (const std::string& line : probe(path, stream, "packet=pts,size,flags")) {

@@ -60,6 +60,9 @@ struct ProbedPacket {
 
 // Fails the test unless ffprobe -v error and ffmpeg -xerror read the whole file silently.
 void expectCleanFile(const std::string& path);
+// The whole outside gate: expectCleanFile, ffmpeg -map 0 silent, the video's nb_frames
+// equal to its nb_read_packets, and mediainfo naming AVC and AAC.
+void expectPlayableRecording(const std::string& path);
 std::vector<ProbedPacket> probePackets(const std::string& path, int stream);
 // A stream's duration in seconds as ffprobe reports it; negative when unknown.
 double probeStreamDuration(const std::string& path, int stream);

@@ -1,9 +1,11 @@
 #include "FileSystemSpace.h"
 
+#include "Env.h"
+
 int platform_statfs(const char* path, struct statfs* out) {
-    return statfs(path, out);
+    return Env::current()->statfs(path, out);
 }
 
 int platform_fstatfs(int fd, struct statfs* out) {
-    return fstatfs(fd, out);
+    return Env::current()->fstatfs(fd, out);
 }

@@ -1,0 +1,169 @@
+// Benchmarks of recording:
+//  1. The stop stall: the longest live frame call (onOutputAVStart to onOutputAVEnd, two
+//     sessions on the channel) while stopRecording completes a 30-minute recording. The
+//     recording is generated synthetically, frame after frame, not in real time. Baseline:
+//     how long that completion takes, i.e. how long live frames would wait if it ran while
+//     they are held back.
+//  2. The cost of the repair records in bytes per hour of content, measured through the
+//     writer with the records on and off. Baseline: 1 % of the file per hour.
+//
+//   recording_benchmark [--smoke]
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "CmmbMPEG4Writer.h"
+#include "EngineDataPath.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const int kChannel = 40;
+const uint32_t kTicksPerSecond = 22500;
+
+double millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// One second of a 300 kbit/s service: an SPS, a PPS and an IDR slice, 24 P slices, 23 AAC
+// frames. Returns how long the frame call took.
+double playSecond(EngineDataPath& bench, uint32_t second) {
+    static const Bytes kSps = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF};
+    static const Bytes kPps = {0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
+    static const Bytes kIdr = nalUnit(4, 0x65, 1500);
+    static const Bytes kSlice = nalUnit(4, 0x41, 1500);
+    static const Bytes kAudio = pattern(180);
+    const uint32_t base = 45000 + second * kTicksPerSecond;
+    const auto start = Clock::now();
+    bench.frameStart(kChannel);
+    bench.nal(kChannel, kSps, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
+    bench.nal(kChannel, kPps, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
+    bench.nal(kChannel, kIdr, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
+    for (uint32_t i = 1; i < 25; ++i)
+        bench.nal(kChannel, kSlice, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, i * 900);
+    for (uint32_t i = 0; i < 23; ++i)
+        bench.aac(kChannel, kAudio, base + i * 960);
+    bench.frameEnd(kChannel);
+    return millisecondsSince(start);
+}
+
+int stopStall(int minutes) {
+    EngineDataPath bench("none", /*connectPlayEngine=*/false);
+    if (!bench.setUpError().empty() || bench.startService(0, 7, kChannel) != 0 ||
+        bench.startService(1, 7, kChannel) != 0) {
+        fprintf(stderr, "set-up failed: %s\n", bench.setUpError().c_str());
+        return 1;
+    }
+    const std::string path = bench.root.path() + "/long.3gp";
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 || bench.engine->startRecording(0, fd) != 0) {
+        fprintf(stderr, "cannot record into %s\n", path.c_str());
+        return 1;
+    }
+    close(fd);
+    uint32_t second = 0;
+    double longestWhileRecording = 0;
+    for (; second < static_cast<uint32_t>(minutes) * 60; ++second)
+        longestWhileRecording = std::max(longestWhileRecording, playSecond(bench, second));
+
+    std::atomic<bool> completed{false};
+    double completionMs = 0;
+    std::thread stopper([&] {
+        const auto start = Clock::now();
+        bench.engine->stopRecording(0);
+        completionMs = millisecondsSince(start);
+        completed = true;
+    });
+    double longestDuringStop = 0;
+    int framesDuringStop = 0;
+    while (!completed.load()) {
+        longestDuringStop = std::max(longestDuringStop, playSecond(bench, second++));
+        ++framesDuringStop;
+    }
+    stopper.join();
+    struct stat status;
+    stat(path.c_str(), &status);
+    fprintf(stderr,
+            "%d minutes recorded (%.1f MB); completion %.1f ms; %d live frames during it, "
+            "longest %.3f ms (longest while recording: %.3f ms)\n",
+            minutes, status.st_size / 1e6, completionMs, framesDuringStop, longestDuringStop,
+            longestWhileRecording);
+    printf(
+        "bench-row|stop stall: longest live frame while a %d-minute recording is "
+        "completed|%.3f|completion under the frame lock|%.3f|ms\n",
+        minutes, longestDuringStop, completionMs);
+    return 0;
+}
+
+// File bytes of `seconds` of the same service written through the writer.
+long long recordedBytes(long long seconds, bool repairRecords) {
+    CmmbMediaSource video = {"video/avc", 320, 240, 25, 22500};
+    CmmbMediaSource audio = {"audio/mp4a-latm", 0, 0, 24000, 24000};
+    CmmbMPEG4Writer writer(open("/dev/null", O_WRONLY));
+    writer.setRepairRecords(repairRecords);
+    writer.addSource(&video);
+    writer.addSource(&audio);
+    _CmmbMetaData meta = {24000, true, true};
+    writer.start(&meta);
+    std::unique_ptr<_CmmbOutBuffer> buffer(new _CmmbOutBuffer());
+    auto feed = [&](const char* mime, int64_t timestamp, uint32_t length, bool sync) {
+        buffer->mime = mime;
+        buffer->timestamp = timestamp;
+        buffer->length = length;
+        buffer->data = buffer->storage;
+        buffer->isSyncFrame = sync;
+        writer.writeout(buffer.get());
+    };
+    static const uint8_t kSps[] = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02};
+    static const uint8_t kPps[] = {0x68, 0xCE, 0x3C, 0x80};
+    memcpy(buffer->storage, kSps, sizeof(kSps));
+    feed("video/avc", 0, sizeof(kSps), false);
+    memcpy(buffer->storage, kPps, sizeof(kPps));
+    feed("video/avc", 0, sizeof(kPps), false);
+    memset(buffer->storage, 0x41, 1500);
+    long long videoAt = 0, audioAt = 0, frame = 0;
+    const long long end = seconds * kTicksPerSecond;
+    while (videoAt < end || audioAt < end) {
+        if (videoAt <= audioAt) {
+            feed("video/avc", videoAt, 1500, frame++ % 25 == 0);
+            videoAt += 900;
+        } else {
+            feed("audio/mp4a-latm", audioAt, 180, false);
+            audioAt += 960;
+        }
+    }
+    writer.stop();
+    return writer.currentOffset();
+}
+
+int repairRecordCost(long long seconds) {
+    const long long plain = recordedBytes(seconds, false);
+    const long long withRecords = recordedBytes(seconds, true);
+    const double perHour = 3600.0 / static_cast<double>(seconds);
+    fprintf(stderr, "%lld s: %lld bytes plain, %lld with repair records (+%.3f %%)\n", seconds,
+            plain, withRecords, 100.0 * (withRecords - plain) / plain);
+    printf(
+        "bench-row|repair records per hour of content|%.0f|1%% of the file per hour|%.0f|"
+        "bytes\n",
+        (withRecords - plain) * perHour, 0.01 * plain * perHour);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bool smoke = argc > 1 && strcmp(argv[1], "--smoke") == 0;
+    if (int result = stopStall(smoke ? 1 : 30))
+        return result;
+    return repairRecordCost(smoke ? 60 : 3600);
+}

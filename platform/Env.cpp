@@ -1,0 +1,72 @@
+// The platform's Env: the system calls themselves, through the backend's ashmem and shared
+// semaphore. The same code serves the host and the Android backends.
+#include "Env.h"
+
+#include <errno.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "Ashmem.h"
+#include "CmmbSharedSemaphore.h"
+
+namespace {
+
+class PlatformEnv : public Env {
+public:
+    ssize_t write(int fd, const void* data, size_t size) override {
+        ssize_t written;
+        do {
+            written = ::write(fd, data, size);
+        } while (written < 0 && errno == EINTR);
+        return written;
+    }
+    ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) override {
+        ssize_t written;
+        do {
+            written = ::pwrite(fd, data, size, offset);
+        } while (written < 0 && errno == EINTR);
+        return written;
+    }
+    int fsync(int fd) override {
+        int result;
+        do {
+            result = ::fsync(fd);
+        } while (result != 0 && errno == EINTR);
+        return result;
+    }
+    int statfs(const char* path, struct statfs* out) override { return ::statfs(path, out); }
+    int fstatfs(int fd, struct statfs* out) override { return ::fstatfs(fd, out); }
+    int createSharedRegion(const char* name, size_t size) override {
+        return ashmem_create_region(name, size);
+    }
+    int protectSharedRegion(int fd, int prot) override { return ashmem_set_prot_region(fd, prot); }
+    void* mapSharedRegion(int fd, size_t size) override {
+        return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) override {
+        return cmmb_sem_init(semaphore, value);
+    }
+};
+
+std::atomic<Env*> gInstalled{nullptr};
+
+}  // namespace
+
+Env::~Env() = default;
+
+Env* Env::platform() {
+    static Env* const env = new PlatformEnv();
+    return env;
+}
+
+Env* Env::current() {
+    Env* installed = gInstalled.load(std::memory_order_acquire);
+    return installed != nullptr ? installed : platform();
+}
+
+Env* Env::install(Env* env) {
+    Env* previous = gInstalled.exchange(env, std::memory_order_acq_rel);
+    return previous != nullptr ? previous : platform();
+}

@@ -1,0 +1,211 @@
+// Repair of recordings whose process died: a child records through the engine and is killed
+// with SIGKILL at many points; the file it leaves is repaired through the exported library
+// function and the tavo_repair tool, and the copy must pass the outside gate. Files that
+// cannot be repaired are refused with a message, and the input is never modified.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "ChildProcess.h"
+#include "RecordingRig.h"
+#include "TavoRecordingRepair.h"
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+// Repairs `in` into `out` with the library; returns its result and message.
+int repair(const std::string& in, const std::string& out, std::string* message) {
+    const int inFd = open(in.c_str(), O_RDONLY);
+    const int outFd = open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    char text[256] = "";
+    const int result = tavo_repair_recording(inFd, outFd, text, sizeof(text));
+    close(inFd);
+    close(outFd);
+    *message = text;
+    return result;
+}
+
+// Runs the tool; returns its exit status and puts what it printed in `output`.
+int runTool(const std::string& arguments, std::string* output) {
+    FILE* pipe = popen((std::string(TAVO_REPAIR_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
+    char block[512];
+    output->clear();
+    for (size_t got; (got = fread(block, 1, sizeof(block), pipe)) > 0;)
+        output->append(block, got);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A child that records the clip into `path` and reports every multiplex frame it played on
+// `progress`, until it is killed.
+pid_t startRecordingChild(const std::string& path, int progress[2]) {
+    const pid_t child = fork();
+    if (child != 0)
+        return child;
+    close(progress[0]);
+    RecordingRig rig("ERROR");
+    rig.startService();
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 || rig.engine().startRecording(0, fd) != 0)
+        _exit(3);
+    close(fd);
+    ClipFeed feed;
+    for (char second = 1;; ++second) {
+        rig.play(feed.nextSecond());
+        if (write(progress[1], &second, 1) != 1)
+            _exit(4);
+    }
+}
+
+TEST(RecordingRepair, ARecordingKilledAtManyPointsIsRepairedIntoAPlayableFile) {
+    TestRoot root;
+    int repaired = 0;
+    // Killed after 2 to 9 multiplex frames, at once or a little later inside the next one.
+    for (int frames = 2; frames <= 9; ++frames) {
+        const std::string path = root.path() + "/killed" + std::to_string(frames) + ".3gp";
+        int progress[2];
+        ASSERT_EQ(0, pipe(progress));
+        const pid_t child = startRecordingChild(path, progress);
+        ASSERT_GT(child, 0);
+        close(progress[1]);
+        char second = 0;
+        for (int seen = 0; seen < frames; ++seen)
+            ASSERT_EQ(1, read(progress[0], &second, 1)) << "the recording child died";
+        if (frames % 2 == 1)
+            usleep(1000 * (frames * 7 % 20));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        // The child kept playing until it died: count every frame it finished.
+        int played = frames;
+        while (read(progress[0], &second, 1) == 1)
+            ++played;
+        close(progress[0]);
+        EXPECT_FALSE(fileHasMoov(path)) << path;
+
+        const std::string before = readFile(path);
+        const std::string copy = path + ".repaired.3gp";
+        std::string message;
+        const int result = repair(path, copy, &message);
+        EXPECT_EQ(before, readFile(path)) << "the input was modified";
+        // Two frames may be too few for a chunk of both tracks; later kills must succeed.
+        if (frames <= 2 && result == TAVO_REPAIR_NOTHING_RECOVERABLE)
+            continue;
+        ASSERT_EQ(TAVO_REPAIR_OK, result) << message << " after " << frames << " frames";
+        ++repaired;
+        expectPlayableRecording(copy);
+        // Every sample up to about a second before the kill.
+        const double duration = probeStreamDuration(copy, 0);
+        EXPECT_GE(duration, played - 2.5) << copy;
+        EXPECT_LE(duration, played + 1.5) << copy;
+    }
+    EXPECT_GE(repaired, 7);
+}
+
+TEST(RecordingRepair, FinishedRecordingsLookTheSameWithOrWithoutRepairRecords) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        rig.startService();
+        std::string paths[2];
+        for (int withRecords = 0; withRecords < 2; ++withRecords) {
+            if (withRecords == 0)
+                rig.root().setProperty("persist.mbbms.record.repair", "0");
+            else
+                rig.root().removeProperty("persist.mbbms.record.repair");
+            paths[withRecords] = rig.outputPath("finished" + std::to_string(withRecords) + ".3gp");
+            const int fd = rig.createOutput("finished" + std::to_string(withRecords) + ".3gp");
+            ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+            close(fd);
+            ClipFeed feed;
+            for (int second = 0; second < 6; ++second)
+                rig.play(feed.nextSecond());
+            ASSERT_EQ(0, rig.engine().stopRecording(0));
+            expectPlayableRecording(paths[withRecords]);
+        }
+        // Same packets (times, sizes, flags) and streams; only the file grew a little.
+        for (int stream = 0; stream < 2; ++stream) {
+            std::vector<ProbedPacket> plain = probePackets(paths[0], stream);
+            std::vector<ProbedPacket> recorded = probePackets(paths[1], stream);
+            ASSERT_EQ(plain.size(), recorded.size());
+            for (size_t i = 0; i < plain.size(); ++i) {
+                EXPECT_EQ(plain[i].pts, recorded[i].pts) << i;
+                EXPECT_EQ(plain[i].size, recorded[i].size) << i;
+                EXPECT_EQ(plain[i].key, recorded[i].key) << i;
+            }
+            EXPECT_EQ(probeStreamDuration(paths[0], stream), probeStreamDuration(paths[1], stream));
+        }
+        const double plainSize = static_cast<double>(readFile(paths[0]).size());
+        const double recordedSize = static_cast<double>(readFile(paths[1]).size());
+        EXPECT_LT(recordedSize, plainSize * 1.01);
+
+        // Without records there is nothing to repair from; a finished file with them repairs.
+        std::string message;
+        EXPECT_EQ(TAVO_REPAIR_NO_RECORDS, repair(paths[0], paths[0] + ".r", &message));
+        EXPECT_NE(std::string::npos, message.find("no repair records")) << message;
+        EXPECT_EQ(TAVO_REPAIR_OK, repair(paths[1], paths[1] + ".r", &message)) << message;
+        expectPlayableRecording(paths[1] + ".r");
+    });
+}
+
+TEST(RecordingRepair, TheToolRefusesWhatItCannotRepairWithAClearMessage) {
+    TestRoot root;
+    const std::string text = root.path() + "/notes.txt";
+    std::ofstream(text) << "not a recording at all\n";
+    std::string output;
+    EXPECT_NE(0, runTool("'" + text + "' '" + root.path() + "/out.3gp'", &output));
+    EXPECT_NE(std::string::npos, output.find("not a recording")) << output;
+    EXPECT_EQ("not a recording at all\n", readFile(text));
+    struct stat status;
+    EXPECT_NE(0, stat((root.path() + "/out.3gp").c_str(), &status));  // no half copy left
+
+    EXPECT_NE(0, runTool("'" + root.path() + "/missing.3gp' '" + root.path() + "/o.3gp'", &output));
+    EXPECT_NE(0, runTool("only-one-argument", &output));
+    EXPECT_NE(std::string::npos, output.find("usage")) << output;
+    EXPECT_NE(0, runTool("'" + text + "' '" + text + "'", &output));
+    EXPECT_EQ("not a recording at all\n", readFile(text));
+
+    // A header and no record: the start of every recording killed at once.
+    const std::string empty = root.path() + "/empty.3gp";
+    std::ofstream(empty, std::ios::binary)
+        .write(
+            "\0\0\0\x18"
+            "ftyp3gp4\0\0\0\0isom3gp4????mdat",
+            32);
+    EXPECT_NE(0, runTool("'" + empty + "' '" + root.path() + "/e.3gp'", &output));
+    EXPECT_NE(std::string::npos, output.find("no repair records")) << output;
+}
+
+TEST(RecordingRepair, TheToolRepairsAKilledRecording) {
+    TestRoot root;
+    const std::string path = root.path() + "/killed.3gp";
+    int progress[2];
+    ASSERT_EQ(0, pipe(progress));
+    const pid_t child = startRecordingChild(path, progress);
+    close(progress[1]);
+    char second = 0;
+    for (int seen = 0; seen < 5; ++seen)
+        ASSERT_EQ(1, read(progress[0], &second, 1));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(progress[0]);
+    std::string output;
+    const std::string copy = root.path() + "/copy.3gp";
+    ASSERT_EQ(0, runTool("'" + path + "' '" + copy + "'", &output)) << output;
+    EXPECT_NE(std::string::npos, output.find("repaired")) << output;
+    expectPlayableRecording(copy);
+}
+
+}  // namespace
