@@ -81,7 +81,7 @@ TEST(RecordingLimits, ARecordingThatCannotBeCompletedAtTheLimitEndsWithRecordErr
         ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         recordUntilStopped(rig, fd, false);
         EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion and its event
+        EXPECT_EQ(0, rig.engine().stopRecording(0));       // waits for the completion and its event
         EXPECT_EQ(1, rig.app().count("onEvent(154, 0)"));  // EVENT_RECORD_ERROR
         EXPECT_EQ(1, rig.app().count("onEvent("));
         const std::vector<std::string> boxes = topLevelBoxes(rig.outputPath("video-only.3gp"));
