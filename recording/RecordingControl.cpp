@@ -87,7 +87,7 @@ int RecordingControl::startRecording(int session, int fd) {
     // one starts, so that its event comes first.
     waitForCompletion(session);
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
-    TLOG_AS(kStartRecording, RECORD, "session=%d", session);
+    manager->logStart(session, kStartRecording);
     // A recording in progress, or a leftover, is detached while frames are held off and
     // completed here, outside.
     CmmbRecorder* leftover;
