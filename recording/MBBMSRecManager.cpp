@@ -98,6 +98,10 @@ int MBBMSRecManager::stopRecording(int session) {
     return completeRecorder(detachRecorder(session, __func__), __func__);
 }
 
+void MBBMSRecManager::logStart(int session, const char* operation) {
+    TLOG_AS(operation, RECORD, "session=%d", session);
+}
+
 CmmbRecorder* MBBMSRecManager::detachRecorder(int session, const char* operation) {
     if (strcmp(operation, "stopRecording") == 0)
         TLOG_AS(operation, RECORD, "%s()", "stopRecording");

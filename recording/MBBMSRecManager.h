@@ -49,6 +49,8 @@ public:
     // file while frames are held off (the engine's recording control). Each logs as part of
     // `operation`, the public operation it belongs to.
     //
+    // The first line of a start, logged under the manager's tag.
+    void logStart(int session, const char* operation);
     // Empties the session's slot and returns the recorder it held (the caller owns it), or
     // null. REQUIRES: no frame of the session in progress on another thread.
     CmmbRecorder* detachRecorder(int session, const char* operation);

@@ -56,8 +56,17 @@ RecordingControl::~RecordingControl() {
         mStopping = true;
     }
     mChanged.notify_all();
-    if (mCompletionThread.joinable())
-        mCompletionThread.join();
+    if (mCompletionThreadStarted)
+        pthread_join(mCompletionThread, nullptr);
+}
+
+void* RecordingControl::completionThreadMain(void* control) {
+    static_cast<RecordingControl*>(control)->runCompletions();
+    return nullptr;
+}
+
+bool RecordingControl::onCompletionThread() const {
+    return mCompletionThreadStarted && pthread_equal(mCompletionThread, pthread_self());
 }
 
 int RecordingControl::startRecording(int session, int fd) {
@@ -78,7 +87,7 @@ int RecordingControl::startRecording(int session, int fd) {
     // one starts, so that its event comes first.
     waitForCompletion(session);
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
-    TLOG_AS(kStartRecording, RECORD, "session=%d", session);
+    manager->logStart(session, kStartRecording);
     // A recording in progress, or a leftover, is detached while frames are held off and
     // completed here, outside.
     CmmbRecorder* leftover;
@@ -198,12 +207,19 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
         pending.recorded = recorded;
         pending.writeError = writeError;
         pending.busy = true;
-        if (!mCompletionThread.joinable()) {
-            mCompletionThread = std::thread(&RecordingControl::runCompletions, this);
-            mCompletionThreadId = mCompletionThread.get_id();
+        if (!mCompletionThreadStarted) {
+            mCompletionThreadStarted =
+                pthread_create(&mCompletionThread, nullptr, completionThreadMain, this) == 0;
         }
+        if (mCompletionThreadStarted) {
+            mChanged.notify_all();
+            return;
+        }
+        pending = PendingCompletion();
     }
-    mChanged.notify_all();
+    // Without a completion thread the file is completed here, late rather than never.
+    PendingCompletion ended{recorder, reason, recorded, writeError, true, true};
+    reportEnd(session, ended, MBBMSRecManager::completeRecorder(recorder, kDataRecording));
 }
 
 void RecordingControl::runCompletions() {
@@ -266,7 +282,7 @@ void RecordingControl::waitForCompletion(int session) {
     std::unique_lock<std::mutex> lock(mLock);
     // An application stopping from the recording event runs on the completion thread, and
     // its own completion is the one in progress.
-    if (std::this_thread::get_id() == mCompletionThreadId)
+    if (onCompletionThread())
         return;
     mChanged.wait(lock, [&] { return !mPending[session].busy; });
 }

@@ -20,10 +20,10 @@
 #ifndef TAVO_RECORDING_RECORDING_CONTROL_H
 #define TAVO_RECORDING_RECORDING_CONTROL_H
 
+#include <pthread.h>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
@@ -90,6 +90,9 @@ private:
     // Waits until no completion of the session is pending (not on the completion thread).
     void waitForCompletion(int session);
     void runCompletions();
+    static void* completionThreadMain(void* control);
+    // REQUIRES: mLock held.
+    bool onCompletionThread() const;
 
     Host& mHost;
     std::atomic<bool>* const mIsRecording;
@@ -102,8 +105,10 @@ private:
     // Guarded by mLock.
     PendingCompletion mPending[SESSION_COUNT];
     bool mStopping = false;
-    std::thread mCompletionThread;  // started with the first hand-over
-    std::thread::id mCompletionThreadId;
+    // Started with the first hand-over (plain pthread: no thread type of the standard
+    // library is instantiated inside the exported library).
+    bool mCompletionThreadStarted = false;
+    pthread_t mCompletionThread;
 };
 
 #endif  // TAVO_RECORDING_RECORDING_CONTROL_H

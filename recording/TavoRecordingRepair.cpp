@@ -8,22 +8,23 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "RecordingRepair.h"
 
 namespace {
 
-void setMessage(char* message, size_t messageSize, const std::string& text) {
+void setMessage(char* message, size_t messageSize, const char* text) {
     if (message == nullptr || messageSize == 0)
         return;
-    const size_t length = text.size() < messageSize - 1 ? text.size() : messageSize - 1;
-    memcpy(message, text.data(), length);
+    const size_t size = strlen(text);
+    const size_t length = size < messageSize - 1 ? size : messageSize - 1;
+    memcpy(message, text, length);
     message[length] = '\0';
 }
 
-// The whole input, read when it cannot be mapped (a pipe, for instance).
-bool readAll(int fd, std::vector<uint8_t>* bytes) {
+// The whole input, read when it cannot be mapped (a pipe, for instance). A string holds it:
+// its members are instantiated by the C++ library, not exported from this one.
+bool readAll(int fd, std::string* bytes) {
     uint8_t block[64 * 1024];
     for (;;) {
         ssize_t got = read(fd, block, sizeof(block));
@@ -33,7 +34,7 @@ bool readAll(int fd, std::vector<uint8_t>* bytes) {
             return false;
         if (got == 0)
             return true;
-        bytes->insert(bytes->end(), block, block + got);
+        bytes->append(reinterpret_cast<const char*>(block), static_cast<size_t>(got));
     }
 }
 
@@ -55,7 +56,7 @@ int tavo_repair_recording(int inFd, int outFd, char* message, size_t messageSize
         result = repairRecording(static_cast<const uint8_t*>(mapping), size, outFd, &text);
         munmap(mapping, size);
     } else {
-        std::vector<uint8_t> bytes;
+        std::string bytes;
         if (lseek(inFd, 0, SEEK_SET) < 0 && errno != ESPIPE) {
             setMessage(message, messageSize, "cannot read the recording");
             return TAVO_REPAIR_INPUT_FAILED;
@@ -64,8 +65,9 @@ int tavo_repair_recording(int inFd, int outFd, char* message, size_t messageSize
             setMessage(message, messageSize, "cannot read the recording");
             return TAVO_REPAIR_INPUT_FAILED;
         }
-        result = repairRecording(bytes.data(), bytes.size(), outFd, &text);
+        result = repairRecording(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
+                                 outFd, &text);
     }
-    setMessage(message, messageSize, text);
+    setMessage(message, messageSize, text.c_str());
     return result;
 }

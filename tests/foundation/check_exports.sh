@@ -15,4 +15,6 @@ if [ -n "$unexpected" ]; then
 fi
 "$nm_tool" -D --defined-only "$library" | c++filt | grep -q 'TavoMBBMSEngine::getInstance()' ||
     { echo "getInstance is not exported"; exit 1; }
+"$nm_tool" -D --defined-only "$library" | grep -q ' T tavo_repair_recording$' ||
+    { echo "tavo_repair_recording is not exported"; exit 1; }
 echo "exports: OK"

@@ -56,6 +56,23 @@ TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsComplet
         EXPECT_EQ(1, rig.app().count("onEvent("));
         EXPECT_EQ(1, rig.root().countLog("write file error!"));
         EXPECT_EQ(0, rig.root().countLog("stop failed"));
+        // Lines printed by helpers name the public operation they belong to.
+        const std::pair<const char*, const char*> owners[] = {
+            {"write file error!", "[dataRecording():"},
+            {"recording NAL: length=", "[dataRecording():"},
+            {"recording AAC: frame length=", "[dataRecording():"},
+            {"pRecorder->start() Done!", "[startRecording():"},
+            {"exit successfully", "[stopRecording():"}};
+        for (const auto& owner : owners) {
+            int seen = 0;
+            for (const std::string& line : rig.root().logLines()) {
+                if (line.find(owner.first) == std::string::npos)
+                    continue;
+                ++seen;
+                EXPECT_NE(std::string::npos, line.find(owner.second)) << line;
+            }
+            EXPECT_GT(seen, 0) << owner.first;
+        }
         expectPlayableRecording(rig.outputPath("full.3gp"));
         // Only whole chunks that reached the file are described: about three seconds.
         const double duration = probeStreamDuration(rig.outputPath("full.3gp"), 0);

@@ -58,6 +58,8 @@ TEST(RecordingLimits, TheFileSizeLimitEndsTheRecordingWithMaxFileSize) {
         // About 2,040,109,464 bytes of samples are accepted, at most ~64 KiB a second.
         EXPECT_GT(recordUntilStopped(rig, fd, true), 31000);
         EXPECT_FALSE(rig.engine().isRecording(0));
+        // The file is completed off the frame path; stopRecording waits for that and its event.
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
         EXPECT_EQ(1, rig.app().count("onEvent(153, 0)"));  // EVENT_RECORD_MAX_FILE_SIZE
         EXPECT_EQ(1, rig.app().count("onEvent("));
         // Completed when it stopped: the mdat size was patched and the index ends the file.
@@ -67,7 +69,6 @@ TEST(RecordingLimits, TheFileSizeLimitEndsTheRecordingWithMaxFileSize) {
         EXPECT_GT(status.st_size, 2040000000LL);
         EXPECT_EQ((std::vector<std::string>{"ftyp", "mdat", "moov"}),
                   topLevelBoxes(rig.outputPath("big.3gp")));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));  // nothing left to stop
         close(fd);
     });
 }
@@ -80,6 +81,7 @@ TEST(RecordingLimits, ARecordingThatCannotBeCompletedAtTheLimitEndsWithRecordErr
         ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         recordUntilStopped(rig, fd, false);
         EXPECT_FALSE(rig.engine().isRecording(0));
+        EXPECT_EQ(0, rig.engine().stopRecording(0));       // waits for the completion and its event
         EXPECT_EQ(1, rig.app().count("onEvent(154, 0)"));  // EVENT_RECORD_ERROR
         EXPECT_EQ(1, rig.app().count("onEvent("));
         const std::vector<std::string> boxes = topLevelBoxes(rig.outputPath("video-only.3gp"));

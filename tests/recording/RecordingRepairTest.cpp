@@ -56,6 +56,8 @@ pid_t startRecordingChild(const std::string& path, int progress[2]) {
     if (child != 0)
         return child;
     close(progress[0]);
+    // The child never cleans up: its root goes inside the parent's, which is removed.
+    setenv("TMPDIR", path.substr(0, path.rfind('/')).c_str(), 1);
     RecordingRig rig("ERROR");
     rig.startService();
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
