@@ -12,7 +12,6 @@
 // so the program first lays out such a root in OUTPUT_DIR/android-root with the simulator
 // installed as the vendor library. On a handset none of this is needed: the application
 // calls the engine exactly as below.
-#include <MBBMSAgent.h>  // only to show that the agent contract is installed too
 #include <TavoMBBMSEngine.h>
 #include <fcntl.h>
 #include <signal.h>

@@ -4,7 +4,7 @@
 #   2. examples/ configured against that prefix (find_package(TavoMBBMS)), built and run: it
 #      plays and records a simulated service through the installed engine, simulator and
 #      reference play engine;
-#   3. a file that includes TavoMBBMSEngine.h compiled and linked with the flags of
+#   3. a file that includes TavoMBBMSEngine.h and MBBMSAgent.h compiled and linked with the flags of
 #      pkg-config --cflags --libs tavombbms, and run.
 #
 #   sh scripts/check_package.sh <build dir> <work dir>
@@ -31,7 +31,7 @@ cmake --build "$work/example" >"$work/example.build.log" 2>&1 ||
 run=$(mktemp -d /tmp/tavo-example.XXXXXX)
 if ! "$work/example/record_service" --speed 4 "$run" >"$work/example.run.log" 2>&1; then
     cat "$work/example.run.log"
-    cat "$run/engine.log" 2>/dev/null | tail -30
+    tail -30 "$run/engine.log" 2>/dev/null || true
     rm -rf "$run"
     exit 1
 fi
@@ -39,6 +39,7 @@ tail -2 "$work/example.run.log"
 rm -rf "$run"
 
 cat >"$work/pkgconfig_check.cpp" <<'CPP'
+#include <MBBMSAgent.h>  // the vendor agent contract, also installed
 #include <TavoMBBMSEngine.h>
 int main() {
     return TavoMBBMSEngine::getInstance() != nullptr ? 0 : 1;

@@ -18,7 +18,9 @@ size_t gAllocations = 0;
 long long gLiveBytes = 0, gPeakLiveBytes = 0;  // as the allocator reports the blocks' sizes
 }  // namespace
 
-void* operator new(size_t size) {
+// The replacements are not inlined: GCC would otherwise see malloc() and free() inside
+// them at the callers and warn (-Wmismatched-new-delete) about a pair that is matched.
+__attribute__((noinline)) void* operator new(size_t size) {
     void* block = malloc(size > 0 ? size : 1);
     if (block == nullptr) {
         throw std::bad_alloc();
@@ -30,8 +32,6 @@ void* operator new(size_t size) {
     }
     return block;
 }
-// Not inlined: GCC would otherwise see free() applied to the result of operator new in the
-// callers and warn (-Wmismatched-new-delete), although the pair is matched here.
 __attribute__((noinline)) void operator delete(void* block) noexcept {
     gLiveBytes -= gCounting ? static_cast<long long>(malloc_usable_size(block)) : 0;
     free(block);
