@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, the tests and the demo need, when missing.
 # Usage: install_dependencies.sh [--arm]   (--arm adds the 32-bit ARM cross compiler and qemu)
 set -eu
-packages="cmake g++ make ninja-build libgtest-dev libgmock-dev googletest pkg-config ffmpeg mediainfo libavcodec-dev libavutil-dev libswscale-dev"
+packages="cmake g++ make ninja-build libgtest-dev libgmock-dev googletest pkg-config ffmpeg mediainfo libavcodec-dev libavutil-dev libswscale-dev android-liblog-dev android-libcutils-dev"
 if [ "${1:-}" = "--arm" ]; then
     packages="$packages g++-arm-linux-gnueabihf qemu-user"
 fi

@@ -4,11 +4,13 @@
 #   2. the same suite under AddressSanitizer and UndefinedBehaviorSanitizer;
 #   3. the concurrency tests (label "tsan") under ThreadSanitizer;
 #   4. a 32-bit ARM cross build, all tests under qemu-user;
-#   5. a Release build with g++ and one with clang++ (optimiser-only warnings);
-#   6. the package: cmake --install into a temporary prefix, the example in examples/ built
+#   5. the handset backend of the platform layer, built on the host against Debian's liblog
+#      and libcutils with the engine library, and its own test;
+#   6. a Release build with g++ and one with clang++ (optimiser-only warnings);
+#   7. the package: cmake --install into a temporary prefix, the example in examples/ built
 #      against it with find_package and run, and a file that includes TavoMBBMSEngine.h
 #      compiled with pkg-config's flags;
-#   7. the benchmarks as a quick smoke (tiny counts; figures mean nothing here).
+#   8. the benchmarks as a quick smoke (tiny counts; figures mean nothing here).
 # Build trees go to ./out/ (or $TAVO_OUT). Installs missing Debian packages first.
 set -eu
 cd "$(dirname "$0")/.."
@@ -27,7 +29,7 @@ configure() {
 build() {
     dir=$1
     target=$2
-    cmake --build "$out/$dir" -j "$jobs" --target "$target" >"$out/$dir.build.log" 2>&1 ||
+    cmake --build "$out/$dir" -j "$jobs" --target $target >"$out/$dir.build.log" 2>&1 ||
         { tail -60 "$out/$dir.build.log"; exit 1; }
 }
 
@@ -57,6 +59,9 @@ TSAN_OPTIONS=halt_on_error=1 run_suite "ThreadSanitizer" tsan tavo_tsan_tests -L
 
 configure ci-arm arm
 run_suite "32-bit ARM under qemu-user" arm all
+
+configure ci-android-host-check android
+run_suite "handset backend (host check)" android "tavombbms android_backend_test"
 
 echo "==== Release builds (g++, clang++)"
 configure ci-release ci-release
