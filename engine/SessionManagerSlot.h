@@ -5,10 +5,14 @@
 // installed. retire() removes the manager so that new Accesses see null, then waits until
 // every Access taken before has been released, and hands the manager back for deletion.
 // Each Access costs two atomic operations and allocates nothing.
+//
+// A frame bracket can be open when retire() runs: the agent's thread holds the manager's
+// session lock between its callbacks, and its frame end, arriving after the removal, finds
+// no manager. Application threads blocked on that lock in start, stop or the recording
+// control would then wait for ever, and retire() with them. So once every remaining user is
+// such a blocked thread, retire() ends the abandoned frame itself, which lets them go on.
 #ifndef TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 #define TAVO_ENGINE_SESSION_MANAGER_SLOT_H
-
-#include <sched.h>
 
 #include <atomic>
 
@@ -39,12 +43,7 @@ public:
     void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
 
     // Removes the manager and waits for its current users; the caller deletes it.
-    SessionManager* retire() {
-        SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
-        while (mUsers.load(std::memory_order_seq_cst) != 0)
-            sched_yield();
-        return manager;
-    }
+    SessionManager* retire();
 
     bool installed() const { return mManager.load(std::memory_order_seq_cst) != nullptr; }
 

@@ -22,9 +22,12 @@
 
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "FrameSink.h"
 #include "MBBMSAgent.h"
+#include "PlayEngineLink.h"
 #include "PlayEngineProtocol.h"
 #include "SessionManagerSlot.h"
+#include "SharedBufferSet.h"
 #include "TavoMBBMSEngine.h"
 
 class SessionManager;
@@ -106,6 +109,10 @@ public:
     int stopCommandThread();
     static void* runCommandThread(void* arg);
     static int method_onAccepted(int fd);
+    // The play engine's connection has ended (command thread): buffer locks it still holds
+    // are taken back so that delivery goes on.
+    static void onPlayEngineGone();
+
     static int sendCmd(const char* cmd, int fd, int session);
     static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
     static void onPlayEngineIndication(int indication, int session);
@@ -117,6 +124,19 @@ public:
     static bool recordingFlag(int session);
 
 private:
+    // Tells the engine of each session's frame end: a recording session records it.
+    class RecordingSink : public FrameSink {
+    public:
+        explicit RecordingSink(TavoMBBMSEngineImpl& engine) : mEngine(engine) {}
+        void onSessionFrameEnd(int session) override {
+            if (TavoMBBMSEngineImpl::recordingFlag(session))
+                mEngine.dataRecording(session);
+        }
+
+    private:
+        TavoMBBMSEngineImpl& mEngine;
+    };
+
     // Agent thread only, inside the frame bracket: the frame being recorded, copied out of
     // the session's shared buffer. A fixed buffer so that no frame allocates.
     CmmbFrameCopy mRecordingCopy;
@@ -126,8 +146,8 @@ private:
     TavoMBBMSEngineImpl(const TavoMBBMSEngineImpl&) = delete;
     TavoMBBMSEngineImpl& operator=(const TavoMBBMSEngineImpl&) = delete;
 
-    // Agent library loading, at construction.
-    void loadAgent();
+    // Agent library loading, at construction; logs as `caller` (the constructor).
+    void loadAgent(const char* caller);
     // Undoes what a failed init had set up, so that a retry creates nothing twice.
     // REQUIRES: mLock held.
     void rollBackFailedInit(bool commandThreadStarted);
@@ -166,7 +186,10 @@ private:
     char mWorkDir[128];
     pthread_t mThreadCommand;
     bool mCommandThreadRunning;  // mThreadCommand holds a thread to join; guarded by mLock
-    CmmbSharedBuffer* mSharedBuffers[2];
+    // The two sessions' shared buffers: descriptors, mappings, semaphores and the engine's
+    // side of their locks. Created by init, destroyed by deinit (under mLock).
+    SharedBufferSet mSharedBuffers;
+    RecordingSink mFrameSink;
     // Serialises init, deinit and the agent call of each MBBMS request.
     std::mutex mLock;
 
@@ -175,9 +198,8 @@ private:
     static std::mutex mInstanceLock;
     static std::atomic<TavoMBBMSEngineCallback*> mCallback;
     static std::atomic<bool> mIsStarted;  // run flag of the command thread
-    static std::atomic<int> mSocket;      // listening socket, -1 when not serving
-    static std::atomic<int> mFdCommand;   // connected play engine, -1 when none
-    static int mSharedFds[2];             // shared-buffer region descriptors, -1 when none
+    // The listening socket (mSocket) and the connected play engine (mFdCommand).
+    static PlayEngineLink mPlayEngineLink;
     static std::atomic<bool> mIsRecording[2];
     static std::atomic<bool> mIsCapturing[2];
 };
