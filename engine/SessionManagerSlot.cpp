@@ -9,17 +9,12 @@ SessionManager* SessionManagerSlot::retire() {
     if (manager == nullptr)
         return nullptr;
     const struct timespec pause = {0, 200000};
-    bool frameReleased = false;
-    for (;;) {
-        const int users = mUsers.load(std::memory_order_seq_cst);
-        if (users == 0)
-            return manager;
-        // No new user can reach the manager any more, so when all that remain are blocked on
-        // its session lock, nobody but this thread can end the frame they wait behind.
-        if (!frameReleased && users == manager->threadsWaitingForSessions()) {
-            manager->releaseAbandonedFrame();
-            frameReleased = true;
-        }
+    // A data callback inside the manager ends within the bound of its buffer-lock waits.
+    while (mDataPathUsers.load(std::memory_order_seq_cst) != 0)
         nanosleep(&pause, nullptr);
-    }
+    // From here on no data callback reaches the manager: a frame still open is abandoned.
+    manager->releaseAbandonedFrame();
+    while (mUsers.load(std::memory_order_seq_cst) != 0)
+        nanosleep(&pause, nullptr);
+    return manager;
 }

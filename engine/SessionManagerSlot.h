@@ -9,8 +9,10 @@
 // A frame bracket can be open when retire() runs: the agent's thread holds the manager's
 // session lock between its callbacks, and its frame end, arriving after the removal, finds
 // no manager. Application threads blocked on that lock in start, stop or the recording
-// control would then wait for ever, and retire() with them. So once every remaining user is
-// such a blocked thread, retire() ends the abandoned frame itself, which lets them go on.
+// control would then wait for ever, and retire() with them. The agent's callbacks therefore
+// take a data-path Access, counted apart: once none is left after the removal, no callback
+// can reach the manager any more, and retire() ends an open frame itself, which lets the
+// blocked threads go on.
 #ifndef TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 #define TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 
@@ -22,11 +24,19 @@ class SessionManagerSlot {
 public:
     class Access {
     public:
-        explicit Access(SessionManagerSlot& slot) : mSlot(slot) {
+        // dataPath: the caller is one of the agent's data callbacks.
+        explicit Access(SessionManagerSlot& slot, bool dataPath = false)
+            : mSlot(slot), mDataPath(dataPath) {
             mSlot.mUsers.fetch_add(1, std::memory_order_seq_cst);
+            if (mDataPath)
+                mSlot.mDataPathUsers.fetch_add(1, std::memory_order_seq_cst);
             mManager = mSlot.mManager.load(std::memory_order_seq_cst);
         }
-        ~Access() { mSlot.mUsers.fetch_sub(1, std::memory_order_seq_cst); }
+        ~Access() {
+            if (mDataPath)
+                mSlot.mDataPathUsers.fetch_sub(1, std::memory_order_seq_cst);
+            mSlot.mUsers.fetch_sub(1, std::memory_order_seq_cst);
+        }
         Access(const Access&) = delete;
         Access& operator=(const Access&) = delete;
 
@@ -36,6 +46,7 @@ public:
 
     private:
         SessionManagerSlot& mSlot;
+        const bool mDataPath;
         SessionManager* mManager;
     };
 
@@ -50,6 +61,7 @@ public:
 private:
     std::atomic<SessionManager*> mManager{nullptr};
     std::atomic<int> mUsers{0};
+    std::atomic<int> mDataPathUsers{0};  // the part of mUsers taken by data callbacks
 };
 
 #endif  // TAVO_ENGINE_SESSION_MANAGER_SLOT_H

@@ -49,8 +49,7 @@ SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSA
       mutexSessionChangable(),
       mOpenFrameSlot(NO_FRAME),
       mFrameThread(std::thread::id()),
-      mFrameLocked{},
-      mThreadsWaiting(0) {
+      mFrameLocked{} {
     snprintf(mWorkDir, sizeof(mWorkDir), "%s", workDir != nullptr ? workDir : "");
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
@@ -106,13 +105,9 @@ void SessionManager::releaseAbandonedFrame() {
 
 void SessionManager::lockSessions(const char* caller) {
     TLOG_FOR(caller, SEMAPHORE, "sem_wait mutexSessionChangable ...");
-    // Counted while blocked, so that deinit can tell threads stuck behind an abandoned frame
-    // from threads that are doing something.
-    mThreadsWaiting.fetch_add(1);
     while (sem_wait(&mutexSessionChangable) != 0 && errno == EINTR) {
         // Interrupted by a signal: wait again.
     }
-    mThreadsWaiting.fetch_sub(1);
     TLOG_FOR(caller, SEMAPHORE, "mutexSessionChangable--");
 }
 

@@ -82,12 +82,10 @@ public:
     bool beginExclusive();
     void endExclusive(bool taken);
 
-    // Number of threads blocked in the wait for mutexSessionChangable.
-    int threadsWaitingForSessions() const { return mThreadsWaiting.load(); }
     // Ends a frame bracket whose end will never arrive (deinit has removed the manager while
     // a frame was open): unlocks the buffers it holds and mutexSessionChangable, so that
-    // application threads blocked behind it go on. REQUIRES: no thread runs the data path
-    // of this manager.
+    // application threads blocked behind it go on. Does nothing between frames. REQUIRES:
+    // no thread runs the data path of this manager, and none will.
     void releaseAbandonedFrame();
 
 private:
@@ -138,7 +136,6 @@ private:
     // buffer lock. A session whose lock the play engine kept past the bound is left out of
     // the frame.
     bool mFrameLocked[MAX_SESSIONS];
-    std::atomic<int> mThreadsWaiting;
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H
