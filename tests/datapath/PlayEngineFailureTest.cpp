@@ -190,7 +190,7 @@ TEST_P(ReaderKilled, DeliveryGoesOnAndANewPlayEngineIsServed) {
         AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
         std::this_thread::sleep_for(milliseconds(20));
         reader.kill(SIGKILL);
-        EXPECT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
+        ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 3, 2); }));
 
         PlayEngineReader next;
