@@ -8,13 +8,13 @@
 #include "TavoMBBMSEngineImpl.h"
 
 void TavoMBBMSEngineImpl::onOutputAVStart(int channelID, const unsigned char* data, int length) {
-    SessionManagerSlot::Access manager(mSessionManager);
+    SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onOutputAVStart(channelID, data, length);
 }
 
 void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
-    SessionManagerSlot::Access manager(mSessionManager);
+    SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onOutputAVEnd(channelID, withError);
 }
@@ -22,7 +22,7 @@ void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
 void TavoMBBMSEngineImpl::onClearAudioAacFrame(int channelID, unsigned long tsBase,
                                                unsigned long tsRelative, unsigned char* data,
                                                unsigned short length) {
-    SessionManagerSlot::Access manager(mSessionManager);
+    SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
 }
@@ -31,7 +31,7 @@ void TavoMBBMSEngineImpl::onClearVideoNalData(int channelID, unsigned long tsBas
                                               unsigned long tsRelative, unsigned char* data,
                                               unsigned short length,
                                               MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
-    SessionManagerSlot::Access manager(mSessionManager);
+    SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);
 }

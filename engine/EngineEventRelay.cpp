@@ -67,12 +67,15 @@ void TavoMBBMSEngineImpl::onTS0Parsed(int freqDot) {
     static_assert(sizeof(mTS0Reported) / sizeof(mTS0Reported[0]) == kTrackedFreqDots,
                   "one TS0 flag per tracked frequency point");
     TLOG(ENGINE, "freqDot=%d", freqDot);
-    // The flag is set whether or not anything is passed on; exchange makes sure that two
-    // reports of one point racing on different agent threads pass only once.
-    bool alreadyReported = hasTS0Flag(freqDot) && mTS0Reported[freqDot].exchange(true);
+    // The application hears of TS0 first; only then is the point marked reported, so that
+    // service parameters and CA information the agent reports while the application handles
+    // this call still reach it. The flag is set whether or not anything is passed on.
+    const bool tracked = hasTS0Flag(freqDot);
     TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr && !alreadyReported)
+    if (callback != nullptr && !(tracked && mTS0Reported[freqDot].load()))
         callback->onTS0Parsed(freqDot);
+    if (tracked)
+        mTS0Reported[freqDot].store(true);
 }
 
 void TavoMBBMSEngineImpl::onEmergencyMessage(EmergencyMessage& msg) {

@@ -8,16 +8,6 @@
 #include "EngineLog.h"
 #include "TavoMBBMSEngineImpl.h"
 
-// Logs like TLOG, but names `operation` instead of the enclosing function, so that the
-// checks runRequest makes appear as lines of the request operation that called it.
-#define TLOG_FOR(operation, category, fmt, ...)                                             \
-    do {                                                                                    \
-        if (TLOG_ENABLED(category)) {                                                       \
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,            \
-                                "LogMask::" #category, operation, __LINE__, ##__VA_ARGS__); \
-        }                                                                                   \
-    } while (0)
-
 namespace {
 
 const bool kMbbmsModeOnly = true;

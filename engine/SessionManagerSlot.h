@@ -5,10 +5,16 @@
 // installed. retire() removes the manager so that new Accesses see null, then waits until
 // every Access taken before has been released, and hands the manager back for deletion.
 // Each Access costs two atomic operations and allocates nothing.
+//
+// A frame bracket can be open when retire() runs: the agent's thread holds the manager's
+// session lock between its callbacks, and its frame end, arriving after the removal, finds
+// no manager. Application threads blocked on that lock in start, stop or the recording
+// control would then wait for ever, and retire() with them. The agent's callbacks therefore
+// take a data-path Access, counted apart: once none is left after the removal, no callback
+// can reach the manager any more, and retire() ends an open frame itself, which lets the
+// blocked threads go on.
 #ifndef TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 #define TAVO_ENGINE_SESSION_MANAGER_SLOT_H
-
-#include <sched.h>
 
 #include <atomic>
 
@@ -18,11 +24,19 @@ class SessionManagerSlot {
 public:
     class Access {
     public:
-        explicit Access(SessionManagerSlot& slot) : mSlot(slot) {
+        // dataPath: the caller is one of the agent's data callbacks.
+        explicit Access(SessionManagerSlot& slot, bool dataPath = false)
+            : mSlot(slot), mDataPath(dataPath) {
             mSlot.mUsers.fetch_add(1, std::memory_order_seq_cst);
+            if (mDataPath)
+                mSlot.mDataPathUsers.fetch_add(1, std::memory_order_seq_cst);
             mManager = mSlot.mManager.load(std::memory_order_seq_cst);
         }
-        ~Access() { mSlot.mUsers.fetch_sub(1, std::memory_order_seq_cst); }
+        ~Access() {
+            if (mDataPath)
+                mSlot.mDataPathUsers.fetch_sub(1, std::memory_order_seq_cst);
+            mSlot.mUsers.fetch_sub(1, std::memory_order_seq_cst);
+        }
         Access(const Access&) = delete;
         Access& operator=(const Access&) = delete;
 
@@ -32,25 +46,31 @@ public:
 
     private:
         SessionManagerSlot& mSlot;
+        const bool mDataPath;
         SessionManager* mManager;
     };
+
+    // An Access whose end the caller states, for a use that spans two calls (frames held off
+    // by the recording control): acquire() counts a user and returns the manager or null;
+    // every acquire() is matched by one release().
+    SessionManager* acquire() {
+        mUsers.fetch_add(1, std::memory_order_seq_cst);
+        return mManager.load(std::memory_order_seq_cst);
+    }
+    void release() { mUsers.fetch_sub(1, std::memory_order_seq_cst); }
 
     // REQUIRES: no manager installed.
     void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
 
     // Removes the manager and waits for its current users; the caller deletes it.
-    SessionManager* retire() {
-        SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
-        while (mUsers.load(std::memory_order_seq_cst) != 0)
-            sched_yield();
-        return manager;
-    }
+    SessionManager* retire();
 
     bool installed() const { return mManager.load(std::memory_order_seq_cst) != nullptr; }
 
 private:
     std::atomic<SessionManager*> mManager{nullptr};
     std::atomic<int> mUsers{0};
+    std::atomic<int> mDataPathUsers{0};  // the part of mUsers taken by data callbacks
 };
 
 #endif  // TAVO_ENGINE_SESSION_MANAGER_SLOT_H

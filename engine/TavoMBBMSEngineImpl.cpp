@@ -26,9 +26,7 @@ std::atomic<TavoMBBMSEngineImpl*> TavoMBBMSEngineImpl::mInstance{nullptr};
 std::mutex TavoMBBMSEngineImpl::mInstanceLock;
 std::atomic<TavoMBBMSEngineCallback*> TavoMBBMSEngineImpl::mCallback{nullptr};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsStarted{false};
-std::atomic<int> TavoMBBMSEngineImpl::mSocket{-1};
-std::atomic<int> TavoMBBMSEngineImpl::mFdCommand{-1};
-int TavoMBBMSEngineImpl::mSharedFds[2] = {-1, -1};
+PlayEngineLink TavoMBBMSEngineImpl::mPlayEngineLink;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsRecording[2] = {{false}, {false}};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsCapturing[2] = {{false}, {false}};
 
@@ -54,44 +52,43 @@ TavoMBBMSEngineImpl::TavoMBBMSEngineImpl()
       mWorkDir{},
       mThreadCommand(),
       mCommandThreadRunning(false),
-      mSharedBuffers{nullptr, nullptr} {
+      mSharedBuffers(),
+      mFrameSink(*this) {
     LogMask::readConfigure();
     TLOG(ENGINE, "%s()", __func__);
     mIsStarted = false;
-    loadAgent();
-    mSharedFds[0] = mSharedFds[1] = -1;
-    mSocket = -1;
+    loadAgent(__func__);
 }
 
-void TavoMBBMSEngineImpl::loadAgent() {
+void TavoMBBMSEngineImpl::loadAgent(const char* caller) {
     char vendor[PROPERTY_VALUE_MAX];
     property_get(kVendorProperty, vendor, nullptr);
     const char* library = kSianoLibrary;
     if (vendor[0] != '\0' && strncasecmp(vendor, "inno", 4) == 0) {
-        TLOG(MAIN, "open libinno.so");
+        TLOG_FOR(caller, MAIN, "open libinno.so");
         library = kInnoLibrary;
     } else {
-        TLOG(MAIN, "open libsiano.so");
+        TLOG_FOR(caller, MAIN, "open libsiano.so");
     }
 
     char path[1024];
     if (resolveAndroidPath(library, path, sizeof(path)) != 0) {
-        TLOG(ERROR, "Can not load library: %s", "path too long");
+        TLOG_FOR(caller, ERROR, "Can not load library: %s", "path too long");
         return;
     }
     mAgentLib = dlopen(path, RTLD_LAZY);
     if (mAgentLib == nullptr) {
-        TLOG(ERROR, "Can not load library: %s", dlerror());
+        TLOG_FOR(caller, ERROR, "Can not load library: %s", dlerror());
         return;
     }
-    TLOG(MAIN, "dynamically load so file successfully");
+    TLOG_FOR(caller, MAIN, "dynamically load so file successfully");
 
     dlerror();
     void* symbol = dlsym(mAgentLib, "createAgent");
     const char* error = dlerror();
     if (error != nullptr || symbol == nullptr) {
-        TLOG(ERROR, "Cannot load symbol for createAgent: %s",
-             error != nullptr ? error : "null symbol");
+        TLOG_FOR(caller, ERROR, "Cannot load symbol for createAgent: %s",
+                 error != nullptr ? error : "null symbol");
         return;  // no agent: every operation that needs it fails
     }
     CreateAgentFunc createAgent = reinterpret_cast<CreateAgentFunc>(symbol);
@@ -190,7 +187,7 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     mIsInitialized.store(true);
     mPendingRequest.store(REQUEST_NONE);
 
-    mSessionManager.install(new SessionManager(this, mAgent));
+    mSessionManager.install(new SessionManager(&mSharedBuffers, &mFrameSink, mAgent, mWorkDir));
 
     ModuleInfo scratch;
     getModuleInfo(&scratch);
@@ -239,9 +236,7 @@ void TavoMBBMSEngineImpl::notifyEvent(EventType type, int param) {
 }
 
 CmmbSharedBuffer* TavoMBBMSEngineImpl::sharedBuffer(int session) const {
-    if (session < 0 || session > 1)
-        return nullptr;
-    return mSharedBuffers[session];
+    return mSharedBuffers.buffer(session);
 }
 
 bool TavoMBBMSEngineImpl::recordingFlag(int session) {

@@ -22,10 +22,13 @@
 
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "FrameSink.h"
 #include "MBBMSAgent.h"
+#include "PlayEngineLink.h"
 #include "PlayEngineProtocol.h"
 #include "RecordingControl.h"
 #include "SessionManagerSlot.h"
+#include "SharedBufferSet.h"
 #include "TavoMBBMSEngine.h"
 
 class SessionManager;
@@ -109,6 +112,10 @@ public:
     int stopCommandThread();
     static void* runCommandThread(void* arg);
     static int method_onAccepted(int fd);
+    // The play engine's connection has ended (command thread): buffer locks it still holds
+    // are taken back so that delivery goes on.
+    static void onPlayEngineGone();
+
     static int sendCmd(const char* cmd, int fd, int session);
     static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
     static void onPlayEngineIndication(int indication, int session);
@@ -125,13 +132,26 @@ private:
     void releaseFrames(bool held) override;
     void notifyRecordingEvent(EventType type, int session) override;
 
+    // Tells the engine of each session's frame end: a recording session records it.
+    class RecordingSink : public FrameSink {
+    public:
+        explicit RecordingSink(TavoMBBMSEngineImpl& engine) : mEngine(engine) {}
+        void onSessionFrameEnd(int session) override {
+            if (TavoMBBMSEngineImpl::recordingFlag(session))
+                mEngine.dataRecording(session);
+        }
+
+    private:
+        TavoMBBMSEngineImpl& mEngine;
+    };
+
     TavoMBBMSEngineImpl();
     ~TavoMBBMSEngineImpl() override;
     TavoMBBMSEngineImpl(const TavoMBBMSEngineImpl&) = delete;
     TavoMBBMSEngineImpl& operator=(const TavoMBBMSEngineImpl&) = delete;
 
-    // Agent library loading, at construction.
-    void loadAgent();
+    // Agent library loading, at construction; logs as `caller` (the constructor).
+    void loadAgent(const char* caller);
     // Undoes what a failed init had set up, so that a retry creates nothing twice.
     // REQUIRES: mLock held.
     void rollBackFailedInit(bool commandThreadStarted);
@@ -170,20 +190,25 @@ private:
     char mWorkDir[128];
     pthread_t mThreadCommand;
     bool mCommandThreadRunning;  // mThreadCommand holds a thread to join; guarded by mLock
-    CmmbSharedBuffer* mSharedBuffers[2];
+    // The two sessions' shared buffers: descriptors, mappings, semaphores and the engine's
+    // side of their locks. Created by init, destroyed by deinit (under mLock).
+    SharedBufferSet mSharedBuffers;
+    RecordingSink mFrameSink;
     // Serialises init, deinit and the agent call of each MBBMS request.
     std::mutex mLock;
     // Recording of the sessions; uses mSessionManager and mIsRecording.
     RecordingControl mRecording{*this, mIsRecording};
+    // The manager through which the recording control holds frames off, between holdFrames
+    // and releaseFrames. Guarded by that hold, which one thread at a time can have.
+    SessionManager* mFramesHeldOffBy = nullptr;
 
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
     static std::mutex mInstanceLock;
     static std::atomic<TavoMBBMSEngineCallback*> mCallback;
     static std::atomic<bool> mIsStarted;  // run flag of the command thread
-    static std::atomic<int> mSocket;      // listening socket, -1 when not serving
-    static std::atomic<int> mFdCommand;   // connected play engine, -1 when none
-    static int mSharedFds[2];             // shared-buffer region descriptors, -1 when none
+    // The listening socket (mSocket) and the connected play engine (mFdCommand).
+    static PlayEngineLink mPlayEngineLink;
     static std::atomic<bool> mIsRecording[2];
     static std::atomic<bool> mIsCapturing[2];
 };

@@ -9,23 +9,18 @@
 
 #define TLOG_ENABLED(category) (LogMask::masks[LogMask::category] != 0)
 
-#define TLOG(category, fmt, ...)                                                           \
-    do {                                                                                   \
-        if (TLOG_ENABLED(category)) {                                                      \
-            __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,           \
-                                "LogMask::" #category, __func__, __LINE__, ##__VA_ARGS__); \
-        }                                                                                  \
-    } while (0)
-
-// TLOG for a line that belongs to a public operation while a helper prints it: the prefix
-// names `function` instead of the helper.
-#define TLOG_AS(function, category, fmt, ...)                                              \
+// Logs like TLOG, but names `function` instead of the enclosing function: a helper that logs
+// for a public operation passes the operation's name down, so that the line's prefix shows
+// the operation the message belongs to.
+#define TLOG_FOR(function, category, fmt, ...)                                             \
     do {                                                                                   \
         if (TLOG_ENABLED(category)) {                                                      \
             __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "[%s][%s():%d]" fmt,           \
                                 "LogMask::" #category, function, __LINE__, ##__VA_ARGS__); \
         }                                                                                  \
     } while (0)
+
+#define TLOG(category, fmt, ...) TLOG_FOR(__func__, category, fmt, ##__VA_ARGS__)
 
 // Ungated logging at a given priority, without the prefix (recorder and file writer).
 #define ALOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)

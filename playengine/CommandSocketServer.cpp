@@ -3,10 +3,19 @@
 //
 // Threads: startCommandThread and stopCommandThread run under mLock (init, deinit and a
 // failed init's roll-back). The command thread alone creates, accepts, receives from and
-// closes the client connection (published in mFdCommand so that commands can be written to
-// it from any thread). It creates the listening socket and publishes it in mSocket; whoever
-// takes it out of mSocket closes it: the thread when its loop ends on its own, or
-// stopCommandThread, which shuts it down to wake the thread and closes it after the join.
+// decides to close the client connection; the play-engine link owns both descriptors and
+// closes them under its lock, so that senders on other threads never reach a closed one.
+// stopCommandThread shuts the listening socket down to wake the thread and closes it after
+// the join.
+//
+// Who may connect: the socket file gets mode 0660 whatever the umask, and a connecting
+// process must run under the engine's own uid, root, or a uid listed in the system property
+// "persist.mbbms.playengine.uids" (decimal uids separated by commas or spaces). Any other
+// client is closed at once with an ERROR line; the connected play engine stays.
+//
+// A play engine that goes away (it closes its end, or the connection is reset) may have
+// died holding a buffer lock. Once no process that received the buffers lives any more
+// (ReaderProcesses), the engine takes such locks back (onPlayEngineGone).
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,11 +30,19 @@
 #include "AndroidPaths.h"
 #include "EngineLog.h"
 #include "IndicationCode.h"
+#include "Properties.h"
+#include "ReaderProcesses.h"
 #include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
 const char kSocketPath[] = "/data/app/cmmb.socket";
+const char kAllowedUidsProperty[] = "persist.mbbms.playengine.uids";
+const mode_t kSocketFileMode = 0660;
+// After a play engine has gone, the thread looks this often whether its process has ended,
+// for at most kReaderExitWaitMs; a process that lives on keeps its locks.
+const int kReaderExitPollMs = 10;
+const int kReaderExitWaitMs = 2000;
 const int kPollTimeoutMs = 1000;
 const int kListenBacklog = 1;
 
@@ -41,10 +58,10 @@ public:
 
     // Result of poll(): 0 on a time-out. Events of an earlier pass are forgotten first, so a
     // failed poll reports none.
-    int wait() {
+    int wait(int timeoutMs) {
         mEntries[0].revents = 0;
         mEntries[1].revents = 0;
-        return poll(mEntries, mCount, kPollTimeoutMs);
+        return poll(mEntries, mCount, timeoutMs);
     }
 
     short listeningEvents() const { return mEntries[0].revents; }
@@ -75,12 +92,43 @@ union PeerAddress {
 };
 
 // Closes the client and forgets it everywhere.
-void dropClient(ServerPollSet& pollSet, std::atomic<int>& fdCommand) {
-    int fd = pollSet.client();
+void dropClient(ServerPollSet& pollSet, PlayEngineLink& link) {
     pollSet.clearClient();
-    fdCommand.store(-1);
-    if (fd != -1)
-        close(fd);
+    link.closeClient();
+}
+
+// True when `uid` appears in the property's list of decimal uids.
+bool listedInProperty(uid_t uid) {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(kAllowedUidsProperty, value, "");
+    const char* cursor = value;
+    while (*cursor != '\0') {
+        char* end = nullptr;
+        const unsigned long listed = strtoul(cursor, &end, 10);
+        if (end == cursor) {
+            ++cursor;  // a separator
+            continue;
+        }
+        if (listed == static_cast<unsigned long>(uid))
+            return true;
+        cursor = end;
+    }
+    return false;
+}
+
+// The credentials of the process at the other end of `client`, checked against who may
+// connect. Sets *uid (-1 when they cannot be read) and *pid.
+bool peerAllowed(int client, long* uid, pid_t* pid) {
+    ucred credentials;
+    socklen_t length = sizeof(credentials);
+    *uid = -1;
+    *pid = 0;
+    if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
+        return false;
+    *uid = static_cast<long>(credentials.uid);
+    *pid = credentials.pid;
+    return credentials.uid == geteuid() || credentials.uid == 0 ||
+           listedInProperty(credentials.uid);
 }
 
 // Closes descriptors a client may have passed along with an indication; the engine attaches
@@ -95,7 +143,7 @@ void closePassedDescriptors(msghdr& message) {
         for (size_t i = 0; i + sizeof(int) <= bytes; i += sizeof(int)) {
             int fd;
             memcpy(&fd, data + i, sizeof(fd));
-            close(fd);
+            UniqueFd passed(fd);  // closed at once
         }
     }
 }
@@ -116,17 +164,15 @@ int TavoMBBMSEngineImpl::startCommandThread() {
 
 int TavoMBBMSEngineImpl::stopCommandThread() {
     TLOG(ENGINE, "%s()", "stopCommandThread");
-    // Taking the descriptor out of mSocket makes this function its closer: the thread, when
-    // its loop ends, closes only a descriptor it still finds there. So the shutdown below can
-    // never reach a descriptor number the thread has closed and something else reused.
-    int listening = mSocket.exchange(-1);
-    if (listening != -1) {
+    // The link shuts the socket down under its lock, so the shutdown can never reach a
+    // descriptor number the thread has closed and something else reused.
+    if (mPlayEngineLink.listening()) {
         TLOG(CMD_PATH, "Calling shutdown()");
-        int result = shutdown(listening, SHUT_RDWR);
+        const int result = mPlayEngineLink.shutdownListening();
         TLOG(CMD_PATH, "Calling shutdown() ...Done");
         if (result == 0) {
             TLOG(MAIN, "shutdown mSocket successfully");
-        } else {
+        } else if (result < 0) {
             TLOG(ERROR, "shutdown mSocket failed, reason: %s", strerror(errno));
         }
     } else {
@@ -137,15 +183,14 @@ int TavoMBBMSEngineImpl::stopCommandThread() {
         pthread_join(mThreadCommand, nullptr);
         mCommandThreadRunning = false;
     }
-    if (listening != -1)
-        close(listening);  // the thread has stopped using it
+    mPlayEngineLink.closeListening();  // the thread has stopped using it
     TLOG(CMD_PATH, "Wait mThreadCommand exit...Done");
     return 0;
 }
 
 int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
     TLOG(CMD_PATH, "%s()", "method_onAccepted");
-    mFdCommand.store(fd);
+    mPlayEngineLink.attachClient(UniqueFd(fd));  // the link owns the connection from here on
     sendPlayEngineCommand(CMD_SHAREBUFFER, 0, 0);
     return 0;
 }
@@ -155,7 +200,8 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
 
     // Non-blocking, so that a connection withdrawn between poll and accept cannot block the
     // thread in accept (accept then fails and the pass ends).
-    int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    UniqueFd listeningSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int listening = listeningSocket.get();
     if (listening < 0) {
         TLOG(ERROR, "create server socket error");
         return nullptr;
@@ -166,7 +212,6 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
     address.sun_family = AF_UNIX;
     if (resolveAndroidPath(kSocketPath, address.sun_path, sizeof(address.sun_path)) != 0) {
         TLOG(ERROR, "bind server socket error");
-        close(listening);
         return nullptr;
     }
     unlink(address.sun_path);
@@ -174,21 +219,41 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
     if (bind(listening, reinterpret_cast<sockaddr*>(&address), addressLength) != 0) {
         TLOG(ERROR, "bind server socket error");
-        close(listening);
+        return nullptr;
+    }
+    // Whatever the process's umask: only the owner and its group may connect. Nothing is
+    // accepted before listen, and accepted clients are checked by credentials as well.
+    if (chmod(address.sun_path, kSocketFileMode) != 0) {
+        TLOG(ERROR, "bind server socket error");
+        unlink(address.sun_path);
         return nullptr;
     }
     if (listen(listening, kListenBacklog) != 0) {
         TLOG(ERROR, "listen on server socket error");
-        close(listening);
         return nullptr;
     }
 
     TLOG(CMD_PATH, "server is accepting client... ... ... ...");
     ServerPollSet pollSet(listening);
-    mSocket.store(listening);
+    mPlayEngineLink.setListening(std::move(listeningSocket));
+
+    // Processes that received the buffers, and whether a play engine has gone whose locks
+    // may have to be taken back once no such process lives.
+    ReaderProcesses readers;
+    bool readerGone = false;
+    int readerGoneWaitedMs = 0;
 
     while (mIsStarted.load()) {
-        if (pollSet.wait() == 0)
+        if (readerGone) {
+            if (!readers.anyAlive()) {
+                readerGone = false;
+                onPlayEngineGone();
+            } else if (readerGoneWaitedMs >= kReaderExitWaitMs) {
+                readerGone = false;  // they live on: their locks are their own
+            }
+            readerGoneWaitedMs += kReaderExitPollMs;
+        }
+        if (pollSet.wait(readerGone ? kReaderExitPollMs : kPollTimeoutMs) == 0)
             continue;  // time-out: look at the run flag again
         // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
         if (!mIsStarted.load())
@@ -201,34 +266,46 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         }
 
         if (listeningEvents & POLLRDNORM) {
-            if (pollSet.hasClient()) {
-                TLOG(ERROR, "only two client is allowed, now force close former one");
-                dropClient(pollSet, mFdCommand);
-            }
             PeerAddress peer;
             memset(&peer, 0, sizeof(peer));
             socklen_t peerLength = sizeof(peer.address);
-            int client = accept4(listening, reinterpret_cast<sockaddr*>(&peer.address), &peerLength,
-                                 SOCK_CLOEXEC);
-            if (client < 0) {
+            UniqueFd accepted(accept4(listening, reinterpret_cast<sockaddr*>(&peer.address),
+                                      &peerLength, SOCK_CLOEXEC));
+            if (!accepted.valid()) {
                 TLOG(WARNING, "accept on listening socket error");
                 continue;
             }
-            // The client's own path; an unbound (or abstract) client has none and is refused.
-            size_t pathEnd = peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
-            if (pathEnd < offsetof(sockaddr_un, sun_path))
-                pathEnd = offsetof(sockaddr_un, sun_path);
-            peer.raw[pathEnd] = '\0';
-            const char* peerPath = peer.raw + offsetof(sockaddr_un, sun_path);
-            struct stat status;
-            if (stat(peerPath, &status) != 0) {
-                TLOG(ERROR, "socket file not exist!");
-                close(client);
+            // Credentials first: a client that may not connect is closed before it can push
+            // the connected play engine out.
+            long peerUid = -1;
+            pid_t peerPid = 0;
+            if (!peerAllowed(accepted.get(), &peerUid, &peerPid)) {
+                TLOG(ERROR, "client of uid %ld is not allowed to connect, closed", peerUid);
+                accepted.reset();
             } else {
-                TLOG(CMD_PATH, "client %d is accepted", client);
-                pollSet.setClient(client);
-                method_onAccepted(client);
-                continue;
+                if (pollSet.hasClient()) {
+                    TLOG(ERROR, "only two client is allowed, now force close former one");
+                    dropClient(pollSet, mPlayEngineLink);
+                }
+                const int client = accepted.get();
+                // The client's own path; an unbound (or abstract) client has none and is refused.
+                size_t pathEnd =
+                    peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
+                if (pathEnd < offsetof(sockaddr_un, sun_path))
+                    pathEnd = offsetof(sockaddr_un, sun_path);
+                peer.raw[pathEnd] = '\0';
+                const char* peerPath = peer.raw + offsetof(sockaddr_un, sun_path);
+                struct stat status;
+                if (stat(peerPath, &status) != 0) {
+                    TLOG(ERROR, "socket file not exist!");
+                    accepted.reset();
+                } else {
+                    TLOG(CMD_PATH, "client %d is accepted", client);
+                    readers.add(peerPid);
+                    pollSet.setClient(client);
+                    method_onAccepted(accepted.release());
+                    continue;
+                }
             }
         }
 
@@ -260,23 +337,24 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
                                    0);
         } else if (received == 0) {
             TLOG(WARNING, "Connection closed by client");
-            dropClient(pollSet, mFdCommand);
+            dropClient(pollSet, mPlayEngineLink);
+            readerGone = true;
+            readerGoneWaitedMs = 0;
         } else if (errno == ECONNRESET) {
             TLOG(ERROR, "Connection reset by client");
-            dropClient(pollSet, mFdCommand);
+            dropClient(pollSet, mPlayEngineLink);
+            readerGone = true;
+            readerGoneWaitedMs = 0;
         } else {
             TLOG(ERROR, "Other read error occur");
         }
     }
 
-    // Closed here unless stopCommandThread has already taken it over (it closes it after the
-    // join).
-    if (mSocket.exchange(-1) == listening)
-        close(listening);
+    mPlayEngineLink.closeListening();
     // The client goes with the server: a play engine sees its connection end and can come
     // back to the next server, and no descriptor outlives the thread that owns it.
     if (pollSet.hasClient())
-        dropClient(pollSet, mFdCommand);
+        dropClient(pollSet, mPlayEngineLink);
     TLOG(CMD_PATH, "thread of runCommandThread exit");
     return nullptr;
 }

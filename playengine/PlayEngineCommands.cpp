@@ -2,9 +2,9 @@
 //
 // Threads: sendCmd and sendPlayEngineCommand run on the command thread ("sharebuffer" after an
 // accept) and on application threads (captureImage); onPlayEngineIndication runs on the
-// command thread. None takes a lock: mFdCommand may be closed or replaced by the command
-// thread at any time, and a command written meanwhile simply fails.
-#include <errno.h>
+// command thread. Each send goes out under the play-engine link's lock, so it reaches the
+// client connected at that moment or fails; it never reaches a descriptor that was closed
+// and reused.
 #include <sys/socket.h>
 
 #include <cstring>
@@ -30,7 +30,6 @@ unsigned char missingDescriptorStatus(int fd) {
 
 int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
     TLOG(ENGINE, "cmd=%s, session=%d", cmd, session);
-    int client = mFdCommand.load();
 
     PlayEngineCommandMessage command;
     memset(&command, 0, sizeof(command));
@@ -57,7 +56,7 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
         memcpy(CMSG_DATA(header), &fd, sizeof(fd));
         command.reserved32 = 0;
         command.fdStatus = 0;
-        TLOG(CMD_PATH, "Sending fd=%d to client fd=%d", fd, client);
+        TLOG(CMD_PATH, "Sending fd=%d to client fd=%d", fd, mPlayEngineLink.client());
     } else {
         command.reserved32 = 0;
         command.fdStatus = missingDescriptorStatus(fd);
@@ -68,11 +67,8 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
     const char sessionText[2] = {command.session, '\0'};
     TLOG(CMD_PATH, "cmd:%s session is %s", cmd, sessionText);
 
-    // MSG_NOSIGNAL: a play engine that went away must not take this process with it.
-    ssize_t sent;
-    do {
-        sent = sendmsg(client, &message, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
+    int client = -1;
+    const ssize_t sent = mPlayEngineLink.send(message, &client);
     if (sent > 0) {
         TLOG(CMD_PATH, ">>>>> sendmsg OK: cmd=%s (session=%d) to client fd=%d", cmd, session,
              client);
@@ -84,9 +80,13 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
 
 int TavoMBBMSEngineImpl::sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session) {
     switch (cmd) {
-        case CMD_SHAREBUFFER:
-            sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedFds[0], 0);
-            return sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedFds[1], 1);
+        case CMD_SHAREBUFFER: {
+            TavoMBBMSEngineImpl* engine = mInstance.load();
+            const int fd0 = engine != nullptr ? engine->mSharedBuffers.fd(0) : -1;
+            const int fd1 = engine != nullptr ? engine->mSharedBuffers.fd(1) : -1;
+            sendCmd(kCommandTexts[CMD_SHAREBUFFER], fd0, 0);
+            return sendCmd(kCommandTexts[CMD_SHAREBUFFER], fd1, 1);
+        }
         case CMD_CAPTURE:
             return sendCmd(kCommandTexts[CMD_CAPTURE], fd, session);
         case CMD_START_RECORD:

@@ -25,18 +25,25 @@ void TavoMBBMSEngineImpl::dataRecording(int session) {
 }
 
 bool TavoMBBMSEngineImpl::holdFrames() {
-    // Without a session manager no frame can be in progress. The manager stays installed
-    // while held: deinit retires it only after its users are gone.
-    SessionManagerSlot::Access manager(mSessionManager);
-    return manager && manager->beginExclusive();
+    // The manager stays a user of the slot until releaseFrames, so that deinit cannot retire
+    // it, and a later init cannot install another, while frames are held off through it.
+    // Without a session manager no frame can be in progress.
+    SessionManager* manager = mSessionManager.acquire();
+    if (manager == nullptr || !manager->beginExclusive()) {
+        mSessionManager.release();
+        return false;
+    }
+    mFramesHeldOffBy = manager;
+    return true;
 }
 
 void TavoMBBMSEngineImpl::releaseFrames(bool held) {
     if (!held)
         return;
-    SessionManagerSlot::Access manager(mSessionManager);
-    if (manager)
-        manager->endExclusive(true);
+    SessionManager* manager = mFramesHeldOffBy;
+    mFramesHeldOffBy = nullptr;
+    manager->endExclusive(true);
+    mSessionManager.release();
 }
 
 void TavoMBBMSEngineImpl::notifyRecordingEvent(EventType type, int session) {

@@ -99,18 +99,18 @@ int MBBMSRecManager::stopRecording(int session) {
 }
 
 void MBBMSRecManager::logStart(int session, const char* operation) {
-    TLOG_AS(operation, RECORD, "session=%d", session);
+    TLOG_FOR(operation, RECORD, "session=%d", session);
 }
 
 CmmbRecorder* MBBMSRecManager::detachRecorder(int session, const char* operation) {
     if (strcmp(operation, "stopRecording") == 0)
-        TLOG_AS(operation, RECORD, "%s()", "stopRecording");
+        TLOG_FOR(operation, RECORD, "%s()", "stopRecording");
     if (!validSession(session))
         return nullptr;
     CmmbRecorder* recorder = mRecorder[session];
     mRecorder[session] = nullptr;
     if (recorder != nullptr && strcmp(operation, "startRecording") == 0)
-        TLOG_AS(operation, WARNING, "leftover of pRecorder");
+        TLOG_FOR(operation, WARNING, "leftover of pRecorder");
     return recorder;
 }
 
@@ -120,13 +120,13 @@ int MBBMSRecManager::completeRecorder(CmmbRecorder* recorder, const char* operat
         // The recorder is finished either way: a failed stop has already released its
         // writer and descriptor, and nothing could complete the file later.
         if (recorder->stop() != 0) {
-            TLOG_AS(operation, ERROR, "cannot stop the pRecorder!");
+            TLOG_FOR(operation, ERROR, "cannot stop the pRecorder!");
             result = -1;
         }
         delete recorder;
     }
     if (result == 0 && strcmp(operation, "stopRecording") == 0)
-        TLOG_AS(operation, RECORD, "exit successfully");
+        TLOG_FOR(operation, RECORD, "exit successfully");
     return result;
 }
 
@@ -134,12 +134,12 @@ CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
     CmmbRecorder* recorder = new CmmbRecorder();
     recorder->init();
     if (recorder->setOutputFile(fd, 0, 0) != 0) {
-        TLOG_AS(operation, ERROR, "pRecorder->setOutputFile failed!");
+        TLOG_FOR(operation, ERROR, "pRecorder->setOutputFile failed!");
         delete recorder;
         return nullptr;
     }
     if (recorder->start() != 0) {
-        TLOG_AS(operation, ERROR, "pRecorder->start() failed!");
+        TLOG_FOR(operation, ERROR, "pRecorder->start() failed!");
         delete recorder;
         return nullptr;
     }
@@ -149,7 +149,7 @@ CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
 void MBBMSRecManager::installRecorder(int session, CmmbRecorder* recorder, const char* operation) {
     TAVO_ASSERT(validSession(session) && mRecorder[session] == nullptr);
     mRecorder[session] = recorder;
-    TLOG_AS(operation, RECORD, "pRecorder->start() Done!");
+    TLOG_FOR(operation, RECORD, "pRecorder->start() Done!");
 }
 
 int MBBMSRecManager::setMaxFileSize(int session, long long bytes) {
@@ -255,13 +255,13 @@ int MBBMSRecManager::recordVideo(CmmbRecorder* recorder, const unsigned char* co
     for (uint32_t i = 0; i < counts.nalCount; ++i) {
         CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy, i);
         if (!isInside(walked, entry.length, counts.dataLength)) {
-            TLOG_AS(kDataRecording, ERROR,
+            TLOG_FOR(kDataRecording, ERROR,
                     "NAL entry %u runs past the payload, rest of the frame skipped", i);
             return 0;
         }
         const unsigned char* unit = payload + walked;
         walked += entry.length;
-        TLOG_AS(kDataRecording, RECORD,
+        TLOG_FOR(kDataRecording, RECORD,
                 "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld", entry.length,
                 static_cast<unsigned long>(entry.tsBase),
                 static_cast<unsigned long>(entry.tsRelative),
@@ -335,7 +335,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
     for (uint32_t j = 0; j < counts.aacCount; ++j) {
         CmmbFrameCopyAacEntry entry = cmmbFrameCopyReadAac(copy, counts.nalCount, j);
         if (!isInside(walked, entry.length, counts.dataLength)) {
-            TLOG_AS(kDataRecording, ERROR,
+            TLOG_FOR(kDataRecording, ERROR,
                     "AAC entry %u runs past the payload, rest of the frame skipped", j);
             return 0;
         }
@@ -347,7 +347,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
         if (TLOG_ENABLED(RECORD)) {
             uint32_t words[3] = {0, 0, 0};
             memcpy(words, frame, entry.length < sizeof(words) ? entry.length : sizeof(words));
-            TLOG_AS(kDataRecording, RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0],
+            TLOG_FOR(kDataRecording, RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0],
                     words[1], words[2]);
         }
 
@@ -369,7 +369,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
         if (result != 0)
             return result;
         recorder->mAudioStarted = true;
-        TLOG_AS(kDataRecording, RECORD,
+        TLOG_FOR(kDataRecording, RECORD,
                 "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
                 static_cast<unsigned long>(sample.timestamp),
                 static_cast<long long>(reinterpret_cast<intptr_t>(frame)));

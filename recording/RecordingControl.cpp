@@ -162,15 +162,15 @@ void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
 
     long long freeSpace = 0;
     if (!freeSpaceForRecording(session, &freeSpace)) {
-        TLOG_AS(kDataRecording, ERROR, "sdcard not found");
+        TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
         mIsRecording[session].store(false);
         mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
         return;
     }
-    TLOG_AS(kDataRecording, MAIN, "session=%d, free space=%lld", session, freeSpace);
+    TLOG_FOR(kDataRecording, MAIN, "session=%d, free space=%lld", session, freeSpace);
     if (toMiB(freeSpace) < kWatchMoovBelowMiB) {
         const long long moovLength = manager->queryCurrentMoovLength(session);
-        TLOG_AS(kDataRecording, WARNING, "session=%d, free space=%lld, required minimal space=%lld",
+        TLOG_FOR(kDataRecording, WARNING, "session=%d, free space=%lld, required minimal space=%lld",
                 session, freeSpace, moovLength);
         if (toMiB(freeSpace) <= toMiB(moovLength)) {
             endInFramePath(session, EndReason::STORAGE_FULL, 0);
@@ -251,10 +251,10 @@ void RecordingControl::runCompletions() {
 void RecordingControl::reportEnd(int session, const PendingCompletion& ended, int completed) {
     if (ended.reason == EndReason::STORAGE_FULL) {
         if (completed != 0) {
-            TLOG_AS(kDataRecording, ERROR, "sdcard not found");
+            TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
             mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
         } else {
-            TLOG_AS(kDataRecording, ERROR, "storage is full");
+            TLOG_FOR(kDataRecording, ERROR, "storage is full");
             mHost.notifyRecordingEvent(EVENT_RECORD_STORAGE_FULL, session);
         }
         return;
@@ -262,17 +262,17 @@ void RecordingControl::reportEnd(int session, const PendingCompletion& ended, in
     if (ended.recorded == ERROR_WRITE_FAILED) {
         // A full storage is reported as such, whether or not the index still fitted.
         if (completed < 0)
-            TLOG_AS(kDataRecording, ERROR, "stop failed");
+            TLOG_FOR(kDataRecording, ERROR, "stop failed");
         mHost.notifyRecordingEvent(
             isStorageFullError(ended.writeError) ? EVENT_RECORD_STORAGE_FULL : EVENT_RECORD_ERROR,
             session);
-        TLOG_AS(kDataRecording, ERROR, "write file error!");
+        TLOG_FOR(kDataRecording, ERROR, "write file error!");
     } else if (completed < 0) {
-        TLOG_AS(kDataRecording, ERROR, "stop failed");
+        TLOG_FOR(kDataRecording, ERROR, "stop failed");
         mHost.notifyRecordingEvent(EVENT_RECORD_ERROR, session);
     } else if (ended.recorded == ERROR_LIMIT_REACHED) {
         mHost.notifyRecordingEvent(EVENT_RECORD_MAX_FILE_SIZE, session);
-        TLOG_AS(kDataRecording, ERROR, "exceed the max file size");
+        TLOG_FOR(kDataRecording, ERROR, "exceed the max file size");
     } else {
         mHost.notifyRecordingEvent(EVENT_RECORD_ERROR, session);
     }

@@ -10,36 +10,47 @@
 
 #include "AndroidPaths.h"
 #include "EngineLog.h"
-#include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
 void clearChannel(SessionManager::ChannelEntry& channel) {
-    memset(&channel, 0, sizeof(channel));
+    channel.started = 0;
+    memset(&channel.startTime, 0, sizeof(channel.startTime));
+    memset(&channel.lastFrameTime, 0, sizeof(channel.lastFrameTime));
+    channel.mFrameCount = 0;
+    channel.timeFile.reset();
+    channel.mfsFile.reset();
     channel.serviceID = -1;
+    channel.refCount = 0;
     channel.channelID = -1;
+    memset(channel.refSession, 0, sizeof(channel.refSession));
 }
 
-FILE* openDebugFile(const char* path) {
-    FILE* file = fopen(path, "wb");
+FILE* openDebugFile(const char* path, const char* caller) {
+    FILE* file = fopen(path, "wbe");
     if (file == nullptr)
-        TLOG(ERROR, "fopen %s failed", path);
+        TLOG_FOR(caller, ERROR, "fopen %s failed", path);
     return file;
 }
 
 }  // namespace
 
-SessionManager::SessionManager(TavoMBBMSEngineImpl* engine, MBBMSAgent* agent)
+SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSAgent* agent,
+                               const char* workDir)
     : mSession(),
       mChannel(),
       mFreqDot(-1),
       mMaxSessions(0),
       mChannelCount(0),
-      mEngine(engine),
+      mBuffers(buffers),
+      mSink(sink),
       mAgent(agent),
+      mWorkDir{},
       mutexSessionChangable(),
       mOpenFrameSlot(NO_FRAME),
-      mFrameThread(std::thread::id()) {
+      mFrameThread(std::thread::id()),
+      mFrameLocked{} {
+    snprintf(mWorkDir, sizeof(mWorkDir), "%s", workDir != nullptr ? workDir : "");
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
     int reported = mAgent != nullptr ? mAgent->getMaxSupportedSessions() : 0;
@@ -81,39 +92,40 @@ void SessionManager::releaseAbandonedFrame() {
     if (slot >= 0) {
         const ChannelEntry& channel = mChannel[slot];
         for (int s = 0; s < mMaxSessions; ++s) {
-            CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
-            if (channel.refSession[s] == 1 && buffer != nullptr)
-                cmmb_sem_post(&buffer->mutexDataAccessable);
+            if (channel.refSession[s] == 1 && mFrameLocked[s]) {
+                mFrameLocked[s] = false;
+                mBuffers->unlock(s);
+            }
         }
     }
     mOpenFrameSlot.store(NO_FRAME);
     mFrameThread.store(std::thread::id());
-    unlockSessions();
+    unlockSessions(__func__);
 }
 
-void SessionManager::lockSessions() {
-    TLOG(SEMAPHORE, "sem_wait mutexSessionChangable ...");
+void SessionManager::lockSessions(const char* caller) {
+    TLOG_FOR(caller, SEMAPHORE, "sem_wait mutexSessionChangable ...");
     while (sem_wait(&mutexSessionChangable) != 0 && errno == EINTR) {
         // Interrupted by a signal: wait again.
     }
-    TLOG(SEMAPHORE, "mutexSessionChangable--");
+    TLOG_FOR(caller, SEMAPHORE, "mutexSessionChangable--");
 }
 
-void SessionManager::unlockSessions() {
+void SessionManager::unlockSessions(const char* caller) {
     sem_post(&mutexSessionChangable);
-    TLOG(SEMAPHORE, "mutexSessionChangable++");
+    TLOG_FOR(caller, SEMAPHORE, "mutexSessionChangable++");
 }
 
 bool SessionManager::beginExclusive() {
     if (mFrameThread.load() == std::this_thread::get_id())
         return false;
-    lockSessions();
+    lockSessions(__func__);
     return true;
 }
 
 void SessionManager::endExclusive(bool taken) {
     if (taken)
-        unlockSessions();
+        unlockSessions(__func__);
 }
 
 int SessionManager::start(int session, int freqDot, int start, int count, int mod, IsmaPara* isma) {
@@ -141,10 +153,10 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
         }
     }
 
-    lockSessions();
+    lockSessions(__func__);
     if (mSession[session].started) {
         TLOG(WARNING, "session(%d) already started", session);
-        unlockSessions();
+        unlockSessions(__func__);
         return -1;
     }
 
@@ -153,7 +165,7 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
     for (int c = 0; c < mChannelCount; ++c) {
         if (mChannel[c].started != 0 && mChannel[c].serviceID == serviceID) {
             attachSessionToChannel(session, c);
-            unlockSessions();
+            unlockSessions(__func__);
             return 0;
         }
     }
@@ -168,7 +180,7 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
     if (slot == -1) {
         if (mChannelCount >= MAX_CHANNELS) {
             TLOG(ERROR, "Can't open new channel");
-            unlockSessions();
+            unlockSessions(__func__);
             return -1;
         }
         slot = mChannelCount++;
@@ -178,7 +190,7 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
     if (mAgent->startService(&channelID, freqDot, start, count, mod, isma) != 0 || channelID < 0) {
         // The slot stays free; an appended slot stays counted and is reused later.
         dumpChannels();
-        unlockSessions();
+        unlockSessions(__func__);
         return -1;
     }
     ChannelEntry& channel = mChannel[slot];
@@ -187,10 +199,10 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
     channel.channelID = channelID;
     channel.refCount = 0;
     channel.serviceID = serviceID;
-    openDebugFiles(channel);
+    openDebugFiles(channel, __func__);
 
     attachSessionToChannel(session, slot);
-    unlockSessions();
+    unlockSessions(__func__);
     return 0;
 }
 
@@ -201,16 +213,16 @@ int SessionManager::stop(int session) {
         return -1;
     }
 
-    lockSessions();
+    lockSessions(__func__);
     if (!mSession[session].started) {
         TLOG(WARNING, "session(%d) not started yet", session);
-        unlockSessions();
+        unlockSessions(__func__);
         return -1;
     }
     const int c = mSession[session].channelIndex;
     if (c < 0 || c >= mChannelCount || mChannel[c].started == 0 || mChannel[c].refCount <= 0) {
         TLOG(ERROR, "for sessionIndex=%d, channelIndex=%d", session, c);
-        unlockSessions();
+        unlockSessions(__func__);
         return -1;
     }
 
@@ -219,7 +231,7 @@ int SessionManager::stop(int session) {
         // The last session of the channel: the agent's service stops with it.
         if (mAgent->stopService(channel.channelID) != 0) {
             TLOG(ERROR, "stopService %d failed", session);
-            unlockSessions();
+            unlockSessions(__func__);
             return -1;
         }
         channel.started = 0;
@@ -229,7 +241,7 @@ int SessionManager::stop(int session) {
     }
 
     deattachSessionfromChannel(session, c);
-    unlockSessions();
+    unlockSessions(__func__);
     return 0;
 }
 
@@ -272,6 +284,13 @@ void SessionManager::dumpChannels() {
     }
 }
 
+int SessionManager::dataSlot(const char* caller, int channelID) {
+    const int c = channelIDToIndex(channelID);
+    if (c < 0)
+        TLOG_FOR(caller, WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+    return c;
+}
+
 int SessionManager::channelIDToIndex(int channelID) {
     // Free slots hold -1, which no running channel has: start() refuses negative identifiers.
     for (int c = 0; c < mChannelCount; ++c) {
@@ -281,21 +300,21 @@ int SessionManager::channelIDToIndex(int channelID) {
     return -1;
 }
 
-void SessionManager::openDebugFiles(ChannelEntry& channel) {
+void SessionManager::openDebugFiles(ChannelEntry& channel, const char* caller) {
     char path[512];
     if (TLOG_ENABLED(STATISTICS)) {
         gettimeofday(&channel.startTime, nullptr);
         channel.mFrameCount = 0;
-        snprintf(path, sizeof(path), "%s/%d.time", mEngine->workDir(), channel.serviceID);
-        channel.timeFile = openDebugFile(path);
+        snprintf(path, sizeof(path), "%s/%d.time", mWorkDir, channel.serviceID);
+        channel.timeFile.reset(openDebugFile(path, caller));
     }
     if (TLOG_ENABLED(DATA_MFS)) {
         char sdcard[448];
         if (resolveAndroidPath("/sdcard/", sdcard, sizeof(sdcard)) != 0) {
-            TLOG(ERROR, "fopen %s failed", "/sdcard/");
+            TLOG_FOR(caller, ERROR, "fopen %s failed", "/sdcard/");
         } else {
             snprintf(path, sizeof(path), "%s/%d.mfs", sdcard, channel.serviceID);
-            channel.mfsFile = openDebugFile(path);
+            channel.mfsFile.reset(openDebugFile(path, caller));
         }
     }
 }
@@ -308,12 +327,6 @@ void SessionManager::closeDebugFiles(ChannelEntry& channel) {
     }
     // A file opened while its category was on is closed even if the switch has been turned
     // off since, so that no stream outlives its channel.
-    if (channel.timeFile != nullptr) {
-        fclose(channel.timeFile);
-        channel.timeFile = nullptr;
-    }
-    if (channel.mfsFile != nullptr) {
-        fclose(channel.mfsFile);
-        channel.mfsFile = nullptr;
-    }
+    channel.timeFile.reset();
+    channel.mfsFile.reset();
 }

@@ -21,9 +21,10 @@
 #include <cstdio>
 #include <thread>
 
+#include "FrameSink.h"
 #include "MBBMSAgent.h"
-
-class TavoMBBMSEngineImpl;
+#include "SharedBufferSet.h"
+#include "UniqueFile.h"
 
 class SessionManager {
 public:
@@ -39,15 +40,19 @@ public:
         struct timeval startTime;
         struct timeval lastFrameTime;
         int mFrameCount;
-        FILE* timeFile;  // "<workdir>/<serviceID>.time" (STATISTICS)
-        FILE* mfsFile;   // "/sdcard//<serviceID>.mfs" (DATA_MFS)
-        int serviceID;   // -1 when free
+        UniqueFile timeFile;  // "<workdir>/<serviceID>.time" (STATISTICS)
+        UniqueFile mfsFile;   // "/sdcard//<serviceID>.mfs" (DATA_MFS)
+        int serviceID;        // -1 when free
         int refCount;
         int channelID;  // -1 when free
         int refSession[MAX_SESSIONS];
     };
 
-    SessionManager(TavoMBBMSEngineImpl* engine, MBBMSAgent* agent);
+    // buffers: the sessions' shared buffers (sessions 0 and 1); sink: told of each session's
+    // frame end; workDir: where the statistics files go. None is owned; all outlive the
+    // manager.
+    SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSAgent* agent,
+                   const char* workDir);
     virtual ~SessionManager();
     SessionManager(const SessionManager&) = delete;
     SessionManager& operator=(const SessionManager&) = delete;
@@ -77,16 +82,34 @@ public:
     bool beginExclusive();
     void endExclusive(bool taken);
 
+    // Ends a frame bracket whose end will never arrive (deinit has removed the manager while
+    // a frame was open): unlocks the buffers it holds and mutexSessionChangable, so that
+    // application threads blocked behind it go on. Does nothing between frames. REQUIRES:
+    // no thread runs the data path of this manager, and none will.
+    void releaseAbandonedFrame();
+
 private:
     void attachSessionToChannel(int session, int channelIndex);
     void deattachSessionfromChannel(int session, int channelIndex);
-    void openDebugFiles(ChannelEntry& channel);
+    void openDebugFiles(ChannelEntry& channel, const char* caller);
     void closeDebugFiles(ChannelEntry& channel);
-    void lockSessions();    // waits on mutexSessionChangable, with its log lines
-    void unlockSessions();  // posts mutexSessionChangable, with its log line
-    // Destructor only: unlocks the buffers of a frame bracket that deinit cut short, so that
-    // a play engine still mapping them is not left waiting.
-    void releaseAbandonedFrame();
+    // Waits on / posts mutexSessionChangable, with their log lines in `caller`'s name.
+    void lockSessions(const char* caller);
+    void unlockSessions(const char* caller);
+    // The channel slot of a data callback, or -1 with the warning logged as `caller`.
+    int dataSlot(const char* caller, int channelID);
+    // Calls deliver(buffer, session) for each session attached to slot c whose buffer the
+    // current frame holds, in ascending session order, until deliver returns false (a drop
+    // ends the item for the sessions after it too).
+    template <typename Deliver>
+    void forEachFrameBuffer(int c, Deliver deliver) {
+        for (int s = 0; s < mMaxSessions; ++s) {
+            if (mChannel[c].refSession[s] != 1 || !mFrameLocked[s])
+                continue;
+            if (!deliver(mBuffers->buffer(s), s))
+                return;
+        }
+    }
 
     // Guarded by mutexSessionChangable: written by start() and stop() and read by the frame
     // bracket while they hold it; the NAL and AAC callbacks read them inside the bracket
@@ -97,9 +120,11 @@ private:
     int mFreqDot;
     int mMaxSessions;
     int mChannelCount;
-    TavoMBBMSEngineImpl* mEngine;  // not owned
-    MBBMSAgent* mAgent;            // not owned
-    sem_t mutexSessionChangable;   // process-private, initial value 1
+    SharedBufferSet* mBuffers;  // not owned
+    FrameSink* mSink;           // not owned
+    MBBMSAgent* mAgent;         // not owned
+    char mWorkDir[128];
+    sem_t mutexSessionChangable;  // process-private, initial value 1
     // The channel slot of the frame bracket in progress, -1 for an unknown channel, NO_FRAME
     // between frames. Written by agent threads inside the bracket; atomic so that a frame end
     // without a start (which is ignored) and the destructor can read it.
@@ -107,6 +132,10 @@ private:
     std::atomic<int> mOpenFrameSlot;
     // Thread that holds the frame bracket; a default id when no frame is in progress.
     std::atomic<std::thread::id> mFrameThread;
+    // Per session, agent thread inside the bracket: the frame start took the session's
+    // buffer lock. A session whose lock the play engine kept past the bound is left out of
+    // the frame.
+    bool mFrameLocked[MAX_SESSIONS];
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H

@@ -28,12 +28,13 @@ int TavoMBBMSEngineImpl::stopTVService(int session) {
     TLOG(ENGINE, "session=%d", session);
     RETURN_IF_NOT_INITIALIZED(-1);
 
-    int result = -1;
-    {
-        SessionManagerSlot::Access manager(mSessionManager);
-        if (manager)
-            result = manager->stop(session);
-    }
+    // The access lasts through the reset too: deinit destroys the buffers only after the
+    // session manager's last user has gone. Without a manager, deinit is under way and
+    // takes the buffers down anyway.
+    SessionManagerSlot::Access manager(mSessionManager);
+    if (!manager)
+        return -1;
+    const int result = manager->stop(session);
     // Whatever the detach gave, the session's buffer is emptied, so that a frame still being
     // written for it is discarded. Only sessions 0 and 1 have a buffer.
     if (session >= 0 && session < static_cast<int>(CMMB_SHARED_BUFFER_COUNT)) {

@@ -6,7 +6,6 @@
 
 #include "EngineLog.h"
 #include "SessionManager.h"
-#include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
@@ -29,20 +28,21 @@ void writeAdtsHeader(unsigned char* out, uint32_t frameLength) {
 }
 
 bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
-                    unsigned long tsRelative, const unsigned char* data, unsigned short length) {
-    TLOG(DATA_AAC, "+Raw audio AAC,session=%d, count=%d, ts=%lu+%lu , len=%lu\n", session,
-         static_cast<int>(buffer->aacCount), tsBase, tsRelative,
-         static_cast<unsigned long>(length));
+                    unsigned long tsRelative, const unsigned char* data, unsigned short length,
+                    const char* caller) {
+    TLOG_FOR(caller, DATA_AAC, "+Raw audio AAC,session=%d, count=%d, ts=%lu+%lu , len=%lu\n",
+             session, static_cast<int>(buffer->aacCount), tsBase, tsRelative,
+             static_cast<unsigned long>(length));
 
     const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
     if (needed > kAacFrameLimit) {
-        TLOG(DATA_AAC, "SharedBuffer have no enough space for AAC, %d > %d, DATA drop!",
-             static_cast<int>(needed), 65535);
+        TLOG_FOR(caller, DATA_AAC, "SharedBuffer have no enough space for AAC, %d > %d, DATA drop!",
+                 static_cast<int>(needed), 65535);
         return false;
     }
     if (buffer->aacCount >= CMMB_AAC_RECORD_SLOTS) {
-        TLOG(WARNING, "SharedBuffer have no free AAC record, aacCount=%d, DATA drop!",
-             static_cast<int>(buffer->aacCount));
+        TLOG_FOR(caller, WARNING, "SharedBuffer have no free AAC record, aacCount=%d, DATA drop!",
+                 static_cast<int>(buffer->aacCount));
         return false;
     }
 
@@ -66,19 +66,11 @@ void SessionManager::onClearAudioAacFrame(int channelID, unsigned long tsBase,
                                           unsigned long tsRelative, unsigned char* data,
                                           unsigned short length) {
     // Inside the frame bracket: the tables cannot change under this call.
-    const int c = channelIDToIndex(channelID);
-    if (c < 0) {
-        TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+    const char* const caller = __func__;
+    const int c = dataSlot(caller, channelID);
+    if (c < 0)
         return;
-    }
-    for (int s = 0; s < mMaxSessions; ++s) {
-        if (mChannel[c].refSession[s] != 1)
-            continue;
-        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
-        if (buffer == nullptr)
-            continue;  // only sessions 0 and 1 have a buffer
-        // A drop ends the call: later sessions do not receive the frame either.
-        if (!appendAacFrame(buffer, s, tsBase, tsRelative, data, length))
-            return;
-    }
+    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
+        return appendAacFrame(buffer, s, tsBase, tsRelative, data, length, caller);
+    });
 }

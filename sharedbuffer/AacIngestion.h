@@ -12,8 +12,10 @@
 void writeAdtsHeader(unsigned char* out, uint32_t frameLength);
 
 // Appends one frame to the buffer of `session`. Returns false when it was dropped (no
-// space or no record left); the drop has been logged. Allocates nothing.
+// space or no record left); the drop has been logged as a line of `caller`. Allocates
+// nothing.
 bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
-                    unsigned long tsRelative, const unsigned char* data, unsigned short length);
+                    unsigned long tsRelative, const unsigned char* data, unsigned short length,
+                    const char* caller);
 
 #endif  // TAVO_SHAREDBUFFER_AAC_INGESTION_H

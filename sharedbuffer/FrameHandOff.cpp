@@ -6,11 +6,14 @@
 // onOutputAVEnd, on every path, so that the tables stay still for the whole frame; inside it
 // each attached session's mutexDataAccessable is held, in ascending session order. Frames
 // must therefore never overlap, not even for different channels.
+//
+// The wait for a session's buffer lock is bounded (SharedBufferSet::lock): a play engine
+// that keeps the lock past the bound costs that session its frame, logged as lost, and the
+// other sessions of the channel are still served; the next frame tries again.
 #include <sys/time.h>
 
 #include "EngineLog.h"
 #include "SessionManager.h"
-#include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
@@ -22,8 +25,10 @@ int elapsedMs(const struct timeval& from, const struct timeval& to) {
 }  // namespace
 
 void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, int length) {
-    lockSessions();  // held until onOutputAVEnd, whatever happens here
+    lockSessions(__func__);  // held until onOutputAVEnd, whatever happens here
     mFrameThread.store(std::this_thread::get_id());
+    for (bool& locked : mFrameLocked)
+        locked = false;
     const int c = channelIDToIndex(channelID);
     mOpenFrameSlot = c;
     if (c < 0) {
@@ -34,16 +39,21 @@ void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, 
     for (int s = 0; s < mMaxSessions; ++s) {
         if (channel.refSession[s] != 1)
             continue;
-        if (TLOG_ENABLED(DATA_MFS) && channel.mfsFile != nullptr && frame != nullptr &&
-            length > 0) {
-            fwrite(frame, 1, static_cast<size_t>(length), channel.mfsFile);  // errors ignored
+        if (TLOG_ENABLED(DATA_MFS) && channel.mfsFile && frame != nullptr && length > 0) {
+            fwrite(frame, 1, static_cast<size_t>(length), channel.mfsFile.get());  // errors ignored
         }
-        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
+        CmmbSharedBuffer* buffer = mBuffers->buffer(s);
         if (buffer == nullptr)
             continue;  // only sessions 0 and 1 have a buffer
 
         TLOG(SEMAPHORE, "sem_wait mutexDataAccessable(session=%d)...", s);
-        cmmb_sem_wait(&buffer->mutexDataAccessable);  // held until onOutputAVEnd
+        if (!mBuffers->lock(s)) {  // held until onOutputAVEnd
+            TLOG(WARNING,
+                 "A/V DATA LOST(session=%d) due to playengine holds the buffer longer than %d ms",
+                 s, mBuffers->lockTimeoutMs());
+            continue;
+        }
+        mFrameLocked[s] = true;
         TLOG(SEMAPHORE, "mutexDataAccessable--");
         if (buffer->nalCount != 0 || buffer->aacCount != 0) {
             TLOG(WARNING,
@@ -71,16 +81,14 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
         TLOG(WARNING, "ChannelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
         mOpenFrameSlot = NO_FRAME;
         mFrameThread.store(std::thread::id());
-        unlockSessions();
+        unlockSessions(__func__);
         return;
     }
     ChannelEntry& channel = mChannel[c];
     for (int s = 0; s < mMaxSessions; ++s) {
-        if (channel.refSession[s] != 1)
-            continue;
-        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
-        if (buffer == nullptr)
-            continue;
+        if (channel.refSession[s] != 1 || !mFrameLocked[s])
+            continue;  // not attached, or its frame was lost at the start
+        CmmbSharedBuffer* buffer = mBuffers->buffer(s);
 
         if (withError) {
             // The payload bytes stay but are no longer referenced: an empty frame is handed on.
@@ -108,23 +116,23 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
             TLOG(STATISTICS, "mFrameCount=%d, %lu:%lu, delta=%lu ms", channel.mFrameCount,
                  static_cast<unsigned long>(now.tv_sec), static_cast<unsigned long>(now.tv_usec),
                  static_cast<unsigned long>(delta));
-            if (channel.timeFile != nullptr) {
-                fprintf(channel.timeFile, "%d, %lu, %d, %d\n", channel.mFrameCount,
+            if (channel.timeFile) {
+                fprintf(channel.timeFile.get(), "%d, %lu, %d, %d\n", channel.mFrameCount,
                         static_cast<unsigned long>(delta), nalCount, aacCount);
             }
             channel.lastFrameTime = now;
         }
 
         // The recording copies the frame while the buffer is still locked.
-        if (TavoMBBMSEngineImpl::recordingFlag(s))
-            mEngine->dataRecording(s);
+        mSink->onSessionFrameEnd(s);
 
-        cmmb_sem_post(&buffer->mutexDataAccessable);
+        mFrameLocked[s] = false;
+        mBuffers->unlock(s);
         TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)++", s);
         cmmb_sem_post(&buffer->mutexDataAvailable);
         TLOG(SEMAPHORE, "mutexDataAvailable(session=%d)++", s);
     }
     mOpenFrameSlot = NO_FRAME;
     mFrameThread.store(std::thread::id());
-    unlockSessions();
+    unlockSessions(__func__);
 }

@@ -7,7 +7,6 @@
 
 #include "EngineLog.h"
 #include "SessionManager.h"
-#include "TavoMBBMSEngineImpl.h"
 
 namespace {
 
@@ -17,16 +16,17 @@ const int kEndsUnit = MBBMSAgent::NAL_FRAGMENT_END;      // bit 0
 // Logs one delivered fragment with up to its first six bytes, never reading past its end.
 void logRawFragment(const CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
                     unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                    int pos) {
+                    int pos, const char* caller) {
     char bytes[6 * 3 + 1];
     int used = 0;
     for (int i = 0; i < 6 && i < length; ++i) {
         used += snprintf(bytes + used, sizeof(bytes) - static_cast<size_t>(used), "%02x ", data[i]);
     }
     bytes[used] = '\0';
-    TLOG(DATA_NAL, "+Raw video NAL, session=%d, count=%d, ts=%lu + %lu, len=%lu, pos=%d, %s\n",
-         session, static_cast<int>(buffer->nalCount), tsBase, tsRelative,
-         static_cast<unsigned long>(length), pos, bytes);
+    TLOG_FOR(caller, DATA_NAL,
+             "+Raw video NAL, session=%d, count=%d, ts=%lu + %lu, len=%lu, pos=%d, %s\n", session,
+             static_cast<int>(buffer->nalCount), tsBase, tsRelative,
+             static_cast<unsigned long>(length), pos, bytes);
 }
 
 }  // namespace
@@ -43,20 +43,20 @@ int getStartCodeLength(const unsigned char* data, int length) {
 
 bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
                        unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                       int pos) {
+                       int pos, const char* caller) {
     if (TLOG_ENABLED(DATA_NAL))
-        logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos);
+        logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos, caller);
 
     // The whole fragment, start code included, must fit before anything is rewound.
     const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
     if (needed > CMMB_PAYLOAD_LIMIT) {
-        TLOG(WARNING, "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
-             static_cast<int>(needed), 65535);
+        TLOG_FOR(caller, WARNING, "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
+                 static_cast<int>(needed), 65535);
         return false;
     }
     if (buffer->nalCount >= CMMB_NAL_RECORD_SLOTS) {
-        TLOG(WARNING, "SharedBuffer have no free NAL record, nalCount=%d, DATA drop!",
-             static_cast<int>(buffer->nalCount));
+        TLOG_FOR(caller, WARNING, "SharedBuffer have no free NAL record, nalCount=%d, DATA drop!",
+                 static_cast<int>(buffer->nalCount));
         return false;
     }
 
@@ -67,7 +67,7 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
     uint32_t count = length;
     if ((pos & kBeginsUnit) != 0) {
         if (unitOpen) {
-            TLOG(WARNING, "last NAL is not ended, overwrite it!");
+            TLOG_FOR(caller, WARNING, "last NAL is not ended, overwrite it!");
             record.length = 0;
             if (record.offset <= buffer->dataLength)
                 buffer->dataLength = record.offset;
@@ -75,7 +75,7 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
         }
         const int startCode = getStartCodeLength(data, length);
         if (startCode == 0) {
-            TLOG(ERROR, "H264 NAL has no start code, drop it!");
+            TLOG_FOR(caller, ERROR, "H264 NAL has no start code, drop it!");
             return false;
         }
         bytes += startCode;
@@ -85,7 +85,7 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
         record.length = 0;
         record.offset = buffer->dataLength;
     } else if (!unitOpen) {
-        TLOG(WARNING, "current NAL has no beginning, drop it!");
+        TLOG_FOR(caller, WARNING, "current NAL has no beginning, drop it!");
         return false;
     }
 
@@ -106,19 +106,11 @@ void SessionManager::onClearVideoNalData(int channelID, unsigned long tsBase,
                                          unsigned short length,
                                          MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
     // Inside the frame bracket: the tables cannot change under this call.
-    const int c = channelIDToIndex(channelID);
-    if (c < 0) {
-        TLOG(WARNING, "channelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+    const char* const caller = __func__;
+    const int c = dataSlot(caller, channelID);
+    if (c < 0)
         return;
-    }
-    for (int s = 0; s < mMaxSessions; ++s) {
-        if (mChannel[c].refSession[s] != 1)
-            continue;
-        CmmbSharedBuffer* buffer = mEngine->sharedBuffer(s);
-        if (buffer == nullptr)
-            continue;  // only sessions 0 and 1 have a buffer
-        // A drop ends the call: later sessions do not receive the fragment either.
-        if (!appendNalFragment(buffer, s, tsBase, tsRelative, data, length, pos))
-            return;
-    }
+    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
+        return appendNalFragment(buffer, s, tsBase, tsRelative, data, length, pos, caller);
+    });
 }

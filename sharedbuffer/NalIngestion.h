@@ -15,9 +15,10 @@ int getStartCodeLength(const unsigned char* data, int length);
 
 // Appends one fragment (pos: MBBMSAgent::NAL_FRAGMENT_POS_IND) to the buffer of `session`.
 // Returns false when the fragment was dropped (no space, no record left, no start code, no
-// open unit to continue); the drop has been logged. Copies the bytes, allocates nothing.
+// open unit to continue); the drop has been logged as a line of `caller`. Copies the bytes,
+// allocates nothing.
 bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
                        unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                       int pos);
+                       int pos, const char* caller);
 
 #endif  // TAVO_SHAREDBUFFER_NAL_INGESTION_H

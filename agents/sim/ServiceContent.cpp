@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "ElementaryStreams.h"
+
 namespace {
 
 bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes) {
@@ -42,29 +44,8 @@ bool ServiceContent::load(const std::string& dir, int serviceID, std::string* er
 bool ServiceContent::splitAnnexB(std::string* error) {
     mNalUnits.clear();
     mPictures.clear();
-    const size_t size = mVideo.size();
-    size_t i = 0;
-    size_t nalStart = 0;
-    bool inNal = false;
-    auto closeNal = [&](size_t end) {
-        while (end > nalStart && mVideo[end - 1] == 0)
-            --end;  // zero byte of a 4-byte code
-        if (end > nalStart)
-            mNalUnits.push_back({nalStart, end - nalStart});
-    };
-    while (i + 3 <= size) {
-        if (mVideo[i] == 0 && mVideo[i + 1] == 0 && mVideo[i + 2] == 1) {
-            if (inNal)
-                closeNal(i);
-            nalStart = i + 3;
-            inNal = true;
-            i += 3;
-        } else {
-            ++i;
-        }
-    }
-    if (inNal)
-        closeNal(size);
+    for (const ByteRange& unit : splitAnnexBUnits(mVideo.data(), mVideo.size()))
+        mNalUnits.push_back({unit.offset, unit.length});
 
     size_t first = 0;
     for (size_t n = 0; n < mNalUnits.size(); ++n) {
@@ -84,26 +65,26 @@ bool ServiceContent::splitAnnexB(std::string* error) {
 // Splits the ADTS stream into raw frames, dropping each header (7 bytes, 9 with CRC).
 bool ServiceContent::splitAdts(std::string* error) {
     mAudioFrames.clear();
-    size_t i = 0;
-    while (i + 7 <= mAudio.size()) {
-        const uint8_t* header = &mAudio[i];
-        if (header[0] != 0xFF || (header[1] & 0xF0) != 0xF0) {
-            *error = "ADTS sync lost at byte " + std::to_string(i);
+    std::vector<ByteRange> frames;
+    const AdtsSplit split = splitAdtsFrames(mAudio.data(), mAudio.size(), &frames);
+    if (split.status == AdtsSplit::SYNC_LOST) {
+        *error = "ADTS sync lost at byte " + std::to_string(split.stoppedAt);
+        return false;
+    }
+    if (split.status == AdtsSplit::TRUNCATED) {
+        *error = "truncated ADTS frame at byte " + std::to_string(split.stoppedAt);
+        return false;
+    }
+    for (const ByteRange& frame : frames) {
+        if (frame.length == 0) {
+            *error = "empty ADTS frame at byte " + std::to_string(frame.offset);
             return false;
         }
-        size_t headerLength = (header[1] & 0x01) ? 7 : 9;
-        size_t frameLength = (static_cast<size_t>(header[3] & 0x03) << 11) |
-                             (static_cast<size_t>(header[4]) << 3) | (header[5] >> 5);
-        if (frameLength <= headerLength || i + frameLength > mAudio.size()) {
-            *error = "truncated ADTS frame at byte " + std::to_string(i);
+        if (frame.length > kMaxAudioFrame) {
+            *error = "AAC frame too long at byte " + std::to_string(frame.offset);
             return false;
         }
-        if (frameLength - headerLength > kMaxAudioFrame) {
-            *error = "AAC frame too long at byte " + std::to_string(i);
-            return false;
-        }
-        mAudioFrames.push_back({i + headerLength, frameLength - headerLength});
-        i += frameLength;
+        mAudioFrames.push_back({frame.offset, frame.length});
     }
     if (mAudioFrames.empty()) {
         *error = "the AAC stream holds no frames";

@@ -202,3 +202,49 @@ TEST(Events, ResultsArePassedOnAndEvent130IsDroppedOnlyInCmmbMode) {
         EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
     });
 }
+
+namespace {
+
+// An application that, while it handles TS0 of a point, receives that point's service
+// parameters from the agent (the agent reports them from inside the callback).
+class ReportsDuringTS0 : public RecordingCallback {
+public:
+    MBBMSAgentCallback* agentSide = nullptr;
+    void onTS0Parsed(int freqDot) override {
+        RecordingCallback::onTS0Parsed(freqDot);
+        ServiceParam param = {};
+        param.serviceID = 777;
+        agentSide->onServiceParam(param);
+    }
+};
+
+}  // namespace
+
+TEST(TS0Gate, ReportsArrivingWhileTheApplicationHandlesTS0StillReachIt) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        ReportsDuringTS0 app;
+        ASSERT_EQ(0, control.engine().init(&app, nullptr));
+        control.engine().setFrequency(20);
+        app.agentSide = control.agent().callback();
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onTS0Parsed(20); });
+        EXPECT_EQ((std::vector<std::string>{"onTS0Parsed(20)", "onServiceParam(777)"}),
+                  app.calls());
+        // Marked once the application has returned: later reports stay back.
+        control.fromAgent([](MBBMSAgentCallback& c) {
+            ServiceParam param = {};
+            c.onServiceParam(param);
+        });
+        EXPECT_EQ(2u, app.calls().size());
+        control.engine().deinit();
+    });
+}
+
+TEST(AgentLoading, LinesNameTheConstructor) {
+    EXPECT_IN_CHILD({
+        ControlEngine control;
+        EXPECT_EQ(1, control.countLogLine("MAIN", "TavoMBBMSEngineImpl", "open libsiano.so"));
+        EXPECT_EQ(1, control.countLogLine("MAIN", "TavoMBBMSEngineImpl",
+                                          "dynamically load so file successfully"));
+    });
+}

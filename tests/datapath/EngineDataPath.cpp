@@ -74,8 +74,11 @@ bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
     return true;
 }
 
-EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine) {
+EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine,
+                               const std::vector<std::pair<std::string, std::string>>& properties) {
     setenv("TAVO_LOGMASK", logMask, 1);
+    for (const auto& property : properties)
+        root.setProperty(property.first, property.second);
     engine = TavoMBBMSEngine::getInstance();
     agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
     if (agent == nullptr)

@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CmmbSharedBuffer.h"
@@ -53,7 +54,10 @@ private:
 
 class EngineDataPath {
 public:
-    explicit EngineDataPath(const char* logMask = "all", bool connectPlayEngine = true);
+    // properties: system properties set before init (name, value).
+    explicit EngineDataPath(
+        const char* logMask = "all", bool connectPlayEngine = true,
+        const std::vector<std::pair<std::string, std::string>>& properties = {});
     ~EngineDataPath() { engine->deinit(); }
 
     // "" when the engine is initialised (and the play engine connected); else the reason.

@@ -191,3 +191,48 @@ TEST(Ingestion, AdtsHeaderAndRecordTablesOf256Items) {
 }
 
 }  // namespace
+
+namespace {
+
+// Number of log lines "[LogMask::<category>][<function>():<line>]" whose message starts
+// with `message`.
+int linesOf(const TestRoot& root, const std::string& category, const std::string& function,
+            const std::string& message) {
+    const std::string prefix = "[LogMask::" + category + "][" + function + "():";
+    int count = 0;
+    for (const std::string& line : root.logLines()) {
+        size_t at = line.find(prefix);
+        if (at == std::string::npos)
+            continue;
+        at = line.find(']', at + prefix.size());
+        count += at != std::string::npos && line.compare(at + 1, message.size(), message) == 0;
+    }
+    return count;
+}
+
+}  // namespace
+
+// The lines of the data path name the operation the application or the agent called, not
+// the helper that printed them.
+TEST(DataPathLog, LinesNameThePublicOperation) {
+    EXPECT_IN_CHILD({
+        WITH_OPEN_FRAME(bench);
+        (void)b;
+        bench.nal(kChannel, pattern(10), MIDDLE);
+        bench.nal(kChannel, pattern(10), COMPLETE);
+        bench.aac(kChannel, pattern(20));
+        bench.frameEnd(kChannel);
+        EXPECT_EQ(0, bench.engine->stopTVService(0));
+        const TestRoot& root = bench.root;
+        EXPECT_EQ(1, linesOf(root, "WARNING", "onClearVideoNalData",
+                             "current NAL has no beginning, drop it!"));
+        EXPECT_EQ(1, linesOf(root, "ERROR", "onClearVideoNalData",
+                             "H264 NAL has no start code, drop it!"));
+        EXPECT_EQ(1, linesOf(root, "DATA_AAC", "onClearAudioAacFrame", "+Raw audio AAC,session=0"));
+        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "start", "sem_wait mutexSessionChangable ..."));
+        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "stop", "mutexSessionChangable++"));
+        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "onOutputAVStart", "mutexSessionChangable--"));
+        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "onOutputAVEnd", "mutexSessionChangable++"));
+        EXPECT_EQ(2, linesOf(root, "ENGINE", "initSharedBuffers", "mmap is ok, size=74772"));
+    });
+}

@@ -92,4 +92,63 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
     });
 }
 
+// deinit while the agent's thread is inside a frame and other application threads are
+// blocked in start, stop and the recording control behind that frame: everything returns,
+// and nothing is used after deinit freed it (ThreadSanitizer and AddressSanitizer builds).
+TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR", false);
+        ASSERT_EQ("", bench.setUpError());
+        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        ASSERT_NE(nullptr, agentSide);
+        Bytes unit = nalUnit(4, 0x41, 64);
+        const auto bound = std::chrono::seconds(10);
+        for (int iteration = 0; iteration < 100; ++iteration) {
+            if (iteration > 0) {
+                ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+            }
+            ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+
+            agentSide->onOutputAVStart(kChannel, nullptr, 0);
+            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
+                                           static_cast<unsigned short>(unit.size()),
+                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            std::atomic<int> finished{0};
+            std::thread stopper([&] {
+                bench.engine->stopTVService(0);
+                finished++;
+            });
+            std::thread starter([&] {
+                bench.startService(1, 7, kChannel);
+                finished++;
+            });
+            std::thread recorder([&] {
+                bench.engine->stopRecording(1);
+                finished++;
+            });
+            // Sometimes they are already blocked behind the frame, sometimes not yet.
+            if (iteration % 2 == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+
+            std::atomic<bool> deinitDone{false};
+            std::thread deinit([&] {
+                bench.engine->deinit();
+                deinitDone = true;
+            });
+            const auto giveUp = std::chrono::steady_clock::now() + bound;
+            while ((!deinitDone.load() || finished.load() < 3) &&
+                   std::chrono::steady_clock::now() < giveUp)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ASSERT_TRUE(deinitDone.load()) << "deinit hangs, iteration " << iteration;
+            ASSERT_EQ(3, finished.load()) << "start or stop hangs, iteration " << iteration;
+            deinit.join();
+            stopper.join();
+            starter.join();
+            recorder.join();
+            // The frame's end arrives after the manager has gone: it is dropped.
+            agentSide->onOutputAVEnd(kChannel, false);
+        }
+    });
+}
+
 }  // namespace

@@ -2,20 +2,12 @@
 
 #include <cstdio>
 
+#include "ElementaryStreams.h"
+
 namespace {
 
 const int kNalSlice = 1;
 const int kNalIdrSlice = 5;
-
-// Position of the next 00 00 01 at or after `from`; stream.size() when there is none.
-size_t findStartCode(const MediaBytes& stream, size_t from) {
-    for (size_t i = from; i + 2 < stream.size(); ++i) {
-        if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
-            return i;
-        }
-    }
-    return stream.size();
-}
 
 bool isSlice(int type) {
     return type == kNalSlice || type == kNalIdrSlice;
@@ -57,23 +49,10 @@ std::vector<H264Picture> splitAnnexBPictures(const MediaBytes& stream) {
     H264Picture pending;  // units collected for the picture being assembled
     bool pendingHasSlice = false;
 
-    size_t start = findStartCode(stream, 0);
-    while (start < stream.size()) {
-        size_t payload = start + 3;
-        size_t next = findStartCode(stream, payload);
-        size_t end = next;
-        // A four-byte start code leaves one zero byte at the end of the previous unit;
-        // trailing zero bytes never belong to a NAL unit.
-        while (end > payload && stream[end - 1] == 0) {
-            --end;
-        }
-        start = next;
-        if (end == payload) {
-            continue;
-        }
+    for (const ByteRange& range : splitAnnexBUnits(stream.data(), stream.size())) {
         // The unit is read in place and copied once, into the picture it belongs to.
-        const uint8_t* unit = stream.data() + payload;
-        const size_t unitLength = end - payload;
+        const uint8_t* unit = stream.data() + range.offset;
+        const size_t unitLength = range.length;
         int type = unit[0] & 0x1f;
         bool beginsPicture = !isSlice(type) || startsNewPicture(unit, unitLength);
         if (pendingHasSlice && beginsPicture) {
@@ -100,30 +79,23 @@ std::vector<H264Picture> readAnnexBPictures(const std::string& path) {
 std::vector<MediaBytes> splitAdtsFrames(const MediaBytes& stream, AdtsStreamInfo* info) {
     static const int kSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                        22050, 16000, 12000, 11025, 8000,  7350};
-    std::vector<MediaBytes> frames;
-    size_t pos = 0;
-    while (pos + 7 <= stream.size()) {
-        const uint8_t* h = &stream[pos];
-        if (h[0] != 0xff || (h[1] & 0xf0) != 0xf0) {
-            return {};
-        }
-        bool hasCrc = (h[1] & 0x01) == 0;
-        size_t headerLength = hasCrc ? 9 : 7;
-        size_t frameLength = ((h[3] & 0x03) << 11) | (h[4] << 3) | (h[5] >> 5);
-        if (frameLength < headerLength || pos + frameLength > stream.size()) {
-            return {};
-        }
-        if (frames.empty() && info != nullptr) {
-            int rateIndex = (h[2] >> 2) & 0x0f;
-            info->profile = ((h[2] >> 6) & 0x03) + 1;
-            info->sampleRate = rateIndex < 13 ? kSampleRates[rateIndex] : 0;
-            info->channels = ((h[2] & 0x01) << 2) | (h[3] >> 6);
-        }
-        frames.emplace_back(stream.begin() + pos + headerLength,
-                            stream.begin() + pos + frameLength);
-        pos += frameLength;
+    std::vector<ByteRange> ranges;
+    std::vector<size_t> headers;
+    if (splitAdtsFrames(stream.data(), stream.size(), &ranges, &headers).status !=
+        AdtsSplit::COMPLETE)
+        return {};
+    if (!headers.empty() && info != nullptr) {
+        const uint8_t* h = &stream[headers.front()];
+        const int rateIndex = (h[2] >> 2) & 0x0f;
+        info->profile = ((h[2] >> 6) & 0x03) + 1;
+        info->sampleRate = rateIndex < 13 ? kSampleRates[rateIndex] : 0;
+        info->channels = ((h[2] & 0x01) << 2) | (h[3] >> 6);
     }
-    return pos == stream.size() ? frames : std::vector<MediaBytes>();
+    std::vector<MediaBytes> frames;
+    for (const ByteRange& range : ranges)
+        frames.emplace_back(stream.begin() + range.offset,
+                            stream.begin() + range.offset + range.length);
+    return frames;
 }
 
 std::vector<MediaBytes> readAdtsFrames(const std::string& path, AdtsStreamInfo* info) {

@@ -1,6 +1,6 @@
 // Sole owner of a file descriptor: closes it when destroyed or reset; moves, never copies.
-#ifndef TAVO_TOOLS_PLAYENGINE_UNIQUE_FD_H
-#define TAVO_TOOLS_PLAYENGINE_UNIQUE_FD_H
+#ifndef TAVO_COMMON_UNIQUE_FD_H
+#define TAVO_COMMON_UNIQUE_FD_H
 
 #include <unistd.h>
 
@@ -35,4 +35,4 @@ private:
     int mFd = -1;
 };
 
-#endif  // TAVO_TOOLS_PLAYENGINE_UNIQUE_FD_H
+#endif  // TAVO_COMMON_UNIQUE_FD_H

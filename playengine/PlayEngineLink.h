@@ -1,0 +1,51 @@
+// The engine's end of the play-engine connection: the listening socket, the connected
+// client, and one lock under which every send and every close happens. A command can
+// therefore never go out on a descriptor that was closed and reused for something else: a
+// send either reaches the client that is connected at that moment or fails.
+//
+// Threads: the command thread creates and accepts, receives from the client and decides
+// when it goes; application threads and the command thread send; stopCommandThread shuts the
+// listening socket down to wake the command thread. mLock guards both descriptors; it is
+// held only for a close, a shutdown or one non-blocking send, never while waiting.
+#ifndef TAVO_PLAYENGINE_PLAY_ENGINE_LINK_H
+#define TAVO_PLAYENGINE_PLAY_ENGINE_LINK_H
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <mutex>
+
+#include "UniqueFd.h"
+
+class PlayEngineLink {
+public:
+    PlayEngineLink() = default;
+    PlayEngineLink(const PlayEngineLink&) = delete;
+    PlayEngineLink& operator=(const PlayEngineLink&) = delete;
+
+    // The listening socket, owned from here on (command thread).
+    void setListening(UniqueFd socket);
+    // Shuts the listening socket down to wake a poll on it. 1 when there is none, else the
+    // result of shutdown().
+    int shutdownListening();
+    void closeListening();
+    bool listening() const;
+
+    // Makes `client` the connected play engine, closing the former one (command thread).
+    void attachClient(UniqueFd client);
+    void closeClient();
+    // The client's descriptor for the command thread's poll and receive, or -1. Only the
+    // command thread closes or replaces the client, so the number stays valid on it.
+    int client() const;
+
+    // Sends one message to the connected client without blocking; the number of bytes sent,
+    // or -1 with errno set (EBADF with no client). *clientFd receives the descriptor used.
+    ssize_t send(const msghdr& message, int* clientFd);
+
+private:
+    mutable std::mutex mLock;
+    UniqueFd mSocket;     // listening socket; guarded by mLock
+    UniqueFd mFdCommand;  // connected play engine; guarded by mLock
+};
+
+#endif  // TAVO_PLAYENGINE_PLAY_ENGINE_LINK_H

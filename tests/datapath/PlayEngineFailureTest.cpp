@@ -1,0 +1,406 @@
+// Live TV when the play engine dies, hangs or reconnects. The engine runs in a child
+// process; play engines are further processes that connect over the real socket and map the
+// real shared memory. "Within" bounds here are hang detectors, not performance limits.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "EngineDataPath.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+const int kChannel = 40;
+const char kLockTimeoutProperty[] = "persist.mbbms.playengine.lock_timeout_ms";
+
+// Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
+// not end in time is left behind: the test has failed and its process ends soon after.
+class AsyncCall {
+public:
+    explicit AsyncCall(const std::function<void()>& fn)
+        : mDone(std::make_shared<std::atomic<bool>>(false)) {
+        auto done = mDone;
+        mThread = std::thread([fn, done] {
+            fn();
+            done->store(true);
+        });
+    }
+    ~AsyncCall() {
+        if (mThread.joinable())
+            mThread.detach();
+    }
+    // True when fn ends within `bound` (from now).
+    bool endsWithin(milliseconds bound) {
+        const auto giveUp = std::chrono::steady_clock::now() + bound;
+        while (!mDone->load() && std::chrono::steady_clock::now() < giveUp)
+            std::this_thread::sleep_for(milliseconds(2));
+        if (!mDone->load())
+            return false;
+        mThread.join();
+        return true;
+    }
+
+private:
+    std::shared_ptr<std::atomic<bool>> mDone;
+    std::thread mThread;
+};
+
+bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
+    return AsyncCall(fn).endsWithin(bound);
+}
+
+int openDescriptors() {
+    int count = 0;
+    DIR* directory = opendir("/proc/self/fd");
+    while (directory != nullptr && readdir(directory) != nullptr)
+        ++count;
+    if (directory != nullptr)
+        closedir(directory);
+    return count;
+}
+
+// Where a reader stops in its contract for one frame of session 0.
+enum class Step { AFTER_AVAILABLE, AFTER_ACCESSABLE, MID_READ, AFTER_POST };
+
+// A play engine in a process of its own: connects, maps the buffers, follows the reader
+// contract for one frame of session 0 up to `step`, reports that through a pipe and waits
+// there to be killed or stopped.
+class ReaderProcess {
+public:
+    ~ReaderProcess() { kill(SIGKILL); }
+
+    // True once the child has connected and mapped both buffers.
+    bool start(const EngineDataPath& bench, Step step, const std::string& name) {
+        int fds[2];
+        if (pipe(fds) != 0)
+            return false;
+        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        const std::string own = bench.root.path() + "/" + name + ".socket";
+        mPid = fork();
+        if (mPid == 0) {
+            close(fds[0]);
+            runReader(server, own, step, fds[1]);
+        }
+        close(fds[1]);
+        mPipe = fds[0];
+        return mPid > 0 && readReport() == 'c';
+    }
+    bool reachedStep() { return readReport() == 's'; }
+    void kill(int signal) {
+        if (mPid <= 0)
+            return;
+        ::kill(mPid, signal);
+        if (signal == SIGKILL) {
+            waitpid(mPid, nullptr, 0);
+            mPid = -1;
+            close(mPipe);
+            mPipe = -1;
+        }
+    }
+
+private:
+    [[noreturn]] static void runReader(const std::string& server, const std::string& own, Step step,
+                                       int report) {
+        PlayEngineReader reader;
+        if (!reader.connect(server, own).empty())
+            _exit(2);
+        report1(report, 'c');
+        CmmbSharedBuffer* b = reader.buffer(0);
+        auto stopAt = [&](Step here) {
+            if (here != step)
+                return;
+            report1(report, 's');
+            for (;;)
+                pause();
+        };
+        cmmb_sem_wait(&b->mutexDataAvailable);
+        stopAt(Step::AFTER_AVAILABLE);
+        cmmb_sem_wait(&b->mutexDataAccessable);
+        stopAt(Step::AFTER_ACCESSABLE);
+        volatile unsigned sum = 0;
+        for (uint32_t i = 0; i < b->nalCount / 2; ++i)
+            sum += b->data[b->nal[i].offset];
+        stopAt(Step::MID_READ);
+        b->nalCount = 0;
+        b->aacCount = 0;
+        cmmb_sem_post(&b->mutexDataAccessable);
+        stopAt(Step::AFTER_POST);
+        _exit(3);
+    }
+
+    static void report1(int fd, char what) {
+        if (write(fd, &what, 1) != 1)
+            _exit(4);
+    }
+
+    char readReport() {
+        pollfd entry = {mPipe, POLLIN, 0};
+        char report = 0;
+        if (poll(&entry, 1, 20000) != 1 || read(mPipe, &report, 1) != 1)
+            return 0;
+        return report;
+    }
+
+    pid_t mPid = -1;
+    int mPipe = -1;
+};
+
+// Reads session 0 until a frame with `nals` units arrives (earlier frames played while no
+// reader was connected may come first); false when none does within the bound.
+bool readsFrameWith(PlayEngineReader& reader, size_t nals) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        ReadFrame frame;
+        if (!reader.readFrame(0, &frame, 5000))
+            return false;
+        if (frame.nals.size() == nals)
+            return true;
+    }
+    return false;
+}
+
+class ReaderKilled : public ::testing::TestWithParam<Step> {};
+
+TEST_P(ReaderKilled, DeliveryGoesOnAndANewPlayEngineIsServed) {
+    EXPECT_IN_CHILD({
+        // With a lock bound far beyond the checks below, only taking the lock back can let
+        // the agent go on in time.
+        EngineDataPath bench("ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        ReaderProcess reader;
+        ASSERT_TRUE(reader.start(bench, GetParam(), "dying"));
+        bench.playFrame(kChannel, 3, 2);
+        ASSERT_TRUE(reader.reachedStep());
+        // The agent's thread is blocked in a frame start when the reader holds the lock.
+        AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
+        std::this_thread::sleep_for(milliseconds(20));
+        reader.kill(SIGKILL);
+        ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
+        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 3, 2); }));
+
+        PlayEngineReader next;
+        ASSERT_EQ("", next.connect(bench.root.resolve("/data/app/cmmb.socket"),
+                                   bench.root.path() + "/next.socket"));
+        bench.playFrame(kChannel, 5, 1);
+        EXPECT_TRUE(readsFrameWith(next, 5));
+
+        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine->stopTVService(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine->deinit(); }));
+    });
+}
+
+std::string stepName(const ::testing::TestParamInfo<Step>& step) {
+    static const char* const kNames[] = {"AfterDataAvailable", "AfterDataAccessable", "MidRead",
+                                         "AfterPost"};
+    return kNames[static_cast<int>(step.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEachStep, ReaderKilled,
+                         ::testing::Values(Step::AFTER_AVAILABLE, Step::AFTER_ACCESSABLE,
+                                           Step::MID_READ, Step::AFTER_POST),
+                         stepName);
+
+TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR", false, {{kLockTimeoutProperty, "60000"}});
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        int before = -1;
+        for (int cycle = 0; cycle <= 200; ++cycle) {
+            if (cycle == 1)
+                before = openDescriptors();  // after the first connection has set up
+            ReaderProcess reader;
+            ASSERT_TRUE(reader.start(bench, Step::MID_READ, "cycle"));
+            // The reader may take the lock for a frame signalled earlier, before this frame
+            // starts, so the frame may block until the reader is gone.
+            AsyncCall frame([&] { bench.playFrame(kChannel, 2, 1); });
+            ASSERT_TRUE(reader.reachedStep()) << "cycle " << cycle;
+            reader.kill(SIGKILL);
+            ASSERT_TRUE(frame.endsWithin(milliseconds(1000))) << "cycle " << cycle;
+            ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 2, 1); }))
+                << "cycle " << cycle;
+        }
+        // The command thread may still be closing the last connection.
+        for (int i = 0; i < 100 && openDescriptors() != before; ++i)
+            std::this_thread::sleep_for(milliseconds(10));
+        EXPECT_EQ(before, openDescriptors());
+    });
+}
+
+TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        ASSERT_EQ(0, bench.startService(1, 7, kChannel));
+        // A second play engine that takes session 0's lock and is then stopped with SIGSTOP;
+        // this process keeps reading session 1.
+        ReaderProcess hung;
+        ASSERT_TRUE(hung.start(bench, Step::AFTER_ACCESSABLE, "hung"));
+        bench.playFrame(kChannel, 3, 2);
+        ASSERT_TRUE(hung.reachedStep());
+        hung.kill(SIGSTOP);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
+
+        for (int nals = 4; nals <= 6; ++nals) {
+            ASSERT_TRUE(
+                endsWithin(milliseconds(5000), [&] { bench.playFrame(kChannel, nals, 1); }));
+            ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
+            EXPECT_EQ(static_cast<size_t>(nals), frame.nals.size());
+        }
+        EXPECT_EQ(3, bench.root.countLog("A/V DATA LOST(session=0) due to playengine holds"));
+
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopRecording(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopTVService(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->deinit(); }));
+        hung.kill(SIGKILL);
+    });
+}
+
+// 1,000 other clients connect and disconnect while frames flow as fast as the reader takes
+// them: the play engine that keeps its mapping reads every frame, in order.
+TEST(ReconnectStorm, LosesNothingForTheReaderThatStays) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", true);
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        const std::string own = bench.root.path() + "/storm.socket";
+
+        pid_t storm = fork();
+        if (storm == 0) {
+            sockaddr_un engine = {}, self = {};
+            engine.sun_family = self.sun_family = AF_UNIX;
+            strncpy(engine.sun_path, server.c_str(), sizeof(engine.sun_path) - 1);
+            strncpy(self.sun_path, own.c_str(), sizeof(self.sun_path) - 1);
+            int connected = 0;
+            for (int i = 0; i < 1000; ++i) {
+                int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                unlink(own.c_str());
+                bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof(self));
+                connected += connect(fd, reinterpret_cast<sockaddr*>(&engine), sizeof(engine)) == 0;
+                close(fd);
+            }
+            _exit(connected == 1000 ? 0 : 1);
+        }
+        ASSERT_GT(storm, 0);
+
+        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        Bytes unit = nalUnit(4, 0x41, 200);
+        long played = 0, readInOrder = 0;
+        int stormStatus = -1;
+        while (waitpid(storm, &stormStatus, WNOHANG) == 0 || played < 2000) {
+            agentSide->onOutputAVStart(kChannel, nullptr, 0);
+            agentSide->onClearVideoNalData(kChannel, static_cast<unsigned long>(played), 0,
+                                           unit.data(), static_cast<unsigned short>(unit.size()),
+                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            agentSide->onOutputAVEnd(kChannel, false);
+            CmmbSharedBuffer* b = bench.buffer(0);
+            ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAvailable, 5000)) << "frame " << played;
+            ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAccessable, 5000)) << "frame " << played;
+            readInOrder += b->nalCount == 1 && b->nal[0].tsBase == static_cast<uint32_t>(played);
+            b->nalCount = 0;
+            b->aacCount = 0;
+            cmmb_sem_post(&b->mutexDataAccessable);
+            ++played;
+        }
+        ASSERT_TRUE(WIFEXITED(stormStatus));
+        EXPECT_EQ(0, WEXITSTATUS(stormStatus)) << "some storm connections were not accepted";
+        EXPECT_EQ(played, readInOrder);
+        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ(0, bench.root.countLog("taken back"));
+    });
+}
+
+// What a client running as `uid` gets from the engine: 'A' when connect() itself is
+// refused (socket file permissions), 'C' when the engine closes the connection without
+// sending anything, 'S' when it receives both "sharebuffer" commands.
+char connectAs(uid_t uid, const std::string& server, const std::string& own) {
+    int fds[2];
+    if (pipe(fds) != 0)
+        return 0;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        char result = 'E';
+        if (setgid(uid) == 0 && setuid(uid) == 0) {
+            umask(0);
+            EngineConnection connection(server, own);
+            std::string error;
+            if (!connection.connect(&error)) {
+                result = 'A';
+            } else {
+                EngineCommand first, second;
+                const EngineConnection::ReceiveResult answer = connection.receive(&first, 5000);
+                if (answer == EngineConnection::CLOSED)
+                    result = 'C';
+                else if (answer == EngineConnection::RECEIVED &&
+                         connection.receive(&second, 5000) == EngineConnection::RECEIVED)
+                    result = 'S';
+            }
+        }
+        if (write(fds[1], &result, 1) != 1)
+            _exit(1);
+        _exit(0);
+    }
+    close(fds[1]);
+    char result = 0;
+    pollfd entry = {fds[0], POLLIN, 0};
+    if (poll(&entry, 1, 30000) != 1 || read(fds[0], &result, 1) != 1)
+        result = 0;
+    close(fds[0]);
+    waitpid(pid, nullptr, 0);
+    return result;
+}
+
+// Another user's process may not take over the play engine's connection and its buffers,
+// even with umask 0 and directories open to everyone; a uid listed in the property may.
+TEST(OtherUsersClient, IsRefusedWhileThePlayEngineKeepsItsFrames) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run clients under other uids";
+    EXPECT_IN_CHILD({
+        umask(0);
+        EngineDataPath bench("ERROR,WARNING", true,
+                             {{"persist.mbbms.playengine.uids", "4243, 4242"}});
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        struct stat status;
+        ASSERT_EQ(0, stat(server.c_str(), &status));
+        EXPECT_EQ(0660u, status.st_mode & 0777u);
+        for (const char* directory : {"", "/data", "/data/app"})
+            ASSERT_EQ(0, chmod((bench.root.path() + directory).c_str(), 0777));
+
+        EXPECT_EQ('A', connectAs(4343, server, bench.root.path() + "/other.socket"));
+        // With the socket file opened up as well, the credentials still refuse the client.
+        ASSERT_EQ(0, chmod(server.c_str(), 0666));
+        EXPECT_EQ('C', connectAs(4343, server, bench.root.path() + "/other.socket"));
+        EXPECT_TRUE(bench.root.logContains("client of uid 4343 is not allowed to connect"));
+        EXPECT_FALSE(bench.root.logContains("now force close former one"));
+
+        bench.playFrame(kChannel, 4, 1);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
+        EXPECT_EQ(4u, frame.nals.size());
+
+        EXPECT_EQ('S', connectAs(4242, server, bench.root.path() + "/listed.socket"));
+    });
+}
+
+}  // namespace
