@@ -119,14 +119,12 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
         // unit of it, or within one and a half units for a negative duration (the rounding
         // adds half a unit and truncates toward zero).
         if (options.checkDurations) {
-            const int64_t difference =
-                mediaDuration * static_cast<int64_t>(movieScale) -
-                trackDuration * static_cast<int64_t>(mediaScale);
+            const int64_t difference = mediaDuration * static_cast<int64_t>(movieScale) -
+                                       trackDuration * static_cast<int64_t>(mediaScale);
             if (static_cast<uint64_t>(std::llabs(2 * difference)) > 3 * (movieScale + mediaScale))
                 return describe("mdhd and tkhd durations disagree", t) + ": " +
-                       std::to_string(mediaDuration) + "/" + std::to_string(mediaScale) +
-                       " and " + std::to_string(trackDuration) + "/" +
-                       std::to_string(movieScale);
+                       std::to_string(mediaDuration) + "/" + std::to_string(mediaScale) + " and " +
+                       std::to_string(trackDuration) + "/" + std::to_string(movieScale);
         }
     }
     if (options.checkDurations && movieDuration != longestTrack)

@@ -1,1 +1,3 @@
-extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) {
+    return 0;
+}

@@ -55,9 +55,14 @@ struct TrackSet {
 };
 
 const TrackSet kTrackSets[8] = {
-    {{kAvc, nullptr}, 1},          {{kAac, nullptr}, 1},       {{kAvc, kAac}, 2},
-    {{kAac, kAvc}, 2},             {{"video/mp4v-es", kAac}, 2}, {{"video/3gpp", nullptr}, 1},
-    {{"VIDEO/AVC", "audio/aac"}, 2}, {{"video/unknown", kAac}, 2},
+    {{kAvc, nullptr}, 1},
+    {{kAac, nullptr}, 1},
+    {{kAvc, kAac}, 2},
+    {{kAac, kAvc}, 2},
+    {{"video/mp4v-es", kAac}, 2},
+    {{"video/3gpp", nullptr}, 1},
+    {{"VIDEO/AVC", "audio/aac"}, 2},
+    {{"video/unknown", kAac}, 2},
 };
 const int32_t kTimeScales[8] = {22500, 24000, 48000, 90000, 1000, 600, 1, 96000};
 const uint32_t kInterleaves[4] = {22500, 0, 1, 45000};
@@ -88,8 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static std::unique_ptr<_CmmbOutBuffer> sample(new _CmmbOutBuffer());
     InputBytes in(data, size);
 
-    const uint8_t config = in.u8(), scales = in.u8(), audioAndInterleave = in.u8(),
-                  limit = in.u8();
+    const uint8_t config = in.u8(), scales = in.u8(), audioAndInterleave = in.u8(), limit = in.u8();
     const TrackSet& set = kTrackSets[config & 7];
     CmmbMediaSource sources[2];
     for (int i = 0; i < set.count; ++i) {
@@ -112,43 +116,43 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int operations = 0; !in.empty() && operations < 4096; ++operations) {
         const uint8_t op = in.u8();
         switch (op & 7) {
-        case 4:
-            writer->pause();
-            break;
-        case 5:
-            writer->start(&meta);  // resume
-            break;
-        case 6:
-            if (writer->queryMoovLength() < 0) {
-                fprintf(stderr, "negative moov estimate\n");
-                abort();
+            case 4:
+                writer->pause();
+                break;
+            case 5:
+                writer->start(&meta);  // resume
+                break;
+            case 6:
+                if (writer->queryMoovLength() < 0) {
+                    fprintf(stderr, "negative moov estimate\n");
+                    abort();
+                }
+                break;
+            default: {  // a sample: track and sync flag, time step, size, bytes
+                const uint8_t what = in.u8();
+                const int16_t step = static_cast<int16_t>(in.u16());
+                if (wildTicks() && (what & 0x80) != 0) {
+                    uint64_t raw = 0;
+                    for (int i = 0; i < 8; ++i)
+                        raw = raw << 8 | in.u8();
+                    now = static_cast<int64_t>(raw);
+                } else {
+                    now += step * kTickSteps[(what >> 2) & 3];
+                    if (!wildTicks() && (now > (1 << 26) || now < -(1 << 26)))
+                        now = 0;
+                }
+                uint16_t length = in.u16();
+                if (length > CMMB_SAMPLE_STORAGE_SIZE)
+                    length = CMMB_SAMPLE_STORAGE_SIZE;
+                sample->mime = set.mimes[(what & 1) % set.count];
+                sample->timestamp = now;
+                sample->length = length;
+                sample->data = sample->storage;
+                in.bytes(sample->storage, length);
+                sample->isSyncFrame = (what & 2) != 0;
+                writer->writeout(sample.get());
+                break;
             }
-            break;
-        default: {  // a sample: track and sync flag, time step, size, bytes
-            const uint8_t what = in.u8();
-            const int16_t step = static_cast<int16_t>(in.u16());
-            if (wildTicks() && (what & 0x80) != 0) {
-                uint64_t raw = 0;
-                for (int i = 0; i < 8; ++i)
-                    raw = raw << 8 | in.u8();
-                now = static_cast<int64_t>(raw);
-            } else {
-                now += step * kTickSteps[(what >> 2) & 3];
-                if (!wildTicks() && (now > (1 << 26) || now < -(1 << 26)))
-                    now = 0;
-            }
-            uint16_t length = in.u16();
-            if (length > CMMB_SAMPLE_STORAGE_SIZE)
-                length = CMMB_SAMPLE_STORAGE_SIZE;
-            sample->mime = set.mimes[(what & 1) % set.count];
-            sample->timestamp = now;
-            sample->length = length;
-            sample->data = sample->storage;
-            in.bytes(sample->storage, length);
-            sample->isSyncFrame = (what & 2) != 0;
-            writer->writeout(sample.get());
-            break;
-        }
         }
     }
     const int stopped = writer->stop();
