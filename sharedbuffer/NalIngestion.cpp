@@ -46,6 +46,9 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
                        int pos) {
     if (TLOG_ENABLED(DATA_NAL))
         logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos);
+    // Only the two flags count: other bits of an agent's value would otherwise reach the
+    // record's pos, where 2 and 0 mean an open unit and 3 none.
+    pos &= kBeginsUnit | kEndsUnit;
 
     // The whole fragment, start code included, must fit before anything is rewound.
     const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
