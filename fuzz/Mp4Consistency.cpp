@@ -1,7 +1,6 @@
 #include "Mp4Consistency.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 namespace {
@@ -119,9 +118,11 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
         // unit of it, or within one and a half units for a negative duration (the rounding
         // adds half a unit and truncates toward zero).
         if (options.checkDurations) {
-            const int64_t difference = mediaDuration * static_cast<int64_t>(movieScale) -
-                                       trackDuration * static_cast<int64_t>(mediaScale);
-            if (static_cast<uint64_t>(std::llabs(2 * difference)) > 3 * (movieScale + mediaScale))
+            // 128 bits: a corrupt file may hold any 32-bit scales and durations.
+            const __int128 difference = static_cast<__int128>(mediaDuration) * movieScale -
+                                        static_cast<__int128>(trackDuration) * mediaScale;
+            const __int128 bound = 3 * (static_cast<__int128>(movieScale) + mediaScale);
+            if (2 * difference > bound || -2 * difference > bound)
                 return describe("mdhd and tkhd durations disagree", t) + ": " +
                        std::to_string(mediaDuration) + "/" + std::to_string(mediaScale) + " and " +
                        std::to_string(trackDuration) + "/" + std::to_string(movieScale);
