@@ -18,8 +18,11 @@ FuzzEngine& FuzzEngine::instance() {
 }
 
 FuzzEngine::FuzzEngine() {
-    setenv("TAVO_LOGMASK", "none", 1);
-    setenv("TAVO_LOG_FILE", "/dev/null", 1);
+    // Logging stays off unless a debugging session asks for it.
+    const char* mask = getenv("TAVO_FUZZ_LOGMASK");
+    const char* logFile = getenv("TAVO_FUZZ_LOG_FILE");
+    setenv("TAVO_LOGMASK", mask != nullptr ? mask : "none", 1);
+    setenv("TAVO_LOG_FILE", logFile != nullptr ? logFile : "/dev/null", 1);
     mEngine = TavoMBBMSEngineImpl::getInstance();
     mAgent = fakeAgentAt(mRoot.resolve("/system/lib/libsiano.so"));
     if (mAgent == nullptr)

@@ -1,9 +1,10 @@
 // The play engine's side of the command socket: a fake client sends arbitrary byte streams,
 // with descriptors (socketpair ends) passed by SCM_RIGHTS, into the engine's command thread,
 // disconnects, reconnects and displaces itself with a second client. After each input the
-// engine must still serve the client (a well-formed capture result reaches the application),
-// and every descriptor the client passed must have been closed by the engine. The indication
-// parser is also checked on its own against strtol.
+// engine must still serve the client (it still receives and closes a passed descriptor),
+// whole indications must each reach the application as the capture result their code
+// names, and every descriptor the client passed must have been closed by the engine. The
+// indication parser is also checked on its own against strtol.
 //
 // Input: operations (see the switch below); the first 32 bytes also feed the parser check.
 #include <dirent.h>
@@ -15,13 +16,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "FuzzEngine.h"
 #include "IndicationCode.h"
@@ -95,40 +94,47 @@ public:
     // Sends `size` bytes in one message with `descriptors` fresh socketpair ends attached;
     // the client's own copies are closed at once, so only the engine holds them.
     void send(const uint8_t* data, size_t size, int descriptors) {
-        int pairs[3][2];
+        int pairs[3][2], passed[3];
+        for (int i = 0; i < descriptors; ++i) {
+            socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[i]);
+            passed[i] = pairs[i][0];
+        }
+        sendWith(data, size, passed, descriptors);
+        for (int i = 0; i < descriptors; ++i) {
+            close(pairs[i][0]);
+            close(pairs[i][1]);
+        }
+    }
+    // Sends `size` bytes in one message with `count` (up to 3) of the caller's descriptors.
+    void sendWith(const uint8_t* data, size_t size, const int* descriptors, int count) {
         alignas(cmsghdr) unsigned char control[CMSG_SPACE(3 * sizeof(int))];
         iovec piece = {const_cast<uint8_t*>(data), size};
         msghdr message;
         memset(&message, 0, sizeof(message));
         message.msg_iov = &piece;
         message.msg_iovlen = 1;
-        if (descriptors > 0) {
+        if (count > 0) {
             message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(descriptors * sizeof(int));
+            message.msg_controllen = CMSG_SPACE(count * sizeof(int));
             cmsghdr* header = CMSG_FIRSTHDR(&message);
             header->cmsg_level = SOL_SOCKET;
             header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(descriptors * sizeof(int));
-            for (int i = 0; i < descriptors; ++i) {
-                socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[i]);
-                memcpy(CMSG_DATA(header) + i * sizeof(int), &pairs[i][0], sizeof(int));
-            }
+            header->cmsg_len = CMSG_LEN(count * sizeof(int));
+            memcpy(CMSG_DATA(header), descriptors, count * sizeof(int));
         }
         // A message without bytes cannot carry descriptors on a stream socket.
         if (size > 0 && sendmsg(mFd, &message, MSG_NOSIGNAL) < 0 && errno != EPIPE &&
             errno != ECONNRESET)
             fuzzFailure(std::string("sendmsg failed: ") + strerror(errno));
-        for (int i = 0; i < descriptors; ++i) {
-            close(pairs[i][0]);
-            close(pairs[i][1]);
-        }
     }
 
     // Waits until the engine has received every byte sent so far.
     void waitUntilReceived() {
         for (int waited = 0;; ++waited) {
             int unread = 0;
-            if (ioctl(mFd, SIOCOUTQ, &unread) != 0 || unread == 0)
+            if (ioctl(mFd, SIOCOUTQ, &unread) != 0)
+                fuzzFailure(std::string("SIOCOUTQ failed: ") + strerror(errno));
+            if (unread == 0)
                 return;
             if (waited > kWaitMs * 10)
                 fuzzFailure("the engine stopped reading the client");
@@ -172,22 +178,26 @@ private:
     int mFd = -1;
 };
 
-// The engine handled everything sent before: a capture success sent now, alone in the
-// stream, reaches the application.
-void expectServed(FakeClient& client) {
-    CountingCallback& app = FuzzEngine::instance().callback();
+// Waits until the engine has handled everything sent before. The marker is an indication
+// of no known code (it reaches the application as nothing) carrying one end of a fresh
+// socketpair: the engine closes passed descriptors as it receives them, so the other end
+// reads end-of-file once the marker is received. The command thread works in order, so
+// every earlier indication has then reached the application.
+void syncWithEngine(FakeClient& client) {
+    // Bytes already read are handled before the marker is; the marker, sent into an empty
+    // stream, is read alone.
     client.waitUntilReceived();
-    const int before = app.events(EVENT_CAPTURE_SUCCESS);
-    PlayEngineIndicationMessage success;
-    memset(&success, 0, sizeof(success));
-    success.code[0] = '3';
-    client.send(reinterpret_cast<const uint8_t*>(&success), sizeof(success), 0);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-    while (app.events(EVENT_CAPTURE_SUCCESS) == before) {
-        if (std::chrono::steady_clock::now() > deadline)
-            fuzzFailure("the engine no longer handles indications");
-        std::this_thread::yield();
-    }
+    int pair[2];
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
+    PlayEngineIndicationMessage marker;
+    memset(&marker, 0, sizeof(marker));
+    client.sendWith(reinterpret_cast<const uint8_t*>(&marker), sizeof(marker), &pair[0], 1);
+    close(pair[0]);
+    pollfd entry = {pair[1], POLLIN, 0};
+    char byte;
+    if (poll(&entry, 1, kWaitMs) != 1 || read(pair[1], &byte, 1) != 0)
+        fuzzFailure("the engine no longer handles indications or keeps a passed descriptor");
+    close(pair[1]);
 }
 
 }  // namespace
@@ -200,6 +210,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!client.connected())
         client.connect();
     const int descriptorsBefore = openDescriptors();
+    CountingCallback& app = engine.callback();
+    const int successesBefore = app.events(EVENT_CAPTURE_SUCCESS);
+    const int failuresBefore = app.events(EVENT_CAPTURE_FAIL);
+    // Whole indications sent into an empty stream are read one per receive, so their capture
+    // results are known; loose bytes may be cut anywhere, and then they are not.
+    bool resultsKnown = true;
+    int successes = 0, failures = 0;
 
     size_t position = 0;
     int reconnects = 0;
@@ -213,10 +230,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     length = size - position;
                 client.send(data + position, length, position % 4);
                 position += length;
+                resultsKnown = resultsKnown && length == 0;
                 break;
             }
             case 2:  // a whole 64-byte indication out of the next bytes
                 if (size - position >= sizeof(PlayEngineIndicationMessage)) {
+                    const int code =
+                        parseIndicationCode(reinterpret_cast<const char*>(data + position),
+                                            sizeof(PlayEngineIndicationMessage::code));
+                    successes += code == 3;
+                    failures += code == 4;
+                    client.waitUntilReceived();
                     client.send(data + position, sizeof(PlayEngineIndicationMessage), op & 3);
                     position += sizeof(PlayEngineIndicationMessage);
                 }
@@ -224,8 +248,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 3:  // disconnect and come back, or be displaced by a second client and return
                 if (++reconnects > 2)
                     break;
+                // What the engine has not read yet when the connection ends is lost with it.
+                client.waitUntilReceived();
                 if (op & 1) {
-                    client.waitUntilReceived();
                     client.disconnect();
                     client.connect();
                 } else {
@@ -237,7 +262,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
         }
     }
-    expectServed(client);
+    syncWithEngine(client);
+    const int reportedSuccesses = app.events(EVENT_CAPTURE_SUCCESS) - successesBefore;
+    const int reportedFailures = app.events(EVENT_CAPTURE_FAIL) - failuresBefore;
+    if (resultsKnown && (reportedSuccesses != successes || reportedFailures != failures))
+        fuzzFailure("capture results reported: " + std::to_string(reportedSuccesses) + " and " +
+                    std::to_string(reportedFailures) + " failures for " +
+                    std::to_string(successes) + " and " + std::to_string(failures) + " sent");
     if (openDescriptors() != descriptorsBefore)
         fuzzFailure("descriptors leaked: " + std::to_string(descriptorsBefore) + " before, " +
                     std::to_string(openDescriptors()) + " after");
