@@ -71,9 +71,11 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
     if ((pos & kBeginsUnit) != 0) {
         if (unitOpen) {
             TLOG(WARNING, "last NAL is not ended, overwrite it!");
-            record.length = 0;
-            if (record.offset <= buffer->dataLength)
+            // Its bytes are given back only when nothing was appended after them: an AAC
+            // frame behind them is still counted.
+            if (static_cast<uint64_t>(record.offset) + record.length == buffer->dataLength)
                 buffer->dataLength = record.offset;
+            record.length = 0;
             record.pos = CMMB_NAL_POS_NONE_OPEN;
         }
         const int startCode = getStartCodeLength(data, length);
@@ -90,6 +92,17 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
     } else if (!unitOpen) {
         TLOG(WARNING, "current NAL has no beginning, drop it!");
         return false;
+    } else if (static_cast<uint64_t>(record.offset) + record.length != buffer->dataLength) {
+        // An AAC frame was appended after the unit's earlier fragments: the unit moves
+        // behind it, so that its bytes stay contiguous and no item overlaps another.
+        if (needed + record.length > CMMB_PAYLOAD_LIMIT) {
+            TLOG(WARNING, "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
+                 static_cast<int>(needed + record.length), 65535);
+            return false;
+        }
+        memcpy(buffer->data + buffer->dataLength, buffer->data + record.offset, record.length);
+        record.offset = buffer->dataLength;
+        buffer->dataLength += record.length;
     }
 
     if (count > 0)
