@@ -12,9 +12,11 @@
 // GuardedMappings.h).
 //
 // Input: one configuration byte, then frames (see decodeFrame).
-// TAVO_FUZZ_WILD_TICKS=1 lets tsBase and tsRelative take any 32-bit value; by default they
-// stay small and increasing, clear of the signed overflow known in the writer's tick
-// conversion (left to the recording work to fix).
+// TAVO_FUZZ_WILD_TICKS=1 lets tsBase and tsRelative take any 32-bit value. By default the
+// presentation times only increase, in small steps: the recording path computes a sample's
+// time modulo 2^32 from the first SPS's, so an earlier time becomes a huge one, which the
+// writer's tick conversions (mp4writer/MediaTicks.h) overflow on; that is left to the
+// recording work to fix.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -153,7 +155,8 @@ void readBuffers() {
         fuzzFailure(outside);
 }
 
-// Presentation times: by default small and increasing from an input-chosen start.
+// Presentation times: by default in small, never decreasing steps from an input-chosen
+// start, carried by tsBase or tsRelative as the input chooses.
 struct TickClock {
     uint32_t base = 0;
     void next(InputBytes& in, unsigned long* tsBase, unsigned long* tsRelative) {
@@ -161,9 +164,10 @@ struct TickClock {
             *tsBase = in.u32();
             *tsRelative = in.u32();
         } else {
-            base += in.u8();
-            *tsBase = base;
-            *tsRelative = in.u8();
+            const uint8_t step = in.u8(), split = in.u8();
+            base += step;
+            *tsRelative = split <= base ? split : base;
+            *tsBase = base - *tsRelative;
         }
     }
 };
