@@ -28,8 +28,9 @@ enum MBBMSRequest {
 class TAVO_EXPORT MBBMSAgent {
 public:
     // Position of a video fragment within a NAL unit: bit 1 = begins one (and starts with
-    // an Annex B start code), bit 0 = ends one.
-    enum NAL_FRAGMENT_POS_IND {
+    // an Annex B start code), bit 0 = ends one. An agent may pass any int: the fixed
+    // underlying type makes every value a valid one (the engine reads only the two flags).
+    enum NAL_FRAGMENT_POS_IND : int {
         NAL_FRAGMENT_MIDDLE = 0,
         NAL_FRAGMENT_END = 1,
         NAL_FRAGMENT_START = 2,

@@ -46,6 +46,9 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
                        int pos, const char* caller) {
     if (TLOG_ENABLED(DATA_NAL))
         logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos, caller);
+    // Only the two flags count: other bits of an agent's value would otherwise reach the
+    // record's pos, where 2 and 0 mean an open unit and 3 none.
+    pos &= kBeginsUnit | kEndsUnit;
 
     // The whole fragment, start code included, must fit before anything is rewound.
     const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
@@ -68,9 +71,11 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
     if ((pos & kBeginsUnit) != 0) {
         if (unitOpen) {
             TLOG_FOR(caller, WARNING, "last NAL is not ended, overwrite it!");
-            record.length = 0;
-            if (record.offset <= buffer->dataLength)
+            // Its bytes are given back only when nothing was appended after them: an AAC
+            // frame behind them is still counted.
+            if (static_cast<uint64_t>(record.offset) + record.length == buffer->dataLength)
                 buffer->dataLength = record.offset;
+            record.length = 0;
             record.pos = CMMB_NAL_POS_NONE_OPEN;
         }
         const int startCode = getStartCodeLength(data, length);
@@ -87,6 +92,20 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
     } else if (!unitOpen) {
         TLOG_FOR(caller, WARNING, "current NAL has no beginning, drop it!");
         return false;
+    } else if (static_cast<uint64_t>(record.offset) + record.length != buffer->dataLength) {
+        // An AAC frame was appended after the unit's earlier fragments: the unit moves
+        // behind it, so that its bytes stay contiguous and no item overlaps another. A record
+        // that a misbehaving reader moved past the data is dropped with the fragment.
+        if (needed + record.length > CMMB_PAYLOAD_LIMIT ||
+            static_cast<uint64_t>(record.offset) + record.length > buffer->dataLength) {
+            TLOG_FOR(caller, WARNING,
+                     "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
+                     static_cast<int>(needed + record.length), 65535);
+            return false;
+        }
+        memcpy(buffer->data + buffer->dataLength, buffer->data + record.offset, record.length);
+        record.offset = buffer->dataLength;
+        buffer->dataLength += record.length;
     }
 
     if (count > 0)

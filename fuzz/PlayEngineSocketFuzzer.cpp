@@ -1,0 +1,276 @@
+// The play engine's side of the command socket: a fake client sends arbitrary byte streams,
+// with descriptors (socketpair ends) passed by SCM_RIGHTS, into the engine's command thread,
+// disconnects, reconnects and displaces itself with a second client. After each input the
+// engine must still serve the client (it still receives and closes a passed descriptor),
+// whole indications must each reach the application as the capture result their code
+// names, and every descriptor the client passed must have been closed by the engine. The
+// indication parser is also checked on its own against strtol.
+//
+// Input: operations (see the switch below); the first 32 bytes also feed the parser check.
+#include <dirent.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "FuzzEngine.h"
+#include "IndicationCode.h"
+#include "PlayEngineProtocol.h"
+
+namespace {
+
+const int kWaitMs = 20000;  // bound on every wait for the engine: a hang is a finding
+
+int openDescriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (dirent* entry = readdir(dir))
+        count += entry->d_name[0] != '.';
+    closedir(dir);
+    return count - 1;  // the directory's own descriptor
+}
+
+// The parser against strtol on a terminated copy, clamped to int.
+void checkIndicationParser(const uint8_t* data, size_t size) {
+    const size_t fieldSize = size < 32 ? size : 32;
+    char* field = new char[fieldSize];  // exactly the field, so ASan sees any overrun
+    memcpy(field, data, fieldSize);
+    const int parsed = parseIndicationCode(field, fieldSize);
+    char terminated[33] = {};
+    memcpy(terminated, field, fieldSize);
+    delete[] field;
+    // strtol also takes "0x"-free decimal with the same white space and sign rules.
+    long long expected = strtoll(terminated, nullptr, 10);
+    if (expected > INT_MAX)
+        expected = INT_MAX;
+    if (expected < INT_MIN)
+        expected = INT_MIN;
+    if (parsed != expected)
+        fuzzFailure("parseIndicationCode gave " + std::to_string(parsed) + ", strtol " +
+                    std::to_string(expected));
+}
+
+// One play-engine client bound to its own path.
+class FakeClient {
+public:
+    explicit FakeClient(const std::string& ownPath) : mPath(ownPath) {}
+    ~FakeClient() { disconnect(); }
+
+    // Connects and takes the two "sharebuffer" commands (closing their descriptors).
+    void connect() {
+        const FuzzEngine& engine = FuzzEngine::instance();
+        mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un own = address(mPath);
+        unlink(mPath.c_str());
+        if (bind(mFd, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
+            fuzzFailure("client bind failed");
+        sockaddr_un server = address(engine.root().resolve("/data/app/cmmb.socket"));
+        for (int attempts = 0;
+             ::connect(mFd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0;
+             ++attempts) {
+            if (attempts > kWaitMs / 10)
+                fuzzFailure("the engine's command socket does not accept");
+            usleep(10000);
+        }
+        for (int i = 0; i < 2; ++i)
+            takeCommand();
+    }
+    void disconnect() {
+        if (mFd >= 0)
+            close(mFd);
+        mFd = -1;
+    }
+    bool connected() const { return mFd >= 0; }
+
+    // Sends `size` bytes in one message with `descriptors` fresh socketpair ends attached;
+    // the client's own copies are closed at once, so only the engine holds them.
+    void send(const uint8_t* data, size_t size, int descriptors) {
+        int pairs[3][2], passed[3];
+        for (int i = 0; i < descriptors; ++i) {
+            socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[i]);
+            passed[i] = pairs[i][0];
+        }
+        sendWith(data, size, passed, descriptors);
+        for (int i = 0; i < descriptors; ++i) {
+            close(pairs[i][0]);
+            close(pairs[i][1]);
+        }
+    }
+    // Sends `size` bytes in one message with `count` (up to 3) of the caller's descriptors.
+    void sendWith(const uint8_t* data, size_t size, const int* descriptors, int count) {
+        alignas(cmsghdr) unsigned char control[CMSG_SPACE(3 * sizeof(int))];
+        iovec piece = {const_cast<uint8_t*>(data), size};
+        msghdr message;
+        memset(&message, 0, sizeof(message));
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
+        if (count > 0) {
+            message.msg_control = control;
+            message.msg_controllen = CMSG_SPACE(count * sizeof(int));
+            cmsghdr* header = CMSG_FIRSTHDR(&message);
+            header->cmsg_level = SOL_SOCKET;
+            header->cmsg_type = SCM_RIGHTS;
+            header->cmsg_len = CMSG_LEN(count * sizeof(int));
+            memcpy(CMSG_DATA(header), descriptors, count * sizeof(int));
+        }
+        // A message without bytes cannot carry descriptors on a stream socket.
+        if (size > 0 && sendmsg(mFd, &message, MSG_NOSIGNAL) < 0 && errno != EPIPE &&
+            errno != ECONNRESET)
+            fuzzFailure(std::string("sendmsg failed: ") + strerror(errno));
+    }
+
+    // Waits until the engine has received every byte sent so far.
+    void waitUntilReceived() {
+        for (int waited = 0;; ++waited) {
+            int unread = 0;
+            if (ioctl(mFd, SIOCOUTQ, &unread) != 0)
+                fuzzFailure(std::string("SIOCOUTQ failed: ") + strerror(errno));
+            if (unread == 0)
+                return;
+            if (waited > kWaitMs * 10)
+                fuzzFailure("the engine stopped reading the client");
+            usleep(100);
+        }
+    }
+
+private:
+    static sockaddr_un address(const std::string& path) {
+        sockaddr_un a;
+        memset(&a, 0, sizeof(a));
+        a.sun_family = AF_UNIX;
+        strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
+        return a;
+    }
+    void takeCommand() {
+        pollfd entry = {mFd, POLLIN, 0};
+        if (poll(&entry, 1, kWaitMs) != 1)
+            fuzzFailure("no sharebuffer command after connecting");
+        PlayEngineCommandMessage command;
+        alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
+        iovec piece = {&command, sizeof(command)};
+        msghdr message;
+        memset(&message, 0, sizeof(message));
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        if (recvmsg(mFd, &message, MSG_WAITALL | MSG_CMSG_CLOEXEC) != sizeof(command))
+            fuzzFailure("short sharebuffer command");
+        for (cmsghdr* h = CMSG_FIRSTHDR(&message); h != nullptr; h = CMSG_NXTHDR(&message, h)) {
+            if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_RIGHTS) {
+                int fd;
+                memcpy(&fd, CMSG_DATA(h), sizeof(fd));
+                close(fd);
+            }
+        }
+    }
+
+    std::string mPath;
+    int mFd = -1;
+};
+
+// Waits until the engine has handled everything sent before. The marker is an indication
+// of no known code (it reaches the application as nothing) carrying one end of a fresh
+// socketpair: the engine closes passed descriptors as it receives them, so the other end
+// reads end-of-file once the marker is received. The command thread works in order, so
+// every earlier indication has then reached the application.
+void syncWithEngine(FakeClient& client) {
+    // Bytes already read are handled before the marker is; the marker, sent into an empty
+    // stream, is read alone.
+    client.waitUntilReceived();
+    int pair[2];
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
+    PlayEngineIndicationMessage marker;
+    memset(&marker, 0, sizeof(marker));
+    client.sendWith(reinterpret_cast<const uint8_t*>(&marker), sizeof(marker), &pair[0], 1);
+    close(pair[0]);
+    pollfd entry = {pair[1], POLLIN, 0};
+    char byte;
+    if (poll(&entry, 1, kWaitMs) != 1 || read(pair[1], &byte, 1) != 0)
+        fuzzFailure("the engine no longer handles indications or keeps a passed descriptor");
+    close(pair[1]);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzEngine& engine = FuzzEngine::instance();
+    static FakeClient client(engine.root().path() + "/playengine-a.socket");
+    static FakeClient rival(engine.root().path() + "/playengine-b.socket");
+    checkIndicationParser(data, size);
+    if (!client.connected())
+        client.connect();
+    const int descriptorsBefore = openDescriptors();
+    CountingCallback& app = engine.callback();
+    const int successesBefore = app.events(EVENT_CAPTURE_SUCCESS);
+    const int failuresBefore = app.events(EVENT_CAPTURE_FAIL);
+    // Whole indications sent into an empty stream are read one per receive, so their capture
+    // results are known; loose bytes may be cut anywhere, and then they are not.
+    bool resultsKnown = true;
+    int successes = 0, failures = 0;
+
+    size_t position = 0;
+    int reconnects = 0;
+    while (position < size) {
+        const uint8_t op = data[position++];
+        switch (op >> 6) {
+            case 0:
+            case 1: {  // up to 127 bytes, with 0 to 3 descriptors
+                size_t length = op & 0x7F;
+                if (length > size - position)
+                    length = size - position;
+                client.send(data + position, length, position % 4);
+                position += length;
+                resultsKnown = resultsKnown && length == 0;
+                break;
+            }
+            case 2:  // a whole 64-byte indication out of the next bytes
+                if (size - position >= sizeof(PlayEngineIndicationMessage)) {
+                    const int code =
+                        parseIndicationCode(reinterpret_cast<const char*>(data + position),
+                                            sizeof(PlayEngineIndicationMessage::code));
+                    successes += code == 3;
+                    failures += code == 4;
+                    client.waitUntilReceived();
+                    client.send(data + position, sizeof(PlayEngineIndicationMessage), op & 3);
+                    position += sizeof(PlayEngineIndicationMessage);
+                }
+                break;
+            case 3:  // disconnect and come back, or be displaced by a second client and return
+                if (++reconnects > 2)
+                    break;
+                // What the engine has not read yet when the connection ends is lost with it.
+                client.waitUntilReceived();
+                if (op & 1) {
+                    client.disconnect();
+                    client.connect();
+                } else {
+                    rival.connect();
+                    rival.disconnect();
+                    client.disconnect();
+                    client.connect();
+                }
+                break;
+        }
+    }
+    syncWithEngine(client);
+    const int reportedSuccesses = app.events(EVENT_CAPTURE_SUCCESS) - successesBefore;
+    const int reportedFailures = app.events(EVENT_CAPTURE_FAIL) - failuresBefore;
+    if (resultsKnown && (reportedSuccesses != successes || reportedFailures != failures))
+        fuzzFailure("capture results reported: " + std::to_string(reportedSuccesses) + " and " +
+                    std::to_string(reportedFailures) + " failures for " +
+                    std::to_string(successes) + " and " + std::to_string(failures) + " sent");
+    if (openDescriptors() != descriptorsBefore)
+        fuzzFailure("descriptors leaked: " + std::to_string(descriptorsBefore) + " before, " +
+                    std::to_string(openDescriptors()) + " after");
+    return 0;
+}
