@@ -10,7 +10,9 @@
 #   7. the package: cmake --install into a temporary prefix, the example in examples/ built
 #      against it with find_package and run, and a file that includes TavoMBBMSEngine.h
 #      compiled with pkg-config's flags;
-#   8. the benchmarks as a quick smoke (tiny counts; figures mean nothing here).
+#   8. the benchmarks as a quick smoke (tiny counts; figures mean nothing here);
+#   9. every fuzz target (clang, libFuzzer, ASan, UBSan) for a bounded time, failing on any
+#      finding.
 # Build trees go to ./out/ (or $TAVO_OUT). Installs missing Debian packages first.
 set -eu
 cd "$(dirname "$0")/.."
@@ -74,5 +76,8 @@ sh scripts/check_package.sh "$out/ci-release" "$out/package"
 
 echo "==== benchmarks (smoke)"
 TAVO_BENCH_PRESET=ci-release sh scripts/run_benchmarks.sh --smoke >/dev/null
+
+echo "==== fuzzing"
+TAVO_FUZZ_BUILD_DIR="$out/fuzz" TAVO_FUZZ_NICE=0 sh fuzz/ci.sh
 
 echo "All suites passed."
