@@ -1,7 +1,12 @@
 #include "Mp4Consistency.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "RepairRecord.h"
 
 namespace {
 
@@ -33,6 +38,18 @@ int32_t headerDuration(const Mp4File& file, const Mp4Box& box, size_t skip) {
     return static_cast<int32_t>(file.fields(box, skip).u32());
 }
 
+// Walks [from, to) of the file over whole repair records; false when other bytes lie there.
+bool onlyRepairRecords(const Mp4File& file, uint64_t from, uint64_t to) {
+    const Bytes& bytes = file.bytes();
+    while (from < to) {
+        RepairRecordView record;
+        if (!findRepairRecord(bytes.data(), bytes.size(), from, &record) || record.end > to)
+            return false;
+        from = record.end;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions& options) {
@@ -51,7 +68,9 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
     // The movie lasts as long as its longest track, and never less than nothing.
     int64_t longestTrack = 0;
 
-    uint64_t samplesInMdat = 0;
+    // Every chunk as (offset, bytes): mdat must hold the chunks and, between them, nothing
+    // but the writer's repair records.
+    std::vector<std::pair<uint64_t, uint64_t>> chunks;
     for (size_t t = 0; moov->find("trak", t) != nullptr; ++t) {
         const Mp4Box& trak = *moov->find("trak", t);
         Table stts, stsz, stsc, stco, stss;
@@ -74,7 +93,8 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
             while (entry + 3 < stsc.size() && stsc[entry + 3] <= chunk + 1)
                 entry += 3;
             const uint64_t perChunk = stsc.empty() ? 0 : stsc[entry + 1];
-            uint64_t position = stco[chunk];
+            const uint64_t chunkStart = stco[chunk];
+            uint64_t position = chunkStart;
             for (uint64_t i = 0; i < perChunk; ++i, ++stscSamples) {
                 if (stscSamples >= stszSamples)
                     return describe("stsc and stco describe more samples than stsz", t);
@@ -83,6 +103,8 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
                     return describe("a sample lies outside mdat", t);
                 position += size;
             }
+            if (position > chunkStart)
+                chunks.emplace_back(chunkStart, position - chunkStart);
         }
         for (size_t entry = 0; entry + 3 < stsc.size(); entry += 3) {
             if (stsc[entry + 3] <= stsc[entry])
@@ -94,8 +116,6 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
             return describe("stts, stsz and stsc disagree on the number of samples", t) + ": " +
                    std::to_string(sttsSamples) + ", " + std::to_string(stszSamples) + ", " +
                    std::to_string(stscSamples);
-        for (uint32_t size : stsz)
-            samplesInMdat += size;
 
         if (hasStss) {
             for (size_t i = 0; i < stss.size(); ++i) {
@@ -131,8 +151,18 @@ std::string checkMp4Consistency(const Mp4File& file, const Mp4ConsistencyOptions
     if (options.checkDurations && movieDuration != longestTrack)
         return "the mvhd duration is not the longest tkhd duration: " +
                std::to_string(movieDuration) + " and " + std::to_string(longestTrack);
-    if (samplesInMdat != mdatEnd - mdatBegin)
-        return "the samples do not fill mdat exactly: " + std::to_string(samplesInMdat) +
-               " bytes of samples in " + std::to_string(mdatEnd - mdatBegin);
+    std::sort(chunks.begin(), chunks.end());
+    uint64_t position = mdatBegin;
+    for (const auto& chunk : chunks) {
+        if (chunk.first < position)
+            return "two chunks overlap at " + std::to_string(chunk.first);
+        if (!onlyRepairRecords(file, position, chunk.first))
+            return "mdat holds bytes that are neither samples nor repair records at " +
+                   std::to_string(position);
+        position = chunk.first + chunk.second;
+    }
+    if (!onlyRepairRecords(file, position, mdatEnd))
+        return "mdat holds bytes that are neither samples nor repair records at " +
+               std::to_string(position);
     return "";
 }

@@ -1,6 +1,7 @@
 // Consistency of a finished recording, read with the project's box reader: every sample
-// that the tables locate lies inside mdat, the tables agree on the number of samples, sync
-// samples are ascending and in range, and the movie, track and media durations agree.
+// that the tables locate lies inside mdat, chunks do not overlap and mdat holds nothing but
+// them and intact repair records, the tables agree on the number of samples, sync samples
+// are ascending and in range, and the movie, track and media durations agree.
 #ifndef TAVO_FUZZ_MP4_CONSISTENCY_H
 #define TAVO_FUZZ_MP4_CONSISTENCY_H
 
