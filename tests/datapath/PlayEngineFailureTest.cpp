@@ -132,9 +132,12 @@ private:
         stopAt(Step::AFTER_AVAILABLE);
         cmmb_sem_wait(&b->mutexDataAccessable);
         stopAt(Step::AFTER_ACCESSABLE);
-        volatile unsigned sum = 0;
+        unsigned sum = 0;
         for (uint32_t i = 0; i < b->nalCount / 2; ++i)
             sum += b->data[b->nal[i].offset];
+        // Half the frame is read; the sum only keeps the reads from being left out.
+        if (sum == ~0u)
+            _exit(5);
         stopAt(Step::MID_READ);
         b->nalCount = 0;
         b->aacCount = 0;
