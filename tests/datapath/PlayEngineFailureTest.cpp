@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -269,7 +270,12 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
         }
         EXPECT_EQ(3, bench.root.countLog("A/V DATA LOST(session=0) due to playengine holds"));
 
+        FILE* recording = tmpfile();
+        ASSERT_NE(nullptr, recording);
+        EXPECT_TRUE(endsWithin(milliseconds(2000),
+                               [&] { bench.engine->startRecording(0, fileno(recording)); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopRecording(0); }));
+        fclose(recording);
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopTVService(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->deinit(); }));
         hung.kill(SIGKILL);

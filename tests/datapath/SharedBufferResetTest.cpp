@@ -32,4 +32,26 @@ TEST(SharedBufferReset, WaitsForTheFrameInProgress) {
     });
 }
 
+// A play engine that keeps the lock (here: this process, holding it as a reader would)
+// holds a reset up for the lock bound only; the buffer is then left as it is.
+TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", true,
+                             {{"persist.mbbms.playengine.lock_timeout_ms", "300"}});
+        ASSERT_EQ("", bench.setUpError());
+        TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        bench.playFrame(40, 2, 1);
+        ASSERT_EQ(0, cmmb_sem_wait(&bench.buffer(0)->mutexDataAccessable));
+
+        auto reset = std::async(std::launch::async, [&] { engine->resetSharedBuffer(0); });
+        // A hang detector, far above the 300 ms bound.
+        ASSERT_EQ(std::future_status::ready, reset.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(1, bench.root.countLog("playengine holds the buffer of session=0 longer than 300 "
+                                         "ms, reset skipped"));
+        EXPECT_EQ(2u, bench.buffer(0)->nalCount) << "a skipped reset changed the buffer";
+        cmmb_sem_post(&bench.buffer(0)->mutexDataAccessable);
+    });
+}
+
 }  // namespace
