@@ -58,6 +58,6 @@ INSTANTIATE_TEST_SUITE_P(
                     SetUpFault{FaultInjectingEnv::MAP_REGION, 1, "Mapping"},
                     SetUpFault{FaultInjectingEnv::PROTECT_REGION, 1, "Protection"},
                     SetUpFault{FaultInjectingEnv::INIT_SEMAPHORE, 2, "Semaphore"}),
-    [](const testing::TestParamInfo<SetUpFault>& info) { return std::string(info.param.name); });
+    [](const testing::TestParamInfo<SetUpFault>& fault) { return std::string(fault.param.name); });
 
 }  // namespace
