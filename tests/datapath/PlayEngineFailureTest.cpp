@@ -219,13 +219,16 @@ INSTANTIATE_TEST_SUITE_P(AtEachStep, ReaderKilled,
                                            Step::MID_READ, Step::AFTER_POST),
                          stepName);
 
+// Under an emulator every process start costs seconds, so fewer cycles are run there.
+const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
+
 TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR", false, {{kLockTimeoutProperty, "60000"}});
         ASSERT_EQ("", bench.setUpError());
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
         int before = -1;
-        for (int cycle = 0; cycle <= 200; ++cycle) {
+        for (int cycle = 0; cycle <= kConnectAndKillCycles; ++cycle) {
             if (cycle == 1)
                 before = openDescriptors();  // after the first connection has set up
             ReaderProcess reader;
