@@ -256,16 +256,16 @@ int MBBMSRecManager::recordVideo(CmmbRecorder* recorder, const unsigned char* co
         CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy, i);
         if (!isInside(walked, entry.length, counts.dataLength)) {
             TLOG_FOR(kDataRecording, ERROR,
-                    "NAL entry %u runs past the payload, rest of the frame skipped", i);
+                     "NAL entry %u runs past the payload, rest of the frame skipped", i);
             return 0;
         }
         const unsigned char* unit = payload + walked;
         walked += entry.length;
         TLOG_FOR(kDataRecording, RECORD,
-                "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld", entry.length,
-                static_cast<unsigned long>(entry.tsBase),
-                static_cast<unsigned long>(entry.tsRelative),
-                static_cast<long>(reinterpret_cast<intptr_t>(unit)));
+                 "recording NAL: length=%u, tsBase=%lu, tsRelative=%lu, pointer =%ld", entry.length,
+                 static_cast<unsigned long>(entry.tsBase),
+                 static_cast<unsigned long>(entry.tsRelative),
+                 static_cast<long>(reinterpret_cast<intptr_t>(unit)));
 
         const uint32_t presentation = entry.tsBase + entry.tsRelative;
         uint32_t sampleLength = 0;
@@ -336,7 +336,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
         CmmbFrameCopyAacEntry entry = cmmbFrameCopyReadAac(copy, counts.nalCount, j);
         if (!isInside(walked, entry.length, counts.dataLength)) {
             TLOG_FOR(kDataRecording, ERROR,
-                    "AAC entry %u runs past the payload, rest of the frame skipped", j);
+                     "AAC entry %u runs past the payload, rest of the frame skipped", j);
             return 0;
         }
         const unsigned char* frame = payload + walked;
@@ -348,7 +348,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
             uint32_t words[3] = {0, 0, 0};
             memcpy(words, frame, entry.length < sizeof(words) ? entry.length : sizeof(words));
             TLOG_FOR(kDataRecording, RECORD, "recording AAC: ADTS header is %X,+ %X+%X", words[0],
-                    words[1], words[2]);
+                     words[1], words[2]);
         }
 
         // Times are taken modulo 2^32 like the clock itself, so that a recording carries on
@@ -370,9 +370,9 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
             return result;
         recorder->mAudioStarted = true;
         TLOG_FOR(kDataRecording, RECORD,
-                "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
-                static_cast<unsigned long>(sample.timestamp),
-                static_cast<long long>(reinterpret_cast<intptr_t>(frame)));
+                 "recording AAC: frame length=%u, timestamp=%lu,pointer=%lld", sample.length,
+                 static_cast<unsigned long>(sample.timestamp),
+                 static_cast<long long>(reinterpret_cast<intptr_t>(frame)));
     }
     return 0;
 }

@@ -170,8 +170,9 @@ void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
     TLOG_FOR(kDataRecording, MAIN, "session=%d, free space=%lld", session, freeSpace);
     if (toMiB(freeSpace) < kWatchMoovBelowMiB) {
         const long long moovLength = manager->queryCurrentMoovLength(session);
-        TLOG_FOR(kDataRecording, WARNING, "session=%d, free space=%lld, required minimal space=%lld",
-                session, freeSpace, moovLength);
+        TLOG_FOR(kDataRecording, WARNING,
+                 "session=%d, free space=%lld, required minimal space=%lld", session, freeSpace,
+                 moovLength);
         if (toMiB(freeSpace) <= toMiB(moovLength)) {
             endInFramePath(session, EndReason::STORAGE_FULL, 0);
             return;
