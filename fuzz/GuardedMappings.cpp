@@ -30,12 +30,23 @@ struct GuardedMapping {
 GuardedMapping gMappings[8];
 std::mutex gMappingsLock;  // guards gMappings
 
+// Asked once: the per-frame check must cost no system call.
 size_t pageSize() {
-    return static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    static const size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return size;
 }
 
 size_t regionPagesLength() {
     return (CMMB_SHARED_BUFFER_SIZE + pageSize() - 1) / pageSize() * pageSize();
+}
+
+// What a canary tail (less than one page) holds while it is intact.
+const size_t kLargestPage = 65536;
+const unsigned char* intactCanary() {
+    static unsigned char canary[kLargestPage];
+    static const bool filled = (memset(canary, kCanary, sizeof(canary)), true);
+    (void)filled;
+    return canary;
 }
 
 void* mapGuarded(int prot, int flags, int fd, off_t offset) {
@@ -96,6 +107,9 @@ std::string guardedMappingsIntact() {
     std::lock_guard<std::mutex> hold(gMappingsLock);
     for (const GuardedMapping& m : gMappings) {
         if (m.reservation == nullptr)
+            continue;
+        const unsigned char* tail = m.region + CMMB_SHARED_BUFFER_SIZE;
+        if (memcmp(tail, intactCanary(), regionPagesLength() - CMMB_SHARED_BUFFER_SIZE) == 0)
             continue;
         for (size_t i = CMMB_SHARED_BUFFER_SIZE; i < regionPagesLength(); ++i) {
             if (m.region[i] != kCanary)
