@@ -15,14 +15,16 @@ enum {
 
 enum { CMMB_SAMPLE_STORAGE_SIZE = 65535 };
 
-// One sample. The bytes live in the record's own storage; data points into it.
+// One sample. The bytes live in the record's own storage; data points into it. Default
+// initialisation leaves the storage untouched (only `length` bytes of it are ever read), so
+// that creating a record does not write 64 KiB.
 struct _CmmbOutBuffer {
-    const char* mime;   // "video/avc" or "audio/mp4a-latm" (case-insensitive)
-    int64_t timestamp;  // input ticks of 1/22500 s
-    uint32_t length;    // bytes at data, at most CMMB_SAMPLE_STORAGE_SIZE
-    uint8_t* data;
+    const char* mime = nullptr;  // "video/avc" or "audio/mp4a-latm" (case-insensitive)
+    int64_t timestamp = 0;       // input ticks of 1/22500 s
+    uint32_t length = 0;         // bytes at data, at most CMMB_SAMPLE_STORAGE_SIZE
+    uint8_t* data = nullptr;
     uint8_t storage[CMMB_SAMPLE_STORAGE_SIZE];
-    bool isSyncFrame;  // H.264 IDR access unit
+    bool isSyncFrame = false;  // H.264 IDR access unit
 };
 
 // Start parameters of the writer.

@@ -170,7 +170,7 @@ int repairRecording(const uint8_t* file, size_t size, int outFd, std::string* me
     if (writer.start(&meta) != 0)
         return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot write the repaired copy");
 
-    std::unique_ptr<_CmmbOutBuffer> buffer(new _CmmbOutBuffer());
+    std::unique_ptr<_CmmbOutBuffer> buffer(new _CmmbOutBuffer);
     auto feed = [&](const char* mime, int64_t ticks, const uint8_t* data, size_t length,
                     bool sync) {
         buffer->mime = mime;

@@ -41,7 +41,7 @@ CmmbRecorder::CmmbRecorder()
       mAudioSource(nullptr),
       mOutputFd(-1),
       mMaxFileSize(kDefaultMaxFileSize),
-      mScratch(new CmmbRecorderScratch()) {}
+      mScratch(new CmmbRecorderScratch) {}
 
 CmmbRecorder::~CmmbRecorder() {
     std::lock_guard<std::mutex> guard(mLock);
