@@ -1,3 +1,4 @@
+#define LOG_TAG "TavoMBBMSEngine"
 #include "RecordingControl.h"
 
 #include <errno.h>
@@ -9,8 +10,8 @@
 #include "AndroidPaths.h"
 #include "CmmbMediaTypes.h"
 #include "CmmbRecorder.h"
-#include "EngineLog.h"
 #include "FileSystemSpace.h"
+#include "Log.h"
 #include "MBBMSRecManager.h"
 
 namespace {

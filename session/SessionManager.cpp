@@ -1,6 +1,7 @@
 // Session and channel tables: construction, start and stop of sessions, the frequency rule,
 // reference counts and the per-channel debug files. The data-path members live in
 // sharedbuffer/ (NalIngestion, AacIngestion, FrameHandOff).
+#define LOG_TAG "TavoMBBMSEngine"
 #include "SessionManager.h"
 
 #include <errno.h>
@@ -9,7 +10,7 @@
 #include <cstring>
 
 #include "AndroidPaths.h"
-#include "EngineLog.h"
+#include "Log.h"
 
 namespace {
 

@@ -1,11 +1,10 @@
-// Audio ingestion: AAC frames behind an ADTS header, into the shared buffers of every
-// session attached to the delivering channel.
+// Audio ingestion: AAC frames behind an ADTS header, in one shared buffer.
+#define LOG_TAG "TavoMBBMSEngine"
 #include "AacIngestion.h"
 
 #include <cstring>
 
-#include "EngineLog.h"
-#include "SessionManager.h"
+#include "Log.h"
 
 namespace {
 
@@ -60,17 +59,4 @@ bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
         memcpy(header + CMMB_ADTS_HEADER_SIZE, data, length);
     buffer->aacCount += 1;
     return true;
-}
-
-void SessionManager::onClearAudioAacFrame(int channelID, unsigned long tsBase,
-                                          unsigned long tsRelative, unsigned char* data,
-                                          unsigned short length) {
-    // Inside the frame bracket: the tables cannot change under this call.
-    const char* const caller = __func__;
-    const int c = dataSlot(caller, channelID);
-    if (c < 0)
-        return;
-    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
-        return appendAacFrame(buffer, s, tsBase, tsRelative, data, length, caller);
-    });
 }

@@ -10,9 +10,10 @@
 // The wait for a session's buffer lock is bounded (SharedBufferSet::lock): a play engine
 // that keeps the lock past the bound costs that session its frame, logged as lost, and the
 // other sessions of the channel are still served; the next frame tries again.
+#define LOG_TAG "TavoMBBMSEngine"
 #include <sys/time.h>
 
-#include "EngineLog.h"
+#include "Log.h"
 #include "SessionManager.h"
 
 namespace {

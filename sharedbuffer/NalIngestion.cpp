@@ -1,12 +1,12 @@
-// Video ingestion: reassembly of fragmented NAL units into the shared buffers of every
-// session attached to the delivering channel.
+// Video ingestion: reassembly of fragmented NAL units in one shared buffer.
+#define LOG_TAG "TavoMBBMSEngine"
 #include "NalIngestion.h"
 
 #include <cstdio>
 #include <cstring>
 
-#include "EngineLog.h"
-#include "SessionManager.h"
+#include "Log.h"
+#include "MBBMSAgent.h"
 
 namespace {
 
@@ -118,18 +118,4 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
         buffer->nalCount += 1;
     }
     return true;
-}
-
-void SessionManager::onClearVideoNalData(int channelID, unsigned long tsBase,
-                                         unsigned long tsRelative, unsigned char* data,
-                                         unsigned short length,
-                                         MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
-    // Inside the frame bracket: the tables cannot change under this call.
-    const char* const caller = __func__;
-    const int c = dataSlot(caller, channelID);
-    if (c < 0)
-        return;
-    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
-        return appendNalFragment(buffer, s, tsBase, tsRelative, data, length, pos, caller);
-    });
 }

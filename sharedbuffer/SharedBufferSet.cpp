@@ -1,4 +1,5 @@
 // Creation and destruction of the shared A/V buffers, and the engine's side of their lock.
+#define LOG_TAG "TavoMBBMSEngine"
 #include "SharedBufferSet.h"
 
 #include <errno.h>
@@ -10,8 +11,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "EngineLog.h"
 #include "Env.h"
+#include "Log.h"
 #include "Properties.h"
 
 namespace {
