@@ -48,6 +48,9 @@ public:
     int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) override {
         return cmmb_sem_init(semaphore, value);
     }
+    int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
+        return pthread_create(thread, nullptr, run, argument);
+    }
 };
 
 std::atomic<Env*> gInstalled{nullptr};

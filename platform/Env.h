@@ -1,7 +1,7 @@
 // The operating-system calls whose failures the engine must survive, behind one interface so
 // that a test can make any of them fail: file writes and syncs of recordings, free-space
-// queries, and the set-up of the shared A/V buffers (shared-memory regions, their mapping
-// and their semaphores).
+// queries, the set-up of the shared A/V buffers (shared-memory regions, their mapping and
+// their semaphores), and the threads the engine starts for its own work.
 //
 // Env::current() is the object the engine calls. It is the platform's own (Env::platform())
 // unless a test installed another with Env::install(); the shipped library never installs
@@ -13,10 +13,12 @@
 // call that may still be using it (tests install before the engine starts and restore after
 // it has stopped).
 //
-// Results follow the system calls: -1 (MAP_FAILED for mapSharedRegion) with errno set.
+// Results follow the system calls: -1 (MAP_FAILED for mapSharedRegion) with errno set;
+// startThread returns what pthread_create does (0, or the error number).
 #ifndef TAVO_PLATFORM_ENV_H
 #define TAVO_PLATFORM_ENV_H
 
+#include <pthread.h>
 #include <sys/types.h>
 #include <sys/vfs.h>
 
@@ -48,6 +50,8 @@ public:
     virtual int protectSharedRegion(int fd, int prot) = 0;
     virtual void* mapSharedRegion(int fd, size_t size) = 0;
     virtual int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) = 0;
+    // Threads: pthread_create with default attributes.
+    virtual int startThread(pthread_t* thread, void* (*run)(void*), void* argument) = 0;
 };
 
 // Forwards every call to another Env. Subclasses override what they change.
@@ -76,6 +80,9 @@ public:
     }
     int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) override {
         return mTarget->initSharedSemaphore(semaphore, value);
+    }
+    int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
+        return mTarget->startThread(thread, run, argument);
     }
 
 private:

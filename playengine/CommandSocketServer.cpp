@@ -29,6 +29,7 @@
 
 #include "AndroidPaths.h"
 #include "EngineLog.h"
+#include "Env.h"
 #include "IndicationCode.h"
 #include "Properties.h"
 #include "ReaderProcesses.h"
@@ -153,7 +154,7 @@ void closePassedDescriptors(msghdr& message) {
 int TavoMBBMSEngineImpl::startCommandThread() {
     TLOG(ENGINE, "%s()", "startCommandThread");
     mIsStarted.store(true);
-    if (pthread_create(&mThreadCommand, nullptr, runCommandThread, nullptr) != 0) {
+    if (Env::current()->startThread(&mThreadCommand, runCommandThread, nullptr) != 0) {
         TLOG(ERROR, "Can't create thread for runCommandThread");
         mIsStarted.store(false);
         return -1;

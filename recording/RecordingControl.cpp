@@ -10,6 +10,7 @@
 #include "AndroidPaths.h"
 #include "CmmbMediaTypes.h"
 #include "CmmbRecorder.h"
+#include "Env.h"
 #include "FileSystemSpace.h"
 #include "Log.h"
 #include "MBBMSRecManager.h"
@@ -58,7 +59,7 @@ RecordingControl::~RecordingControl() {
     }
     mChanged.notify_all();
     if (mCompletionThreadStarted)
-        pthread_join(mCompletionThread, nullptr);
+        pthread_join(mCompletionThread, nullptr);  // it empties the queue before it ends
 }
 
 void* RecordingControl::completionThreadMain(void* control) {
@@ -68,6 +69,29 @@ void* RecordingControl::completionThreadMain(void* control) {
 
 bool RecordingControl::onCompletionThread() const {
     return mCompletionThreadStarted && pthread_equal(mCompletionThread, pthread_self());
+}
+
+bool RecordingControl::startCompletionThread() {
+    if (mCompletionThreadStarted)
+        return true;
+    const int error = Env::current()->startThread(&mCompletionThread, completionThreadMain, this);
+    if (error != 0) {
+        TLOG_FOR(kStartRecording, ERROR, "cannot start the recording completion thread: %s",
+                 strerror(error));
+        return false;
+    }
+    mCompletionThreadStarted = true;
+    return true;
+}
+
+bool RecordingControl::completionPending(int session) const {
+    if (mCompleting[session])
+        return true;
+    for (const PendingCompletion& pending : mQueue) {
+        if (pending.session == session)
+            return true;
+    }
+    return false;
 }
 
 int RecordingControl::startRecording(int session, int fd) {
@@ -83,6 +107,12 @@ int RecordingControl::startRecording(int session, int fd) {
     }
     if (toMiB(freeSpaceBytes(status)) < kMinimumSpaceToStartMiB)
         return -1;
+    {
+        // A recording that may end in the frame path needs the thread that completes it.
+        std::lock_guard<std::mutex> guard(mLock);
+        if (!startCompletionThread())
+            return -1;
+    }
 
     // A recording of the session that ended in the frame path is complete before the next
     // one starts, so that its event comes first.
@@ -191,66 +221,44 @@ void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
 
 void RecordingControl::endInFramePath(int session, EndReason reason, int recorded) {
     mIsRecording[session].store(false);
-    CmmbRecorder* recorder =
-        MBBMSRecManager::getInstance()->detachRecorder(session, kDataRecording);
-    const int writeError = recorder != nullptr ? recorder->writeError() : 0;
+    PendingCompletion ended;
+    ended.session = session;
+    ended.recorder = MBBMSRecManager::getInstance()->detachRecorder(session, kDataRecording);
+    ended.reason = reason;
+    ended.recorded = recorded;
+    ended.writeError = ended.recorder != nullptr ? ended.recorder->writeError() : 0;
     {
         std::lock_guard<std::mutex> guard(mLock);
-        PendingCompletion& pending = mPending[session];
-        if (pending.busy) {
-            // Only when an application restarted the session from the previous recording's
-            // event and the new recording ended at once: completed here, out of turn.
-            PendingCompletion ended{recorder, reason, recorded, writeError, true, true};
-            reportEnd(session, ended, MBBMSRecManager::completeRecorder(recorder, kDataRecording));
-            return;
-        }
-        pending.recorder = recorder;
-        pending.reason = reason;
-        pending.recorded = recorded;
-        pending.writeError = writeError;
-        pending.busy = true;
-        if (!mCompletionThreadStarted) {
-            mCompletionThreadStarted =
-                pthread_create(&mCompletionThread, nullptr, completionThreadMain, this) == 0;
-        }
-        if (mCompletionThreadStarted) {
-            mChanged.notify_all();
-            return;
-        }
-        pending = PendingCompletion();
+        mQueue.push_back(ended);
     }
-    // Without a completion thread the file is completed here, late rather than never.
-    PendingCompletion ended{recorder, reason, recorded, writeError, true, true};
-    reportEnd(session, ended, MBBMSRecManager::completeRecorder(recorder, kDataRecording));
+    mChanged.notify_all();
+}
+
+void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
+    const PendingCompletion ended = mQueue.front();
+    mQueue.pop_front();
+    mCompleting[ended.session] = true;
+    lock.unlock();
+    reportEnd(ended, MBBMSRecManager::completeRecorder(ended.recorder, kDataRecording));
+    lock.lock();
+    mCompleting[ended.session] = false;
+    mChanged.notify_all();
 }
 
 void RecordingControl::runCompletions() {
     std::unique_lock<std::mutex> lock(mLock);
     for (;;) {
-        int session = -1;
-        for (int s = 0; s < SESSION_COUNT && session < 0; ++s) {
-            if (mPending[s].busy && !mPending[s].taken)
-                session = s;
-        }
-        if (session < 0) {
-            if (mStopping)
-                return;
+        if (!mQueue.empty())
+            completeNext(lock);
+        else if (mStopping)
+            return;
+        else
             mChanged.wait(lock);
-            continue;
-        }
-        PendingCompletion ended = mPending[session];
-        // The slot stays busy until the event is out.
-        mPending[session].taken = true;
-        lock.unlock();
-        const int completed = MBBMSRecManager::completeRecorder(ended.recorder, kDataRecording);
-        reportEnd(session, ended, completed);
-        lock.lock();
-        mPending[session] = PendingCompletion();
-        mChanged.notify_all();
     }
 }
 
-void RecordingControl::reportEnd(int session, const PendingCompletion& ended, int completed) {
+void RecordingControl::reportEnd(const PendingCompletion& ended, int completed) {
+    const int session = ended.session;
     if (ended.reason == EndReason::STORAGE_FULL) {
         if (completed != 0) {
             TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
@@ -286,5 +294,5 @@ void RecordingControl::waitForCompletion(int session) {
     // its own completion is the one in progress.
     if (onCompletionThread())
         return;
-    mChanged.wait(lock, [&] { return !mPending[session].busy; });
+    mChanged.wait(lock, [&] { return !completionPending(session); });
 }

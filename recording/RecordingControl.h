@@ -7,22 +7,25 @@
 // a start that replaces a recording, detaches the session's recorder while frames are held
 // off (a short, bounded step) and completes it afterwards: an application's stopRecording
 // completes it on its own thread and returns the completion's result; a stop decided inside
-// the frame path (storage full, a failed write, the size limit) hands the recorder to the
-// completion thread, which completes it and then logs and sends the recording event, so
-// that the event follows the completion as it always did.
+// the frame path (storage full, a failed write, the size limit) queues the recorder for the
+// completion thread, which completes the queued recorders in order and logs and sends each
+// one's recording event after it, so that the event follows the completion as it always did.
+// The completion thread is started by the first startRecording, which fails when it cannot
+// be started: the frame path never completes a file itself.
 //
 // Threads: startRecording, stopRecording and isRecording on application threads (and on the
 // completion thread when an application stops from a recording event); dataRecording on
 // the agent's thread inside the frame bracket. The recording flags are read by the frame
 // hand-off without a lock. Recorder slots of the manager change only while frames are held
-// off or on the frame's own thread. mLock guards the hand-over to the completion thread; it
-// is taken after the frame gate and never held while a recorder is completed.
+// off or on the frame's own thread. mLock guards the queue of the completion thread; it is
+// taken after the frame gate and never held while a recorder is completed or an event sent.
 #ifndef TAVO_RECORDING_RECORDING_CONTROL_H
 #define TAVO_RECORDING_RECORDING_CONTROL_H
 
 #include <pthread.h>
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 
 #include "CmmbFrameCopy.h"
@@ -68,31 +71,38 @@ private:
     // Why a recording ended inside the frame path, which decides its log line and event.
     enum class EndReason { STORAGE_FULL, CHAIN_FAILURE };
     struct PendingCompletion {
+        int session = 0;
         CmmbRecorder* recorder = nullptr;  // owned while pending
         EndReason reason = EndReason::CHAIN_FAILURE;
         int recorded = 0;    // dataRecording's result for CHAIN_FAILURE
         int writeError = 0;  // errno of the failed write, 0 when none
-        bool busy = false;   // handed over or being completed
-        bool taken = false;  // the completion thread is completing it
     };
 
     static bool validSession(int session) { return session >= 0 && session < SESSION_COUNT; }
     // Free space for the recording of `session`: the lesser of "/sdcard" and the file system
     // of its file. False when "/sdcard" cannot be queried.
     bool freeSpaceForRecording(int session, long long* freeBytes);
-    // Ends the recording inside the frame path: detaches the recorder and hands it over.
-    // REQUIRES: on the frame's thread inside the frame bracket.
+    // Ends the recording inside the frame path: detaches the recorder and queues it for the
+    // completion thread. REQUIRES: on the frame's thread inside the frame bracket.
     void endInFramePath(int session, EndReason reason, int recorded);
     // Completes a detached recorder (null: nothing to complete) and deletes it. 0 or -1.
     static int complete(CmmbRecorder* recorder, const char* operation);
     // Logs and sends the event of a recording that ended in the frame path.
-    void reportEnd(int session, const PendingCompletion& ended, int completed);
-    // Waits until no completion of the session is pending (not on the completion thread).
+    void reportEnd(const PendingCompletion& ended, int completed);
+    // Waits until no completion of the session is queued or in progress (returns at once on
+    // the completion thread, whose own work that is).
     void waitForCompletion(int session);
+    // Completes and reports one queued recording. REQUIRES: mLock held by `lock`, the queue
+    // not empty; releases the lock meanwhile.
+    void completeNext(std::unique_lock<std::mutex>& lock);
     void runCompletions();
     static void* completionThreadMain(void* control);
     // REQUIRES: mLock held.
     bool onCompletionThread() const;
+    bool completionPending(int session) const;
+    // Starts the completion thread unless it runs. False when it cannot be started.
+    // REQUIRES: mLock held.
+    bool startCompletionThread();
 
     Host& mHost;
     std::atomic<bool>* const mIsRecording;
@@ -102,11 +112,13 @@ private:
 
     std::mutex mLock;
     std::condition_variable mChanged;
-    // Guarded by mLock.
-    PendingCompletion mPending[SESSION_COUNT];
+    // Guarded by mLock. Recordings ended in the frame path, oldest first (allocates only
+    // when a recording ends, never per frame).
+    std::deque<PendingCompletion> mQueue;
+    bool mCompleting[SESSION_COUNT] = {};  // the completion thread is completing one
     bool mStopping = false;
-    // Started with the first hand-over (plain pthread: no thread type of the standard
-    // library is instantiated inside the exported library).
+    // Started by the first startRecording (plain pthread through the platform's Env: no
+    // thread type of the standard library is instantiated inside the exported library).
     bool mCompletionThreadStarted = false;
     pthread_t mCompletionThread;
 };

@@ -1,14 +1,15 @@
 // Benchmarks of recording:
-//  1. The stop stall: the longest live frame call (onOutputAVStart to onOutputAVEnd, two
-//     sessions on the channel) while stopRecording completes a 30-minute recording. The
-//     recording is generated synthetically, frame after frame, not in real time. Baseline:
-//     how long that completion takes, i.e. how long live frames would wait if it ran while
-//     they are held back.
+//  1. The stop stall: the longest live frame on the agent's thread (onOutputAVStart to
+//     onOutputAVEnd, two sessions on the channel) while stopRecording completes a 30-minute
+//     recording. The recording is generated synthetically, frame after frame, not in real time.
+//     Baseline: how long that completion takes, i.e. how long live frames would wait if it ran
+//     while they are held back.
 //  2. The cost of the repair records in bytes per hour of content, measured through the
 //     writer with the records on and off. Baseline: 1 % of the file per hour.
 //
 //   recording_benchmark [--smoke]
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,27 +36,83 @@ double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
+// How one frame call went: its wall time, and how often the calling thread was switched out
+// in it because it waited (voluntary: a lock, a semaphore) or because the CPU was taken from
+// it (involuntary: preemption by another thread or process).
+struct FrameCall {
+    double ms = 0;
+    long waits = 0;
+    long preemptions = 0;
+    long pageFaults = 0;
+    double cpuMs = 0;  // CPU time the thread was charged with
+};
+
+struct ThreadSwitches {
+    long voluntary, involuntary, pageFaults;
+    double cpuMs;
+    static ThreadSwitches now() {
+        struct rusage usage;
+        getrusage(RUSAGE_THREAD, &usage);
+        struct timespec cpu;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        return {usage.ru_nvcsw, usage.ru_nivcsw, usage.ru_minflt + usage.ru_majflt,
+                cpu.tv_sec * 1e3 + cpu.tv_nsec / 1e6};
+    }
+};
+
 // One second of a 300 kbit/s service: an SPS, a PPS and an IDR slice, 24 P slices, 23 AAC
-// frames. Returns how long the frame call took.
-double playSecond(EngineDataPath& bench, uint32_t second) {
+// frames, delivered by the agent's own thread back to back as a tuner does, and timed there.
+FrameCall playSecond(EngineDataPath& bench, uint32_t second) {
     static const Bytes kSps = {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBF};
     static const Bytes kPps = {0, 0, 0, 1, 0x68, 0xCE, 0x3C, 0x80};
     static const Bytes kIdr = nalUnit(4, 0x65, 1500);
     static const Bytes kSlice = nalUnit(4, 0x41, 1500);
     static const Bytes kAudio = pattern(180);
+    static Bytes scratch(2048);  // the agent's buffers are writable: each item is a fresh copy
     const uint32_t base = 45000 + second * kTicksPerSecond;
-    const auto start = Clock::now();
-    bench.frameStart(kChannel);
-    bench.nal(kChannel, kSps, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
-    bench.nal(kChannel, kPps, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
-    bench.nal(kChannel, kIdr, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, 0);
-    for (uint32_t i = 1; i < 25; ++i)
-        bench.nal(kChannel, kSlice, MBBMSAgent::NAL_FRAGMENT_COMPLETE, base, i * 900);
-    for (uint32_t i = 0; i < 23; ++i)
-        bench.aac(kChannel, kAudio, base + i * 960);
-    bench.frameEnd(kChannel);
-    return millisecondsSince(start);
+    FrameCall call;
+    bench.agent->runOnAgentThread([&](MBBMSAgentCallback* agent) {
+        auto nal = [&](const Bytes& unit, unsigned long tsRelative) {
+            memcpy(scratch.data(), unit.data(), unit.size());
+            agent->onClearVideoNalData(kChannel, base, tsRelative, scratch.data(),
+                                       static_cast<unsigned short>(unit.size()),
+                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        };
+        const ThreadSwitches before = ThreadSwitches::now();
+        const auto start = Clock::now();
+        agent->onOutputAVStart(kChannel, nullptr, 0);
+        nal(kSps, 0);
+        nal(kPps, 0);
+        nal(kIdr, 0);
+        for (uint32_t i = 1; i < 25; ++i)
+            nal(kSlice, i * 900);
+        for (uint32_t i = 0; i < 23; ++i) {
+            memcpy(scratch.data(), kAudio.data(), kAudio.size());
+            agent->onClearAudioAacFrame(kChannel, base + i * 960, 0, scratch.data(),
+                                        static_cast<unsigned short>(kAudio.size()));
+        }
+        agent->onOutputAVEnd(kChannel, false);
+        call.ms = millisecondsSince(start);
+        const ThreadSwitches after = ThreadSwitches::now();
+        call.waits = after.voluntary - before.voluntary;
+        call.preemptions = after.involuntary - before.involuntary;
+        call.pageFaults = after.pageFaults - before.pageFaults;
+        call.cpuMs = after.cpuMs - before.cpuMs;
+    });
+    return call;
 }
+
+// The longest frame calls of a stretch, in all and among those that never waited.
+struct LongestFrames {
+    FrameCall longest;
+    double longestWithoutWaiting = 0;
+    void add(const FrameCall& call) {
+        if (call.ms > longest.ms)
+            longest = call;
+        if (call.waits == 0)
+            longestWithoutWaiting = std::max(longestWithoutWaiting, call.ms);
+    }
+};
 
 int stopStall(int minutes) {
     EngineDataPath bench("none", /*connectPlayEngine=*/false);
@@ -72,9 +129,9 @@ int stopStall(int minutes) {
     }
     close(fd);
     uint32_t second = 0;
-    double longestWhileRecording = 0;
+    LongestFrames whileRecording;
     for (; second < static_cast<uint32_t>(minutes) * 60; ++second)
-        longestWhileRecording = std::max(longestWhileRecording, playSecond(bench, second));
+        whileRecording.add(playSecond(bench, second));
 
     std::atomic<bool> completed{false};
     double completionMs = 0;
@@ -84,10 +141,10 @@ int stopStall(int minutes) {
         completionMs = millisecondsSince(start);
         completed = true;
     });
-    double longestDuringStop = 0;
+    LongestFrames duringStop;
     int framesDuringStop = 0;
     while (!completed.load()) {
-        longestDuringStop = std::max(longestDuringStop, playSecond(bench, second++));
+        duringStop.add(playSecond(bench, second++));
         ++framesDuringStop;
     }
     stopper.join();
@@ -95,9 +152,15 @@ int stopStall(int minutes) {
     stat(path.c_str(), &status);
     fprintf(stderr,
             "%d minutes recorded (%.1f MB); completion %.1f ms; %d live frames during it, "
-            "longest %.3f ms (longest while recording: %.3f ms)\n",
-            minutes, status.st_size / 1e6, completionMs, framesDuringStop, longestDuringStop,
-            longestWhileRecording);
+            "longest %.3f ms (%.3f ms CPU, %ld waits, %ld preemptions, %ld page faults in it; "
+            "longest without a wait %.3f ms); "
+            "longest while recording: %.3f ms (%ld waits, %ld preemptions)\n",
+            minutes, status.st_size / 1e6, completionMs, framesDuringStop, duringStop.longest.ms,
+            duringStop.longest.cpuMs, duringStop.longest.waits, duringStop.longest.preemptions,
+            duringStop.longest.pageFaults, duringStop.longestWithoutWaiting,
+            whileRecording.longest.ms, whileRecording.longest.waits,
+            whileRecording.longest.preemptions);
+    const double longestDuringStop = duringStop.longest.ms;
     printf(
         "bench-row|stop stall: longest live frame while a %d-minute recording is "
         "completed|%.3f|completion under the frame lock|%.3f|ms\n",

@@ -6,7 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 
 #include "ChildProcess.h"
@@ -124,8 +127,8 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
 
 namespace {
 
-// An application that ends its recording from the recording event itself. The event is
-// raised inside a multiplex frame, on the agent's thread that holds the frame.
+// An application that ends its recording from the recording event itself. The event follows
+// the completion of a recording that ended inside a multiplex frame.
 class StopOnRecordingEvent : public RecordingCallback {
 public:
     explicit StopOnRecordingEvent(TavoMBBMSEngine& engine) : mEngine(engine) {}
@@ -163,6 +166,125 @@ TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
         EXPECT_EQ(0, app.stopResult);
         EXPECT_FALSE(rig.engine().isRecording(0));
         rig.play(feed.nextSecond());  // frames keep flowing afterwards
+        expectCleanFile(rig.outputPath("out.3gp"));
+    });
+}
+
+namespace {
+
+// An application that records again as soon as a recording ends: from the first recording
+// event it starts a second recording, and stays in the event until the test lets it go; from
+// the second it stops the session.
+class RecordAgainOnRecordingEvent : public RecordingCallback {
+public:
+    RecordAgainOnRecordingEvent(TavoMBBMSEngine& engine, FaultInjectingEnv& env, int secondFd)
+        : mEngine(engine), mEnv(env), mSecondFd(secondFd) {}
+    // The first event is seen at once; the second once the stop is done, so that a test that
+    // has waited for it may read stopResult.
+    void onEvent(EventType type, int param) override {
+        const bool recordingEvent = type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR;
+        std::unique_lock<std::mutex> lock(mLock);
+        if (recordingEvent && ++mRecordingEvents == 1) {
+            RecordingCallback::onEvent(type, param);
+            mEnv.setFreeBytes(-1);
+            restartResult = mEngine.startRecording(param, mSecondFd);
+            mRestarted = true;
+            mChanged.notify_all();
+            mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mReleased; });
+            return;
+        }
+        if (recordingEvent)
+            stopResult = mEngine.stopRecording(param);
+        RecordingCallback::onEvent(type, param);
+    }
+    bool waitUntilRestarted() {
+        std::unique_lock<std::mutex> lock(mLock);
+        return mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mRestarted; });
+    }
+    void release() {
+        std::lock_guard<std::mutex> hold(mLock);
+        mReleased = true;
+        mChanged.notify_all();
+    }
+    int restartResult = 1;
+    int stopResult = 1;
+
+private:
+    TavoMBBMSEngine& mEngine;
+    FaultInjectingEnv& mEnv;
+    const int mSecondFd;
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    int mRecordingEvents = 0;
+    bool mRestarted = false;
+    bool mReleased = false;
+};
+
+}  // namespace
+
+// The second recording ends in the frame path while the application is still inside the
+// first one's event: the frame goes on at once, and the second completion and its event
+// wait their turn behind the first event.
+TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedInTurn) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        const int second = rig.createOutput("second.3gp");
+        RecordAgainOnRecordingEvent app(rig.engine(), env, second);
+        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
+        rig.startService();
+        const int first = rig.createOutput("first.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, first));
+        close(first);
+        ClipFeed feed;
+        rig.play(feed.nextSecond());
+        env.setFreeBytes(kMiB - 1);
+        rig.play(feed.nextSecond());  // the first recording ends here
+
+        ASSERT_TRUE(app.waitUntilRestarted());
+        EXPECT_EQ(0, app.restartResult);
+        close(second);
+        rig.play(feed.nextSecond());
+        env.setFreeBytes(kMiB - 1);
+        rig.play(feed.nextSecond());  // the second ends here, its predecessor's event still open
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        EXPECT_EQ(1, app.count("onEvent(152, 0)"));
+        env.setFreeBytes(-1);
+        rig.play(feed.nextSecond());
+
+        app.release();
+        ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
+        EXPECT_EQ(0, app.stopResult);
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        expectCleanFile(rig.outputPath("first.3gp"));
+        expectCleanFile(rig.outputPath("second.3gp"));
+    });
+}
+
+// The thread that completes recordings ended in the frame path is started by the first
+// startRecording: when it cannot be started, no recording starts.
+TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        rig.startService();
+        const int fd = rig.createOutput("out.3gp");
+        env.failNth(FaultInjectingEnv::START_THREAD, 1, EAGAIN);
+        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        EXPECT_EQ(1, rig.root().countLog(
+                         "cannot start the recording completion thread: Resource temporarily "
+                         "unavailable"));
+        EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));
+
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));  // the next start tries again
+        close(fd);
+        ClipFeed feed;
+        rig.play(feed.nextSecond());
+        env.setFreeBytes(kMiB - 1);
+        rig.play(feed.nextSecond());
+        ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
+        env.setFreeBytes(-1);
         expectCleanFile(rig.outputPath("out.3gp"));
     });
 }

@@ -27,6 +27,7 @@ public:
         PROTECT_REGION,
         MAP_REGION,
         INIT_SEMAPHORE,
+        START_THREAD,
         CALL_KINDS
     };
 
@@ -113,6 +114,12 @@ public:
     int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) override {
         return failOr(INIT_SEMAPHORE,
                       [&] { return target()->initSharedSemaphore(semaphore, value); });
+    }
+    int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
+        size_t unused = 0;
+        if (int error = enter(START_THREAD, &unused))
+            return error;  // pthread_create's way: the error number, errno untouched
+        return target()->startThread(thread, run, argument);
     }
 
 private:
