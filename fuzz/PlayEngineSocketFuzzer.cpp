@@ -7,7 +7,6 @@
 // indication parser is also checked on its own against strtol.
 //
 // Input: operations (see the switch below); the first 32 bytes also feed the parser check.
-#include <dirent.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -24,20 +23,12 @@
 
 #include "FuzzEngine.h"
 #include "IndicationCode.h"
+#include "OpenDescriptors.h"
 #include "PlayEngineProtocol.h"
 
 namespace {
 
 const int kWaitMs = 20000;  // bound on every wait for the engine: a hang is a finding
-
-int openDescriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count - 1;  // the directory's own descriptor
-}
 
 // The command thread may hold a descriptor for a moment (a connection being closed, a
 // reader's /proc entry being read), also when the count before was taken: a leak is a

@@ -1,7 +1,6 @@
 // Live TV when the play engine dies, hangs or reconnects. The engine runs in a child
 // process; play engines are further processes that connect over the real socket and map the
 // real shared memory. "Within" bounds here are hang detectors, not performance limits.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -21,6 +20,7 @@
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
+#include "OpenDescriptors.h"
 
 namespace {
 
@@ -63,16 +63,6 @@ private:
 
 bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
     return AsyncCall(fn).endsWithin(bound);
-}
-
-int openDescriptors() {
-    int count = 0;
-    DIR* directory = opendir("/proc/self/fd");
-    while (directory != nullptr && readdir(directory) != nullptr)
-        ++count;
-    if (directory != nullptr)
-        closedir(directory);
-    return count;
 }
 
 // Where a reader stops in its contract for one frame of session 0.

@@ -1,7 +1,6 @@
 // Starting and stopping TV sessions (sessions sharing an agent channel, channel slot reuse,
 // the frequency rule, refusals, the buffer reset of every stop) and the shared buffers
 // through init and deinit.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -11,22 +10,9 @@
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
+#include "OpenDescriptors.h"
 
 namespace {
-
-// Open descriptors of this process (but the directory's own), or those naming a region.
-int openDescriptors(bool sharedRegionsOnly = false) {
-    int count = sharedRegionsOnly ? 0 : -1;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir)) {
-        char link[256] = {};
-        if (entry->d_name[0] != '.' &&
-            readlinkat(dirfd(dir), entry->d_name, link, sizeof(link) - 1) > 0)
-            count += !sharedRegionsOnly || strstr(link, "cmmb_shared_memory_") != nullptr;
-    }
-    closedir(dir);
-    return count;
-}
 
 TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
     EXPECT_IN_CHILD({
@@ -116,7 +102,7 @@ TEST(SharedBufferLifecycle, InitFailingOnTheSecondRegionReleasesTheFirst) {
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         bench.playFrame(40, 1, 1);
         ASSERT_EQ(0, bench.engine->deinit());
-        EXPECT_EQ(0, openDescriptors(true));
+        EXPECT_EQ(0, openDescriptors("cmmb_shared_memory_"));
         int first = open("/dev/null", O_RDONLY), second = open("/dev/null", O_RDONLY);
         ASSERT_LT(first, second);
         close(first);
@@ -131,10 +117,10 @@ TEST(SharedBufferLifecycle, InitFailingOnTheSecondRegionReleasesTheFirst) {
         const int after = openDescriptors();
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
         EXPECT_EQ(before, after) << "the first region's descriptor was kept";
-        EXPECT_EQ(0, openDescriptors(true));
+        EXPECT_EQ(0, openDescriptors("cmmb_shared_memory_"));
 
         ASSERT_EQ(0, bench.engine->init(nullptr, nullptr));
-        EXPECT_EQ(2, openDescriptors(true));
+        EXPECT_EQ(2, openDescriptors("cmmb_shared_memory_"));
         ASSERT_EQ(0, bench.engine->deinit());
         EXPECT_EQ(before, openDescriptors());
     });

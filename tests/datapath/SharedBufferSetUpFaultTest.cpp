@@ -1,7 +1,6 @@
 // init when the shared buffers cannot be made: every platform call of their set-up (region,
 // mapping, protection, semaphores) failing for either session makes init fail cleanly, with
 // nothing left open, and the next init succeeds. The failures come through the Env seam.
-#include <dirent.h>
 
 #include <gtest/gtest.h>
 
@@ -9,19 +8,11 @@
 
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
+#include "OpenDescriptors.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 namespace {
-
-int openDescriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count - 1;  // the directory's own descriptor
-}
 
 struct SetUpFault {
     FaultInjectingEnv::Call call;
