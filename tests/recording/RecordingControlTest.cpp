@@ -158,7 +158,6 @@ TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
         ClipFeed feed;
         rig.play(feed.nextSecond());
         env.setFreeBytes(kMiB - 1);
-        // Waiting for the frame in progress here would wait for ever: the frame is the caller.
         rig.play(feed.nextSecond());
         env.setFreeBytes(-1);
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
