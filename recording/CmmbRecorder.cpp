@@ -41,7 +41,8 @@ CmmbRecorder::CmmbRecorder()
       mAudioSource(nullptr),
       mOutputFd(-1),
       mMaxFileSize(kDefaultMaxFileSize),
-      mScratch(new CmmbRecorderScratch) {}
+      mSampleScratch(new _CmmbOutBuffer),
+      mParameterSetScratch(new _CmmbOutBuffer) {}
 
 CmmbRecorder::~CmmbRecorder() {
     std::lock_guard<std::mutex> guard(mLock);

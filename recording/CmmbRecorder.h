@@ -26,13 +26,6 @@
 
 class CmmbMPEG4Writer;
 
-// Sample records the recording manager fills while it holds the recorder's lock. Allocated
-// once with the recorder so that no frame allocates.
-struct CmmbRecorderScratch {
-    _CmmbOutBuffer sample;        // one video access unit or one audio frame
-    _CmmbOutBuffer parameterSet;  // an SPS or a PPS
-};
-
 class CmmbRecorder {
 public:
     CmmbRecorder();
@@ -70,8 +63,10 @@ public:
     // errno of the first failed write of the recording in progress, 0 when none.
     int writeError();
 
-    // REQUIRES: LockRecorder() held. Fixed sample storage for the caller of writeout.
-    CmmbRecorderScratch& scratch() { return *mScratch; }
+    // REQUIRES: LockRecorder() held. Fixed sample storage for the caller of writeout:
+    // one video access unit or one audio frame, and an SPS or a PPS.
+    _CmmbOutBuffer& sampleScratch() { return *mSampleScratch; }
+    _CmmbOutBuffer& parameterSetScratch() { return *mParameterSetScratch; }
 
     // Recording state kept for the recording manager, which reads and updates it while it
     // holds LockRecorder(). The recorder resets it when a writer goes away and resume() sets
@@ -97,7 +92,12 @@ private:
     CmmbMediaSource* mAudioSource;  // owned; handed to the writer as track 2
     int mOutputFd;                  // owned duplicate of the caller's descriptor, or -1
     long long mMaxFileSize;         // handed to the writer at start
-    const std::unique_ptr<CmmbRecorderScratch> mScratch;
+    // The sample records the recording manager fills while it holds the recorder's lock,
+    // allocated once with the recorder so that no frame allocates. Two blocks of 64 KiB
+    // rather than one of 128 KiB: malloc and the sanitizers' allocators give a block of
+    // 128 KiB or more a mapping of its own, a system call and a TLB flush per recording.
+    const std::unique_ptr<_CmmbOutBuffer> mSampleScratch;
+    const std::unique_ptr<_CmmbOutBuffer> mParameterSetScratch;
 };
 
 #endif  // TAVO_RECORDING_CMMB_RECORDER_H

@@ -247,7 +247,7 @@ int MBBMSRecManager::recordVideo(CmmbRecorder* recorder, const unsigned char* co
     CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy);
     const unsigned char* payload =
         copy + cmmbFrameCopyPayloadOffset(counts.nalCount, counts.aacCount);
-    _CmmbOutBuffer& sample = recorder->scratch().sample;
+    _CmmbOutBuffer& sample = recorder->sampleScratch();
     sample.mime = kVideoMime;
     sample.data = sample.storage;
 
@@ -327,7 +327,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
     for (uint32_t i = 0; i < counts.nalCount; ++i)
         walked += cmmbFrameCopyReadNal(copy, i).length;
 
-    _CmmbOutBuffer& sample = recorder->scratch().sample;
+    _CmmbOutBuffer& sample = recorder->sampleScratch();
     sample.mime = kAudioMime;
     sample.data = sample.storage;
     sample.isSyncFrame = false;
@@ -379,7 +379,7 @@ int MBBMSRecManager::recordAudio(CmmbRecorder* recorder, const unsigned char* co
 
 void MBBMSRecManager::writeParameterSet(CmmbRecorder* recorder, const unsigned char* part,
                                         uint32_t length) {
-    _CmmbOutBuffer& parameterSet = recorder->scratch().parameterSet;
+    _CmmbOutBuffer& parameterSet = recorder->parameterSetScratch();
     parameterSet.mime = kVideoMime;
     parameterSet.timestamp = 0;  // the writer takes the first two video buffers as SPS and PPS
     parameterSet.isSyncFrame = false;

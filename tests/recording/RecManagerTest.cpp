@@ -236,7 +236,7 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
     {
         CmmbRecorder bare;
         bare.LockRecorder();
-        EXPECT_EQ(-1015, bare.writeout(&bare.scratch().sample));
+        EXPECT_EQ(-1015, bare.writeout(&bare.sampleScratch()));
         bare.UnlockRecorder();
         EXPECT_EQ(-1015, bare.pause());
         EXPECT_EQ(-1015, bare.resume());
