@@ -28,6 +28,7 @@
 #include "FuzzEngine.h"
 #include "FuzzScratchFile.h"
 #include "GuardedMappings.h"
+#include "InputBytes.h"
 #include "Mp4BoxReader.h"
 #include "Mp4Consistency.h"
 
@@ -36,34 +37,6 @@ namespace {
 const int kChannels[2] = {10, 11};
 const int kMaxFramesPerInput = 64;
 const int kMaxItemsPerFrame = 300;  // more than the 256 record slots
-
-class InputBytes {
-public:
-    InputBytes(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-    bool empty() const { return mPosition >= mSize; }
-    uint8_t u8() { return mPosition < mSize ? mData[mPosition++] : 0; }
-    uint16_t u16() {
-        uint16_t high = u8();
-        return static_cast<uint16_t>(high << 8 | u8());
-    }
-    uint32_t u32() {
-        uint32_t high = u16();
-        return high << 16 | u16();
-    }
-    // `count` bytes: what the input still holds, then filler.
-    void bytes(uint8_t* out, size_t count) {
-        size_t available = mPosition < mSize ? mSize - mPosition : 0;
-        size_t taken = count < available ? count : available;
-        memcpy(out, mData + mPosition, taken);
-        memset(out + taken, 0x5A, count - taken);
-        mPosition += taken;
-    }
-
-private:
-    const uint8_t* mData;
-    size_t mSize;
-    size_t mPosition = 0;
-};
 
 // Which sessions watch which channel; changed only when an input asks for another layout.
 struct SessionLayout {
@@ -217,7 +190,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzEngine& fuzz = FuzzEngine::instance();
     if (guardedMappingCount() != 2)
         fuzzFailure("the shared buffers are not guarded (is mmap wrapped?)");
-    InputBytes in(data, size);
+    InputBytes in(data, size, 0x5A);
 
     const uint8_t config = in.u8();
     const SessionLayout layout = {(config & 1) != 0, (config >> 1) & 1};

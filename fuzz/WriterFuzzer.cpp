@@ -15,6 +15,7 @@
 
 #include "CmmbMPEG4Writer.h"
 #include "FuzzScratchFile.h"
+#include "InputBytes.h"
 #include "LogSink.h"
 #include "Mp4BoxReader.h"
 #include "Mp4Consistency.h"
@@ -23,31 +24,6 @@ namespace {
 
 const char* const kAvc = "video/avc";
 const char* const kAac = "audio/mp4a-latm";
-
-// Reads the input front to back; reads past its end give zeros.
-class InputBytes {
-public:
-    InputBytes(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
-    bool empty() const { return mPosition >= mSize; }
-    uint8_t u8() { return mPosition < mSize ? mData[mPosition++] : 0; }
-    uint16_t u16() {
-        uint16_t high = u8();
-        return static_cast<uint16_t>(high << 8 | u8());
-    }
-    // Copies up to `count` bytes into `out` and zero-fills the rest.
-    void bytes(uint8_t* out, size_t count) {
-        size_t available = mPosition < mSize ? mSize - mPosition : 0;
-        size_t taken = count < available ? count : available;
-        memcpy(out, mData + mPosition, taken);
-        memset(out + taken, 0, count - taken);
-        mPosition += taken;
-    }
-
-private:
-    const uint8_t* mData;
-    size_t mSize;
-    size_t mPosition = 0;
-};
 
 struct TrackSet {
     const char* mimes[2];
@@ -91,7 +67,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzScratchFile file("writer");
     static std::unique_ptr<_CmmbOutBuffer> sample(new _CmmbOutBuffer());
-    InputBytes in(data, size);
+    InputBytes in(data, size, 0);
 
     const uint8_t config = in.u8(), scales = in.u8(), audioAndInterleave = in.u8(), limit = in.u8();
     const TrackSet& set = kTrackSets[config & 7];
