@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -41,21 +40,9 @@ public:
         });
     }
 
-    // Number of log lines "[LogMask::<category>][<function>():<line>]<message>".
     int countLogLine(const std::string& category, const std::string& function,
                      const std::string& message) const {
-        const std::string prefix = "[LogMask::" + category + "][" + function + "():";
-        int count = 0;
-        for (const std::string& line : mRoot.logLines()) {
-            size_t end = line.find(prefix);
-            if (end == std::string::npos)
-                continue;
-            end += prefix.size();
-            while (end < line.size() && isdigit(static_cast<unsigned char>(line[end])))
-                ++end;
-            count += line.compare(end, std::string::npos, "]" + message) == 0;
-        }
-        return count;
+        return mRoot.countLogLine(category, function, message);
     }
 
 private:

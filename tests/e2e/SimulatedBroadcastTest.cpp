@@ -18,16 +18,6 @@ namespace {
 
 const char kBuffersSent[] = "sendmsg OK: cmd=sharebuffer (session=1)";
 
-bool waitForLog(const TestRoot& root, const std::string& text, int n) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (root.countLog(text) < n) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 std::string frameEnd(int session) {
     return "]session=" + std::to_string(session) + ", channelID=";
 }
@@ -35,7 +25,7 @@ std::string frameEnd(int session) {
 // Waits for `more` frames of each session beyond those logged so far.
 bool waitForMoreFrames(const TestRoot& root, int more) {
     for (int session : {0, 1}) {
-        if (!waitForLog(root, frameEnd(session), root.countLog(frameEnd(session)) + more))
+        if (!root.waitForLog(frameEnd(session), root.countLog(frameEnd(session)) + more))
             return false;
     }
     return true;
@@ -72,14 +62,14 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
                                 root.path() + "/first.log");
         std::string error;
         ASSERT_TRUE(first.start(&error)) << error;
-        ASSERT_TRUE(waitForLog(root, kBuffersSent, 1));
+        ASSERT_TRUE(root.waitForLog(kBuffersSent, 1));
         ASSERT_EQ(0, startService(engine, 0, 101, 1));
         ASSERT_EQ(0, startService(engine, 1, 102, 5));
         ASSERT_TRUE(waitForMoreFrames(root, 3));
 
         first.kill();
-        ASSERT_TRUE(waitForLog(root, "Connection closed by client", 1) ||
-                    waitForLog(root, "Connection reset by client", 1));
+        ASSERT_TRUE(root.waitForLog("Connection closed by client", 1) ||
+                    root.waitForLog("Connection reset by client", 1));
         // Nobody reads now: frames keep coming and are dropped unread.
         int lostBefore = root.countLog("A/V DATA LOST");
         ASSERT_TRUE(waitForMoreFrames(root, 3));
@@ -88,7 +78,7 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
         PlayEngineProcess second(TAVO_PLAYENGINE_PATH, {"--out-dir", root.path() + "/second"},
                                  root.path() + "/second.log");
         ASSERT_TRUE(second.start(&error)) << error;
-        ASSERT_TRUE(waitForLog(root, kBuffersSent, 2));
+        ASSERT_TRUE(root.waitForLog(kBuffersSent, 2));
         ASSERT_TRUE(waitForMoreFrames(root, 4));
         EXPECT_EQ(0, second.stop());
 

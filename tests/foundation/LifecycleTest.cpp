@@ -1,7 +1,6 @@
 // Engine creation, agent loading, init and deinit, through the public interface with the
 // fake agent loaded from its own shared library. Each test body runs in a child process
 // because the engine is one object per process.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 
 #include "ChildProcess.h"
 #include "FakeAgentAccess.h"
+#include "OpenDescriptors.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
@@ -33,20 +33,7 @@ bool isDirectory(const std::string& path) {
 
 // Shared-memory regions of the engine currently open in this process.
 int openSharedRegions() {
-    int count = 0;
-    DIR* fds = opendir("/proc/self/fd");
-    if (fds == nullptr)
-        return -1;
-    while (dirent* entry = readdir(fds)) {
-        char target[256] = {};
-        std::string link = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
-            std::string(target).find("cmmb_shared_memory_") != std::string::npos) {
-            ++count;
-        }
-    }
-    closedir(fds);
-    return count;
+    return openDescriptors("cmmb_shared_memory_");
 }
 
 }  // namespace
@@ -176,7 +163,7 @@ TEST(Init, BringsTheAgentUpInOrderWithTheWorkingDirectory) {
     });
 }
 
-TEST(Init, WithoutDirectoryCreatesTheResolvedDefault) {
+TEST(Init, WithoutDirectoryCreatesTheResolvedDefaultAndAcceptsAnExistingPathOfAnyKind) {
     EXPECT_IN_CHILD({
         TestRoot root;
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
@@ -187,15 +174,9 @@ TEST(Init, WithoutDirectoryCreatesTheResolvedDefault) {
         EXPECT_EQ("init(callback, " + expected + ", " + expected + ")",
                   fakeAgentAt(sianoPath(root))->calls().at(2));
         EXPECT_EQ(0, engine->deinit());
-    });
-}
 
-TEST(Init, AcceptsAnExistingPathOfAnyKind) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
         const std::string file = root.resolve("/plainfile");
         writeTextFile(file, "x");
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         EXPECT_EQ(0, engine->init(nullptr, file.c_str()));
         EXPECT_EQ(0, engine->deinit());
     });

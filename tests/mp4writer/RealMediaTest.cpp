@@ -5,30 +5,23 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
 #include <ostream>
 #include <string>
 
+#include "ChildProcess.h"
 #include "MediaFiles.h"
 #include "WriterHarness.h"
 
 namespace {
 
-// Standard output and error of a command, trailing white space removed, then its status.
+// Standard output and error of a command, trailing white space removed.
 std::string runTool(const std::string& command, int* status = nullptr) {
     std::string output;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    char block[4096];
-    for (size_t got; pipe != nullptr && (got = fread(block, 1, sizeof(block), pipe)) > 0;) {
-        output.append(block, got);
-    }
-    int exitStatus = pipe != nullptr ? pclose(pipe) : -1;
-    if (status != nullptr) {
+    const int exitStatus = runCommand(command, &output);
+    if (status != nullptr)
         *status = exitStatus;
-    }
-    while (!output.empty() && isspace(static_cast<unsigned char>(output.back()))) {
+    while (!output.empty() && isspace(static_cast<unsigned char>(output.back())))
         output.pop_back();
-    }
     return output;
 }
 

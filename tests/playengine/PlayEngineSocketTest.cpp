@@ -127,11 +127,6 @@ struct Bench {
     }
     std::string serverPath() const { return root.resolve("/data/app/cmmb.socket"); }
     std::string clientPath(const char* name) const { return root.path() + "/" + name + ".sock"; }
-    bool waitForLog(const std::string& text, int n = 1) const {
-        for (int i = 0; i < 1000 && root.countLog(text) < n; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return root.countLog(text) >= n;
-    }
     int openFile(const char* name) const {
         return open((root.path() + "/" + name).c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
     }
@@ -178,7 +173,7 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         Client unbound("");
         ASSERT_TRUE(unbound.connectTo(bench.serverPath()));
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
-        EXPECT_TRUE(bench.waitForLog("socket file not exist!"));
+        EXPECT_TRUE(bench.root.waitForLog("socket file not exist!"));
 
         Client former(bench.clientPath("former"));
         ASSERT_TRUE(former.connectTo(bench.serverPath()));
@@ -199,7 +194,7 @@ TEST(PlayEngineSocket, ServesAClientAgainAfterItLeavesAndDeinitClosesTheConnecti
         ASSERT_TRUE(client.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(client);
         client.disconnect();
-        ASSERT_TRUE(bench.waitForLog("Connection closed by client"));
+        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
 
         // Without a client, a snapshot request cannot be delivered and fails at once.
         EXPECT_EQ(-1, TavoMBBMSEngineImpl::sendPlayEngineCommand(CMD_FLUSH, -1, 0));
@@ -250,7 +245,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
         EXPECT_TRUE(bench.engine->isCapturing(1));
         ASSERT_TRUE(client.sendIndication("capture done"));
-        ASSERT_TRUE(bench.waitForLog("UNKNOWN_INDICATION"));
+        ASSERT_TRUE(bench.root.waitForLog("UNKNOWN_INDICATION"));
         ASSERT_TRUE(client.sendIndication("4"));
         ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
         EXPECT_EQ(2, bench.callback.count("onEvent(16"));

@@ -26,20 +26,6 @@ using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 const int kChannel = 7;
 const size_t kFragmentSize = 700;  // NAL units longer than this arrive in fragments
 
-// Runs a shell command; its exit status, with standard output and error in *output.
-int runCommand(const std::string& command, std::string* output) {
-    output->clear();
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return -1;
-    char chunk[512];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
-        output->append(chunk, n);
-    int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // Frames ffprobe decodes in the first stream of `path` read as `format`, or -1.
 int decodedFrameCount(const std::string& format, const std::string& path) {
     std::string output;
@@ -175,15 +161,6 @@ public:
         return engine->startTVService(0, 20, 1, 2, 3, &isma) == 0;
     }
 
-    bool waitForLog(const std::string& text, int n) {
-        for (int i = 0; i < 1000; ++i) {
-            if (root.countLog(text) >= n)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
-
     // Plays pictures [firstPicture, endPicture) and audio [firstAudio, endAudio) as one
     // multiplex frame on session 0's channel, then waits until a reader fetched it.
     bool playFrame(const MediaFeed& feed, size_t firstPicture, size_t endPicture, size_t firstAudio,
@@ -254,7 +231,7 @@ TEST(ReferencePlayEngine, WritesStreamsThatFfmpegDecodes) {
         ASSERT_TRUE(bench.start());
         const int kFrames = 5;
         PlayEngineProcess playEngine(bench.root, {"--frames", std::to_string(kFrames)});
-        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
 
         for (int i = 0; i < kFrames; ++i) {
             ASSERT_TRUE(bench.playFrame(feed, 10 * i, 10 * (i + 1), feed.audio.size() * i / kFrames,
@@ -292,7 +269,7 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
         ASSERT_EQ(50u, feed.pictures.size());
         ASSERT_TRUE(bench.start());
         PlayEngineProcess playEngine(bench.root, {});
-        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
 
         // No picture yet: the play engine answers with a failure (reported for session 0).
         std::string early = bench.root.path() + "/early.png";
@@ -323,7 +300,7 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
         // The engine restarts: the play engine comes back to the new server and buffers.
         ASSERT_EQ(0, bench.engine->deinit());
         ASSERT_TRUE(bench.start());
-        ASSERT_TRUE(bench.waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
+        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
         ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();
 
         EXPECT_EQ(0, playEngine.stop()) << playEngine.log();

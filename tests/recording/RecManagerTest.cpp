@@ -1,6 +1,5 @@
 // The recording manager turning shared-buffer frames into recorder samples, observed through
 // a recorder that captures what it is handed, and the recorder with the real file writer.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include "CmmbRecorder.h"
 #include "LogMask.h"
 #include "MBBMSRecManager.h"
+#include "OpenDescriptors.h"
 #include "RecordingRig.h"
 #include "TestRoot.h"
 
@@ -222,17 +222,8 @@ TEST_F(RecManager, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
     EXPECT_EQ(idr, recorder.samples[2].bytes);
 }
 
-int openDescriptorCount() {
-    DIR* dir = opendir("/proc/self/fd");
-    int count = 0;
-    while (dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count - 1;  // the directory's own descriptor
-}
-
 TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDuplicate) {
-    const int baseline = openDescriptorCount();
+    const int baseline = openDescriptors();
     {
         CmmbRecorder bare;
         bare.LockRecorder();
@@ -253,10 +244,10 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
         EXPECT_EQ(0, bare.setOutputFile(fd, 0, 0));  // the first duplicate is closed
         EXPECT_EQ(-1015, bare.setOutputFile(fd, 10, 0));
         EXPECT_EQ(-1015, bare.setOutputFile(fd, 0, 100));
-        EXPECT_EQ(baseline + 2, openDescriptorCount());
+        EXPECT_EQ(baseline + 2, openDescriptors());
         close(fd);
     }
-    EXPECT_EQ(baseline, openDescriptorCount());  // released by destruction
+    EXPECT_EQ(baseline, openDescriptors());  // released by destruction
 
     CmmbRecorder bare;
     const int fd = createOutput("out.3gp");
@@ -265,7 +256,7 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
     ASSERT_EQ(0, bare.start());
     EXPECT_EQ(-1015, bare.start());
     EXPECT_EQ(-1002, bare.stop());  // nothing was recorded
-    EXPECT_EQ(baseline, openDescriptorCount());
+    EXPECT_EQ(baseline, openDescriptors());
 }
 
 TEST_F(RecManager, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) {

@@ -35,3 +35,15 @@ std::string runInChild(const std::function<void()>& body) {
         return "child killed by signal " + std::to_string(WTERMSIG(status));
     return "child ended abnormally";
 }
+
+int runCommand(const std::string& command, std::string* output) {
+    output->clear();
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    char block[4096];
+    for (size_t got; (got = fread(block, 1, sizeof(block), pipe)) > 0;)
+        output->append(block, got);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}

@@ -19,6 +19,10 @@
 // description of how it failed (gtest failures, exit status or signal).
 std::string runInChild(const std::function<void()>& body);
 
+// Runs a shell command with its standard output and error in *output; its exit status, or -1
+// when it could not be run or did not exit.
+int runCommand(const std::string& command, std::string* output);
+
 #define EXPECT_IN_CHILD(...)                                      \
     do {                                                          \
         std::string childFailure = runInChild([&]() __VA_ARGS__); \

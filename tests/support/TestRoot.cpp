@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace {
 
@@ -101,6 +103,26 @@ int TestRoot::countLog(const std::string& text) const {
     int count = 0;
     for (const std::string& line : logLines())
         count += line.find(text) != std::string::npos;
+    return count;
+}
+
+bool TestRoot::waitForLog(const std::string& text, int n) const {
+    for (int i = 0; i < 1500 && countLog(text) < n; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return countLog(text) >= n;
+}
+
+int TestRoot::countLogLine(const std::string& category, const std::string& function,
+                           const std::string& message) const {
+    const std::string prefix = "[LogMask::" + category + "][" + function + "():";
+    int count = 0;
+    for (const std::string& line : logLines()) {
+        size_t at = line.find(prefix);
+        if (at == std::string::npos)
+            continue;
+        at = line.find(']', at + prefix.size());
+        count += at != std::string::npos && line.compare(at + 1, message.size(), message) == 0;
+    }
     return count;
 }
 

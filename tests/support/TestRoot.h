@@ -36,6 +36,12 @@ public:
     // Number of log lines containing `text`.
     int countLog(const std::string& text) const;
     bool logContains(const std::string& text) const { return countLog(text) > 0; }
+    // Waits (up to a generous bound) until `n` log lines contain `text`; whether they did.
+    bool waitForLog(const std::string& text, int n = 1) const;
+    // Number of log lines "[LogMask::<category>][<function>():<line>]<message>..." whose
+    // message starts with `message`.
+    int countLogLine(const std::string& category, const std::string& function,
+                     const std::string& message) const;
     void clearLog() const;
 
     static std::string fakeAgentPath();
