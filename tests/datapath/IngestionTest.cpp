@@ -109,6 +109,69 @@ TEST(NalIngestion, FragmentStateTableAndStartCodes) {
     });
 }
 
+// Fragment position values outside 0-3, as an agent may pass them (found by fuzzing the
+// tuner data): only bit 1 (begins a unit) and bit 0 (ends one) count, and the record being
+// filled only ever shows 2, 0 or 3 to the play engine.
+TEST(NalIngestion, ExtraBitsOfTheFragmentPositionAreIgnored) {
+    EXPECT_IN_CHILD({
+        WITH_OPEN_FRAME(bench);
+        bench.nal(kChannel, nalUnit(4, 0x65, 20), static_cast<Pos>(6));  // begins: 16 bytes kept
+        EXPECT_EQ(kStarted, b->nal[0].pos);
+        bench.nal(kChannel, pattern(10), static_cast<Pos>(-64));  // middle (no flag bits)
+        EXPECT_EQ(kMiddle, b->nal[0].pos);
+        EXPECT_EQ(0u, b->nalCount);
+        bench.nal(kChannel, pattern(5), static_cast<Pos>(-63));  // ends
+        EXPECT_EQ(1u, b->nalCount);
+        EXPECT_EQ(31u, b->nal[0].length);
+        EXPECT_EQ(kNone, b->nal[1].pos);
+        bench.nal(kChannel, nalUnit(3, 0x41, 9), static_cast<Pos>(0x7F));  // begins and ends
+        EXPECT_EQ(2u, b->nalCount);
+        EXPECT_EQ(6u, b->nal[1].length);
+        bench.frameEnd(kChannel);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame));
+        ASSERT_EQ(2u, frame.nals.size());
+        EXPECT_EQ(0x65, frame.nals[0][0]);
+        EXPECT_EQ(0x41, frame.nals[1][0]);
+    });
+}
+
+// AAC frames delivered between the fragments of a NAL unit (found by fuzzing the tuner
+// data): the unit stays contiguous and neither item overlaps the other, also when the open
+// unit is overwritten by the next one.
+TEST(NalIngestion, AudioBetweenFragmentsKeepsBothItemsWhole) {
+    EXPECT_IN_CHILD({
+        WITH_OPEN_FRAME(bench);
+        (void)b;
+        const Bytes first = nalUnit(4, 0x65, 20), middle = pattern(10, 100), last = pattern(5, 200);
+        const Bytes audio = pattern(30, 50);
+        bench.nal(kChannel, first, START);
+        bench.aac(kChannel, audio);
+        bench.nal(kChannel, middle, MIDDLE);
+        bench.nal(kChannel, last, END);
+        // Overwritten while an AAC frame lies behind it: the frame is kept.
+        bench.nal(kChannel, nalUnit(4, 0x41, 20), START);
+        bench.aac(kChannel, audio);
+        const Bytes next = nalUnit(4, 0x65, 60);
+        bench.nal(kChannel, next, COMPLETE);
+        bench.frameEnd(kChannel);
+
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame));
+        ASSERT_EQ(2u, frame.nals.size());
+        Bytes whole(first.begin() + 4, first.end());
+        whole.insert(whole.end(), middle.begin(), middle.end());
+        whole.insert(whole.end(), last.begin(), last.end());
+        EXPECT_EQ(whole, frame.nals[0]);
+        EXPECT_EQ(Bytes(next.begin() + 4, next.end()), frame.nals[1]);
+        ASSERT_EQ(2u, frame.aacs.size());
+        for (const Bytes& aac : frame.aacs) {
+            ASSERT_EQ(7 + audio.size(), aac.size());
+            EXPECT_EQ(audio, Bytes(aac.begin() + 7, aac.end()));
+        }
+    });
+}
+
 // Fills the payload of the open frame to `length` bytes with complete units.
 void fillPayload(EngineDataPath& bench, uint32_t length) {
     while (bench.buffer(0)->dataLength < length) {
@@ -192,26 +255,6 @@ TEST(Ingestion, AdtsHeaderAndRecordTablesOf256Items) {
 
 }  // namespace
 
-namespace {
-
-// Number of log lines "[LogMask::<category>][<function>():<line>]" whose message starts
-// with `message`.
-int linesOf(const TestRoot& root, const std::string& category, const std::string& function,
-            const std::string& message) {
-    const std::string prefix = "[LogMask::" + category + "][" + function + "():";
-    int count = 0;
-    for (const std::string& line : root.logLines()) {
-        size_t at = line.find(prefix);
-        if (at == std::string::npos)
-            continue;
-        at = line.find(']', at + prefix.size());
-        count += at != std::string::npos && line.compare(at + 1, message.size(), message) == 0;
-    }
-    return count;
-}
-
-}  // namespace
-
 // The lines of the data path name the operation the application or the agent called, not
 // the helper that printed them.
 TEST(DataPathLog, LinesNameThePublicOperation) {
@@ -223,16 +266,20 @@ TEST(DataPathLog, LinesNameThePublicOperation) {
         bench.aac(kChannel, pattern(20));
         bench.frameEnd(kChannel);
         EXPECT_EQ(0, bench.engine->stopTVService(0));
-        const TestRoot& root = bench.root;
-        EXPECT_EQ(1, linesOf(root, "WARNING", "onClearVideoNalData",
-                             "current NAL has no beginning, drop it!"));
-        EXPECT_EQ(1, linesOf(root, "ERROR", "onClearVideoNalData",
-                             "H264 NAL has no start code, drop it!"));
-        EXPECT_EQ(1, linesOf(root, "DATA_AAC", "onClearAudioAacFrame", "+Raw audio AAC,session=0"));
-        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "start", "sem_wait mutexSessionChangable ..."));
-        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "stop", "mutexSessionChangable++"));
-        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "onOutputAVStart", "mutexSessionChangable--"));
-        EXPECT_EQ(1, linesOf(root, "SEMAPHORE", "onOutputAVEnd", "mutexSessionChangable++"));
-        EXPECT_EQ(2, linesOf(root, "ENGINE", "initSharedBuffers", "mmap is ok, size=74772"));
+        EXPECT_EQ(1, bench.root.countLogLine("WARNING", "onClearVideoNalData",
+                                             "current NAL has no beginning, drop it!"));
+        EXPECT_EQ(1, bench.root.countLogLine("ERROR", "onClearVideoNalData",
+                                             "H264 NAL has no start code, drop it!"));
+        EXPECT_EQ(1, bench.root.countLogLine("DATA_AAC", "onClearAudioAacFrame",
+                                             "+Raw audio AAC,session=0"));
+        EXPECT_EQ(
+            1, bench.root.countLogLine("SEMAPHORE", "start", "sem_wait mutexSessionChangable ..."));
+        EXPECT_EQ(1, bench.root.countLogLine("SEMAPHORE", "stop", "mutexSessionChangable++"));
+        EXPECT_EQ(
+            1, bench.root.countLogLine("SEMAPHORE", "onOutputAVStart", "mutexSessionChangable--"));
+        EXPECT_EQ(1,
+                  bench.root.countLogLine("SEMAPHORE", "onOutputAVEnd", "mutexSessionChangable++"));
+        EXPECT_EQ(2,
+                  bench.root.countLogLine("ENGINE", "initSharedBuffers", "mmap is ok, size=74772"));
     });
 }

@@ -1,16 +1,9 @@
-// Starting and stopping TV sessions (sessions sharing an agent channel, channel slot reuse,
-// the frequency rule, refusals, the buffer reset of every stop) and the shared buffers
-// through init and deinit.
-#include <fcntl.h>
+// Starting and stopping TV sessions: sessions sharing an agent channel, channel slot reuse,
+// the frequency rule, refusals, the buffer reset of every stop.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <cstring>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
-#include "OpenDescriptors.h"
 
 namespace {
 
@@ -90,39 +83,6 @@ TEST(TVServiceControl, RefusedStartsAndStopsChangeNothing) {
 
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         EXPECT_EQ(0, bench.root.countLog("mChannel[1]")) << "the refused slot is reused";
-    });
-}
-
-TEST(SharedBufferLifecycle, InitFailingOnTheSecondRegionReleasesTheFirst) {
-    EXPECT_IN_CHILD({
-        EngineDataPath bench("all", false);
-        ASSERT_EQ("", bench.setUpError());
-        // A full cycle first, so that nothing done lazily needs a descriptor later; then
-        // the descriptor limit lets init create the first region but not the second.
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
-        bench.playFrame(40, 1, 1);
-        ASSERT_EQ(0, bench.engine->deinit());
-        EXPECT_EQ(0, openDescriptors("cmmb_shared_memory_"));
-        int first = open("/dev/null", O_RDONLY), second = open("/dev/null", O_RDONLY);
-        ASSERT_LT(first, second);
-        close(first);
-        close(second);
-        const int before = openDescriptors();
-        struct rlimit original, tight;
-        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
-        tight = original;
-        tight.rlim_cur = static_cast<rlim_t>(second);
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
-        EXPECT_EQ(-1, bench.engine->init(nullptr, nullptr));
-        const int after = openDescriptors();
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
-        EXPECT_EQ(before, after) << "the first region's descriptor was kept";
-        EXPECT_EQ(0, openDescriptors("cmmb_shared_memory_"));
-
-        ASSERT_EQ(0, bench.engine->init(nullptr, nullptr));
-        EXPECT_EQ(2, openDescriptors("cmmb_shared_memory_"));
-        ASSERT_EQ(0, bench.engine->deinit());
-        EXPECT_EQ(before, openDescriptors());
     });
 }
 
