@@ -25,6 +25,16 @@ long long fileSize(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
 }
 
+// Records session 0 into `name` for a second, then plays one with less than 1 MiB free,
+// which ends the recording (storage full).
+void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,
+                            const char* name) {
+    ASSERT_EQ(0, rig.startRecording(name));
+    rig.play(feed.nextSecond());
+    env.setFreeBytes(kMiB - 1);
+    rig.play(feed.nextSecond());
+}
+
 TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
@@ -66,9 +76,7 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         EXPECT_FALSE(rig.engine().isRecording(0));
 
         // A missing card ends frame delivery; the recorder stays for the application's stop.
-        const int last = rig.createOutput("last.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, last));
-        close(last);
+        ASSERT_EQ(0, rig.startRecording("last.3gp"));
         rig.play(feed.nextSecond());
         rig.play(feed.nextSecond());
         ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
@@ -87,9 +95,7 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         FaultInjectingEnv env;
         RecordingRig rig;
         rig.startService();
-        const int fd = rig.createOutput("out.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
+        ASSERT_EQ(0, rig.startRecording("out.3gp"));
         ClipFeed feed;
         const char* estimateWarning = "required minimal space=";
 
@@ -152,13 +158,8 @@ TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
         StopOnRecordingEvent app(rig.engine());
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
         rig.startService();  // the engine keeps the first callback
-        const int fd = rig.createOutput("out.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
         ClipFeed feed;
-        rig.play(feed.nextSecond());
-        env.setFreeBytes(kMiB - 1);
-        rig.play(feed.nextSecond());
+        recordUntilStorageFull(rig, env, feed, "out.3gp");
         env.setFreeBytes(-1);
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // returns once the event is handled
@@ -232,13 +233,8 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         RecordAgainOnRecordingEvent app(rig.engine(), env, second);
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
         rig.startService();
-        const int first = rig.createOutput("first.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, first));
-        close(first);
         ClipFeed feed;
-        rig.play(feed.nextSecond());
-        env.setFreeBytes(kMiB - 1);
-        rig.play(feed.nextSecond());  // the first recording ends here
+        recordUntilStorageFull(rig, env, feed, "first.3gp");
 
         ASSERT_TRUE(app.waitUntilRestarted());
         EXPECT_EQ(0, app.restartResult);
@@ -267,21 +263,16 @@ TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
         FaultInjectingEnv env;
         RecordingRig rig;
         rig.startService();
-        const int fd = rig.createOutput("out.3gp");
         env.failNth(FaultInjectingEnv::START_THREAD, 1, EAGAIN);
-        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
+        EXPECT_EQ(-1, rig.startRecording("out.3gp"));
         EXPECT_FALSE(rig.engine().isRecording(0));
         EXPECT_EQ(1, rig.root().countLog(
                          "cannot start the recording completion thread: Resource temporarily "
                          "unavailable"));
         EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));
 
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));  // the next start tries again
-        close(fd);
         ClipFeed feed;
-        rig.play(feed.nextSecond());
-        env.setFreeBytes(kMiB - 1);
-        rig.play(feed.nextSecond());
+        recordUntilStorageFull(rig, env, feed, "out.3gp");  // the next start tries again
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         env.setFreeBytes(-1);
         expectCleanFile(rig.outputPath("out.3gp"));

@@ -30,9 +30,7 @@ int playUntilRecordingEnds(RecordingRig& rig, ClipFeed& feed, int limit) {
 
 // Starts recording session 0 into `name` and records `seconds` of the clip.
 void startRecordingInto(RecordingRig& rig, const std::string& name, ClipFeed& feed, int seconds) {
-    const int fd = rig.createOutput(name);
-    ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-    close(fd);
+    ASSERT_EQ(0, rig.startRecording(name));
     for (int second = 0; second < seconds; ++second)
         rig.play(feed.nextSecond());
 }
@@ -186,9 +184,7 @@ TEST(RecordingFaults, ARecordingAcrossTheClockWrapAndThroughJumpsKeepsItsDuratio
         RecordingRig rig;
         rig.startService();
         ClipFeed feed;
-        const int fd = rig.createOutput("wrap.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
+        ASSERT_EQ(0, rig.startRecording("wrap.3gp"));
         // The 32-bit clock wraps ten seconds in.
         const uint32_t beforeWrap = 0u - 10u * ClipFeed::kTicksPerSecond - ClipFeed::kFirstTick;
         playShifted(rig, feed, 20, [&](int) { return beforeWrap; });
@@ -198,9 +194,7 @@ TEST(RecordingFaults, ARecordingAcrossTheClockWrapAndThroughJumpsKeepsItsDuratio
         EXPECT_NEAR(20.0, probeStreamDuration(rig.outputPath("wrap.3gp"), 1), 1.0);
 
         // A tuner that resynchronises: an hour forwards after 8 s, two hours back after 14 s.
-        const int jumps = rig.createOutput("jumps.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, jumps));
-        close(jumps);
+        ASSERT_EQ(0, rig.startRecording("jumps.3gp"));
         const uint32_t hour = 3600u * ClipFeed::kTicksPerSecond;
         playShifted(rig, feed, 20, [&](int s) { return s < 8 ? 0u : s < 14 ? hour : 0u - hour; });
         EXPECT_EQ(0, rig.engine().stopRecording(0));

@@ -28,9 +28,8 @@ TEST(RecordingRace, StopAndRestartWhileFramesArriveNeverLosesARecorderUnderAFram
         int completed = 0;
         for (int round = 0; round < 60; ++round) {
             const int session = round % 2;
-            const int fd = rig.createOutput("race" + std::to_string(round) + ".3gp");
-            ASSERT_EQ(0, rig.engine().startRecording(session, fd)) << round;
-            close(fd);
+            ASSERT_EQ(0, rig.startRecording("race" + std::to_string(round) + ".3gp", session))
+                << round;
             // Let from none to a few frames through.
             const int until = delivered.load() + round % 4;
             while (delivered.load() < until)
@@ -56,9 +55,7 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
         RecordingRig rig("ERROR,WARNING");
         rig.startService();
         ClipFeed feed;
-        const int fd = rig.createOutput("first.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
+        ASSERT_EQ(0, rig.startRecording("first.3gp"));
         rig.play(feed.nextSecond());
 
         for (bool replace : {true, false}) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,23 +10,14 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "ChildProcess.h"
 #include "FakeAgentAccess.h"
 
 namespace {
 
 std::string run(const std::string& command, int* status) {
     std::string output;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        *status = -1;
-        return "popen failed";
-    }
-    char chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
-        output.append(chunk, n);
-    const int raw = pclose(pipe);
-    *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    *status = runCommand(command, &output);
     return output;
 }
 
@@ -183,6 +173,13 @@ void RecordingRig::startService(bool bothSessions) {
     isma.serviceID = 601;
     for (int session = 0; session < (bothSessions ? 2 : 1); ++session)
         ASSERT_EQ(0, mEngine->startTVService(session, 20, 0, 1, 0, &isma));
+}
+
+int RecordingRig::startRecording(const std::string& name, int session) {
+    const int fd = createOutput(name);
+    const int result = mEngine->startRecording(session, fd);
+    close(fd);
+    return result;
 }
 
 void RecordingRig::playHere(const MultiplexFrame& frame) {

@@ -91,6 +91,9 @@ public:
     void playHere(const MultiplexFrame& frame);
 
     int createOutput(const std::string& name) const { return createFile(outputPath(name)); }
+    // Creates the file `name` and starts recording `session` into it (the recorder keeps its
+    // own duplicate of the descriptor); the engine's result.
+    int startRecording(const std::string& name, int session = 0);
     std::string outputPath(const std::string& name) const { return mRoot.path() + "/" + name; }
 
     static const int kChannel = 5;
