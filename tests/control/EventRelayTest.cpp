@@ -239,12 +239,3 @@ TEST(TS0Gate, ReportsArrivingWhileTheApplicationHandlesTS0StillReachIt) {
         control.engine().deinit();
     });
 }
-
-TEST(AgentLoading, LinesNameTheConstructor) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        EXPECT_EQ(1, control.countLogLine("MAIN", "TavoMBBMSEngineImpl", "open libsiano.so"));
-        EXPECT_EQ(1, control.countLogLine("MAIN", "TavoMBBMSEngineImpl",
-                                          "dynamically load so file successfully"));
-    });
-}
