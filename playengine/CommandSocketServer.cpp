@@ -24,6 +24,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -41,9 +43,9 @@ const char kSocketPath[] = "/data/app/cmmb.socket";
 const char kAllowedUidsProperty[] = "persist.mbbms.playengine.uids";
 const mode_t kSocketFileMode = 0660;
 // After a play engine has gone, the thread looks this often whether its process has ended,
-// for at most kReaderExitWaitMs; a process that lives on keeps its locks.
-const int kReaderExitPollMs = 10;
-const int kReaderExitWaitMs = 2000;
+// for at most kReaderExitWait; a process that lives on keeps its locks.
+const std::chrono::milliseconds kReaderExitPoll(10);
+const std::chrono::milliseconds kReaderExitWait(2000);
 const int kPollTimeoutMs = 1000;
 const int kListenBacklog = 1;
 
@@ -239,22 +241,39 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
     mPlayEngineLink.setListening(std::move(listeningSocket));
 
     // Processes that received the buffers, and whether a play engine has gone whose locks
-    // may have to be taken back once no such process lives.
+    // may have to be taken back once no such process lives: then, when to look next and when
+    // to stop looking. The wait runs on the clock, not on wake-ups, so that a busy new
+    // client neither cuts it short nor makes the thread read /proc at every message.
+    using Clock = std::chrono::steady_clock;
     ReaderProcesses readers;
     bool readerGone = false;
-    int readerGoneWaitedMs = 0;
+    Clock::time_point nextReaderCheck, readerWaitEnd;
+    auto startReaderExitWait = [&] {
+        readerGone = true;
+        nextReaderCheck = Clock::now();
+        readerWaitEnd = nextReaderCheck + kReaderExitWait;
+    };
 
     while (mIsStarted.load()) {
+        int pollTimeoutMs = kPollTimeoutMs;
         if (readerGone) {
-            if (!readers.anyAlive()) {
-                readerGone = false;
-                onPlayEngineGone();
-            } else if (readerGoneWaitedMs >= kReaderExitWaitMs) {
-                readerGone = false;  // they live on: their locks are their own
+            const Clock::time_point now = Clock::now();
+            if (now >= nextReaderCheck) {
+                nextReaderCheck = now + kReaderExitPoll;
+                if (!readers.anyAlive()) {
+                    readerGone = false;
+                    onPlayEngineGone();
+                } else if (now >= readerWaitEnd) {
+                    readerGone = false;  // they live on: their locks are their own
+                }
             }
-            readerGoneWaitedMs += kReaderExitPollMs;
+            if (readerGone) {
+                const auto untilCheck =
+                    std::chrono::ceil<std::chrono::milliseconds>(nextReaderCheck - Clock::now());
+                pollTimeoutMs = static_cast<int>(std::max<long long>(untilCheck.count(), 0));
+            }
         }
-        if (pollSet.wait(readerGone ? kReaderExitPollMs : kPollTimeoutMs) == 0)
+        if (pollSet.wait(pollTimeoutMs) == 0)
             continue;  // time-out: look at the run flag again
         // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
         if (!mIsStarted.load())
@@ -339,13 +358,11 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         } else if (received == 0) {
             TLOG(WARNING, "Connection closed by client");
             dropClient(pollSet, mPlayEngineLink);
-            readerGone = true;
-            readerGoneWaitedMs = 0;
+            startReaderExitWait();
         } else if (errno == ECONNRESET) {
             TLOG(ERROR, "Connection reset by client");
             dropClient(pollSet, mPlayEngineLink);
-            readerGone = true;
-            readerGoneWaitedMs = 0;
+            startReaderExitWait();
         } else {
             TLOG(ERROR, "Other read error occur");
         }

@@ -41,6 +41,8 @@ public:
     // Returns "" or what went wrong.
     std::string connect(const std::string& serverPath, const std::string& clientPath);
     CmmbSharedBuffer* buffer(int session) const { return mBuffers[session].buffer(); }
+    // Ends the connection; the mappings stay.
+    void hangUp() { mConnection.reset(); }
     off_t regionSize(int session) const { return mRegionSizes[session]; }
     // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
     // clears both counts and posts mutexDataAccessable. False on a timeout.

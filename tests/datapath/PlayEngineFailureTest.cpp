@@ -65,8 +65,9 @@ bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
     return AsyncCall(fn).endsWithin(bound);
 }
 
-// Where a reader stops in its contract for one frame of session 0.
-enum class Step { AFTER_AVAILABLE, AFTER_ACCESSABLE, MID_READ, AFTER_POST };
+// Where a reader stops in its contract for one frame of session 0. HUNG_UP_HOLDING_LOCK:
+// after mutexDataAccessable, with its connection closed but its mappings kept.
+enum class Step { AFTER_AVAILABLE, AFTER_ACCESSABLE, MID_READ, AFTER_POST, HUNG_UP_HOLDING_LOCK };
 
 // A play engine in a process of its own: connects, maps the buffers, follows the reader
 // contract for one frame of session 0 up to `step`, reports that through a pipe and waits
@@ -123,6 +124,10 @@ private:
         stopAt(Step::AFTER_AVAILABLE);
         cmmb_sem_wait(&b->mutexDataAccessable);
         stopAt(Step::AFTER_ACCESSABLE);
+        if (step == Step::HUNG_UP_HOLDING_LOCK) {
+            reader.hangUp();
+            stopAt(step);
+        }
         unsigned sum = 0;
         for (uint32_t i = 0; i < b->nalCount / 2; ++i)
             sum += b->data[b->nal[i].offset];
@@ -236,6 +241,42 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
         for (int i = 0; i < 100 && openDescriptors() != before; ++i)
             std::this_thread::sleep_for(milliseconds(10));
         EXPECT_EQ(before, openDescriptors());
+    });
+}
+
+// A play engine that hangs up holding a buffer lock and exits a little later: the engine looks
+// for its exit for two seconds of time, however many refused connections keep the command
+// thread busy meanwhile, and then takes the lock back.
+TEST(ReaderHungUp, ItsExitIsAwaitedForTheWholeWindowWhateverWakesTheCommandThread) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        ASSERT_EQ("", bench.setUpError());
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        ReaderProcess leaving;
+        ASSERT_TRUE(leaving.start(bench, Step::HUNG_UP_HOLDING_LOCK, "leaving"));
+        bench.playFrame(kChannel, 3, 2);
+        ASSERT_TRUE(leaving.reachedStep());
+        AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
+
+        // Unbound clients: each one wakes the command thread and is refused, so none of them
+        // counts as a reader that may still use the buffers.
+        const int kRefused = 250;
+        sockaddr_un engine = {};
+        engine.sun_family = AF_UNIX;
+        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        strncpy(engine.sun_path, server.c_str(), sizeof(engine.sun_path) - 1);
+        for (int i = 0; i < kRefused; ++i) {
+            int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&engine), sizeof(engine)));
+            close(fd);
+        }
+        for (int i = 0; i < 500 && bench.root.countLog("socket file not exist!") < kRefused; ++i)
+            std::this_thread::sleep_for(milliseconds(2));
+        ASSERT_EQ(kRefused, bench.root.countLog("socket file not exist!"));
+
+        leaving.kill(SIGKILL);
+        EXPECT_TRUE(blockedFrame.endsWithin(milliseconds(1000)))
+            << "the lock of the play engine that hung up was not taken back";
     });
 }
 
