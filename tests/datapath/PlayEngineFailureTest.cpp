@@ -248,6 +248,8 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
 // for its exit for two seconds of time, however many refused connections keep the command
 // thread busy meanwhile, and then takes the lock back.
 TEST(ReaderHungUp, ItsExitIsAwaitedForTheWholeWindowWhateverWakesTheCommandThread) {
+    if (TAVO_EMULATED)
+        GTEST_SKIP() << "250 emulated connections may outlast the engine's 2 s window";
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
         ASSERT_EQ("", bench.setUpError());
