@@ -8,30 +8,16 @@
 #include <string>
 
 #include "FakeAgentControl.h"
+#include "IgnoringCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 // Counts onEvent calls per event code (below 256); ignores every other callback.
-class CountingCallback : public TavoMBBMSEngineCallback {
+class CountingCallback : public IgnoringCallback<> {
 public:
     int events(int code) const { return mEvents[code & 255].load(); }
 
-    void onServiceParam(ServiceParam&) override {}
-    void onCaInfo(CaInfo*, int) override {}
-    void onEmergencyMessage(EmergencyMessage&) override {}
-    void onTS0Parsed(int) override {}
-    void onESGXml(ESGType, const char*) override {}
-    void onESGUpdated(bool) override {}
-    void onScanFinished(bool) override {}
-    void onSignalUpdated(SignalStatus&) override {}
-    void onRequestUpdateSG(bool, const char*, const char*) override {}
-    void onRequestInitGBA(bool) override {}
-    void onRequestUpdateST(bool, const char*) override {}
-    void onRequestSubscribeService(bool) override {}
-    void onRequestUnsubscribeService(bool) override {}
-    void onRequestInquiryAccount(bool, const char*) override {}
-    void onRequestAuthorizeService(bool) override {}
     void onEvent(EventType type, int) override { mEvents[static_cast<int>(type) & 255]++; }
 
 private:

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "IgnoringCallback.h"
 #include "MBBMSAgent.h"
 #include "MediaFiles.h"
 #include "TestRoot.h"
@@ -21,7 +22,7 @@ namespace {
 
 // Ignores the control callbacks; records every violation of the frame contract seen in the
 // data callbacks and the NAL units (start codes removed) and AAC frames of each channel.
-class FrameChecker : public MBBMSAgentCallback {
+class FrameChecker : public IgnoringCallback<MBBMSAgentCallback> {
 public:
     struct Stream {
         std::vector<MediaBytes> nalUnits, aacFrames;
@@ -33,23 +34,6 @@ public:
         std::set<int> startCodeLengths, positions;
         int dataCalls = 0;
     };
-
-    void onServiceParam(ServiceParam&) override {}
-    void onCaInfo(CaInfo*, int) override {}
-    void onEmergencyMessage(EmergencyMessage&) override {}
-    void onTS0Parsed(int) override {}
-    void onESGXml(ESGType, const char*) override {}
-    void onESGUpdated(bool) override {}
-    void onScanFinished(bool) override {}
-    void onSignalUpdated(SignalStatus&) override {}
-    void onRequestUpdateSG(bool, const char*, const char*) override {}
-    void onRequestInitGBA(bool) override {}
-    void onRequestUpdateST(bool, const char*) override {}
-    void onRequestSubscribeService(bool) override {}
-    void onRequestUnsubscribeService(bool) override {}
-    void onRequestInquiryAccount(bool, const char*) override {}
-    void onRequestAuthorizeService(bool) override {}
-    void onEvent(EventType, int) override {}
 
     void onOutputAVStart(int channelID, const unsigned char* data, int length) override {
         std::lock_guard<std::mutex> guard(mLock);
