@@ -13,9 +13,10 @@
 // "persist.mbbms.playengine.uids" (decimal uids separated by commas or spaces). Any other
 // client is closed at once with an ERROR line; the connected play engine stays.
 //
-// A play engine that goes away (it closes its end, or the connection is reset) may have
-// died holding a buffer lock. Once no process that received the buffers lives any more
-// (ReaderProcesses), the engine takes such locks back (onPlayEngineGone).
+// A play engine that goes away (it closes its end, the connection is reset, or a new client
+// pushes it out before its hang-up was read) may have died holding a buffer lock. Once no process
+// that received the buffers lives any more (ReaderProcesses), the engine takes such locks back
+// (onPlayEngineGone).
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -248,7 +249,9 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
     ReaderProcesses readers;
     bool readerGone = false;
     Clock::time_point nextReaderCheck, readerWaitEnd;
-    auto startReaderExitWait = [&] {
+    // Every end of a connection while the server runs starts that wait, however it was seen.
+    auto endClient = [&] {
+        dropClient(pollSet, mPlayEngineLink);
         readerGone = true;
         nextReaderCheck = Clock::now();
         readerWaitEnd = nextReaderCheck + kReaderExitWait;
@@ -305,7 +308,7 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
             } else {
                 if (pollSet.hasClient()) {
                     TLOG(ERROR, "only two client is allowed, now force close former one");
-                    dropClient(pollSet, mPlayEngineLink);
+                    endClient();
                 }
                 const int client = accepted.get();
                 // The client's own path; an unbound (or abstract) client has none and is refused.
@@ -357,12 +360,10 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
                                    0);
         } else if (received == 0) {
             TLOG(WARNING, "Connection closed by client");
-            dropClient(pollSet, mPlayEngineLink);
-            startReaderExitWait();
+            endClient();
         } else if (errno == ECONNRESET) {
             TLOG(ERROR, "Connection reset by client");
-            dropClient(pollSet, mPlayEngineLink);
-            startReaderExitWait();
+            endClient();
         } else {
             TLOG(ERROR, "Other read error occur");
         }
