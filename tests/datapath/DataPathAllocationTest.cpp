@@ -26,9 +26,7 @@ extern "C" void* realloc(void* pointer, size_t size) {
 TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
     EXPECT_IN_CHILD({
         // The default switches (ERROR, WARNING, MAIN): one log line per frame and session.
-        EngineDataPath bench("ERROR,WARNING,MAIN");
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40, "ERROR,WARNING,MAIN");
         ASSERT_EQ(0, bench.startService(1, 7, 40));
         MBBMSAgentCallback* agentSide = bench.agent->callback();
         ASSERT_NE(nullptr, agentSide);

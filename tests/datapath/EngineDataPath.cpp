@@ -30,6 +30,16 @@ int valueOf(CmmbSharedSemaphore* sem) {
     return value;
 }
 
+void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
+                  unsigned long tsBase) {
+    agentSide->onOutputAVStart(channelID, nullptr, 0);
+    for (int i = 0; i < count; ++i)
+        agentSide->onClearVideoNalData(channelID, tsBase + i, 0, units[i].data(),
+                                       static_cast<unsigned short>(units[i].size()),
+                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+    agentSide->onOutputAVEnd(channelID, false);
+}
+
 std::string PlayEngineReader::connect(const std::string& serverPath,
                                       const std::string& clientPath) {
     mConnection.reset(new EngineConnection(serverPath, clientPath));
@@ -86,8 +96,7 @@ EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine,
     else if (engine->init(&callback, nullptr) != 0)
         mError = "init failed";
     else if (connectPlayEngine)
-        mError = reader.connect(root.resolve("/data/app/cmmb.socket"),
-                                root.path() + "/playengine.socket");
+        mError = reader.connect(serverPath(), root.path() + "/playengine.socket");
 }
 
 int EngineDataPath::startService(int session, int serviceID, int channelID, int freqDot) {

@@ -6,8 +6,12 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <functional>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,6 +31,28 @@ Bytes pattern(size_t count, unsigned char seed = 0);
 // `count` bytes: a 3- or 4-byte start code, the NAL header byte, then a running pattern.
 Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed = 0);
 int valueOf(CmmbSharedSemaphore* sem);
+// One frame of complete units straight through the agent's callback, on the calling thread
+// and without allocating; unit i carries tsBase + i.
+void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
+                  unsigned long tsBase = 0);
+
+// Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
+// not end in time is left behind: the test has failed and its process ends soon after.
+class AsyncCall {
+public:
+    explicit AsyncCall(std::function<void()> fn) {
+        std::packaged_task<void()> task(std::move(fn));
+        mDone = task.get_future();
+        std::thread(std::move(task)).detach();
+    }
+    // True when fn ends within `bound` (from now).
+    bool endsWithin(std::chrono::milliseconds bound) {
+        return mDone.wait_for(bound) == std::future_status::ready;
+    }
+
+private:
+    std::future<void> mDone;
+};
 
 // The payloads of one frame as a reader copied them (AAC frames with their ADTS header).
 struct ReadFrame {
@@ -64,6 +90,7 @@ public:
 
     // "" when the engine is initialised (and the play engine connected); else the reason.
     const std::string& setUpError() const { return mError; }
+    std::string serverPath() const { return root.resolve("/data/app/cmmb.socket"); }
     // startTVService with an IsmaPara carrying serviceID; the agent hands out `channelID`.
     int startService(int session, int serviceID, int channelID, int freqDot = 20);
 
@@ -86,5 +113,12 @@ public:
 private:
     std::string mError;
 };
+
+// Declares `bench` (built from the arguments after `channel`), set up, with session 0
+// showing service 7 on `channel`; fails the test otherwise.
+#define SERVING_BENCH(bench, channel, ...) \
+    EngineDataPath bench{__VA_ARGS__};     \
+    ASSERT_EQ("", bench.setUpError());     \
+    ASSERT_EQ(0, bench.startService(0, 7, channel))
 
 #endif  // TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H

@@ -27,9 +27,7 @@ uint32_t wordAt(const CmmbSharedBuffer* buffer, size_t offset) {
 // before it connected by the reader contract and checks its bytes at their offsets.
 TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("all", false);
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40, "all", false);
         const Bytes unit = nalUnit(4, 0x65, 100, 3), audio = pattern(200, 5);
         bench.frameStart(40);
         bench.nal(40, unit, COMPLETE, 1000, 20);
@@ -37,8 +35,7 @@ TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
         bench.frameEnd(40);
         std::string playEngine = runInChild([&] {
             PlayEngineReader reader;
-            ASSERT_EQ("", reader.connect(bench.root.resolve("/data/app/cmmb.socket"),
-                                         bench.root.path() + "/pe.socket"));
+            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root.path() + "/pe.socket"));
             for (int s = 0; s < 2; ++s)
                 EXPECT_EQ(74772, reader.regionSize(s));
             CmmbSharedBuffer* b = reader.buffer(0);
@@ -71,9 +68,7 @@ TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
 // signalled; a frame ended with an error is handed over empty.
 TEST(FrameHandOff, UnfetchedFrameIsLostAndFrameWithErrorIsHandedOverEmpty) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench;
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40);
         CmmbSharedBuffer* b = bench.buffer(0);
         bench.playFrame(40, 3, 2);
         bench.frameStart(40);
@@ -103,9 +98,7 @@ TEST(FrameHandOff, UnfetchedFrameIsLostAndFrameWithErrorIsHandedOverEmpty) {
 // channel no session shows: a session start waits during a frame, and only then.
 TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench;
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40);
         bench.playFrame(55, 1, 1);
         EXPECT_EQ(3, bench.root.countLog("channelIDToIndex(55)=-1"));  // start, NAL, AAC
         EXPECT_EQ(0u, bench.buffer(0)->dataLength);
@@ -134,9 +127,7 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
 // line each in the statistics file and a copy each of the raw frame in the dump file.
 TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench;
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40);
         ASSERT_EQ(0, bench.startService(1, 7, 99));
         EXPECT_EQ(1, bench.agent->countCalls("startService"));
         const Bytes raw = pattern(64, 11);

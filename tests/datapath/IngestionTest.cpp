@@ -22,12 +22,10 @@ Bytes payload(CmmbSharedBuffer* b, uint32_t offset, uint32_t length) {
 }
 
 // An engine with session 0 showing a service on kChannel, inside an open frame.
-#define WITH_OPEN_FRAME(bench)                        \
-    EngineDataPath bench;                             \
-    ASSERT_EQ("", bench.setUpError());                \
-    ASSERT_EQ(0, bench.startService(0, 7, kChannel)); \
-    bench.frameStart(kChannel);                       \
-    CmmbSharedBuffer* b = bench.buffer(0)
+#define WITH_OPEN_FRAME(bench)      \
+    SERVING_BENCH(bench, kChannel); \
+    bench.frameStart(kChannel);     \
+    [[maybe_unused]] CmmbSharedBuffer* b = bench.buffer(0)
 
 // Every fragment position from every state. START and COMPLETE fragments carry a 4-byte
 // start code that is not stored; an overwritten open unit gives its bytes back.
@@ -142,7 +140,6 @@ TEST(NalIngestion, ExtraBitsOfTheFragmentPositionAreIgnored) {
 TEST(NalIngestion, AudioBetweenFragmentsKeepsBothItemsWhole) {
     EXPECT_IN_CHILD({
         WITH_OPEN_FRAME(bench);
-        (void)b;
         const Bytes first = nalUnit(4, 0x65, 20), middle = pattern(10, 100), last = pattern(5, 200);
         const Bytes audio = pattern(30, 50);
         bench.nal(kChannel, first, START);
@@ -260,7 +257,6 @@ TEST(Ingestion, AdtsHeaderAndRecordTablesOf256Items) {
 TEST(DataPathLog, LinesNameThePublicOperation) {
     EXPECT_IN_CHILD({
         WITH_OPEN_FRAME(bench);
-        (void)b;
         bench.nal(kChannel, pattern(10), MIDDLE);
         bench.nal(kChannel, pattern(10), COMPLETE);
         bench.aac(kChannel, pattern(20));

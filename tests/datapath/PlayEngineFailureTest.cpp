@@ -10,12 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -29,70 +27,37 @@ using std::chrono::milliseconds;
 const int kChannel = 40;
 const char kLockTimeoutProperty[] = "persist.mbbms.playengine.lock_timeout_ms";
 
-// Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
-// not end in time is left behind: the test has failed and its process ends soon after.
-class AsyncCall {
-public:
-    explicit AsyncCall(const std::function<void()>& fn)
-        : mDone(std::make_shared<std::atomic<bool>>(false)) {
-        auto done = mDone;
-        mThread = std::thread([fn, done] {
-            fn();
-            done->store(true);
-        });
-    }
-    ~AsyncCall() {
-        if (mThread.joinable())
-            mThread.detach();
-    }
-    // True when fn ends within `bound` (from now).
-    bool endsWithin(milliseconds bound) {
-        const auto giveUp = std::chrono::steady_clock::now() + bound;
-        while (!mDone->load() && std::chrono::steady_clock::now() < giveUp)
-            std::this_thread::sleep_for(milliseconds(2));
-        if (!mDone->load())
-            return false;
-        mThread.join();
-        return true;
-    }
-
-private:
-    std::shared_ptr<std::atomic<bool>> mDone;
-    std::thread mThread;
-};
-
 bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
     return AsyncCall(fn).endsWithin(bound);
 }
 
-// Where a reader stops in its contract for one frame of session 0. HUNG_UP_HOLDING_LOCK:
-// after mutexDataAccessable, with its connection closed but its mappings kept.
-enum class Step { AFTER_AVAILABLE, AFTER_ACCESSABLE, MID_READ, AFTER_POST, HUNG_UP_HOLDING_LOCK };
-
-// A play engine in a process of its own: connects, maps the buffers, follows the reader
-// contract for one frame of session 0 up to `step`, reports that through a pipe and waits
-// there to be killed or stopped.
-class ReaderProcess {
+// A process of its own that reports single characters through a pipe; killed when dropped.
+class ReportingProcess {
 public:
-    ~ReaderProcess() { kill(SIGKILL); }
-
-    // True once the child has connected and mapped both buffers.
-    bool start(const EngineDataPath& bench, Step step, const std::string& name) {
+    ~ReportingProcess() { kill(SIGKILL); }
+    // Forks a child that runs body with the pipe's writing end; body does not return.
+    bool fork(const std::function<void(int)>& body) {
         int fds[2];
         if (pipe(fds) != 0)
             return false;
-        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
-        const std::string own = bench.root.path() + "/" + name + ".socket";
-        mPid = fork();
+        mPid = ::fork();
         if (mPid == 0) {
             close(fds[0]);
-            runReader(server, own, step, fds[1]);
+            body(fds[1]);
+            _exit(1);
         }
         close(fds[1]);
         mPipe = fds[0];
-        return mPid > 0 && readReport() == 'c';
+        return mPid > 0;
     }
-    bool reachedStep() { return readReport() == 's'; }
+    // The next report, or 0 when none comes within the bound.
+    char readReport(int timeoutMs = 20000) {
+        pollfd entry = {mPipe, POLLIN, 0};
+        char report = 0;
+        if (poll(&entry, 1, timeoutMs) != 1 || read(mPipe, &report, 1) != 1)
+            return 0;
+        return report;
+    }
     void kill(int signal) {
         if (mPid <= 0)
             return;
@@ -106,58 +71,79 @@ public:
     }
 
 private:
-    [[noreturn]] static void runReader(const std::string& server, const std::string& own, Step step,
-                                       int report) {
-        PlayEngineReader reader;
-        if (!reader.connect(server, own).empty())
-            _exit(2);
-        report1(report, 'c');
-        CmmbSharedBuffer* b = reader.buffer(0);
-        auto stopAt = [&](Step here) {
-            if (here != step)
-                return;
-            report1(report, 's');
-            for (;;)
-                pause();
-        };
-        cmmb_sem_wait(&b->mutexDataAvailable);
-        stopAt(Step::AFTER_AVAILABLE);
-        cmmb_sem_wait(&b->mutexDataAccessable);
-        stopAt(Step::AFTER_ACCESSABLE);
-        if (step == Step::HUNG_UP_HOLDING_LOCK) {
-            reader.hangUp();
-            stopAt(step);
-        }
-        unsigned sum = 0;
-        for (uint32_t i = 0; i < b->nalCount / 2; ++i)
-            sum += b->data[b->nal[i].offset];
-        // Half the frame is read; the sum only keeps the reads from being left out.
-        if (sum == ~0u)
-            _exit(5);
-        stopAt(Step::MID_READ);
-        b->nalCount = 0;
-        b->aacCount = 0;
-        cmmb_sem_post(&b->mutexDataAccessable);
-        stopAt(Step::AFTER_POST);
-        _exit(3);
-    }
-
-    static void report1(int fd, char what) {
-        if (write(fd, &what, 1) != 1)
-            _exit(4);
-    }
-
-    char readReport() {
-        pollfd entry = {mPipe, POLLIN, 0};
-        char report = 0;
-        if (poll(&entry, 1, 20000) != 1 || read(mPipe, &report, 1) != 1)
-            return 0;
-        return report;
-    }
-
     pid_t mPid = -1;
     int mPipe = -1;
 };
+
+[[noreturn]] void report(int fd, char what) {
+    if (write(fd, &what, 1) != 1)
+        _exit(4);
+    for (;;)
+        pause();
+}
+
+// Where a reader stops in its contract for one frame of session 0. HUNG_UP_HOLDING_LOCK:
+// after mutexDataAccessable, with its connection closed but its mappings kept.
+enum class Step { AFTER_AVAILABLE, AFTER_ACCESSABLE, MID_READ, AFTER_POST, HUNG_UP_HOLDING_LOCK };
+
+// The play engine's side: connects, maps the buffers, reports 'c', follows the reader contract
+// for one frame of session 0 up to `step`, reports 's' and waits there to be killed or stopped.
+void runReader(const std::string& server, const std::string& own, Step step, int fd) {
+    PlayEngineReader reader;
+    if (!reader.connect(server, own).empty())
+        _exit(2);
+    if (write(fd, "c", 1) != 1)
+        _exit(4);
+    CmmbSharedBuffer* b = reader.buffer(0);
+    auto stopAt = [&](Step here) {
+        if (here == step)
+            report(fd, 's');
+    };
+    cmmb_sem_wait(&b->mutexDataAvailable);
+    stopAt(Step::AFTER_AVAILABLE);
+    cmmb_sem_wait(&b->mutexDataAccessable);
+    stopAt(Step::AFTER_ACCESSABLE);
+    if (step == Step::HUNG_UP_HOLDING_LOCK) {
+        reader.hangUp();
+        stopAt(step);
+    }
+    unsigned sum = 0;
+    for (uint32_t i = 0; i < b->nalCount / 2; ++i)
+        sum += b->data[b->nal[i].offset];
+    // Half the frame is read; the sum only keeps the reads from being left out.
+    if (sum == ~0u)
+        _exit(5);
+    stopAt(Step::MID_READ);
+    b->nalCount = 0;
+    b->aacCount = 0;
+    cmmb_sem_post(&b->mutexDataAccessable);
+    stopAt(Step::AFTER_POST);
+    _exit(3);
+}
+
+// True once the reader process has connected and mapped both buffers.
+bool startReader(ReportingProcess& reader, const EngineDataPath& bench, Step step,
+                 const std::string& name) {
+    const std::string server = bench.serverPath(), own = bench.root.path() + "/" + name + ".socket";
+    return reader.fork([&](int fd) { runReader(server, own, step, fd); }) &&
+           reader.readReport() == 'c';
+}
+
+// Starts the reader process and plays a frame; true once the reader has stopped at `step`.
+bool readerStopsInAFrame(ReportingProcess& reader, EngineDataPath& bench, Step step,
+                         const std::string& name) {
+    if (!startReader(reader, bench, step, name))
+        return false;
+    bench.playFrame(kChannel, 3, 2);
+    return reader.readReport() == 's';
+}
+
+sockaddr_un unixAddress(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
 
 // Reads session 0 until a frame with `nals` units arrives (earlier frames played while no
 // reader was connected may come first); false when none does within the bound.
@@ -178,13 +164,9 @@ TEST_P(ReaderKilled, DeliveryGoesOnAndANewPlayEngineIsServed) {
     EXPECT_IN_CHILD({
         // With a lock bound far beyond the checks below, only taking the lock back can let
         // the agent go on in time.
-        EngineDataPath bench("ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
-        ReaderProcess reader;
-        ASSERT_TRUE(reader.start(bench, GetParam(), "dying"));
-        bench.playFrame(kChannel, 3, 2);
-        ASSERT_TRUE(reader.reachedStep());
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        ReportingProcess reader;
+        ASSERT_TRUE(readerStopsInAFrame(reader, bench, GetParam(), "dying"));
         // The agent's thread is blocked in a frame start when the reader holds the lock.
         AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
         std::this_thread::sleep_for(milliseconds(20));
@@ -193,8 +175,7 @@ TEST_P(ReaderKilled, DeliveryGoesOnAndANewPlayEngineIsServed) {
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 3, 2); }));
 
         PlayEngineReader next;
-        ASSERT_EQ("", next.connect(bench.root.resolve("/data/app/cmmb.socket"),
-                                   bench.root.path() + "/next.socket"));
+        ASSERT_EQ("", next.connect(bench.serverPath(), bench.root.path() + "/next.socket"));
         bench.playFrame(kChannel, 5, 1);
         EXPECT_TRUE(readsFrameWith(next, 5));
 
@@ -219,19 +200,17 @@ const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
 
 TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR", false, {{kLockTimeoutProperty, "60000"}});
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        SERVING_BENCH(bench, kChannel, "ERROR", false, {{kLockTimeoutProperty, "60000"}});
         int before = -1;
         for (int cycle = 0; cycle <= kConnectAndKillCycles; ++cycle) {
             if (cycle == 1)
                 before = openDescriptors();  // after the first connection has set up
-            ReaderProcess reader;
-            ASSERT_TRUE(reader.start(bench, Step::MID_READ, "cycle"));
+            ReportingProcess reader;
+            ASSERT_TRUE(startReader(reader, bench, Step::MID_READ, "cycle"));
             // The reader may take the lock for a frame signalled earlier, before this frame
             // starts, so the frame may block until the reader is gone.
             AsyncCall frame([&] { bench.playFrame(kChannel, 2, 1); });
-            ASSERT_TRUE(reader.reachedStep()) << "cycle " << cycle;
+            ASSERT_EQ('s', reader.readReport()) << "cycle " << cycle;
             reader.kill(SIGKILL);
             ASSERT_TRUE(frame.endsWithin(milliseconds(1000))) << "cycle " << cycle;
             ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 2, 1); }))
@@ -251,22 +230,15 @@ TEST(ReaderHungUp, ItsExitIsAwaitedForTheWholeWindowWhateverWakesTheCommandThrea
     if (TAVO_EMULATED)
         GTEST_SKIP() << "250 emulated connections may outlast the engine's 2 s window";
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
-        ReaderProcess leaving;
-        ASSERT_TRUE(leaving.start(bench, Step::HUNG_UP_HOLDING_LOCK, "leaving"));
-        bench.playFrame(kChannel, 3, 2);
-        ASSERT_TRUE(leaving.reachedStep());
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        ReportingProcess leaving;
+        ASSERT_TRUE(readerStopsInAFrame(leaving, bench, Step::HUNG_UP_HOLDING_LOCK, "leaving"));
         AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
 
         // Unbound clients: each one wakes the command thread and is refused, so none of them
         // counts as a reader that may still use the buffers.
         const int kRefused = 250;
-        sockaddr_un engine = {};
-        engine.sun_family = AF_UNIX;
-        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
-        strncpy(engine.sun_path, server.c_str(), sizeof(engine.sun_path) - 1);
+        sockaddr_un engine = unixAddress(bench.serverPath());
         for (int i = 0; i < kRefused; ++i) {
             int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
             ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&engine), sizeof(engine)));
@@ -284,16 +256,12 @@ TEST(ReaderHungUp, ItsExitIsAwaitedForTheWholeWindowWhateverWakesTheCommandThrea
 
 TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
         ASSERT_EQ(0, bench.startService(1, 7, kChannel));
         // A second play engine that takes session 0's lock and is then stopped with SIGSTOP;
         // this process keeps reading session 1.
-        ReaderProcess hung;
-        ASSERT_TRUE(hung.start(bench, Step::AFTER_ACCESSABLE, "hung"));
-        bench.playFrame(kChannel, 3, 2);
-        ASSERT_TRUE(hung.reachedStep());
+        ReportingProcess hung;
+        ASSERT_TRUE(readerStopsInAFrame(hung, bench, Step::AFTER_ACCESSABLE, "hung"));
         hung.kill(SIGSTOP);
         ReadFrame frame;
         ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
@@ -322,40 +290,29 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
 // them: the play engine that keeps its mapping reads every frame, in order.
 TEST(ReconnectStorm, LosesNothingForTheReaderThatStays) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", true);
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
-        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true);
         const std::string own = bench.root.path() + "/storm.socket";
-
+        const sockaddr_un engine = unixAddress(bench.serverPath()), self = unixAddress(own);
         pid_t storm = fork();
         if (storm == 0) {
-            sockaddr_un engine = {}, self = {};
-            engine.sun_family = self.sun_family = AF_UNIX;
-            strncpy(engine.sun_path, server.c_str(), sizeof(engine.sun_path) - 1);
-            strncpy(self.sun_path, own.c_str(), sizeof(self.sun_path) - 1);
             int connected = 0;
             for (int i = 0; i < 1000; ++i) {
                 int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
                 unlink(own.c_str());
-                bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof(self));
-                connected += connect(fd, reinterpret_cast<sockaddr*>(&engine), sizeof(engine)) == 0;
+                bind(fd, reinterpret_cast<const sockaddr*>(&self), sizeof(self));
+                connected +=
+                    connect(fd, reinterpret_cast<const sockaddr*>(&engine), sizeof(engine)) == 0;
                 close(fd);
             }
             _exit(connected == 1000 ? 0 : 1);
         }
         ASSERT_GT(storm, 0);
 
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
         Bytes unit = nalUnit(4, 0x41, 200);
         long played = 0, readInOrder = 0;
         int stormStatus = -1;
         while (waitpid(storm, &stormStatus, WNOHANG) == 0 || played < 2000) {
-            agentSide->onOutputAVStart(kChannel, nullptr, 0);
-            agentSide->onClearVideoNalData(kChannel, static_cast<unsigned long>(played), 0,
-                                           unit.data(), static_cast<unsigned short>(unit.size()),
-                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            agentSide->onOutputAVEnd(kChannel, false);
+            deliverFrame(bench.agent->callback(), kChannel, &unit, 1, played);
             CmmbSharedBuffer* b = bench.buffer(0);
             ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAvailable, 5000)) << "frame " << played;
             ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAccessable, 5000)) << "frame " << played;
@@ -377,12 +334,8 @@ TEST(ReconnectStorm, LosesNothingForTheReaderThatStays) {
 // refused (socket file permissions), 'C' when the engine closes the connection without
 // sending anything, 'S' when it receives both "sharebuffer" commands.
 char connectAs(uid_t uid, const std::string& server, const std::string& own) {
-    int fds[2];
-    if (pipe(fds) != 0)
-        return 0;
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
+    ReportingProcess client;
+    client.fork([&](int fd) {
         char result = 'E';
         if (setgid(uid) == 0 && setuid(uid) == 0) {
             umask(0);
@@ -400,18 +353,9 @@ char connectAs(uid_t uid, const std::string& server, const std::string& own) {
                     result = 'S';
             }
         }
-        if (write(fds[1], &result, 1) != 1)
-            _exit(1);
-        _exit(0);
-    }
-    close(fds[1]);
-    char result = 0;
-    pollfd entry = {fds[0], POLLIN, 0};
-    if (poll(&entry, 1, 30000) != 1 || read(fds[0], &result, 1) != 1)
-        result = 0;
-    close(fds[0]);
-    waitpid(pid, nullptr, 0);
-    return result;
+        report(fd, result);
+    });
+    return client.readReport(30000);
 }
 
 // Another user's process may not take over the play engine's connection and its buffers,
@@ -421,11 +365,9 @@ TEST(OtherUsersClient, IsRefusedWhileThePlayEngineKeepsItsFrames) {
         GTEST_SKIP() << "needs root to run clients under other uids";
     EXPECT_IN_CHILD({
         umask(0);
-        EngineDataPath bench("ERROR,WARNING", true,
-                             {{"persist.mbbms.playengine.uids", "4243, 4242"}});
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
-        const std::string server = bench.root.resolve("/data/app/cmmb.socket");
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true,
+                      {{"persist.mbbms.playengine.uids", "4243, 4242"}});
+        const std::string server = bench.serverPath();
         struct stat status;
         ASSERT_EQ(0, stat(server.c_str(), &status));
         EXPECT_EQ(0660u, status.st_mode & 0777u);

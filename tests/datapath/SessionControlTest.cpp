@@ -9,9 +9,7 @@ namespace {
 
 TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench;
-        ASSERT_EQ("", bench.setUpError());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        SERVING_BENCH(bench, 40);
         ASSERT_EQ(0, bench.startService(1, 7, 41));
         EXPECT_EQ(1, bench.agent->countCalls("startService(20, 1, 2, 3, serviceID=7)"));
         EXPECT_EQ(1, bench.root.countLog("mChannel[0]: started=1, serviceID=7, refCount=2, "

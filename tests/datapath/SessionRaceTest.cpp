@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
@@ -35,12 +36,7 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
         std::atomic<long> broken{0}, framesRead{0}, framesDelivered{0};
         std::thread agentThread([&] {
             while (running.load()) {
-                agentSide->onOutputAVStart(kChannel, nullptr, 0);
-                for (int i = 0; i < kUnits; ++i)
-                    agentSide->onClearVideoNalData(kChannel, i, 0, units[i].data(),
-                                                   static_cast<unsigned short>(units[i].size()),
-                                                   MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-                agentSide->onOutputAVEnd(kChannel, false);
+                deliverFrame(agentSide, kChannel, units, kUnits);
                 framesDelivered++;
                 // Pacing, as between real multiplex frames, so that the reader gets the lock.
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -113,38 +109,19 @@ TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
             agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
                                            static_cast<unsigned short>(unit.size()),
                                            MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            std::atomic<int> finished{0};
-            std::thread stopper([&] {
-                bench.engine->stopTVService(0);
-                finished++;
-            });
-            std::thread starter([&] {
-                bench.startService(1, 7, kChannel);
-                finished++;
-            });
-            std::thread recorder([&] {
-                bench.engine->stopRecording(1);
-                finished++;
-            });
+            std::vector<AsyncCall> waiting;
+            waiting.emplace_back([&] { bench.engine->stopTVService(0); });
+            waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });
+            waiting.emplace_back([&] { bench.engine->stopRecording(1); });
             // Sometimes they are already blocked behind the frame, sometimes not yet.
             if (iteration % 2 == 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
 
-            std::atomic<bool> deinitDone{false};
-            std::thread deinit([&] {
-                bench.engine->deinit();
-                deinitDone = true;
-            });
-            const auto giveUp = std::chrono::steady_clock::now() + bound;
-            while ((!deinitDone.load() || finished.load() < 3) &&
-                   std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            ASSERT_TRUE(deinitDone.load()) << "deinit hangs, iteration " << iteration;
-            ASSERT_EQ(3, finished.load()) << "start or stop hangs, iteration " << iteration;
-            deinit.join();
-            stopper.join();
-            starter.join();
-            recorder.join();
+            AsyncCall deinit([&] { bench.engine->deinit(); });
+            ASSERT_TRUE(deinit.endsWithin(bound)) << "deinit hangs, iteration " << iteration;
+            for (AsyncCall& call : waiting)
+                ASSERT_TRUE(call.endsWithin(bound))
+                    << "start or stop hangs, iteration " << iteration;
             // The frame's end arrives after the manager has gone: it is dropped.
             agentSide->onOutputAVEnd(kChannel, false);
         }

@@ -1,0 +1,96 @@
+// White box: the shared buffers' reset, called directly on the engine (it has no public entry
+// of its own), which waits out a frame being written; and init when the buffers cannot be made:
+// every platform call of their set-up (region, mapping, protection, semaphores) failing for
+// either session makes init fail cleanly, with nothing left open, and the next init succeeds.
+// The failures come through the Env seam.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+
+#include "ChildProcess.h"
+#include "EngineDataPath.h"
+#include "FaultInjectingEnv.h"
+#include "OpenDescriptors.h"
+#include "TavoMBBMSEngineImpl.h"
+
+namespace {
+
+TEST(SharedBufferReset, WaitsForTheFrameInProgress) {
+    EXPECT_IN_CHILD({
+        SERVING_BENCH(bench, 40);
+        TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+        bench.frameStart(40);
+        bench.nal(40, nalUnit(4, 0x65, 30), MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        auto reset = std::async(std::launch::async, [&] { engine->resetSharedBuffer(0); });
+        EXPECT_EQ(std::future_status::timeout, reset.wait_for(std::chrono::milliseconds(200)));
+        EXPECT_EQ(1u, bench.buffer(0)->nalCount) << "the frame was reset while being written";
+        bench.frameEnd(40);
+        ASSERT_EQ(std::future_status::ready, reset.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(0u, bench.buffer(0)->nalCount + bench.buffer(0)->dataLength);
+        // The frame was signalled before the reset; the reader finds it emptied.
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame));
+        EXPECT_TRUE(frame.nals.empty());
+    });
+}
+
+// A play engine that keeps the lock (here: this process, holding it as a reader would)
+// holds a reset up for the lock bound only; the buffer is then left as it is.
+TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
+    EXPECT_IN_CHILD({
+        SERVING_BENCH(bench, 40, "ERROR,WARNING", true,
+                      {{"persist.mbbms.playengine.lock_timeout_ms", "300"}});
+        TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+        bench.playFrame(40, 2, 1);
+        ASSERT_EQ(0, cmmb_sem_wait(&bench.buffer(0)->mutexDataAccessable));
+
+        auto reset = std::async(std::launch::async, [&] { engine->resetSharedBuffer(0); });
+        // A hang detector, far above the 300 ms bound.
+        ASSERT_EQ(std::future_status::ready, reset.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(1, bench.root.countLog("playengine holds the buffer of session=0 longer than 300 "
+                                         "ms, reset skipped"));
+        EXPECT_EQ(2u, bench.buffer(0)->nalCount) << "a skipped reset changed the buffer";
+        cmmb_sem_post(&bench.buffer(0)->mutexDataAccessable);
+    });
+}
+
+struct SetUpFault {
+    FaultInjectingEnv::Call call;
+    int callsPerSession;  // two semaphores per buffer, one of everything else
+    const char* name;
+};
+
+class SharedBufferSetUpFault : public testing::TestWithParam<SetUpFault> {};
+
+TEST_P(SharedBufferSetUpFault, InitFailsWithNothingLeftOpenAndTheNextInitWorks) {
+    const SetUpFault fault = GetParam();
+    for (int n = 1; n <= 2 * fault.callsPerSession; ++n) {
+        EXPECT_IN_CHILD({
+            TestRoot root;
+            TavoMBBMSEngine* engine = TavoMBBMSEngineImpl::getInstance();
+            FaultInjectingEnv env;
+            const int descriptorsBefore = openDescriptors();
+
+            env.failNth(fault.call, n, ENOMEM);
+            EXPECT_EQ(-1, engine->init(nullptr, nullptr)) << "failing call " << n;
+            EXPECT_EQ(n, env.calls(fault.call)) << "set-up went on after a failed call";
+            EXPECT_EQ(descriptorsBefore, openDescriptors()) << "failing call " << n;
+
+            env.clearFaults();
+            ASSERT_EQ(0, engine->init(nullptr, nullptr));
+            EXPECT_EQ(0, engine->deinit());
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryCall, SharedBufferSetUpFault,
+    testing::Values(SetUpFault{FaultInjectingEnv::CREATE_REGION, 1, "Region"},
+                    SetUpFault{FaultInjectingEnv::MAP_REGION, 1, "Mapping"},
+                    SetUpFault{FaultInjectingEnv::PROTECT_REGION, 1, "Protection"},
+                    SetUpFault{FaultInjectingEnv::INIT_SEMAPHORE, 2, "Semaphore"}),
+    [](const testing::TestParamInfo<SetUpFault>& fault) { return std::string(fault.param.name); });
+
+}  // namespace
