@@ -15,9 +15,8 @@ bool childOffset(const std::string& type, size_t* skip) {
         {"avc1", 78}, {"mp4v", 78}, {"s263", 78},               // visual sample entry fields
         {"mp4a", 28}};                                          // audio sample entry fields
     auto found = kContainers.find(type);
-    if (found == kContainers.end()) {
+    if (found == kContainers.end())
         return false;
-    }
     *skip = found->second;
     return true;
 }
@@ -54,25 +53,22 @@ const Mp4Box* Mp4Box::find(const std::string& path, size_t index) const {
     bool last = slash == std::string::npos;
     size_t seen = 0;
     for (const Mp4Box& child : children) {
-        if (child.type == path.substr(0, slash) && seen++ == (last ? index : 0)) {
+        if (child.type == path.substr(0, slash) && seen++ == (last ? index : 0))
             return last ? &child : child.find(path.substr(slash + 1), index);
-        }
     }
     return nullptr;
 }
 
 std::string FieldReader::text(size_t count) {
     std::string out;
-    while (count-- > 0) {
+    while (count-- > 0)
         out.push_back(static_cast<char>(u8()));
-    }
     return out;
 }
 
 Mp4File::Mp4File(Bytes bytes) : mBytes(std::move(bytes)) {
-    if (!parseBoxes(mBytes, 0, mBytes.size(), &mRoot.children)) {
+    if (!parseBoxes(mBytes, 0, mBytes.size(), &mRoot.children))
         mRoot.children.clear();
-    }
 }
 
 Mp4File Mp4File::read(const std::string& path) {
@@ -86,15 +82,13 @@ Bytes Mp4File::body(const Mp4Box& box) const {
 Table Mp4File::table(const Mp4Box& trak, const std::string& type) const {
     Table entries;
     const Mp4Box* box = trak.find("mdia/minf/stbl/" + type);
-    if (box == nullptr) {
+    if (box == nullptr)
         return entries;
-    }
     // After version/flags (and stsz's common sample size) comes the entry count.
     FieldReader f = fields(*box, type == "stsz" ? 8 : 4);
     uint32_t fieldsPerEntry = type == "stts" ? 2 : type == "stsc" ? 3 : 1;
-    for (uint32_t n = f.u32() * fieldsPerEntry; n > 0; --n) {
+    for (uint32_t n = f.u32() * fieldsPerEntry; n > 0; --n)
         entries.push_back(f.u32());
-    }
     return entries;
 }
 
@@ -104,9 +98,8 @@ std::vector<Bytes> Mp4File::samples(const Mp4Box& trak) const {
     size_t sample = 0;
     for (size_t chunk = 0; chunk < offsets.size(); ++chunk) {
         uint32_t perChunk = 0;
-        for (size_t entry = 0; entry + 1 < stsc.size(); entry += 3) {
+        for (size_t entry = 0; entry + 1 < stsc.size(); entry += 3)
             perChunk = stsc[entry] <= chunk + 1 ? stsc[entry + 1] : perChunk;
-        }
         size_t position = offsets[chunk];
         for (uint32_t i = 0; i < perChunk && sample < sizes.size(); ++i, ++sample) {
             size_t end = std::min<size_t>(position + sizes[sample], mBytes.size());

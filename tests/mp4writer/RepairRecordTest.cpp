@@ -16,10 +16,7 @@ namespace {
 Bytes recordWithRepairRecords(int seconds) {
     WriterHarness harness;
     harness.writer().setRepairRecords(true);
-    harness.addVideo();
-    harness.addAudio();
-    EXPECT_EQ(0, harness.start());
-    EXPECT_EQ(0, harness.feedParameterSets());
+    EXPECT_EQ(0, harness.startTracks(true, true));
     for (int n = 0; n < seconds * 25; ++n)
         harness.feed(kVideoMime, n * 900LL, patternBytes(200 + n % 7, static_cast<uint8_t>(n)),
                      n % 25 == 0);

@@ -1,5 +1,7 @@
-// The moov as written at stop: movie and track headers, handlers, sample descriptions with
-// their codec boxes, and the refusal of tracks the header cannot describe.
+// The file skeleton, then the moov as written at stop: movie and track headers, handlers,
+// sample descriptions with their codec boxes, and the refusal of tracks the header cannot
+// describe. The composition matrix is written inside the mdat of a writer without tracks, so
+// that the finished file shows its bytes as the mdat body.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -8,11 +10,52 @@
 
 namespace {
 
+TEST(BoxOutputTest, FileStartsWithFileTypeBoxThenMdatWhoseSizeIsPatchedAtStop) {
+    WriterHarness harness;
+    ASSERT_EQ(0, harness.start());
+    EXPECT_EQ(32, harness.writer().currentOffset());
+    harness.writer().write("abc", 3);
+    ASSERT_EQ(0, harness.stop());
+
+    Mp4File file = harness.readFile();
+    const Bytes expected = {0x00, 0x00, 0x00, 0x18, 'f', 't', 'y', 'p', '3', 'g', 'p', '4',
+                            0x00, 0x00, 0x00, 0x00, 'i', 's', 'o', 'm', '3', 'g', 'p', '4',
+                            0x00, 0x00, 0x00, 0x0B, 'm', 'd', 'a', 't', 'a', 'b', 'c'};
+    ASSERT_GE(file.bytes().size(), expected.size());
+    EXPECT_EQ(expected, Bytes(file.bytes().begin(), file.bytes().begin() + expected.size()));
+    ASSERT_EQ(3u, file.boxes().size());
+    EXPECT_EQ("moov", file.boxes()[2].type);
+    EXPECT_EQ(file.bytes().size(), file.boxes()[2].offset + file.boxes()[2].size);
+}
+
+TEST(BoxOutputTest, EachRotationGivesItsCompositionMatrix) {
+    const uint32_t one = 0x00010000, minusOne = 0xFFFF0000;
+    const struct {
+        int degrees;
+        uint32_t p, q, r, s;
+    } rotations[] = {{0, one, 0, 0, one},
+                     {90, 0, one, minusOne, 0},
+                     {180, minusOne, 0, 0, minusOne},
+                     {270, 0, minusOne, one, 0}};
+    for (const auto& c : rotations) {
+        WriterHarness harness;
+        ASSERT_EQ(0, harness.start());
+        harness.writer().writeCompositionMatrix(c.degrees);
+        ASSERT_EQ(0, harness.stop());
+        Mp4File file = harness.readFile();
+        ASSERT_NE(nullptr, file.find("mdat"));
+        Bytes body = file.body(*file.find("mdat"));
+        ASSERT_EQ(36u, body.size()) << c.degrees;
+        FieldReader fields(body, 0);
+        for (uint32_t value : {c.p, c.q, 0u, c.r, c.s, 0u, 0u, 0u, 0x40000000u})
+            EXPECT_EQ(value, fields.u32()) << c.degrees << " degrees";
+    }
+}
+
 Bytes concat(std::initializer_list<Bytes> parts) {
     Bytes out;
-    for (const Bytes& part : parts) {
+    for (const Bytes& part : parts)
         out.insert(out.end(), part.begin(), part.end());
-    }
     return out;
 }
 
@@ -22,11 +65,9 @@ Bytes text(const char* s, size_t n) {
 
 TEST(TrackHeaderTest, AvcAndAacTracksCarryTheirHeadersHandlersAndDecoderConfigurations) {
     WriterHarness harness;
-    harness.addVideo();  // media time scale 22500
-    harness.addAudio();  // media time scale 24000
     uint32_t before = static_cast<uint32_t>(time(nullptr));
-    ASSERT_EQ(0, harness.start(true, true, 24000));
-    ASSERT_EQ(0, harness.feedParameterSets());
+    // Media time scales 22500 and 24000; the movie's is 24000.
+    ASSERT_EQ(0, harness.startTracks(true, true));
     harness.feedRun(kVideoMime, 0, 900, 4, 50, true);  // lasts 4 * 900 with the last duration
     harness.feedRun(kAudioMime, 0, 960, 3, 50);        // 3 * 1024 at 24 kHz
     ASSERT_EQ(0, harness.stop());

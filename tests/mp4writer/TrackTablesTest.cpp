@@ -1,6 +1,11 @@
 // Sample bookkeeping as the finished file shows it: stts runs and their conversion, sync
-// samples, sizes, chunks and their offsets, and time with paused intervals removed.
+// samples, sizes, chunks and their offsets, time with paused intervals removed, and sample
+// times from a 32-bit broadcast clock: discontinuities in both directions and arbitrary values
+// (run under UBSan: nothing may overflow). The clock's wrap is checked end to end by the
+// recording fault tests.
 #include <gtest/gtest.h>
+
+#include <random>
 
 #include "WriterHarness.h"
 
@@ -44,10 +49,7 @@ TEST(TrackTablesTest, SttsRunsMergeEqualMediaDurationsAndConvertCumulatively) {
 
 TEST(TrackTablesTest, TwoTracksInterleaveChunksOfOneSecondClosedByTheFirstLaterSample) {
     WriterHarness harness;
-    harness.addVideo();
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start());
-    ASSERT_EQ(0, harness.feedParameterSets());
+    ASSERT_EQ(0, harness.startTracks(true, true));
     std::vector<Bytes> video, audio;
     for (long long t = 0, v = 0, a = 0; t <= 45000; t += 60) {  // in timestamp order
         if (v < 50 && t == v * 900) {
@@ -83,9 +85,8 @@ TEST(TrackTablesTest, TwoTracksInterleaveChunksOfOneSecondClosedByTheFirstLaterS
     // Video samples are length-prefixed slices; the parameter sets are not samples.
     std::vector<Bytes> videoSamples = file.samples(*videoTrak);
     ASSERT_EQ(video.size(), videoSamples.size());
-    for (size_t n = 0; n < video.size(); ++n) {
+    for (size_t n = 0; n < video.size(); ++n)
         EXPECT_EQ(lengthPrefixed(video[n]), videoSamples[n]) << "video sample " << n;
-    }
     EXPECT_EQ(audio, file.samples(*audioTrak));
 }
 
@@ -94,8 +95,7 @@ TEST(TrackTablesTest, TwoTracksInterleaveChunksOfOneSecondClosedByTheFirstLaterS
 TEST(TrackTablesTest, PauseAndResumeRemoveThePausedTimeWhateverTheInputTimeDid) {
     for (long long resumeTimestamp : {40 * 22500LL, 2 * 22500LL}) {
         WriterHarness harness;
-        harness.addAudio();
-        ASSERT_EQ(0, harness.start());
+        ASSERT_EQ(0, harness.startTracks(false, true));
         harness.feedRun(kAudioMime, 0, 22500, 11, 20);
         ASSERT_EQ(0, harness.writer().pause());
         harness.feedRun(kAudioMime, 11 * 22500, 22500, 3, 20);  // dropped while paused
@@ -111,6 +111,48 @@ TEST(TrackTablesTest, PauseAndResumeRemoveThePausedTimeWhateverTheInputTimeDid) 
         EXPECT_EQ(24000u, mdhd.u32());
         EXPECT_EQ(13u * 24000, mdhd.u32());
     }
+}
+
+TEST(TickTimeTest, JumpsBackwardsOrFarForwardsContinueByTheLastDuration) {
+    WriterHarness harness;
+    ASSERT_EQ(0, harness.startTracks(false, true));
+    LogCapture log;
+    long long t = 1000;
+    auto feedAt = [&](long long at) {
+        ASSERT_EQ(0, harness.feed(kAudioMime, at, patternBytes(4, 0)));
+    };
+    for (int n = 0; n < 5; ++n)
+        feedAt(t + n * 900);           // 0 .. 3600
+    feedAt(t + 4 * 900 + 10 * 22500);  // far forwards: continues at 4500
+    feedAt(t + 4 * 900 + 10 * 22500 + 900);
+    feedAt(500);  // backwards: continues again
+    feedAt(1400);
+    feedAt(1400 + 2 * 22500);  // a gap of two seconds is kept
+    ASSERT_EQ(0, harness.stop());
+    EXPECT_EQ(2, log.count("time jumps"));
+
+    Mp4File file = harness.readFile();
+    const Mp4Box* trak = file.find("moov/trak");
+    ASSERT_NE(nullptr, trak);
+    // In media units of 1/24000 s: 900 ticks are 960; the last sample lasts as its predecessor.
+    EXPECT_EQ((Table{8, 960, 2, 2 * 24000}), file.table(*trak, "stts"));
+}
+
+TEST(TickTimeTest, ArbitraryTimesNeverOverflow) {
+    std::mt19937_64 random(20240611);
+    WriterHarness harness;
+    ASSERT_EQ(0, harness.startTracks(true, true));
+    for (int n = 0; n < 20000; ++n) {
+        const long long timestamp = n % 3 == 0 ? static_cast<long long>(random())
+                                               : static_cast<long long>(random() & 0xFFFFFFFFu);
+        const bool video = (random() & 1) != 0;
+        ASSERT_EQ(0, harness.feed(video ? kVideoMime : kAudioMime, timestamp,
+                                  patternBytes(16, static_cast<uint8_t>(n)), video))
+            << n;
+    }
+    ASSERT_EQ(0, harness.stop());
+    Mp4File file = harness.readFile();
+    ASSERT_NE(nullptr, file.find("moov/mvhd"));
 }
 
 }  // namespace

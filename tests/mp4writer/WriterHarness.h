@@ -24,9 +24,8 @@ inline const Bytes kTestPps = {0x68, 0xCE, 0x3C, 0x80};
 // `size` bytes counting up from `first`.
 inline Bytes patternBytes(size_t size, uint8_t first) {
     Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) {
+    for (size_t i = 0; i < size; ++i)
         bytes[i] = static_cast<uint8_t>(first + i);
-    }
     return bytes;
 }
 
@@ -93,16 +92,24 @@ public:
         mBuffer->isSyncFrame = sync;
         return mWriter->writeout(mBuffer.get());
     }
+    // Adds the tracks named and starts; with video, feeds the parameter sets as well.
+    int startTracks(bool video, bool audio) {
+        if (video)
+            addVideo();
+        if (audio)
+            addAudio();
+        const int result = start();
+        return result != 0 || !video ? result : feedParameterSets();
+    }
     int feedParameterSets() {
         return feed(kVideoMime, 0, kTestSps) | feed(kVideoMime, 0, kTestPps);
     }
     // `count` samples of `size` bytes (sample n is patternBytes(size, n)), `step` ticks apart.
     void feedRun(const char* mime, long long firstTimestamp, long long step, int count, size_t size,
                  bool sync = false) {
-        for (int n = 0; n < count; ++n) {
+        for (int n = 0; n < count; ++n)
             feed(mime, firstTimestamp + n * step, patternBytes(size, static_cast<uint8_t>(n)),
                  sync);
-        }
     }
 
     int stop() { return mWriter->stop(); }

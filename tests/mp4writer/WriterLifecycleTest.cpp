@@ -21,14 +21,12 @@ TEST(WriterLifecycleTest, StartCapsThe32BitSizeLimitAndWarnsOnlyWhenOneWasTooBig
 TEST(WriterLifecycleTest, SampleBringingTheEstimateTo95PercentOfTheLimitIsRefused) {
     WriterHarness harness;
     harness.writer().setMaxFileSize(1000000);
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start());
+    ASSERT_EQ(0, harness.startTracks(false, true));
     // With 996-byte samples the estimate after sample k is 1000 * k bytes: 996 bytes of data
     // and 4 of table entries per sample.
     Bytes sample = patternBytes(996, 0);
-    for (int k = 1; k <= 949; ++k) {
+    for (int k = 1; k <= 949; ++k)
         ASSERT_EQ(0, harness.feed(kAudioMime, k * 960LL, sample)) << "sample " << k;
-    }
     EXPECT_EQ(ERROR_LIMIT_REACHED, harness.feed(kAudioMime, 950 * 960LL, sample));
     EXPECT_EQ(ERROR_LIMIT_REACHED, harness.feed(kAudioMime, 951 * 960LL, sample));
     ASSERT_EQ(0, harness.stop());
@@ -48,8 +46,7 @@ TEST(WriterLifecycleTest, MoovPredictionIsASmallShareOfTheDataButNeverBelowTheTa
     for (const auto& c : cases) {
         LogCapture log;
         WriterHarness harness;
-        harness.addAudio();
-        ASSERT_EQ(0, harness.start());
+        ASSERT_EQ(0, harness.startTracks(false, true));
         harness.feedRun(kAudioMime, 0, 960, 500, c.sampleSize);
         EXPECT_EQ(c.expected, harness.writer().queryMoovLength()) << c.sampleSize;
         EXPECT_EQ(c.warnings,
@@ -61,10 +58,7 @@ TEST(WriterLifecycleTest, MoovPredictionIsASmallShareOfTheDataButNeverBelowTheTa
 TEST(WriterLifecycleTest, TrackWithoutSamplesLeavesTheFileWithoutMoovAndItsMdatSizeUnknown) {
     LogCapture log;
     WriterHarness harness;
-    harness.addVideo();
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start());
-    ASSERT_EQ(0, harness.feedParameterSets());
+    ASSERT_EQ(0, harness.startTracks(true, true));
     harness.feedRun(kVideoMime, 0, 900, 30, 100, true);  // audio never arrives
     EXPECT_EQ(ERROR_NO_SAMPLES, harness.stop());
     EXPECT_EQ(1, log.count("W/CmmbMPEG4Recorder: no sample written or video no sync frame!!"));
@@ -74,9 +68,7 @@ TEST(WriterLifecycleTest, TrackWithoutSamplesLeavesTheFileWithoutMoovAndItsMdatS
     EXPECT_EQ("????mdat", FieldReader(bytes, 24).text(8));
 
     WriterHarness noSyncSample;
-    noSyncSample.addVideo();
-    ASSERT_EQ(0, noSyncSample.start());
-    ASSERT_EQ(0, noSyncSample.feedParameterSets());
+    ASSERT_EQ(0, noSyncSample.startTracks(true, false));
     noSyncSample.feedRun(kVideoMime, 0, 900, 3, 100, false);
     EXPECT_EQ(ERROR_NO_SAMPLES, noSyncSample.stop());
 }
@@ -98,8 +90,7 @@ TEST(WriterLifecycleTest, LargeSizeMdatHeaderGetsA64BitSize) {
 TEST(WriterLifecycleTest, StopFinishesTheFileOnceAndDestroyingAStartedWriterStopsIt) {
     for (bool destroy : {false, true}) {
         WriterHarness harness;
-        harness.addAudio();
-        ASSERT_EQ(0, harness.start());
+        ASSERT_EQ(0, harness.startTracks(false, true));
         EXPECT_FALSE(harness.writer().reachedEOS());
         harness.feedRun(kAudioMime, 0, 960, 4, 10);
         if (destroy) {

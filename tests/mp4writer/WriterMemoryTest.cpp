@@ -22,9 +22,8 @@ long long gLiveBytes = 0, gPeakLiveBytes = 0;  // as the allocator reports the b
 // them at the callers and warn (-Wmismatched-new-delete) about a pair that is matched.
 __attribute__((noinline)) void* operator new(size_t size) {
     void* block = malloc(size > 0 ? size : 1);
-    if (block == nullptr) {
+    if (block == nullptr)
         throw std::bad_alloc();
-    }
     if (gCounting) {
         ++gAllocations;
         gLiveBytes += static_cast<long long>(malloc_usable_size(block));
@@ -45,10 +44,7 @@ namespace {
 TEST(WriterMemoryTest, TwoHourRecordingKeepsItsTablesInAFewMegabytesWithoutPerSampleAllocation) {
     const long long kTwoHoursTicks = 2LL * 3600 * 22500;
     WriterHarness harness;
-    harness.addVideo();
-    harness.addAudio();
-    ASSERT_EQ(0, harness.start());
-    ASSERT_EQ(0, harness.feedParameterSets());
+    ASSERT_EQ(0, harness.startTracks(true, true));
     const Bytes videoSample = patternBytes(24, 1), audioSample = patternBytes(12, 2);
 
     gCounting = true;

@@ -43,15 +43,10 @@ public:
         CmmbSharedBuffer& b = *mBuffer;
         const uint32_t length = raw.size() + CMMB_ADTS_HEADER_SIZE;
         b.aac[b.aacCount++] = {tsBase, tsRelative, length, b.dataLength};
-        const uint8_t header[CMMB_ADTS_HEADER_SIZE] = {
-            0xFF,
-            0xF9,
-            0x58,
-            0x80,
-            static_cast<uint8_t>(length >> 3),
-            static_cast<uint8_t>(((length & 7) << 5) | 0x1F),
-            0xFC};
+        const uint8_t header[CMMB_ADTS_HEADER_SIZE] = {0xFF, 0xF9, 0x58, 0x80, 0, 0x1F, 0xFC};
         memcpy(b.data + b.dataLength, header, sizeof(header));
+        b.data[b.dataLength + 4] = static_cast<uint8_t>(length >> 3);  // the frame length
+        b.data[b.dataLength + 5] |= static_cast<uint8_t>((length & 7) << 5);
         memcpy(b.data + b.dataLength + sizeof(header), raw.data(), raw.size());
         b.dataLength += length;
         return *this;

@@ -1,14 +1,19 @@
-// Recording control through the engine's public interface: session checks, the free-space
-// rules at start and on every frame, and failures of the recording chain. The engine is one
-// object per process, so every test runs in a child.
+// Recording control through the engine's public interface with real files: session checks,
+// the free-space rules at start and on every frame, failing storage, full file systems and a
+// broadcast clock that wraps and jumps. Faults are injected through the platform's Env (each
+// test installs its own), so this suite links the engine's objects; every test runs in a child
+// because the engine is one object per process.
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -30,7 +35,7 @@ long long fileSize(const std::string& path) {
 void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,
                             const char* name) {
     ASSERT_EQ(0, rig.startRecording(name));
-    rig.play(feed.nextSecond());
+    rig.playSeconds(feed, 1);
     env.setFreeBytes(kMiB - 1);
     rig.play(feed.nextSecond());
 }
@@ -62,23 +67,20 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         env.setFreeBytes(-1);
 
         ClipFeed feed;
-        rig.play(feed.nextSecond());
-        rig.play(feed.nextSecond());
+        rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(0));
         expectCleanFile(rig.outputPath("out.3gp"));
 
-        // A file that takes no byte is refused at once.
-        const int full = open("/dev/full", O_WRONLY);
-        EXPECT_EQ(-1, rig.engine().startRecording(0, full));
-        close(full);
+        // The file's first bytes cannot be written: refused at once.
+        env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
+        EXPECT_EQ(-1, rig.startRecording("refused.3gp"));
         EXPECT_EQ(1, rig.root().countLog("pRecorder->start() failed!"));
         EXPECT_FALSE(rig.engine().isRecording(0));
 
         // A missing card ends frame delivery; the recorder stays for the application's stop.
         ASSERT_EQ(0, rig.startRecording("last.3gp"));
-        rig.play(feed.nextSecond());
-        rig.play(feed.nextSecond());
+        rig.playSeconds(feed, 2);
         ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
         rig.play(feed.nextSecond());
         EXPECT_FALSE(rig.engine().isRecording(0));
@@ -100,8 +102,7 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         const char* estimateWarning = "required minimal space=";
 
         env.setFreeBytes(14 * kMiB);  // not consulted
-        rig.play(feed.nextSecond());
-        rig.play(feed.nextSecond());
+        rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.root().countLog(estimateWarning));
         // Below it the estimate (a few KiB, so 0 MiB) is compared in whole MiB.
         env.setFreeBytes(14 * kMiB - 1);
@@ -129,33 +130,32 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
     });
 }
 
-}  // namespace
-
-namespace {
-
-// An application that ends its recording from the recording event itself. The event follows
-// the completion of a recording that ended inside a multiplex frame.
-class StopOnRecordingEvent : public RecordingCallback {
+// An application that acts from inside its recording events: `act` is given the session and
+// a function that records the event, which the test may be waiting for.
+class ActOnRecordingEvent : public RecordingCallback {
 public:
-    explicit StopOnRecordingEvent(TavoMBBMSEngine& engine) : mEngine(engine) {}
+    using Act = std::function<void(int session, const std::function<void()>& record)>;
+    explicit ActOnRecordingEvent(Act act) : mAct(std::move(act)) {}
     void onEvent(EventType type, int param) override {
-        RecordingCallback::onEvent(type, param);
-        if (type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR)
-            stopResult = mEngine.stopRecording(param);
+        if (type < EVENT_RECORD_NO_SDCARD || type > EVENT_RECORD_ERROR)
+            return RecordingCallback::onEvent(type, param);
+        mAct(param, [&] { RecordingCallback::onEvent(type, param); });
     }
-    int stopResult = 1;
 
 private:
-    TavoMBBMSEngine& mEngine;
+    Act mAct;
 };
 
-}  // namespace
-
+// The event follows the completion of a recording that ended inside a multiplex frame.
 TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
-        StopOnRecordingEvent app(rig.engine());
+        int stopResult = 1;
+        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
+            record();
+            stopResult = rig.engine().stopRecording(session);
+        });
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
         rig.startService();  // the engine keeps the first callback
         ClipFeed feed;
@@ -163,81 +163,49 @@ TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
         env.setFreeBytes(-1);
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // returns once the event is handled
-        EXPECT_EQ(0, app.stopResult);
+        EXPECT_EQ(0, stopResult);
         EXPECT_FALSE(rig.engine().isRecording(0));
         rig.play(feed.nextSecond());  // frames keep flowing afterwards
         expectCleanFile(rig.outputPath("out.3gp"));
     });
 }
 
-namespace {
-
-// An application that records again as soon as a recording ends: from the first recording
-// event it starts a second recording, and stays in the event until the test lets it go; from
-// the second it stops the session.
-class RecordAgainOnRecordingEvent : public RecordingCallback {
-public:
-    RecordAgainOnRecordingEvent(TavoMBBMSEngine& engine, FaultInjectingEnv& env, int secondFd)
-        : mEngine(engine), mEnv(env), mSecondFd(secondFd) {}
-    // The first event is seen at once; the second once the stop is done, so that a test that
-    // has waited for it may read stopResult.
-    void onEvent(EventType type, int param) override {
-        const bool recordingEvent = type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR;
-        std::unique_lock<std::mutex> lock(mLock);
-        if (recordingEvent && ++mRecordingEvents == 1) {
-            RecordingCallback::onEvent(type, param);
-            mEnv.setFreeBytes(-1);
-            restartResult = mEngine.startRecording(param, mSecondFd);
-            mRestarted = true;
-            mChanged.notify_all();
-            mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mReleased; });
-            return;
-        }
-        if (recordingEvent)
-            stopResult = mEngine.stopRecording(param);
-        RecordingCallback::onEvent(type, param);
-    }
-    bool waitUntilRestarted() {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mRestarted; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> hold(mLock);
-        mReleased = true;
-        mChanged.notify_all();
-    }
-    int restartResult = 1;
-    int stopResult = 1;
-
-private:
-    TavoMBBMSEngine& mEngine;
-    FaultInjectingEnv& mEnv;
-    const int mSecondFd;
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    int mRecordingEvents = 0;
-    bool mRestarted = false;
-    bool mReleased = false;
-};
-
-}  // namespace
-
-// The second recording ends in the frame path while the application is still inside the
-// first one's event: the frame goes on at once, and the second completion and its event
-// wait their turn behind the first event.
+// The application records again from the first recording event and stays in it until the
+// test lets it go; the second recording ends in the frame path meanwhile: the frame goes on at
+// once, and the second completion and its event wait their turn behind the first event, from
+// which the application stops the session.
 TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedInTurn) {
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
         const int second = rig.createOutput("second.3gp");
-        RecordAgainOnRecordingEvent app(rig.engine(), env, second);
+        std::mutex lock;
+        std::condition_variable changed;
+        int events = 0, restartResult = 1, stopResult = 1;
+        bool restarted = false, released = false;
+        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
+            std::unique_lock<std::mutex> hold(lock);
+            if (++events > 1) {
+                stopResult = rig.engine().stopRecording(session);
+                return record();  // after the stop, so that a waiting test may read stopResult
+            }
+            record();
+            env.setFreeBytes(-1);
+            restartResult = rig.engine().startRecording(session, second);
+            restarted = true;
+            changed.notify_all();
+            changed.wait_for(hold, std::chrono::seconds(20), [&] { return released; });
+        });
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
         rig.startService();
         ClipFeed feed;
         recordUntilStorageFull(rig, env, feed, "first.3gp");
-
-        ASSERT_TRUE(app.waitUntilRestarted());
-        EXPECT_EQ(0, app.restartResult);
+        {
+            std::unique_lock<std::mutex> hold(lock);
+            ASSERT_TRUE(
+                changed.wait_for(hold, std::chrono::seconds(20), [&] { return restarted; }));
+            EXPECT_EQ(0, restartResult);
+        }
         close(second);
         rig.play(feed.nextSecond());
         env.setFreeBytes(kMiB - 1);
@@ -246,10 +214,13 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         EXPECT_EQ(1, app.count("onEvent(152, 0)"));
         env.setFreeBytes(-1);
         rig.play(feed.nextSecond());
-
-        app.release();
+        {
+            std::lock_guard<std::mutex> hold(lock);
+            released = true;
+            changed.notify_all();
+        }
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
-        EXPECT_EQ(0, app.stopResult);
+        EXPECT_EQ(0, stopResult);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         expectCleanFile(rig.outputPath("first.3gp"));
         expectCleanFile(rig.outputPath("second.3gp"));
@@ -278,3 +249,169 @@ TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
         expectCleanFile(rig.outputPath("out.3gp"));
     });
 }
+
+TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsCompleted) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+        ASSERT_EQ(0, rig.startRecording("full.3gp"));
+        rig.playSeconds(feed, 3);
+
+        // The next chunk reaches the file only in part, the rest finds no space; then the
+        // storage takes the index again.
+        env.shortWriteNth(1, 1000, ENOSPC);
+        const int seconds = rig.playUntilRecordingEnds(feed, 5);
+        ASSERT_LE(seconds, 2);
+        EXPECT_FALSE(rig.engine().isRecording(0));  // from the frame of the failure on
+        ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
+        EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
+        EXPECT_EQ(1, rig.app().count("onEvent("));
+        EXPECT_EQ(1, rig.root().countLog("write file error!"));
+        EXPECT_EQ(0, rig.root().countLog("stop failed"));
+        // Lines printed by helpers name the public operation they belong to.
+        const std::pair<const char*, const char*> owners[] = {
+            {"write file error!", "[dataRecording():"},
+            {"recording NAL: length=", "[dataRecording():"},
+            {"recording AAC: frame length=", "[dataRecording():"},
+            {"pRecorder->start() Done!", "[startRecording():"},
+            {"exit successfully", "[stopRecording():"}};
+        for (const auto& owner : owners) {
+            int seen = 0;
+            for (const std::string& line : rig.root().logLines()) {
+                if (line.find(owner.first) == std::string::npos)
+                    continue;
+                ++seen;
+                EXPECT_NE(std::string::npos, line.find(owner.second)) << line;
+            }
+            EXPECT_GT(seen, 0) << owner.first;
+        }
+        expectPlayableRecording(rig.outputPath("full.3gp"));
+        // Only whole chunks that reached the file are described: about three seconds.
+        const double duration = probeStreamDuration(rig.outputPath("full.3gp"), 0);
+        EXPECT_GT(duration, 1.5);
+        EXPECT_LT(duration, 4.5);
+    });
+}
+
+TEST(RecordingFaults, AFailingCardIsARecordingErrorAndCompletionFailureIsLoggedFirst) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+        ASSERT_EQ(0, rig.startRecording("bad.3gp"));
+        rig.playSeconds(feed, 2);
+
+        env.failNth(FaultInjectingEnv::WRITE, 1, EIO, /*sticky=*/true);
+        ASSERT_LE(rig.playUntilRecordingEnds(feed, 5), 2);
+        ASSERT_TRUE(rig.app().waitFor("onEvent(154, 0)"));
+        EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
+        EXPECT_EQ(0, rig.app().count("onEvent(152"));
+        // The index could not be written either: "stop failed" comes before the event,
+        // "write file error!" after it.
+        EXPECT_EQ(1, rig.root().countLog("stop failed"));
+        EXPECT_EQ(1, rig.root().countLog("write file error!"));
+        EXPECT_FALSE(fileHasMoov(rig.outputPath("bad.3gp")));
+        env.clearFaults();
+
+        // The session records again afterwards.
+        ASSERT_EQ(0, rig.startRecording("after.3gp"));
+        rig.playSeconds(feed, 2);
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        expectPlayableRecording(rig.outputPath("after.3gp"));
+    });
+}
+
+TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+
+        // The sync at the end fails: stopRecording says so, the index is in the file.
+        ASSERT_EQ(0, rig.startRecording("unsynced.3gp"));
+        rig.playSeconds(feed, 3);
+        env.failNth(FaultInjectingEnv::FSYNC, 1, EIO);
+        EXPECT_EQ(-1, rig.engine().stopRecording(0));
+        EXPECT_EQ(1, rig.root().countLog("error reason is"));
+        EXPECT_EQ(1, rig.root().countLog("cannot stop the pRecorder!"));
+        expectPlayableRecording(rig.outputPath("unsynced.3gp"));
+
+        // The index cannot be written at the application's stop.
+        ASSERT_EQ(0, rig.startRecording("unindexed.3gp"));
+        rig.playSeconds(feed, 3);
+        env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC, /*sticky=*/true);
+        EXPECT_EQ(-1, rig.engine().stopRecording(0));
+        EXPECT_EQ(2, rig.root().countLog("cannot stop the pRecorder!"));
+        EXPECT_EQ(0, rig.app().count("onEvent("));  // the application's own stop: no event
+    });
+}
+
+TEST(RecordingFaults, ARecordingOnASmallFileSystemEndsPlayableBeforeItIsFull) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        const std::string mountPoint = rig.root().path() + "/card";
+        ASSERT_EQ(0, mkdir(mountPoint.c_str(), 0755));
+        if (mount("tavo-test", mountPoint.c_str(), "tmpfs", 0, "size=3m") != 0)
+            GTEST_SKIP() << "cannot mount a tmpfs (" << strerror(errno) << "); needs root";
+        rig.startService();
+        ClipFeed feed;
+        // "/sdcard" is on the large file system of the test root; the file is not.
+        ASSERT_EQ(0, rig.startRecording("card/small.3gp"));
+        const int seconds = rig.playUntilRecordingEnds(feed, 200);
+        EXPECT_LE(seconds, 200);
+        ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
+        EXPECT_EQ(1, rig.root().countLog("storage is full"));
+        EXPECT_EQ(0, rig.root().countLog("write file error!"));
+        expectPlayableRecording(rig.outputPath("card/small.3gp"));
+        EXPECT_EQ(0, umount(mountPoint.c_str()));
+    });
+}
+
+// Plays `seconds` seconds with every time of second s shifted by shift(s) ticks (modulo 2^32).
+template <typename Shift>
+void playShifted(RecordingRig& rig, ClipFeed& feed, int seconds, Shift shift) {
+    for (int s = 0; s < seconds; ++s) {
+        MultiplexFrame frame = feed.nextSecond();
+        for (auto* units : {&frame.video, &frame.audio}) {
+            for (MultiplexFrame::Unit& unit : *units)
+                unit.tsBase += shift(s);
+        }
+        rig.play(frame);
+    }
+}
+
+TEST(RecordingFaults, ARecordingAcrossTheClockWrapAndThroughJumpsKeepsItsDurationAndSync) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+        ASSERT_EQ(0, rig.startRecording("wrap.3gp"));
+        // The 32-bit clock wraps ten seconds in.
+        const uint32_t beforeWrap = 0u - 10u * ClipFeed::kTicksPerSecond - ClipFeed::kFirstTick;
+        playShifted(rig, feed, 20, [&](int) { return beforeWrap; });
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        expectPlayableRecording(rig.outputPath("wrap.3gp"));
+        EXPECT_NEAR(20.0, probeStreamDuration(rig.outputPath("wrap.3gp"), 0), 1.0);
+        EXPECT_NEAR(20.0, probeStreamDuration(rig.outputPath("wrap.3gp"), 1), 1.0);
+
+        // A tuner that resynchronises: an hour forwards after 8 s, two hours back after 14 s.
+        ASSERT_EQ(0, rig.startRecording("jumps.3gp"));
+        const uint32_t hour = 3600u * ClipFeed::kTicksPerSecond;
+        playShifted(rig, feed, 20, [&](int s) { return s < 8 ? 0u : s < 14 ? hour : 0u - hour; });
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        const std::string path = rig.outputPath("jumps.3gp");
+        expectPlayableRecording(path);
+        const double video = probeStreamDuration(path, 0);
+        const double audio = probeStreamDuration(path, 1);
+        EXPECT_NEAR(20.0, video, 1.0);
+        EXPECT_NEAR(20.0, audio, 1.0);
+        // In sync: both streams still end together.
+        EXPECT_NEAR(video, audio, 0.1);
+    });
+}
+
+}  // namespace

@@ -41,10 +41,9 @@ int recordUntilStopped(RecordingRig& rig, int fd, bool withAudio) {
             for (uint32_t at = 0; at < ClipFeed::kTicksPerSecond; at += ClipFeed::kAudioFrameTicks)
                 frame.audio.push_back({tsBase, at, MediaBytes(300, 0x3C)});
         }
-        for (MultiplexFrame::Unit& unit : frame.video)
-            unit.tsBase = tsBase;
-        for (MultiplexFrame::Unit& unit : frame.audio)
-            unit.tsBase = tsBase;
+        for (auto* units : {&frame.video, &frame.audio})
+            for (MultiplexFrame::Unit& unit : *units)
+                unit.tsBase = tsBase;
     }
     return seconds;
 }

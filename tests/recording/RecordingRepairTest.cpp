@@ -123,8 +123,7 @@ TEST(RecordingRepair, FinishedRecordingsLookTheSameWithOrWithoutRepairRecords) {
             paths[withRecords] = rig.outputPath("finished" + std::to_string(withRecords) + ".3gp");
             ASSERT_EQ(0, rig.startRecording("finished" + std::to_string(withRecords) + ".3gp"));
             ClipFeed feed;
-            for (int second = 0; second < 6; ++second)
-                rig.play(feed.nextSecond());
+            rig.playSeconds(feed, 6);
             ASSERT_EQ(0, rig.engine().stopRecording(0));
             expectPlayableRecording(paths[withRecords]);
         }

@@ -214,6 +214,20 @@ void RecordingRig::play(const MultiplexFrame& frame) {
     agent().runOnAgentThread([&](MBBMSAgentCallback*) { playHere(frame); });
 }
 
+void RecordingRig::playSeconds(ClipFeed& feed, int seconds) {
+    for (int second = 0; second < seconds; ++second)
+        play(feed.nextSecond());
+}
+
+int RecordingRig::playUntilRecordingEnds(ClipFeed& feed, int limit) {
+    for (int second = 1; second <= limit; ++second) {
+        play(feed.nextSecond());
+        if (!mEngine->isRecording(0))
+            return second;
+    }
+    return limit + 1;
+}
+
 int createFile(const std::string& path) {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     EXPECT_GE(fd, 0) << "cannot create " << path;

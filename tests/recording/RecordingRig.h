@@ -89,6 +89,10 @@ public:
     // calling thread. NAL units longer than 1,000 bytes are delivered in fragments.
     void play(const MultiplexFrame& frame);
     void playHere(const MultiplexFrame& frame);
+    void playSeconds(ClipFeed& feed, int seconds);
+    // Plays seconds of the feed until session 0 stops recording; returns how many it took (or
+    // `limit` + 1 when it never stopped).
+    int playUntilRecordingEnds(ClipFeed& feed, int limit);
 
     int createOutput(const std::string& name) const { return createFile(outputPath(name)); }
     // Creates the file `name` and starts recording `session` into it (the recorder keeps its
