@@ -12,47 +12,43 @@
 
 namespace {
 
+ModuleInfo gInfo;
+Preference gPref;
+int gFreqDots[] = {13, 20, 47};
+using E = TavoMBBMSEngine;
+
 struct Operation {
     const char* name;
     std::function<int(TavoMBBMSEngine&)> call;
+    const char* agentCall;  // what the agent gets when the engine passes it on as it is
 };
 
 // Every operation that needs init, as the application calls it.
 std::vector<Operation> guardedOperations() {
-    static Preference pref;
-    static ModuleInfo info;
-    static int freqDots[] = {20};
     static IsmaPara isma;
-    static const char* ids[] = {"service-1"};
-    return {
-        {"getModuleInfo", [](TavoMBBMSEngine& e) { return e.getModuleInfo(&info); }},
-        {"setPreference", [](TavoMBBMSEngine& e) { return e.setPreference(&pref); }},
-        {"startScan", [](TavoMBBMSEngine& e) { return e.startScan(freqDots, 1); }},
-        {"stopScan", [](TavoMBBMSEngine& e) { return e.stopScan(); }},
-        {"setFrequency", [](TavoMBBMSEngine& e) { return e.setFrequency(20); }},
-        {"getFrequency", [](TavoMBBMSEngine& e) { return e.getFrequency(); }},
-        {"startTVService",
-         [](TavoMBBMSEngine& e) { return e.startTVService(0, 20, 1, 2, 3, &isma); }},
-        {"stopTVService", [](TavoMBBMSEngine& e) { return e.stopTVService(0); }},
-        {"startUpdateTS0", [](TavoMBBMSEngine& e) { return e.startUpdateTS0(20); }},
-        {"stopUpdateTS0", [](TavoMBBMSEngine& e) { return e.stopUpdateTS0(); }},
-        {"startUpdateESG", [](TavoMBBMSEngine& e) { return e.startUpdateESG(20, 1, 2, 3); }},
-        {"stopUpdateESG", [](TavoMBBMSEngine& e) { return e.stopUpdateESG(); }},
-        {"requestUpdateSG", [](TavoMBBMSEngine& e) { return e.requestUpdateSG("beijing"); }},
-        {"requestInitGBA", [](TavoMBBMSEngine& e) { return e.requestInitGBA(1); }},
-        {"requestUpdateST", [](TavoMBBMSEngine& e) { return e.requestUpdateST(); }},
-        {"requestSubscribeService",
-         [](TavoMBBMSEngine& e) { return e.requestSubscribeService(ids, 1); }},
-        {"requestUnsubscribeService",
-         [](TavoMBBMSEngine& e) { return e.requestUnsubscribeService(ids, 1); }},
-        {"requestAuthorizeService",
-         [](TavoMBBMSEngine& e) { return e.requestAuthorizeService(nullptr, nullptr, ids, 1); }},
-        {"requestInquiryAccount", [](TavoMBBMSEngine& e) { return e.requestInquiryAccount(); }},
-        {"cancelMBBMSRequest", [](TavoMBBMSEngine& e) { return e.cancelMBBMSRequest(); }},
-        {"startRecording", [](TavoMBBMSEngine& e) { return e.startRecording(0, 1); }},
-        {"stopRecording", [](TavoMBBMSEngine& e) { return e.stopRecording(0); }},
-        {"captureImage", [](TavoMBBMSEngine& e) { return e.captureImage(0, 1); }},
+    std::vector<Operation> operations = {
+        {"getModuleInfo", [](E& e) { return e.getModuleInfo(&gInfo); }, "getModuleInfo()"},
+        {"setPreference", [](E& e) { return e.setPreference(&gPref); }, "setPreference(cmnet)"},
+        {"startScan", [](E& e) { return e.startScan(gFreqDots, 3); },
+         "startScan(13 20 47 count=3)"},
+        {"stopScan", [](E& e) { return e.stopScan(); }, "stopScan()"},
+        {"setFrequency", [](E& e) { return e.setFrequency(20); }, "setFrequency(20)"},
+        {"startUpdateTS0", [](E& e) { return e.startUpdateTS0(21); }, "startUpdateTS0(21)"},
+        {"stopUpdateTS0", [](E& e) { return e.stopUpdateTS0(); }, "stopUpdateTS0()"},
+        {"startUpdateESG", [](E& e) { return e.startUpdateESG(22, 1, 2, 3); },
+         "startUpdateESG(22, 1, 2, 3)"},
+        {"stopUpdateESG", [](E& e) { return e.stopUpdateESG(); }, "stopUpdateESG()"},
+        {"getFrequency", [](E& e) { return e.getFrequency(); }, nullptr},
+        {"startTVService", [](E& e) { return e.startTVService(0, 20, 1, 2, 3, &isma); }, nullptr},
+        {"stopTVService", [](E& e) { return e.stopTVService(0); }, nullptr},
+        {"cancelMBBMSRequest", [](E& e) { return e.cancelMBBMSRequest(); }, nullptr},
+        {"startRecording", [](E& e) { return e.startRecording(0, 1); }, nullptr},
+        {"stopRecording", [](E& e) { return e.stopRecording(0); }, nullptr},
+        {"captureImage", [](E& e) { return e.captureImage(0, 1); }, nullptr},
     };
+    for (const Request& request : allRequests())
+        operations.push_back({request.name, request.issue, nullptr});
+    return operations;
 }
 
 const char kSkipped[] = "skipped due to mIsInitialized==false";
@@ -94,34 +90,19 @@ TEST(Tuning, OperationsReachTheAgentUnchangedAndNullRecordsDoNot) {
         ControlEngine control;
         ASSERT_EQ(0, control.init());
         FakeAgentControl& agent = control.agent();
-        for (const char* name :
-             {"getModuleInfo", "setPreference", "startScan", "stopScan", "setFrequency",
-              "startUpdateTS0", "stopUpdateTS0", "startUpdateESG", "stopUpdateESG"}) {
-            agent.setResult(name, -7);
-        }
-        agent.clearCalls();
-
-        ModuleInfo info;
-        memset(&info, 0xEE, sizeof(info));
-        Preference pref = {};
-        strcpy(pref.apn, "cmnet");
-        int freqDots[] = {13, 20, 47};
         TavoMBBMSEngine& engine = control.engine();
-        EXPECT_EQ(0, engine.getModuleInfo(&info));
-        EXPECT_EQ(0, engine.setPreference(&pref));
-        EXPECT_EQ(0, engine.startScan(freqDots, 3));
-        EXPECT_EQ(0, engine.stopScan());
-        EXPECT_EQ(0, engine.setFrequency(20));
-        EXPECT_EQ(0, engine.startUpdateTS0(21));
-        EXPECT_EQ(0, engine.stopUpdateTS0());
-        EXPECT_EQ(0, engine.startUpdateESG(22, 1, 2, 3));
-        EXPECT_EQ(0, engine.stopUpdateESG());
-        EXPECT_EQ((std::vector<std::string>{
-                      "getModuleInfo()", "setPreference(cmnet)", "startScan(13 20 47 count=3)",
-                      "stopScan()", "setFrequency(20)", "startUpdateTS0(21)", "stopUpdateTS0()",
-                      "startUpdateESG(22, 1, 2, 3)", "stopUpdateESG()"}),
-                  agent.calls());
-        EXPECT_EQ(200, info.bytes[200]);  // filled by the agent in place
+        memset(&gInfo, 0xEE, sizeof(gInfo));
+        strcpy(gPref.apn, "cmnet");
+        // The agent's own result (-7) is not passed on.
+        for (const Operation& operation : guardedOperations()) {
+            if (operation.agentCall == nullptr)
+                continue;
+            agent.clearCalls();
+            agent.setResult(operation.name, -7);
+            EXPECT_EQ(0, operation.call(engine)) << operation.name;
+            EXPECT_EQ(std::vector<std::string>{operation.agentCall}, agent.calls());
+        }
+        EXPECT_EQ(200, gInfo.bytes[200]);  // filled by the agent in place
 
         // getFrequency alone returns what the agent answers.
         EXPECT_EQ(20, engine.getFrequency());

@@ -38,29 +38,31 @@ int openSharedRegions() {
 
 }  // namespace
 
-TEST(AgentLoading, RacingGetInstanceCreatesOneEngineAndLoadsTheLibraryOnce) {
+TEST(AgentLoading, RacingGetInstanceCreatesOneEngineLoadingTheLibraryOnceAndDeleteDestroysIt) {
     EXPECT_IN_CHILD({
         TestRoot root;
         std::atomic<bool> go{false};
         TavoMBBMSEngine* seen[2] = {nullptr, nullptr};
-        std::thread first([&] {
-            while (!go) {
-            }
-            seen[0] = TavoMBBMSEngine::getInstance();
-        });
-        std::thread second([&] {
-            while (!go) {
-            }
-            seen[1] = TavoMBBMSEngine::getInstance();
-        });
+        std::thread racers[2];
+        for (int i = 0; i < 2; ++i) {
+            racers[i] = std::thread([&, i] {
+                while (!go) {
+                }
+                seen[i] = TavoMBBMSEngine::getInstance();
+            });
+        }
         go = true;
-        first.join();
-        second.join();
+        for (std::thread& racer : racers)
+            racer.join();
         ASSERT_NE(nullptr, seen[0]);
         EXPECT_EQ(seen[0], seen[1]);
         EXPECT_EQ(seen[0], TavoMBBMSEngine::getInstance());
         EXPECT_EQ(1, fakeAgentLoadCountAt(sianoPath(root)));
         EXPECT_EQ(1, fakeAgentCreateCountAt(sianoPath(root)));
+        // Either the library is unloaded or its agent is gone (a C++ library may stay
+        // resident after dlclose).
+        delete seen[0];
+        EXPECT_EQ(nullptr, fakeAgentAt(sianoPath(root)));
     });
 }
 
@@ -129,52 +131,37 @@ TEST(AgentLoading, MissingDestroyAgentIsReportedWhenTheEngineIsDeleted) {
     });
 }
 
-TEST(AgentLoading, DeletingTheEngineDestroysTheAgent) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        ASSERT_NE(nullptr, fakeAgentAt(sianoPath(root)));
-        delete engine;
-        // Either the library is unloaded or its agent is gone (a C++ library may stay
-        // resident after dlclose).
-        EXPECT_EQ(nullptr, fakeAgentAt(sianoPath(root)));
-    });
-}
-
-TEST(Init, BringsTheAgentUpInOrderWithTheWorkingDirectory) {
+TEST(Init, BringsTheAgentUpInOrderInTheDefaultOrGivenDirectoryAndDeinitTakesItDownOnce) {
     EXPECT_IN_CHILD({
         TestRoot root;
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
         ASSERT_NE(nullptr, agent);
-        const std::string dir = root.resolve("/work");
-        ASSERT_EQ(0, engine->init(nullptr, dir.c_str()));
+        const std::string defaultDir = root.resolve("/data/app/cmmb");
+        ASSERT_FALSE(isDirectory(defaultDir));
+        ASSERT_EQ(0, engine->init(nullptr, nullptr));
         std::vector<std::string> calls = agent->calls();
         ASSERT_GE(calls.size(), 3u);
         EXPECT_EQ("preInitStep1()", calls[0]);
         EXPECT_EQ("preInitStep2()", calls[1]);
-        EXPECT_EQ("init(callback, " + dir + ", " + dir + ")", calls[2]);
-        EXPECT_TRUE(isDirectory(dir));
+        EXPECT_EQ("init(callback, " + defaultDir + ", " + defaultDir + ")", calls[2]);
+        EXPECT_TRUE(isDirectory(defaultDir));
         EXPECT_EQ(1, agent->countCalls("getModuleInfo")) << "init asks for the module once";
         EXPECT_TRUE(root.logContains("init Agent OK"));
         EXPECT_EQ(2, openSharedRegions());
         EXPECT_EQ(0, engine->deinit());
         EXPECT_EQ(0, openSharedRegions());
-    });
-}
-
-TEST(Init, WithoutDirectoryCreatesTheResolvedDefaultAndAcceptsAnExistingPathOfAnyKind) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        const std::string expected = root.resolve("/data/app/cmmb");
-        ASSERT_FALSE(isDirectory(expected));
-        EXPECT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_TRUE(isDirectory(expected));
-        EXPECT_EQ("init(callback, " + expected + ", " + expected + ")",
-                  fakeAgentAt(sianoPath(root))->calls().at(2));
+        // A second deinit also returns 0 and only warns.
+        EXPECT_EQ(0, root.countLog("skipped due to mIsInitialized==false"));
         EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(1, root.countLog("skipped due to mIsInitialized==false"));
 
+        // A given directory is created; an existing path of any kind is accepted.
+        const std::string dir = root.resolve("/work");
+        ASSERT_EQ(0, engine->init(nullptr, dir.c_str()));
+        EXPECT_TRUE(isDirectory(dir));
+        EXPECT_EQ(1, agent->countCalls("init(callback, " + dir + ", " + dir + ")"));
+        EXPECT_EQ(0, engine->deinit());
         const std::string file = root.resolve("/plainfile");
         writeTextFile(file, "x");
         EXPECT_EQ(0, engine->init(nullptr, file.c_str()));
@@ -182,37 +169,28 @@ TEST(Init, WithoutDirectoryCreatesTheResolvedDefaultAndAcceptsAnExistingPathOfAn
     });
 }
 
-TEST(Init, UncreatableDirectoryFailsWithAnEventOnlyWhenACallbackIsSet) {
+TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
     EXPECT_IN_CHILD({
         TestRoot root;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         writeTextFile(root.resolve("/plainfile"), "x");
         const std::string impossible = root.resolve("/plainfile/sub");
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-
         EXPECT_EQ(-1, engine->init(nullptr, impossible.c_str()));
         EXPECT_TRUE(root.logContains(impossible + " not exist and can't be created"));
-
+        // Only with a callback is the failure also an event.
         RecordingCallback callback;
         EXPECT_EQ(-1, engine->init(&callback, impossible.c_str()));
         EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, callback.calls());
         EXPECT_EQ(0, openSharedRegions());
-    });
-}
 
-TEST(Init, RefusesAWorkingDirectoryLongerThan127Characters) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         std::string base = root.resolve("/");
         std::string fits = base + std::string(127 - base.size(), 'd');
         std::string tooLong = fits + "e";
         ASSERT_EQ(127u, fits.size());
-
         EXPECT_EQ(-1, engine->init(nullptr, tooLong.c_str()));
         EXPECT_TRUE(root.logContains("working directory too long"));
         EXPECT_FALSE(isDirectory(tooLong));
         EXPECT_FALSE(isDirectory(fits)) << "the path was cut instead of refused";
-
         EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
         EXPECT_EQ(0, engine->deinit());
@@ -262,18 +240,6 @@ TEST(Init, SecondInitKeepsTheFirstCallback) {
         });
         EXPECT_EQ(1, second.count("onScanFinished(0)"));
         EXPECT_EQ(0, engine->deinit());
-    });
-}
-
-TEST(Deinit, TwiceReturnsZeroAndOnlyWarnsTheSecondTime) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        ASSERT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->deinit());
-        EXPECT_EQ(0, root.countLog("skipped due to mIsInitialized==false"));
-        EXPECT_EQ(0, engine->deinit());
-        EXPECT_EQ(1, root.countLog("skipped due to mIsInitialized==false"));
     });
 }
 
