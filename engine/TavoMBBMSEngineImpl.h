@@ -20,8 +20,10 @@
 #include <atomic>
 #include <mutex>
 
+#include "ApplicationCallbacks.h"
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "DeferredCalls.h"
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
 #include "PlayEngineLink.h"
@@ -152,11 +154,24 @@ private:
 
     // Agent library loading, at construction; logs as `caller` (the constructor).
     void loadAgent(const char* caller);
+    // init's steps, under mLock. Sets *workDirError when EVENT_WORKDIR_ERROR is due; init
+    // sends it once mLock is released.
+    int initLocked(TavoMBBMSEngineCallback* callback, const char* dir, bool* workDirError);
+    // deinit's steps, under mLock. False when the engine was not initialised.
+    bool deinitLocked();
     // Undoes what a failed init had set up, so that a retry creates nothing twice.
     // REQUIRES: mLock held.
     void rollBackFailedInit(bool commandThreadStarted);
-    // Sends an application event when a callback is registered.
+    // Sends an application event when a callback is registered; inside a frame bracket it is
+    // deferred to the bracket's end.
     static void notifyEvent(EventType type, int param);
+    // On the thread inside a frame bracket: keeps the agent's call for the bracket's end and
+    // returns true. Elsewhere returns false and the caller goes on.
+    bool deferInsideBracket(DeferredCalls::Kind kind, int value = 0, int param = 0,
+                            DeferredCalls::Bytes first = DeferredCalls::Bytes{nullptr, 0},
+                            DeferredCalls::Bytes second = DeferredCalls::Bytes{nullptr, 0});
+    // Runs a deferred call as if it arrived now, outside the bracket (EngineEventRelay.cpp).
+    void replayDeferred(const DeferredCalls::Call& call);
     // Starts one MBBMS request: the checks, logged as lines of `operation`, then the agent
     // call under mLock.
     template <typename AgentCall>
@@ -177,6 +192,9 @@ private:
     std::atomic<int> mPendingRequest;
     // Written by setMode (any thread), read by requests and the event relay.
     std::atomic<int> mMode;
+    // Results and events the agent raised inside the frame bracket in progress
+    // (EngineDataForwarding.cpp).
+    DeferredCalls mDeferredCalls;
     // Owned session manager, between a successful init and deinit. The slot lets agent and
     // application threads use it without racing its deletion by deinit.
     SessionManagerSlot mSessionManager;
@@ -205,7 +223,9 @@ private:
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
     static std::mutex mInstanceLock;
-    static std::atomic<TavoMBBMSEngineCallback*> mCallback;
+    // The application's callback, registered by init and closed by deinit; every call to the
+    // application goes through it.
+    static ApplicationCallbacks mCallback;
     static std::atomic<bool> mIsStarted;  // run flag of the command thread
     // The listening socket (mSocket) and the connected play engine (mFdCommand).
     static PlayEngineLink mPlayEngineLink;
