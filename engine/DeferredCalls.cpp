@@ -7,18 +7,16 @@ namespace {
 // Whether the current thread is between onOutputAVStart and onOutputAVEnd.
 thread_local bool tInsideBracket = false;
 
-// Copies are aligned for any record type the agent passes.
-const size_t kCopyAlignment = alignof(std::max_align_t);
 // Room reserved up front, so that the first frames that defer something rarely allocate.
 const size_t kInitialCalls = 16;
-const size_t kInitialBytes = 4096;
+const size_t kInitialBlocks = 256;
 
 }  // namespace
 
 DeferredCalls::DeferredCalls() {
     for (Queue& queue : mQueues) {
         queue.calls.reserve(kInitialCalls);
-        queue.bytes.reserve(kInitialBytes);
+        queue.blocks.reserve(kInitialBlocks);
     }
 }
 
@@ -53,19 +51,19 @@ void DeferredCalls::defer(Kind kind, int value, int param, Bytes first, Bytes se
 void DeferredCalls::discard() {
     std::lock_guard<std::mutex> guard(mLock);
     mQueues[mFilling].calls.clear();
-    mQueues[mFilling].bytes.clear();
+    mQueues[mFilling].blocks.clear();
 }
 
 size_t DeferredCalls::store(Queue& queue, Bytes piece) {
     if (piece.data == nullptr)
         return kNone;
-    const size_t offset =
-        (queue.bytes.size() + kCopyAlignment - 1) / kCopyAlignment * kCopyAlignment;
-    // At least one byte, so that a copy of nothing still has an address of its own.
-    queue.bytes.resize(offset + (piece.size > 0 ? piece.size : 1));
+    const size_t first = queue.blocks.size();
+    // At least one block, so that a copy of nothing still has an address of its own.
+    const size_t blocks = piece.size / sizeof(Block) + 1;
+    queue.blocks.resize(first + blocks);
     if (piece.size > 0)
-        memcpy(queue.bytes.data() + offset, piece.data, piece.size);
-    return offset;
+        memcpy(queue.blocks.data() + first, piece.data, piece.size);
+    return first;
 }
 
 DeferredCalls::Call DeferredCalls::callOf(Queue& queue, const Stored& stored) {
@@ -73,7 +71,7 @@ DeferredCalls::Call DeferredCalls::callOf(Queue& queue, const Stored& stored) {
     call.kind = stored.kind;
     call.value = stored.value;
     call.param = stored.param;
-    call.first = stored.first == kNone ? nullptr : queue.bytes.data() + stored.first;
-    call.second = stored.second == kNone ? nullptr : queue.bytes.data() + stored.second;
+    call.first = stored.first == kNone ? nullptr : queue.blocks.data() + stored.first;
+    call.second = stored.second == kNone ? nullptr : queue.blocks.data() + stored.second;
     return call;
 }

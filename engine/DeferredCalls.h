@@ -93,7 +93,7 @@ public:
             for (const Stored& stored : full.calls)
                 replay(callOf(full, stored));
             full.calls.clear();
-            full.bytes.clear();
+            full.blocks.clear();
             lock.lock();
         }
         mReplaying = false;
@@ -108,16 +108,20 @@ private:
         Kind kind;
         int value;
         int param;
-        size_t first;  // offset of the copy in the queue's bytes, kNone for null
+        size_t first;  // index of the copy's first block in the queue's store, kNone for null
         size_t second;
+    };
+    // The unit of the copy store: each copy starts on a block, aligned for any record.
+    struct alignas(std::max_align_t) Block {
+        unsigned char bytes[alignof(std::max_align_t)];
     };
     struct Queue {
         std::vector<Stored> calls;
-        std::vector<unsigned char> bytes;
+        std::vector<Block> blocks;
     };
 
     static void endBracketOnThisThread();
-    // Copies `piece` into the queue's bytes, aligned for any record; its offset or kNone.
+    // Copies `piece` into the queue's store; the index of its first block, or kNone.
     static size_t store(Queue& queue, Bytes piece);
     static Call callOf(Queue& queue, const Stored& stored);
 
