@@ -43,8 +43,11 @@ const Clock::duration kHangGuard = std::chrono::seconds(2);
 const int kWaitMs = 20000;
 const char kRefusal[] = "deinit called from a callback of the engine, refused";
 
+// What a play engine does with a capture request besides answering 3 (success) or 4 (failure).
+const int kHangUp = 0;
+
 // A play engine in this process: maps both shared buffers and answers every capture request
-// with `answer` (3 success, 4 failure) on a thread of its own.
+// with `answer` (3 success, 4 failure, or kHangUp: ends its connection) on a thread of its own.
 class CapturingPlayEngine {
 public:
     ~CapturingPlayEngine() { stop(); }
@@ -108,9 +111,14 @@ private:
             const EngineConnection::ReceiveResult result = mConnection->receive(&command, 20);
             if (result == EngineConnection::CLOSED)
                 return;
-            if (result == EngineConnection::RECEIVED &&
-                command.text() == PLAYENGINE_CMD_TEXT_CAPTURE)
-                mConnection->sendIndication(mAnswer);
+            if (result != EngineConnection::RECEIVED ||
+                command.text() != PLAYENGINE_CMD_TEXT_CAPTURE)
+                continue;
+            if (mAnswer == kHangUp) {
+                mConnection->close();  // gone without an answer; the mappings stay
+                return;
+            }
+            mConnection->sendIndication(mAnswer);
         }
     }
 
@@ -139,14 +147,16 @@ public:
         mAct = std::move(act);
     }
 
-    // Waits (bounded) until `act` has returned; its outcomes, or false.
-    bool waitActed(std::vector<Outcome>* outcomes) {
+    // Waits (bounded) until `act` has returned; its outcomes, or false with *came telling
+    // whether the callback to act from came at all.
+    bool waitActed(std::vector<Outcome>* outcomes, bool* came) {
         std::unique_lock<std::mutex> lock(mLock);
-        if (!mActedChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                                    [&] { return mActed; }))
-            return false;
-        *outcomes = mOutcomes;
-        return true;
+        const bool acted = mActedChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                                                  [&] { return mActed; });
+        *came = mActing;
+        if (acted)
+            *outcomes = mOutcomes;
+        return acted;
     }
 
     void onScanFinished(bool done) override {
@@ -317,6 +327,9 @@ std::vector<CallbackKind> callbackKinds() {
          [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
         {"CaptureFailureOnTheCommandThread", "onEvent(162, 0)", 4, true,
          [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+        // The play engine goes away with a capture outstanding: the command thread ends it.
+        {"CaptureFailureWhenThePlayEngineGoes", "onEvent(162, 0)", kHangUp, true,
+         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
         // init on the application's thread with a directory that cannot be created.
         {"WorkDirErrorOnTheCallersThread", "onEvent(140, 0)", 3, false,
          [](Bench& b) {
@@ -360,7 +373,9 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
             return;
 
         std::vector<Outcome> outcomes;
-        if (!bench.app.waitActed(&outcomes)) {
+        bool came = false;
+        if (!bench.app.waitActed(&outcomes, &came)) {
+            ASSERT_TRUE(came) << "no call starting \"" << kind.trigger << "\" came";
             ADD_FAILURE() << "a call made from inside " << kind.name << " does not return";
             fflush(stdout);
             _exit(1);  // a thread is stuck inside the engine: no orderly teardown
