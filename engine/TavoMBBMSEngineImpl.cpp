@@ -229,6 +229,7 @@ int TavoMBBMSEngineImpl::deinit() {
         return -1;
     }
 
+    std::lock_guard<std::mutex> serialised(mDeinitLock);
     unsigned registration;
     bool wasInitialized;
     {

@@ -9,9 +9,14 @@
 //   recording/     recording control (startRecording, stopRecording, dataRecording)
 //
 // Threads: application threads call the interface operations; agent threads call the
-// MBBMSAgentCallback operations; the command thread serves the play engine.
+// MBBMSAgentCallback operations; the command thread serves the play engine; the recording
+// completion thread completes recordings that ended in the frame path.
 // Lock order: mInstanceLock, mLock, the session manager's mutexSessionChangable, each
 // attached session's mutexDataAccessable (ascending session), the recorder's mutex.
+// Every call to the application goes through mCallback (ApplicationCallbacks) and is made
+// holding none of these: results raised inside a frame bracket are deferred to its end
+// (DeferredCalls), init reports a working-directory error after releasing mLock, and deinit
+// refuses to run inside a callback and closes mCallback last.
 #ifndef TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 #define TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 
@@ -214,6 +219,10 @@ private:
     RecordingSink mFrameSink;
     // Serialises init, deinit and the agent call of each MBBMS request.
     std::mutex mLock;
+    // Serialises whole deinit calls, their steps after mLock included, so that a second
+    // deinit returns only once the first has delivered its last callback. Taken before mLock;
+    // never on a thread inside an application callback (deinit refuses to run there).
+    std::mutex mDeinitLock;
     // Recording of the sessions; uses mSessionManager and mIsRecording.
     RecordingControl mRecording{*this, mIsRecording};
     // The manager through which the recording control holds frames off, between holdFrames
