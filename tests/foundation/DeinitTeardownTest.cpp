@@ -154,3 +154,43 @@ TEST(DeinitTeardown, WaitsForACallbackInFlightOnAnotherThread) {
         EXPECT_EQ(0, engine->deinit());
     });
 }
+
+// init and deinit racing on two threads while the agent keeps raising events: whichever wins,
+// nothing crashes or hangs, and once the last deinit has returned no callback follows.
+TEST(DeinitTeardown, RacingInitAndDeinitLeaveNoCallbackAfterTheLastDeinit) {
+    EXPECT_IN_CHILD({
+        TestRoot root;
+        RecordingCallback app;
+        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+        FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
+        ASSERT_NE(nullptr, agent);
+        std::atomic<bool> racing{true};
+        std::thread events([&] {
+            while (racing) {
+                agent->runOnAgentThread([](MBBMSAgentCallback* callback) {
+                    if (callback != nullptr)
+                        callback->onEvent(static_cast<EventType>(99), 1);
+                });
+            }
+        });
+        std::atomic<int> initialised{0};
+        auto cycle = [&] {
+            for (int i = 0; i < 30; ++i) {
+                if (engine->init(&app, nullptr) == 0)
+                    ++initialised;
+                engine->deinit();
+            }
+        };
+        std::thread first(cycle), second(cycle);
+        first.join();
+        second.join();
+        racing = false;
+        events.join();
+        EXPECT_EQ(60, initialised.load());
+        EXPECT_GT(app.count("onEvent(99, 1)"), 0) << "the events never met an open engine";
+        ASSERT_EQ(0, engine->deinit());
+        app.clear();
+        playLateCallbacks(agent);
+        EXPECT_EQ(std::vector<std::string>{}, app.calls());
+    });
+}
