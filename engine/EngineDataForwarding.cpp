@@ -3,20 +3,30 @@
 // The agent may deliver data while no session manager exists (after its init and before
 // the engine has created the manager, and while deinit deletes it); such data is dropped.
 // The slot access keeps deinit from deleting the manager under a running callback.
+//
+// The frame bracket's thread is marked from the end of onOutputAVStart to onOutputAVEnd:
+// results and events the agent raises on it meanwhile are deferred, and onOutputAVEnd passes
+// them on once the session manager has ended the frame and released its locks.
 #include "EngineLog.h"
 #include "SessionManager.h"
 #include "TavoMBBMSEngineImpl.h"
 
 void TavoMBBMSEngineImpl::onOutputAVStart(int channelID, const unsigned char* data, int length) {
-    SessionManagerSlot::Access manager(mSessionManager, true);
-    if (manager)
-        manager->onOutputAVStart(channelID, data, length);
+    {
+        SessionManagerSlot::Access manager(mSessionManager, true);
+        if (manager)
+            manager->onOutputAVStart(channelID, data, length);
+    }
+    DeferredCalls::beginBracket();
 }
 
 void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
-    SessionManagerSlot::Access manager(mSessionManager, true);
-    if (manager)
-        manager->onOutputAVEnd(channelID, withError);
+    {
+        SessionManagerSlot::Access manager(mSessionManager, true);
+        if (manager)
+            manager->onOutputAVEnd(channelID, withError);
+    }
+    mDeferredCalls.endBracket([this](const DeferredCalls::Call& call) { replayDeferred(call); });
 }
 
 void TavoMBBMSEngineImpl::onClearAudioAacFrame(int channelID, unsigned long tsBase,

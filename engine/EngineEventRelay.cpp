@@ -6,6 +6,10 @@
 //   - an emergency message whose key equals the last one passed on is dropped;
 //   - EVENT_MBBMS_ONLY is dropped while the mode is CMMB_MODE.
 // The request completions, which also end the pending request, are with the requests.
+//
+// A result or event raised on the thread inside a frame bracket is deferred (with copies of
+// its records and strings) and replayed here, through the same callback, once the bracket
+// has ended: its log line, filters and relay all happen at the replay.
 #include <cstddef>
 
 #include "EngineLog.h"
@@ -43,42 +47,49 @@ const char* printable(const char* text) {
 }  // namespace
 
 void TavoMBBMSEngineImpl::onServiceParam(ServiceParam& param) {
+    if (deferInsideBracket(DeferredCalls::SERVICE_PARAM, 0, 0, {&param, sizeof(param)}))
+        return;
     TLOG(ENGINE, "%s()", __func__);
     // Without an application callback the agent is not even asked for its frequency.
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback == nullptr)
+    if (!mCallback.registered())
         return;
     if (ts0AlreadyReported(mAgent, mTS0Reported))
         return;
-    callback->onServiceParam(param);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onServiceParam(param); });
 }
 
 void TavoMBBMSEngineImpl::onCaInfo(CaInfo* info, int size) {
+    // `size` entries travel with the pointer.
+    const size_t bytes = size > 0 ? static_cast<size_t>(size) * sizeof(CaInfo) : 0;
+    if (deferInsideBracket(DeferredCalls::CA_INFO, size, 0, {info, bytes}))
+        return;
     TLOG(ENGINE, "size=%d", size);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback == nullptr)
+    if (!mCallback.registered())
         return;
     if (ts0AlreadyReported(mAgent, mTS0Reported))
         return;
-    callback->onCaInfo(info, size);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onCaInfo(info, size); });
 }
 
 void TavoMBBMSEngineImpl::onTS0Parsed(int freqDot) {
     static_assert(sizeof(mTS0Reported) / sizeof(mTS0Reported[0]) == kTrackedFreqDots,
                   "one TS0 flag per tracked frequency point");
+    if (deferInsideBracket(DeferredCalls::TS0_PARSED, freqDot))
+        return;
     TLOG(ENGINE, "freqDot=%d", freqDot);
     // The application hears of TS0 first; only then is the point marked reported, so that
     // service parameters and CA information the agent reports while the application handles
     // this call still reach it. The flag is set whether or not anything is passed on.
     const bool tracked = hasTS0Flag(freqDot);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr && !(tracked && mTS0Reported[freqDot].load()))
-        callback->onTS0Parsed(freqDot);
+    if (!(tracked && mTS0Reported[freqDot].load()))
+        mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onTS0Parsed(freqDot); });
     if (tracked)
         mTS0Reported[freqDot].store(true);
 }
 
 void TavoMBBMSEngineImpl::onEmergencyMessage(EmergencyMessage& msg) {
+    if (deferInsideBracket(DeferredCalls::EMERGENCY_MESSAGE, 0, 0, {&msg, sizeof(msg)}))
+        return;
     TLOG(ENGINE, "%s()", __func__);
     // A repeat only if all five key values are equal; the rest of the message is not read.
     const uint64_t key = emergencyKeyOf(msg);
@@ -86,9 +97,7 @@ void TavoMBBMSEngineImpl::onEmergencyMessage(EmergencyMessage& msg) {
         TLOG(WARNING, "Same emergency message received, drop it!");
         return;
     }
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onEmergencyMessage(msg);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onEmergencyMessage(msg); });
     mLastEmergencyKey.store(key);  // remembered also when nothing was passed on
 }
 
@@ -99,41 +108,94 @@ uint64_t TavoMBBMSEngineImpl::emergencyKeyOf(const EmergencyMessage& msg) {
 }
 
 void TavoMBBMSEngineImpl::onEvent(EventType type, int param) {
+    if (deferInsideBracket(DeferredCalls::AGENT_EVENT, type, param))
+        return;
     TLOG(ENGINE, "type=%d, param=%d", static_cast<int>(type), param);
     // Only CMMB_MODE itself filters; any other mode value lets the event through.
     if (type == EVENT_MBBMS_ONLY && mMode.load() == CMMB_MODE) {
         TLOG(WARNING, "No need to call back this type event in CMMB mode");
         return;
     }
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onEvent(type, param);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onEvent(type, param); });
 }
 
 void TavoMBBMSEngineImpl::onESGXml(ESGType datatype, const char* esgXml) {
+    if (deferInsideBracket(DeferredCalls::ESG_XML, datatype, 0, DeferredCalls::text(esgXml)))
+        return;
     TLOG(ENGINE, "datatype=%d, esgXml=%s", static_cast<int>(datatype), printable(esgXml));
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onESGXml(datatype, esgXml);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onESGXml(datatype, esgXml); });
 }
 
 void TavoMBBMSEngineImpl::onESGUpdated(bool done) {
+    if (deferInsideBracket(DeferredCalls::ESG_UPDATED, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onESGUpdated(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onESGUpdated(done); });
 }
 
 void TavoMBBMSEngineImpl::onScanFinished(bool done) {
+    if (deferInsideBracket(DeferredCalls::SCAN_FINISHED, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onScanFinished(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onScanFinished(done); });
 }
 
 void TavoMBBMSEngineImpl::onSignalUpdated(SignalStatus& status) {
+    if (deferInsideBracket(DeferredCalls::SIGNAL_UPDATED, 0, 0, {&status, sizeof(status)}))
+        return;
     TLOG(ENGINE, "%s()", __func__);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onSignalUpdated(status);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onSignalUpdated(status); });
+}
+
+// ---- Results and events raised inside a frame bracket ----
+
+bool TavoMBBMSEngineImpl::deferInsideBracket(DeferredCalls::Kind kind, int value, int param,
+                                             DeferredCalls::Bytes first,
+                                             DeferredCalls::Bytes second) {
+    if (!DeferredCalls::insideBracket())
+        return false;
+    mDeferredCalls.defer(kind, value, param, first, second);
+    return true;
+}
+
+void TavoMBBMSEngineImpl::replayDeferred(const DeferredCalls::Call& call) {
+    const bool done = call.value != 0;
+    const char* first = static_cast<const char*>(call.first);
+    const char* second = static_cast<const char*>(call.second);
+    switch (call.kind) {
+        case DeferredCalls::SERVICE_PARAM:
+            return onServiceParam(*static_cast<ServiceParam*>(call.first));
+        case DeferredCalls::CA_INFO:
+            return onCaInfo(static_cast<CaInfo*>(call.first), call.value);
+        case DeferredCalls::EMERGENCY_MESSAGE:
+            return onEmergencyMessage(*static_cast<EmergencyMessage*>(call.first));
+        case DeferredCalls::TS0_PARSED:
+            return onTS0Parsed(call.value);
+        case DeferredCalls::ESG_XML:
+            return onESGXml(static_cast<ESGType>(call.value), first);
+        case DeferredCalls::ESG_UPDATED:
+            return onESGUpdated(done);
+        case DeferredCalls::SCAN_FINISHED:
+            return onScanFinished(done);
+        case DeferredCalls::SIGNAL_UPDATED:
+            return onSignalUpdated(*static_cast<SignalStatus*>(call.first));
+        case DeferredCalls::REQUEST_UPDATE_SG:
+            return onRequestUpdateSG(done, first, second);
+        case DeferredCalls::REQUEST_INIT_GBA:
+            return onRequestInitGBA(done);
+        case DeferredCalls::REQUEST_UPDATE_ST:
+            return onRequestUpdateST(done, first);
+        case DeferredCalls::REQUEST_SUBSCRIBE_SERVICE:
+            return onRequestSubscribeService(done);
+        case DeferredCalls::REQUEST_UNSUBSCRIBE_SERVICE:
+            return onRequestUnsubscribeService(done);
+        case DeferredCalls::REQUEST_INQUIRY_ACCOUNT:
+            return onRequestInquiryAccount(done, first);
+        case DeferredCalls::REQUEST_AUTHORIZE_SERVICE:
+            return onRequestAuthorizeService(done);
+        case DeferredCalls::AGENT_EVENT:
+            return onEvent(static_cast<EventType>(call.value), call.param);
+        case DeferredCalls::ENGINE_EVENT:
+            return notifyEvent(static_cast<EventType>(call.value), call.param);
+    }
 }

@@ -126,59 +126,63 @@ int TavoMBBMSEngineImpl::cancelMBBMSRequest() {
 }
 
 // ---- Completions (agent threads): relay to the application, then end the request ----
+// A completion raised inside a frame bracket is replayed at the bracket's end (see
+// EngineEventRelay.cpp); the request ends after that replay.
 
 void TavoMBBMSEngineImpl::onRequestUpdateSG(bool done, const char* info, const char* info2) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_UPDATE_SG, done, 0, DeferredCalls::text(info),
+                           DeferredCalls::text(info2)))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestUpdateSG(done, info, info2);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestUpdateSG(done, info, info2); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestInitGBA(bool done) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_INIT_GBA, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestInitGBA(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestInitGBA(done); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestUpdateST(bool done, const char* info) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_UPDATE_ST, done, 0, DeferredCalls::text(info)))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestUpdateST(done, info);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestUpdateST(done, info); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestSubscribeService(bool done) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_SUBSCRIBE_SERVICE, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestSubscribeService(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestSubscribeService(done); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestUnsubscribeService(bool done) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_UNSUBSCRIBE_SERVICE, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestUnsubscribeService(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestUnsubscribeService(done); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestInquiryAccount(bool done, const char* info) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_INQUIRY_ACCOUNT, done, 0,
+                           DeferredCalls::text(info)))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestInquiryAccount(done, info);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestInquiryAccount(done, info); });
     endPendingRequest();
 }
 
 void TavoMBBMSEngineImpl::onRequestAuthorizeService(bool done) {
+    if (deferInsideBracket(DeferredCalls::REQUEST_AUTHORIZE_SERVICE, done))
+        return;
     TLOG(ENGINE, "done=%d", done);
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onRequestAuthorizeService(done);
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onRequestAuthorizeService(done); });
     endPendingRequest();
 }

@@ -19,12 +19,15 @@ const char kVendorProperty[] = "persist.mbbms.module.vendor";
 const char kInnoLibrary[] = "/system/lib/libinno.so";
 const char kSianoLibrary[] = "/system/lib/libsiano.so";
 const char kDefaultWorkDir[] = "/data/app/cmmb";
+// init's lines are logged in its name, also those of its steps under mLock.
+const char kInit[] = "init";
+const char kDeinit[] = "deinit";
 
 }  // namespace
 
 std::atomic<TavoMBBMSEngineImpl*> TavoMBBMSEngineImpl::mInstance{nullptr};
 std::mutex TavoMBBMSEngineImpl::mInstanceLock;
-std::atomic<TavoMBBMSEngineCallback*> TavoMBBMSEngineImpl::mCallback{nullptr};
+ApplicationCallbacks TavoMBBMSEngineImpl::mCallback;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsStarted{false};
 PlayEngineLink TavoMBBMSEngineImpl::mPlayEngineLink;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsRecording[2] = {{false}, {false}};
@@ -118,33 +121,47 @@ TavoMBBMSEngineImpl::~TavoMBBMSEngineImpl() {
 
 int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir) {
     TLOG(ENGINE, "%s()", __func__);
-    TLOG(SEMAPHORE, "wait mLock...");
-    std::lock_guard<std::mutex> guard(mLock);
-    TLOG(SEMAPHORE, "wait mLock...done");
+    bool workDirError = false;
+    int result;
+    {
+        TLOG(SEMAPHORE, "wait mLock...");
+        std::lock_guard<std::mutex> guard(mLock);
+        TLOG(SEMAPHORE, "wait mLock...done");
+        result = initLocked(callback, dir, &workDirError);
+    }
+    // The application hears of the failure only once mLock is released, so that its handler
+    // may call into the engine (even init again, with another directory).
+    if (workDirError)
+        notifyEvent(EVENT_WORKDIR_ERROR, 0);
+    return result;
+}
 
+int TavoMBBMSEngineImpl::initLocked(TavoMBBMSEngineCallback* callback, const char* dir,
+                                    bool* workDirError) {
     if (mIsInitialized.load()) {
-        TLOG(WARNING, "skipped due to mIsInitialized==true");
+        TLOG_FOR(kInit, WARNING, "skipped due to mIsInitialized==true");
         return 0;
     }
 
-    mCallback.store(callback);
+    // From here on callbacks reach the new registration, also when init fails later on.
+    mCallback.open(callback);
 
     // The working directory must fit mWorkDir whole; a longer path is refused, never cut.
     const char* requested = dir;
     char defaultDir[sizeof(mWorkDir)];
     if (requested == nullptr) {
         if (resolveAndroidPath(kDefaultWorkDir, defaultDir, sizeof(defaultDir)) != 0) {
-            TLOG(ERROR, "working directory too long (more than %d characters): %s%s",
-                 static_cast<int>(sizeof(mWorkDir)) - 1, "<root>", kDefaultWorkDir);
-            notifyEvent(EVENT_WORKDIR_ERROR, 0);
+            TLOG_FOR(kInit, ERROR, "working directory too long (more than %d characters): %s%s",
+                     static_cast<int>(sizeof(mWorkDir)) - 1, "<root>", kDefaultWorkDir);
+            *workDirError = true;
             return -1;
         }
         requested = defaultDir;
     }
     if (strlen(requested) >= sizeof(mWorkDir)) {
-        TLOG(ERROR, "working directory too long (more than %d characters): %s",
-             static_cast<int>(sizeof(mWorkDir)) - 1, requested);
-        notifyEvent(EVENT_WORKDIR_ERROR, 0);
+        TLOG_FOR(kInit, ERROR, "working directory too long (more than %d characters): %s",
+                 static_cast<int>(sizeof(mWorkDir)) - 1, requested);
+        *workDirError = true;
         return -1;
     }
     strcpy(mWorkDir, requested);
@@ -153,8 +170,8 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     if (lstat(mWorkDir, &status) != 0) {
         mkdir(mWorkDir, 0777);
         if (lstat(mWorkDir, &status) != 0) {
-            TLOG(ERROR, "%s not exist and can't be created", mWorkDir);
-            notifyEvent(EVENT_WORKDIR_ERROR, 0);
+            TLOG_FOR(kInit, ERROR, "%s not exist and can't be created", mWorkDir);
+            *workDirError = true;
             return -1;
         }
     }
@@ -168,7 +185,8 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     }
 
     if (mAgent == nullptr) {
-        TLOG(ERROR, "no agent: the agent library or its createAgent could not be loaded");
+        TLOG_FOR(kInit, ERROR,
+                 "no agent: the agent library or its createAgent could not be loaded");
         rollBackFailedInit(true);
         return -1;
     }
@@ -178,7 +196,7 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
         rollBackFailedInit(true);
         return -1;
     }
-    TLOG(MAIN, "init Agent OK");
+    TLOG_FOR(kInit, MAIN, "init Agent OK");
 
     for (std::atomic<bool>& reported : mTS0Reported)
         reported.store(false);
@@ -204,13 +222,37 @@ void TavoMBBMSEngineImpl::rollBackFailedInit(bool commandThreadStarted) {
 
 int TavoMBBMSEngineImpl::deinit() {
     TLOG(ENGINE, "%s()", __func__);
-    TLOG(SEMAPHORE, "wait mLock...");
-    std::lock_guard<std::mutex> guard(mLock);
-    TLOG(SEMAPHORE, "wait mLock...done");
+    // From inside a callback deinit would wait for that callback (or join the thread it runs
+    // on, or take a lock the thread already holds): refused, the engine goes on serving.
+    if (ApplicationCallbacks::insideCallback()) {
+        TLOG(ERROR, "deinit called from a callback of the engine, refused");
+        return -1;
+    }
 
+    std::lock_guard<std::mutex> serialised(mDeinitLock);
+    unsigned registration;
+    bool wasInitialized;
+    {
+        TLOG(SEMAPHORE, "wait mLock...");
+        std::lock_guard<std::mutex> guard(mLock);
+        TLOG(SEMAPHORE, "wait mLock...done");
+        registration = mCallback.generation();
+        wasInitialized = deinitLocked();
+    }
+    // With mLock released (their handlers may call into the engine): recordings that ended
+    // in the frame path are completed and their events sent, and the completion thread ends.
+    if (wasInitialized)
+        mRecording.finishPending();
+    // Then no callback reaches the application any more; the calls still in flight on other
+    // threads return first. An init that another thread ran meanwhile keeps its own.
+    mCallback.close(registration);
+    return 0;
+}
+
+bool TavoMBBMSEngineImpl::deinitLocked() {
     if (!mIsInitialized.load()) {
-        TLOG(WARNING, "skipped due to mIsInitialized==false");
-        return 0;
+        TLOG_FOR(kDeinit, WARNING, "skipped due to mIsInitialized==false");
+        return false;
     }
 
     ModuleInfo scratch;
@@ -223,16 +265,19 @@ int TavoMBBMSEngineImpl::deinit() {
     delete mSessionManager.retire();
 
     mAgent->deinit();
+    // Results the agent raised inside a frame that never ended belong to this registration.
+    mDeferredCalls.discard();
     mPendingRequest.store(REQUEST_NOT_READY);
     stopCommandThread();
     deinitSharedBuffers();
-    return 0;
+    return true;
 }
 
 void TavoMBBMSEngineImpl::notifyEvent(EventType type, int param) {
-    TavoMBBMSEngineCallback* callback = mCallback.load();
-    if (callback != nullptr)
-        callback->onEvent(type, param);
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine != nullptr && engine->deferInsideBracket(DeferredCalls::ENGINE_EVENT, type, param))
+        return;
+    mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onEvent(type, param); });
 }
 
 CmmbSharedBuffer* TavoMBBMSEngineImpl::sharedBuffer(int session) const {

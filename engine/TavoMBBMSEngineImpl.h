@@ -9,9 +9,14 @@
 //   recording/     recording control (startRecording, stopRecording, dataRecording)
 //
 // Threads: application threads call the interface operations; agent threads call the
-// MBBMSAgentCallback operations; the command thread serves the play engine.
+// MBBMSAgentCallback operations; the command thread serves the play engine; the recording
+// completion thread completes recordings that ended in the frame path.
 // Lock order: mInstanceLock, mLock, the session manager's mutexSessionChangable, each
 // attached session's mutexDataAccessable (ascending session), the recorder's mutex.
+// Every call to the application goes through mCallback (ApplicationCallbacks) and is made
+// holding none of these: results raised inside a frame bracket are deferred to its end
+// (DeferredCalls), init reports a working-directory error after releasing mLock, and deinit
+// refuses to run inside a callback and closes mCallback last.
 #ifndef TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 #define TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 
@@ -20,8 +25,10 @@
 #include <atomic>
 #include <mutex>
 
+#include "ApplicationCallbacks.h"
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "DeferredCalls.h"
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
 #include "PlayEngineLink.h"
@@ -152,11 +159,24 @@ private:
 
     // Agent library loading, at construction; logs as `caller` (the constructor).
     void loadAgent(const char* caller);
+    // init's steps, under mLock. Sets *workDirError when EVENT_WORKDIR_ERROR is due; init
+    // sends it once mLock is released.
+    int initLocked(TavoMBBMSEngineCallback* callback, const char* dir, bool* workDirError);
+    // deinit's steps, under mLock. False when the engine was not initialised.
+    bool deinitLocked();
     // Undoes what a failed init had set up, so that a retry creates nothing twice.
     // REQUIRES: mLock held.
     void rollBackFailedInit(bool commandThreadStarted);
-    // Sends an application event when a callback is registered.
+    // Sends an application event when a callback is registered; inside a frame bracket it is
+    // deferred to the bracket's end.
     static void notifyEvent(EventType type, int param);
+    // On the thread inside a frame bracket: keeps the agent's call for the bracket's end and
+    // returns true. Elsewhere returns false and the caller goes on.
+    bool deferInsideBracket(DeferredCalls::Kind kind, int value = 0, int param = 0,
+                            DeferredCalls::Bytes first = DeferredCalls::Bytes{nullptr, 0},
+                            DeferredCalls::Bytes second = DeferredCalls::Bytes{nullptr, 0});
+    // Runs a deferred call as if it arrived now, outside the bracket (EngineEventRelay.cpp).
+    void replayDeferred(const DeferredCalls::Call& call);
     // Starts one MBBMS request: the checks, logged as lines of `operation`, then the agent
     // call under mLock.
     template <typename AgentCall>
@@ -177,6 +197,9 @@ private:
     std::atomic<int> mPendingRequest;
     // Written by setMode (any thread), read by requests and the event relay.
     std::atomic<int> mMode;
+    // Results and events the agent raised inside the frame bracket in progress
+    // (EngineDataForwarding.cpp).
+    DeferredCalls mDeferredCalls;
     // Owned session manager, between a successful init and deinit. The slot lets agent and
     // application threads use it without racing its deletion by deinit.
     SessionManagerSlot mSessionManager;
@@ -196,6 +219,10 @@ private:
     RecordingSink mFrameSink;
     // Serialises init, deinit and the agent call of each MBBMS request.
     std::mutex mLock;
+    // Serialises whole deinit calls, their steps after mLock included, so that a second
+    // deinit returns only once the first has delivered its last callback. Taken before mLock;
+    // never on a thread inside an application callback (deinit refuses to run there).
+    std::mutex mDeinitLock;
     // Recording of the sessions; uses mSessionManager and mIsRecording.
     RecordingControl mRecording{*this, mIsRecording};
     // The manager through which the recording control holds frames off, between holdFrames
@@ -205,7 +232,9 @@ private:
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
     static std::mutex mInstanceLock;
-    static std::atomic<TavoMBBMSEngineCallback*> mCallback;
+    // The application's callback, registered by init and closed by deinit; every call to the
+    // application goes through it.
+    static ApplicationCallbacks mCallback;
     static std::atomic<bool> mIsStarted;  // run flag of the command thread
     // The listening socket (mSocket) and the connected play engine (mFdCommand).
     static PlayEngineLink mPlayEngineLink;

@@ -53,13 +53,21 @@ RecordingControl::RecordingControl(Host& host, std::atomic<bool>* flags)
     : mHost(host), mIsRecording(flags) {}
 
 RecordingControl::~RecordingControl() {
+    finishPending();
+}
+
+void RecordingControl::finishPending() {
     {
         std::lock_guard<std::mutex> guard(mLock);
+        if (!mCompletionThreadStarted)
+            return;
         mStopping = true;
     }
     mChanged.notify_all();
-    if (mCompletionThreadStarted)
-        pthread_join(mCompletionThread, nullptr);  // it empties the queue before it ends
+    pthread_join(mCompletionThread, nullptr);  // it empties the queue before it ends
+    std::lock_guard<std::mutex> guard(mLock);
+    mCompletionThreadStarted = false;
+    mStopping = false;
 }
 
 void* RecordingControl::completionThreadMain(void* control) {

@@ -56,6 +56,9 @@ public:
     RecordingControl(Host& host, std::atomic<bool>* flags);
     // Completes any recording still handed to the completion thread and joins it.
     ~RecordingControl();
+    // Completes every recording handed to the completion thread, sends its event, and joins
+    // the thread; a later startRecording starts it again. Not on the completion thread.
+    void finishPending();
     RecordingControl(const RecordingControl&) = delete;
     RecordingControl& operator=(const RecordingControl&) = delete;
 

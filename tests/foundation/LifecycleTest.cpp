@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -194,6 +196,43 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
         EXPECT_EQ(0, engine->deinit());
+    });
+}
+
+// The event comes once init has released its lock: the handler may call init again, with a
+// directory that works, and is refused deinit.
+TEST(Init, AWorkDirErrorHandlerMayCallIntoTheEngine) {
+    EXPECT_IN_CHILD({
+        struct RetryingApp : RecordingCallback {
+            TavoMBBMSEngine* engine = nullptr;
+            std::string retryDir;
+            int deinitResult = 1;
+            int retryResult = 1;
+            void onEvent(EventType type, int param) override {
+                RecordingCallback::onEvent(type, param);
+                deinitResult = engine->deinit();
+                retryResult = engine->init(this, retryDir.c_str());
+            }
+        };
+        TestRoot root;
+        RetryingApp app;
+        app.engine = TavoMBBMSEngine::getInstance();
+        app.retryDir = root.resolve("/work");
+        writeTextFile(root.resolve("/plainfile"), "x");
+        const std::string impossible = root.resolve("/plainfile/sub");
+        // A deadlock would leave the thread behind; the bound fails the test instead.
+        std::promise<int> initResult;
+        std::future<int> initDone = initResult.get_future();
+        std::thread([&] {
+            initResult.set_value(app.engine->init(&app, impossible.c_str()));
+        }).detach();
+        ASSERT_EQ(std::future_status::ready, initDone.wait_for(std::chrono::seconds(20)));
+        EXPECT_EQ(-1, initDone.get());
+        EXPECT_EQ(-1, app.deinitResult);
+        EXPECT_EQ(0, app.retryResult);
+        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, app.calls());
+        EXPECT_TRUE(isDirectory(root.resolve("/work")));
+        EXPECT_EQ(0, app.engine->deinit());
     });
 }
 

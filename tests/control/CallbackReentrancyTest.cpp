@@ -1,0 +1,465 @@
+// The application calls back into the engine from inside its callbacks, of every kind and on
+// every thread they arrive on: the agent's thread outside and inside a multiplex frame, the
+// recording completion thread, the command thread and the application's own thread. Each
+// call must return (2 s is a hang guard, not a timing goal), deinit is refused there, and
+// the engine goes on serving: a play engine in this process gets the next frame. Also: what
+// the agent raises inside a frame reaches the application after the frame, in order, with
+// copies of its records. Faults come through the platform's Env, so this suite links the
+// engine's objects; each test runs in a child process (one engine per process).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "EngineConnection.h"
+#include "EngineDataPath.h"
+#include "FakeAgentAccess.h"
+#include "FaultInjectingEnv.h"
+#include "RecordingCallback.h"
+#include "SharedBufferMapping.h"
+#include "TestRoot.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const int kChannel = 3;
+const long long kMiB = 1 << 20;
+const Clock::duration kHangGuard = std::chrono::seconds(2);
+const int kWaitMs = 20000;
+const char kRefusal[] = "deinit called from a callback of the engine, refused";
+
+// What a play engine does with a capture request besides answering 3 (success) or 4 (failure).
+const int kHangUp = 0;
+
+// A play engine in this process: maps both shared buffers and answers every capture request
+// with `answer` (3 success, 4 failure, or kHangUp: ends its connection) on a thread of its own.
+class CapturingPlayEngine {
+public:
+    ~CapturingPlayEngine() { stop(); }
+
+    std::string connect(const std::string& serverPath, const std::string& ownPath, int answer) {
+        mConnection.reset(new EngineConnection(serverPath, ownPath));
+        std::string error;
+        for (int attempts = 0; !mConnection->connect(&error); usleep(10000)) {
+            if (++attempts > 2000)
+                return error;
+        }
+        for (int received = 0; received < 2; ++received) {
+            EngineCommand command;
+            if (mConnection->receive(&command, kWaitMs) != EngineConnection::RECEIVED)
+                return "no sharebuffer command";
+            const int session = command.session();
+            if (command.text() != PLAYENGINE_CMD_TEXT_SHAREBUFFER || session < 0 || session > 1)
+                return "not a sharebuffer command: " + command.text();
+            if (!mBuffers[session].map(std::move(command.fd), &error))
+                return error;
+        }
+        mAnswer = answer;
+        mRunning = true;
+        mResponder = std::thread([this] { answerCaptures(); });
+        return "";
+    }
+
+    void stop() {
+        mRunning = false;
+        if (mResponder.joinable())
+            mResponder.join();
+        mConnection.reset();
+    }
+
+    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session].buffer(); }
+
+    // Forgets the frames signalled so far, so that the next read gets a new one.
+    void skipSignalledFrames(int session) {
+        while (cmmb_sem_trywait(&buffer(session)->mutexDataAvailable) == 0) {
+        }
+    }
+
+    // Reads the session's next frame by the reader contract; its NAL count, or -1 when none
+    // came in time.
+    int readNalCount(int session) {
+        CmmbSharedBuffer* b = buffer(session);
+        if (cmmb_sem_timedwait(&b->mutexDataAvailable, kWaitMs) != 0 ||
+            cmmb_sem_timedwait(&b->mutexDataAccessable, kWaitMs) != 0)
+            return -1;
+        const int count = static_cast<int>(b->nalCount);
+        b->nalCount = 0;
+        b->aacCount = 0;
+        cmmb_sem_post(&b->mutexDataAccessable);
+        return count;
+    }
+
+private:
+    void answerCaptures() {
+        while (mRunning) {
+            EngineCommand command;
+            const EngineConnection::ReceiveResult result = mConnection->receive(&command, 20);
+            if (result == EngineConnection::CLOSED)
+                return;
+            if (result != EngineConnection::RECEIVED ||
+                command.text() != PLAYENGINE_CMD_TEXT_CAPTURE)
+                continue;
+            if (mAnswer == kHangUp) {
+                mConnection->close();  // gone without an answer; the mappings stay
+                return;
+            }
+            mConnection->sendIndication(mAnswer);
+        }
+    }
+
+    std::unique_ptr<EngineConnection> mConnection;
+    SharedBufferMapping mBuffers[2];
+    std::thread mResponder;
+    std::atomic<bool> mRunning{false};
+    int mAnswer = 3;
+};
+
+// One call made from inside a callback: what it returned and how long it took.
+struct Outcome {
+    std::string call;
+    int result;
+    Clock::duration took;
+};
+
+// The application: records every call and, from inside the first one `trigger` picks, runs
+// `act` (once).
+class ReentrantApp : public RecordingCallback {
+public:
+    void arm(std::function<bool(const std::string&)> trigger,
+             std::function<std::vector<Outcome>()> act) {
+        std::lock_guard<std::mutex> guard(mLock);
+        mTrigger = std::move(trigger);
+        mAct = std::move(act);
+    }
+
+    // Waits (bounded) until `act` has returned; its outcomes, or false with *came telling
+    // whether the callback to act from came at all.
+    bool waitActed(std::vector<Outcome>* outcomes, bool* came) {
+        std::unique_lock<std::mutex> lock(mLock);
+        const bool acted = mActedChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs),
+                                                  [&] { return mActed; });
+        *came = mActing;
+        if (acted)
+            *outcomes = mOutcomes;
+        return acted;
+    }
+
+    void onScanFinished(bool done) override {
+        RecordingCallback::onScanFinished(done);
+        maybeAct("onScanFinished(" + std::to_string(done) + ")");
+    }
+    void onEvent(EventType type, int param) override {
+        RecordingCallback::onEvent(type, param);
+        maybeAct("onEvent(" + std::to_string(type) + ", " + std::to_string(param) + ")");
+    }
+
+private:
+    void maybeAct(const std::string& call) {
+        std::function<std::vector<Outcome>()> act;
+        {
+            std::lock_guard<std::mutex> guard(mLock);
+            if (mActing || !mTrigger || !mTrigger(call))
+                return;
+            mActing = true;
+            act = mAct;
+        }
+        std::vector<Outcome> outcomes = act();
+        std::lock_guard<std::mutex> guard(mLock);
+        mOutcomes = outcomes;
+        mActed = true;
+        mActedChanged.notify_all();
+    }
+
+    std::mutex mLock;
+    std::condition_variable mActedChanged;
+    std::function<bool(const std::string&)> mTrigger;
+    std::function<std::vector<Outcome>()> mAct;
+    bool mActing = false;
+    bool mActed = false;
+    std::vector<Outcome> mOutcomes;
+};
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The engine of this (child) process with the fake agent, a play engine and two output files.
+struct Bench {
+    Bench() {
+        setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,ENGINE", 1);
+        engine = TavoMBBMSEngine::getInstance();
+        agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
+        recordFd = open((root.path() + "/record.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        captureFd = open((root.path() + "/capture.jpg").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    }
+    ~Bench() {
+        playEngine.stop();
+        engine->deinit();
+        close(recordFd);
+        close(captureFd);
+    }
+
+    // init, the play engine connected, session 0 showing service 7. "" or what failed.
+    std::string serve(int captureAnswer) {
+        if (agent == nullptr || recordFd < 0 || captureFd < 0)
+            return "bench not set up";
+        if (engine->init(&app, nullptr) != 0)
+            return "init failed";
+        std::string error = playEngine.connect(root.resolve("/data/app/cmmb.socket"),
+                                               root.path() + "/playengine.socket", captureAnswer);
+        if (!error.empty())
+            return error;
+        return startService(0) == 0 ? "" : "startTVService failed";
+    }
+
+    int startService(int session) {
+        IsmaPara isma;
+        memset(&isma, 0, sizeof(isma));
+        isma.serviceID = 7;
+        agent->setNextChannelID(kChannel);
+        return engine->startTVService(session, 20, 1, 2, 3, &isma);
+    }
+
+    // Queues a frame of `nals` NAL units on the agent's thread; `inside` runs within it.
+    void postFrame(int nals, std::function<void(MBBMSAgentCallback&)> inside = nullptr) {
+        agent->postToAgentThread([nals, inside](MBBMSAgentCallback* callback) {
+            callback->onOutputAVStart(kChannel, nullptr, 0);
+            for (int i = 0; i < nals; ++i) {
+                Bytes unit = nalUnit(4, 0x41, 20 + i);
+                callback->onClearVideoNalData(kChannel, 100 + i, 0, unit.data(),
+                                              static_cast<unsigned short>(unit.size()),
+                                              MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            }
+            if (inside)
+                inside(*callback);
+            callback->onOutputAVEnd(kChannel, false);
+        });
+    }
+
+    // The engine calls an application makes from inside a callback; deinit first, so that the
+    // others show the engine still serving.
+    std::vector<Outcome> reenter() {
+        const std::vector<std::pair<const char*, std::function<int()>>> calls = {
+            {"deinit()", [&] { return engine->deinit(); }},
+            {"stopRecording(0)", [&] { return engine->stopRecording(0); }},
+            {"stopRecording(1)", [&] { return engine->stopRecording(1); }},
+            {"startRecording(1)", [&] { return engine->startRecording(1, recordFd); }},
+            {"captureImage(0)", [&] { return engine->captureImage(0, captureFd); }},
+            {"requestInquiryAccount()", [&] { return engine->requestInquiryAccount(); }},
+            {"stopTVService(0)", [&] { return engine->stopTVService(0); }},
+        };
+        std::vector<Outcome> outcomes;
+        for (const auto& call : calls) {
+            const Clock::time_point start = Clock::now();
+            const int result = call.second();
+            outcomes.push_back({call.first, result, Clock::now() - start});
+        }
+        return outcomes;
+    }
+
+    FaultInjectingEnv env;
+    TestRoot root;
+    ReentrantApp app;
+    CapturingPlayEngine playEngine;
+    TavoMBBMSEngine* engine = nullptr;
+    FakeAgentControl* agent = nullptr;
+    int recordFd = -1;
+    int captureFd = -1;
+};
+
+// One kind of callback: how the test provokes it and how its call is recognised.
+struct CallbackKind {
+    const char* name;
+    const char* trigger;  // prefix of the application call to act from
+    int captureAnswer;    // the play engine's answer to captures
+    bool servedBefore;    // the engine serves when the callback is provoked
+    std::function<void(Bench&)> provoke;
+};
+
+std::vector<CallbackKind> callbackKinds() {
+    return {
+        {"TunerThreadEvent", "onScanFinished(", 3, true,
+         [](Bench& b) {
+             b.agent->postToAgentThread([](MBBMSAgentCallback* c) { c->onScanFinished(true); });
+         }},
+        {"AgentEventInsideAFrame", "onEvent(99, ", 3, true,
+         [](Bench& b) {
+             b.postFrame(1,
+                         [](MBBMSAgentCallback& c) { c.onEvent(static_cast<EventType>(99), 1); });
+         }},
+        {"AgentResultInsideAFrame", "onEvent(98, ", 3, true,
+         [](Bench& b) {
+             b.postFrame(1, [](MBBMSAgentCallback& c) {
+                 c.onRequestInquiryAccount(true, "balance");
+                 c.onEvent(static_cast<EventType>(98), 2);
+             });
+         }},
+        // The card disappears while session 0 records: the next frame reports it.
+        {"RecordingEventInsideAFrame", "onEvent(151, 0)", 3, true,
+         [](Bench& b) {
+             ASSERT_EQ(0, b.engine->startRecording(0, b.recordFd));
+             ASSERT_EQ(0, rmdir(b.root.resolve("/sdcard").c_str()));
+             b.postFrame(1);
+         }},
+        // The storage fills up while session 0 records: the completion thread reports it.
+        {"CompletionThreadEvent", "onEvent(15", 3, true,
+         [](Bench& b) {
+             ASSERT_EQ(0, b.engine->startRecording(0, b.recordFd));
+             b.env.setFreeBytes(kMiB - 1);
+             b.postFrame(1);
+         }},
+        {"CaptureSuccessOnTheCommandThread", "onEvent(161, 0)", 3, true,
+         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+        {"CaptureFailureOnTheCommandThread", "onEvent(162, 0)", 4, true,
+         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+        // The play engine goes away with a capture outstanding: the command thread ends it.
+        {"CaptureFailureWhenThePlayEngineGoes", "onEvent(162, 0)", kHangUp, true,
+         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+        // init on the application's thread with a directory that cannot be created.
+        {"WorkDirErrorOnTheCallersThread", "onEvent(140, 0)", 3, false,
+         [](Bench& b) {
+             writeTextFile(b.root.resolve("/plainfile"), "x");
+             const std::string impossible = b.root.resolve("/plainfile/sub");
+             TavoMBBMSEngine* engine = b.engine;
+             ReentrantApp* app = &b.app;
+             AsyncCall([engine, app, impossible] { engine->init(app, impossible.c_str()); });
+         }},
+        // captureImage on the application's thread with too little free space.
+        {"CaptureFailureOnTheCallersThread", "onEvent(162, 0)", 3, true,
+         [](Bench& b) {
+             b.env.setFreeBytes(50 * 1024);
+             TavoMBBMSEngine* engine = b.engine;
+             const int fd = b.captureFd;
+             AsyncCall([engine, fd] { engine->captureImage(0, fd); });
+         }},
+    };
+}
+
+void PrintTo(const CallbackKind& kind, std::ostream* out) {
+    *out << kind.name;
+}
+
+class CallbackReentrancy : public ::testing::TestWithParam<CallbackKind> {};
+
+}  // namespace
+
+TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwards) {
+    const CallbackKind kind = GetParam();
+    EXPECT_IN_CHILD({
+        Bench bench;
+        const std::string trigger = kind.trigger;
+        bench.app.arm([trigger](const std::string& call) { return startsWith(call, trigger); },
+                      [&bench] { return bench.reenter(); });
+        if (kind.servedBefore) {
+            ASSERT_EQ("", bench.serve(kind.captureAnswer));
+        }
+        kind.provoke(bench);
+        if (::testing::Test::HasFatalFailure())
+            return;
+
+        std::vector<Outcome> outcomes;
+        bool came = false;
+        if (!bench.app.waitActed(&outcomes, &came)) {
+            ASSERT_TRUE(came) << "no call starting \"" << kind.trigger << "\" came";
+            ADD_FAILURE() << "a call made from inside " << kind.name << " does not return";
+            fflush(stdout);
+            _exit(1);  // a thread is stuck inside the engine: no orderly teardown
+        }
+        for (const Outcome& outcome : outcomes)
+            EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
+        ASSERT_EQ("deinit()", outcomes[0].call);
+        EXPECT_EQ(-1, outcomes[0].result);
+        EXPECT_EQ(1, bench.root.countLog(kRefusal));
+
+        // The engine goes on serving: the next frame reaches the play engine.
+        bench.env.setFreeBytes(-1);
+        mkdir(bench.root.resolve("/sdcard").c_str(), 0777);
+        if (!kind.servedBefore) {
+            ASSERT_EQ("", bench.serve(kind.captureAnswer));
+        } else {
+            EXPECT_EQ(0, bench.startService(0)) << "stopTVService(0) from the callback failed";
+        }
+        bench.agent->drainAgentThread();
+        bench.playEngine.skipSignalledFrames(0);
+        bench.postFrame(3);
+        EXPECT_EQ(3, bench.playEngine.readNalCount(0));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, CallbackReentrancy, ::testing::ValuesIn(callbackKinds()),
+                         [](const ::testing::TestParamInfo<CallbackKind>& kind) {
+                             return std::string(kind.param.name);
+                         });
+
+// What the agent raises inside a frame is passed on after the frame, once its buffer lock is
+// free, in the order raised, with the strings and records as they were during the agent's
+// call, and through the engine's filters.
+TEST(FrameBracket, ResultsRaisedInsideAFrameFollowItInOrderWithTheirContent) {
+    EXPECT_IN_CHILD({
+        struct LockWatchingApp : RecordingCallback {
+            CmmbSharedBuffer* buffer = nullptr;
+            std::atomic<int> lockedDuringCalls{0};
+            void note() {
+                int value = -1;
+                cmmb_sem_getvalue(&buffer->mutexDataAccessable, &value);
+                if (value != 1)
+                    ++lockedDuringCalls;
+            }
+            void onESGXml(ESGType type, const char* xml) override {
+                note();
+                RecordingCallback::onESGXml(type, xml);
+            }
+            void onEvent(EventType type, int param) override {
+                note();
+                RecordingCallback::onEvent(type, param);
+            }
+            void onRequestInquiryAccount(bool done, const char* info) override {
+                note();
+                RecordingCallback::onRequestInquiryAccount(done, info);
+            }
+        };
+        Bench bench;
+        LockWatchingApp app;
+        ASSERT_EQ(0, bench.engine->init(&app, nullptr));
+        ASSERT_EQ("", bench.playEngine.connect(bench.root.resolve("/data/app/cmmb.socket"),
+                                               bench.root.path() + "/playengine.socket", 3));
+        ASSERT_EQ(0, bench.startService(0));
+        app.buffer = bench.playEngine.buffer(0);
+        ASSERT_EQ(0, bench.engine->requestInquiryAccount());
+
+        bench.postFrame(2, [](MBBMSAgentCallback& c) {
+            char xml[32];
+            strcpy(xml, "<guide/>");
+            c.onESGXml(static_cast<ESGType>(4), xml);
+            strcpy(xml, "overwritten");      // valid only during the call
+            c.onEvent(EVENT_MBBMS_ONLY, 1);  // dropped in CMMB mode
+            c.onEvent(static_cast<EventType>(97), 3);
+            c.onRequestInquiryAccount(true, "balance");
+        });
+        bench.agent->drainAgentThread();
+        const std::vector<std::string> expected = {"onESGXml(4, <guide/>)", "onEvent(97, 3)",
+                                                   "onRequestInquiryAccount(1, balance)"};
+        EXPECT_EQ(expected, app.calls());
+        EXPECT_EQ(0, app.lockedDuringCalls.load()) << "called while the frame held its lock";
+        EXPECT_EQ(2, bench.playEngine.readNalCount(0));
+        // The completion ended the pending request: a new one is accepted.
+        EXPECT_EQ(0, bench.engine->requestInquiryAccount());
+        bench.playEngine.stop();
+        EXPECT_EQ(0, bench.engine->deinit());
+    });
+}
