@@ -208,6 +208,9 @@ TEST(RecordingEvents, AHandlerMayStopEveryRecordingFromAStorageOrErrorEvent) {
             std::lock_guard<std::mutex> guard(lock);
             EXPECT_EQ(std::vector<int>(6, 0), stopResults);
         }
+        // These wait until the completion thread is done with the application's callback.
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        EXPECT_EQ(0, rig.engine().stopRecording(1));
         const bool firstFailed = app.count("onEvent(154, 0)") == 1;
         expectPlayableRecording(rig.outputPath(firstFailed ? "error1.3gp" : "error0.3gp"));
         EXPECT_EQ(3u, app.threadNames().size());
