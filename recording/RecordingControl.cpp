@@ -146,6 +146,9 @@ int RecordingControl::startRecording(int session, int fd) {
         return -1;
     if (!writableFromStart(fd))
         return -1;
+    // From here on no frame records the session until the new recorder is installed; one in
+    // progress is waited for (not on its own thread).
+    mIsRecording[session].store(false);
     const bool mayWait = mayWaitForCompletions();
     {
         // A recording that may end in the frame path needs the thread that completes it. One
@@ -157,6 +160,11 @@ int RecordingControl::startRecording(int session, int fd) {
         if (!mCompletionThreadStarted && !mJoining && !startCompletionThread(kStartRecording))
             return -1;
     }
+    // A recording of the session that ended in the frame path is complete, and its event
+    // sent, before the next one starts; a recorder whose completion failed is back in the
+    // slot by then, a leftover like any other.
+    if (mayWait)
+        waitForCompletion(session);
 
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
     // A recording in progress, or a leftover, is detached while frames are held off and
@@ -165,13 +173,8 @@ int RecordingControl::startRecording(int session, int fd) {
     {
         FramesHeldOff heldOff(mHost);
         manager->logStart(session, kStartRecording);
-        mIsRecording[session].store(false);
         leftover = manager->detachLeftover(session, kStartRecording);
     }
-    // A recording of the session that ended in the frame path is complete, and its event
-    // sent, before the next one starts.
-    if (mayWait)
-        waitForCompletion(session);
     if (leftover != nullptr && MBBMSRecManager::stopAndDelete(leftover, kStartRecording) != 0) {
         keepFailedRecorder(session, leftover);
         return -1;
@@ -200,23 +203,22 @@ int RecordingControl::stopRecording(int session) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
-    // Frames that begin from here on are not recorded; one already in progress is waited
-    // for, then the recorder is detached and its file completed outside.
+    // Frames that begin from here on are not recorded; one already in progress is waited for
+    // (not on its own thread), and so are the completions of recordings of the session that
+    // ended in the frame path: stopRecording returns once they are complete and reported,
+    // and a recorder whose completion failed is back in the slot, to be stopped again here.
     mIsRecording[session].store(false);
+    if (mayWaitForCompletions())
+        waitForCompletion(session);
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
     CmmbRecorder* recorder;
-    bool mayWait;
     {
         FramesHeldOff heldOff(mHost);
-        mayWait = heldOff.held();
         manager->logStop(kStopRecording);
         recorder = manager->detachRecorder(session);
     }
-    const int result = completeDetached(session, recorder, kStopRecording);
-    // A recording that ended in the frame path is complete when stopRecording returns.
-    if (mayWait)
-        waitForCompletion(session);
-    return result;
+    // The file is completed outside.
+    return completeDetached(session, recorder, kStopRecording);
 }
 
 int RecordingControl::completeDetached(int session, CmmbRecorder* recorder, const char* operation) {

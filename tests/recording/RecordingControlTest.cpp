@@ -84,7 +84,8 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
         rig.play(feed.nextSecond());
         EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.app().count("onEvent(151, 0)"));  // EVENT_RECORD_NO_SDCARD
+        // EVENT_RECORD_NO_SDCARD, sent by the completion thread after the frame.
+        EXPECT_TRUE(rig.app().waitFor("onEvent(151, 0)"));
         rig.play(feed.nextSecond());
         EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
         EXPECT_EQ(0, rig.engine().stopRecording(0));
