@@ -126,7 +126,7 @@ bool RecordingControl::completionPending(int session) const {
 }
 
 bool RecordingControl::mayWaitForCompletions() {
-    // Holding frames off succeeds everywhere but on the thread that holds the frame.
+    // Holding frames off fails on the thread that holds the frame.
     FramesHeldOff probe(mHost);
     return probe.held();
 }

@@ -47,7 +47,8 @@ public:
     class Host {
     public:
         // Waits for a frame in progress and holds further frames off until
-        // releaseFrames(true). Returns false (and holds nothing) on the frame's own thread.
+        // releaseFrames(true). Returns false (and holds nothing) on the frame's own thread,
+        // and when no frame can be in progress (the engine has no session manager).
         virtual bool holdFrames() = 0;
         virtual void releaseFrames(bool held) = 0;
         // Sends an application event (when a callback is registered).
@@ -121,7 +122,9 @@ private:
     // False when it cannot be started. REQUIRES: mLock held, no thread running or joined.
     bool startCompletionThread(const char* operation);
     // Whether this thread may wait for the completion thread: not when it holds a frame that
-    // the completion thread's event handlers may be waiting for.
+    // the completion thread's event handlers may be waiting for. Waits out a frame in
+    // progress on another thread. (Also false without a session manager, where not waiting
+    // only lets the call return before queued events.)
     bool mayWaitForCompletions();
 
     Host& mHost;
