@@ -3,6 +3,7 @@
 #include "CmmbRecorder.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -19,6 +20,12 @@ const long long kDefaultMaxFileSize = 2147483647LL;
 const CmmbMediaSource kVideoFormat = {"video/avc", 320, 240, 25, 22500};
 const CmmbMediaSource kAudioFormat = {"audio/mp4a-latm", 0, 0, 24000, 24000};
 const int32_t kMovieTimeScale = 24000;
+
+// A duplicate that a program the application starts (fork and exec) does not inherit, so
+// that no other process keeps the recording's file open.
+int duplicateCloseOnExec(int fd) {
+    return fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
 
 _CmmbMetaData startParameters() {
     _CmmbMetaData meta;
@@ -81,7 +88,7 @@ int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
         ::close(mOutputFd);
         mOutputFd = -1;
     }
-    mOutputFd = dup(fd);
+    mOutputFd = duplicateCloseOnExec(fd);
     if (mOutputFd < 0) {
         ALOGE("dup of the output descriptor failed: %s", strerror(errno));
         return ERROR_INVALID;
@@ -196,7 +203,7 @@ int CmmbRecorder::reset() {
 }
 
 int CmmbRecorder::startMPEG4Recording() {
-    int fd = dup(mOutputFd);
+    int fd = duplicateCloseOnExec(mOutputFd);
     if (fd < 0) {
         ALOGE("dup mOutputFd failed");
         return ERROR_INVALID;

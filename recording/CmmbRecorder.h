@@ -38,7 +38,7 @@ public:
     // Recording to a path is not supported: ERROR_INVALID.
     virtual int setOutputFile(const char* path);
     // The whole of fd is the file (offset and length must be 0). The recorder keeps a
-    // duplicate; the caller keeps fd.
+    // duplicate (close-on-exec, like the one it gives the writer); the caller keeps fd.
     virtual int setOutputFile(int fd, long long offset, long long length);
     // Takes effect at the next start.
     virtual int setMaxFileSize(long long bytes);

@@ -75,13 +75,13 @@ CmmbRecorder* MBBMSRecManager::getRecorder(int session) {
 }
 
 int MBBMSRecManager::startRecording(int session, int fd) {
-    TLOG(RECORD, "session=%d", session);
+    logStart(session, __func__);
     if (!validSession(session))
         return -1;
-    if (mRecorder[session] != nullptr) {
-        CmmbRecorder* leftover = detachRecorder(session, __func__);
-        if (completeRecorder(leftover, __func__) != 0)
-            return -1;
+    CmmbRecorder* leftover = detachLeftover(session, __func__);
+    if (leftover != nullptr && stopAndDelete(leftover, __func__) != 0) {
+        keepFailedRecorder(session, leftover);
+        return -1;
     }
     CmmbRecorder* recorder = createRecorder(fd, __func__);
     if (recorder == nullptr)
@@ -91,43 +91,66 @@ int MBBMSRecManager::startRecording(int session, int fd) {
 }
 
 int MBBMSRecManager::stopRecording(int session) {
-    if (!validSession(session)) {
-        TLOG(RECORD, "%s()", "stopRecording");
+    logStop(__func__);
+    if (!validSession(session))
+        return -1;
+    CmmbRecorder* recorder = detachRecorder(session);
+    if (recorder != nullptr && stopAndDelete(recorder, __func__) != 0) {
+        keepFailedRecorder(session, recorder);
         return -1;
     }
-    return completeRecorder(detachRecorder(session, __func__), __func__);
+    logStopped(__func__);
+    return 0;
 }
 
 void MBBMSRecManager::logStart(int session, const char* operation) {
     TLOG_FOR(operation, RECORD, "session=%d", session);
 }
 
-CmmbRecorder* MBBMSRecManager::detachRecorder(int session, const char* operation) {
-    if (strcmp(operation, "stopRecording") == 0)
-        TLOG_FOR(operation, RECORD, "%s()", "stopRecording");
+void MBBMSRecManager::logStop(const char* operation) {
+    TLOG_FOR(operation, RECORD, "%s()", "stopRecording");
+}
+
+void MBBMSRecManager::logStopped(const char* operation) {
+    TLOG_FOR(operation, RECORD, "exit successfully");
+}
+
+CmmbRecorder* MBBMSRecManager::detachRecorder(int session) {
     if (!validSession(session))
         return nullptr;
     CmmbRecorder* recorder = mRecorder[session];
     mRecorder[session] = nullptr;
-    if (recorder != nullptr && strcmp(operation, "startRecording") == 0)
-        TLOG_FOR(operation, WARNING, "leftover of pRecorder");
     return recorder;
 }
 
-int MBBMSRecManager::completeRecorder(CmmbRecorder* recorder, const char* operation) {
-    int result = 0;
-    if (recorder != nullptr) {
-        // The recorder is finished either way: a failed stop has already released its
-        // writer and descriptor, and nothing could complete the file later.
-        if (recorder->stop() != 0) {
-            TLOG_FOR(operation, ERROR, "cannot stop the pRecorder!");
-            result = -1;
-        }
-        delete recorder;
+CmmbRecorder* MBBMSRecManager::detachLeftover(int session, const char* operation) {
+    CmmbRecorder* leftover = detachRecorder(session);
+    if (leftover != nullptr)
+        TLOG_FOR(operation, WARNING, "leftover of pRecorder");
+    return leftover;
+}
+
+int MBBMSRecManager::stopAndDelete(CmmbRecorder*& recorder, const char* operation) {
+    if (recorder->stop() != 0) {
+        TLOG_FOR(operation, ERROR, "cannot stop the pRecorder!");
+        return -1;
     }
-    if (result == 0 && strcmp(operation, "stopRecording") == 0)
-        TLOG_FOR(operation, RECORD, "exit successfully");
-    return result;
+    delete recorder;
+    recorder = nullptr;
+    return 0;
+}
+
+bool MBBMSRecManager::restoreRecorder(int session, CmmbRecorder* recorder) {
+    if (!validSession(session) || mRecorder[session] != nullptr)
+        return false;
+    mRecorder[session] = recorder;
+    return true;
+}
+
+void MBBMSRecManager::keepFailedRecorder(int session, CmmbRecorder* recorder) {
+    // The slot was emptied by the same call: nothing else fills it here.
+    if (!restoreRecorder(session, recorder))
+        delete recorder;
 }
 
 CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {

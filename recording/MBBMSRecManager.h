@@ -42,20 +42,34 @@ public:
     // Starts a new recorder writing to fd, replacing a leftover one. 0 or -1.
     int startRecording(int session, int fd);
     // Stops and deletes the session's recorder. 0 (also when there is none), or -1 when the
-    // recorder could not complete its file.
+    // recorder could not complete its file; it then stays in the slot.
     int stopRecording(int session);
 
     // The steps of startRecording and stopRecording, for a caller that must not complete a
-    // file while frames are held off (the engine's recording control). Each logs as part of
-    // `operation`, the public operation it belongs to.
+    // file while frames are held off (the engine's recording control). Each step that logs
+    // does so as part of `operation`, the public operation it belongs to, under the manager's
+    // tag.
     //
-    // The first line of a start, logged under the manager's tag.
+    // The first line of a start: "session=%d".
     void logStart(int session, const char* operation);
+    // The first line of a stop: "stopRecording()".
+    void logStop(const char* operation);
+    // The last line of a stop that completed its recorder: "exit successfully".
+    void logStopped(const char* operation);
     // Empties the session's slot and returns the recorder it held (the caller owns it), or
     // null. REQUIRES: no frame of the session in progress on another thread.
-    CmmbRecorder* detachRecorder(int session, const char* operation);
-    // Completes and deletes a detached recorder; null completes nothing. 0 or -1.
-    static int completeRecorder(CmmbRecorder* recorder, const char* operation);
+    CmmbRecorder* detachRecorder(int session);
+    // As detachRecorder, for a start that finds a recorder in the slot: logs
+    // "leftover of pRecorder" when there is one.
+    CmmbRecorder* detachLeftover(int session, const char* operation);
+    // Stops a detached recorder. On success deletes it, clears `recorder` and returns 0;
+    // otherwise logs "cannot stop the pRecorder!", returns -1 and leaves it to the caller,
+    // who puts it back with restoreRecorder.
+    static int stopAndDelete(CmmbRecorder*& recorder, const char* operation);
+    // Puts a recorder whose stop failed back into the session's slot, where the next start
+    // meets it as a leftover. False (the caller keeps it) when the slot is taken meanwhile.
+    // REQUIRES: as detachRecorder.
+    bool restoreRecorder(int session, CmmbRecorder* recorder);
     // A started recorder writing to fd, or null (the reason is logged).
     static CmmbRecorder* createRecorder(int fd, const char* operation);
     // Puts a recorder from createRecorder into the empty slot of the session.
@@ -74,6 +88,8 @@ public:
     int dataRecording(CmmbRecorder* recorder, unsigned char* copy);
 
 private:
+    // Puts back a recorder whose stop failed in startRecording or stopRecording.
+    void keepFailedRecorder(int session, CmmbRecorder* recorder);
     // REQUIRES: recorder's lock held.
     int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
     int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);

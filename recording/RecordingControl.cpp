@@ -2,7 +2,9 @@
 #include "RecordingControl.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -14,6 +16,7 @@
 #include "FileSystemSpace.h"
 #include "Log.h"
 #include "MBBMSRecManager.h"
+#include "ThreadName.h"
 
 namespace {
 
@@ -26,6 +29,39 @@ const char kStartRecording[] = "startRecording";
 const char kStopRecording[] = "stopRecording";
 const char kDataRecording[] = "dataRecording";
 
+// The writer writes a recording from byte 0 of its descriptor and patches earlier bytes in
+// place (pwrite), which a descriptor in append mode, or one positioned elsewhere, would turn
+// into a file that cannot be played. Logs the reason of a refusal.
+bool writableFromStart(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) {
+        const int error = errno;
+        TLOG_FOR(kStartRecording, ERROR, "fd=%d refused: cannot read its flags: %s", fd,
+                 strerror(error));
+        return false;
+    }
+    if ((flags & O_APPEND) != 0) {
+        TLOG_FOR(kStartRecording, ERROR,
+                 "fd=%d refused: it is in append mode, the file's index cannot be written in place",
+                 fd);
+        return false;
+    }
+    const off_t offset = lseek(fd, 0, SEEK_CUR);
+    if (offset < 0) {
+        const int error = errno;
+        TLOG_FOR(kStartRecording, ERROR, "fd=%d refused: it has no file offset: %s", fd,
+                 strerror(error));
+        return false;
+    }
+    if (offset != 0) {
+        TLOG_FOR(kStartRecording, ERROR,
+                 "fd=%d refused: its file offset is %lld, a recording starts at byte 0", fd,
+                 static_cast<long long>(offset));
+        return false;
+    }
+    return true;
+}
+
 long long toMiB(long long bytes) {
     return bytes >> 20;
 }
@@ -34,13 +70,15 @@ bool isStorageFullError(int error) {
     return error == ENOSPC || error == EDQUOT;
 }
 
-// Holds frames off for its lifetime.
+// Holds frames off for its lifetime (nothing on the thread that holds the frame itself).
 class FramesHeldOff {
 public:
     explicit FramesHeldOff(RecordingControl::Host& host) : mHost(host), mHeld(host.holdFrames()) {}
     ~FramesHeldOff() { mHost.releaseFrames(mHeld); }
     FramesHeldOff(const FramesHeldOff&) = delete;
     FramesHeldOff& operator=(const FramesHeldOff&) = delete;
+
+    bool held() const { return mHeld; }
 
 private:
     RecordingControl::Host& mHost;
@@ -56,21 +94,8 @@ RecordingControl::~RecordingControl() {
     finishPending();
 }
 
-void RecordingControl::finishPending() {
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        if (!mCompletionThreadStarted)
-            return;
-        mStopping = true;
-    }
-    mChanged.notify_all();
-    pthread_join(mCompletionThread, nullptr);  // it empties the queue before it ends
-    std::lock_guard<std::mutex> guard(mLock);
-    mCompletionThreadStarted = false;
-    mStopping = false;
-}
-
 void* RecordingControl::completionThreadMain(void* control) {
+    nameCurrentThread("tavo-complete");
     static_cast<RecordingControl*>(control)->runCompletions();
     return nullptr;
 }
@@ -79,12 +104,10 @@ bool RecordingControl::onCompletionThread() const {
     return mCompletionThreadStarted && pthread_equal(mCompletionThread, pthread_self());
 }
 
-bool RecordingControl::startCompletionThread() {
-    if (mCompletionThreadStarted)
-        return true;
+bool RecordingControl::startCompletionThread(const char* operation) {
     const int error = Env::current()->startThread(&mCompletionThread, completionThreadMain, this);
     if (error != 0) {
-        TLOG_FOR(kStartRecording, ERROR, "cannot start the recording completion thread: %s",
+        TLOG_FOR(operation, ERROR, "cannot start the recording completion thread: %s",
                  strerror(error));
         return false;
     }
@@ -93,13 +116,19 @@ bool RecordingControl::startCompletionThread() {
 }
 
 bool RecordingControl::completionPending(int session) const {
-    if (mCompleting[session])
+    if (mCompleting[session] > 0)
         return true;
     for (const PendingCompletion& pending : mQueue) {
         if (pending.session == session)
             return true;
     }
     return false;
+}
+
+bool RecordingControl::mayWaitForCompletions() {
+    // Holding frames off fails on the thread that holds the frame.
+    FramesHeldOff probe(mHost);
+    return probe.held();
 }
 
 int RecordingControl::startRecording(int session, int fd) {
@@ -115,28 +144,41 @@ int RecordingControl::startRecording(int session, int fd) {
     }
     if (toMiB(freeSpaceBytes(status)) < kMinimumSpaceToStartMiB)
         return -1;
+    if (!writableFromStart(fd))
+        return -1;
+    // From here on no frame records the session until the new recorder is installed; one in
+    // progress is waited for (not on its own thread).
+    mIsRecording[session].store(false);
+    const bool mayWait = mayWaitForCompletions();
     {
-        // A recording that may end in the frame path needs the thread that completes it.
-        std::lock_guard<std::mutex> guard(mLock);
-        if (!startCompletionThread())
+        // A recording that may end in the frame path needs the thread that completes it. One
+        // being joined is waited for, except where its event handlers may be waiting for this
+        // thread; its joiner completes what it leaves, and the frame path starts a new one.
+        std::unique_lock<std::mutex> lock(mLock);
+        if (mayWait && !onCompletionThread())
+            mChanged.wait(lock, [&] { return !mJoining; });
+        if (!mCompletionThreadStarted && !mJoining && !startCompletionThread(kStartRecording))
             return -1;
     }
+    // A recording of the session that ended in the frame path is complete, and its event
+    // sent, before the next one starts; a recorder whose completion failed is back in the
+    // slot by then, a leftover like any other.
+    if (mayWait)
+        waitForCompletion(session);
 
-    // A recording of the session that ended in the frame path is complete before the next
-    // one starts, so that its event comes first.
-    waitForCompletion(session);
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
-    manager->logStart(session, kStartRecording);
     // A recording in progress, or a leftover, is detached while frames are held off and
-    // completed here, outside.
+    // stopped here, outside.
     CmmbRecorder* leftover;
     {
         FramesHeldOff heldOff(mHost);
-        mIsRecording[session].store(false);
-        leftover = manager->detachRecorder(session, kStartRecording);
+        manager->logStart(session, kStartRecording);
+        leftover = manager->detachLeftover(session, kStartRecording);
     }
-    if (leftover != nullptr && MBBMSRecManager::completeRecorder(leftover, kStartRecording) != 0)
+    if (leftover != nullptr && MBBMSRecManager::stopAndDelete(leftover, kStartRecording) != 0) {
+        keepFailedRecorder(session, leftover);
         return -1;
+    }
 
     // The new file gets its first bytes before frames are held off again.
     CmmbRecorder* recorder = MBBMSRecManager::createRecorder(fd, kStartRecording);
@@ -145,13 +187,14 @@ int RecordingControl::startRecording(int session, int fd) {
     CmmbRecorder* raced;
     {
         FramesHeldOff heldOff(mHost);
-        // Another application thread may have started the session meanwhile: the later
-        // start wins, as if it had come second.
-        raced = manager->detachRecorder(session, kStartRecording);
+        // Another thread may have started the session meanwhile, or put back a recorder
+        // whose stop failed: the later start wins, as if it had come second.
+        raced = manager->detachRecorder(session);
         manager->installRecorder(session, recorder, kStartRecording);
         mIsRecording[session].store(true);
     }
-    MBBMSRecManager::completeRecorder(raced, kStartRecording);
+    if (raced != nullptr && MBBMSRecManager::stopAndDelete(raced, kStartRecording) != 0)
+        delete raced;  // its slot is taken: nothing can complete it later
     return 0;
 }
 
@@ -160,18 +203,41 @@ int RecordingControl::stopRecording(int session) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
-    // Frames that begin from here on are not recorded; one already in progress is waited
-    // for, then the recorder is detached and its file completed outside.
+    // Frames that begin from here on are not recorded; one already in progress is waited for
+    // (not on its own thread), and so are the completions of recordings of the session that
+    // ended in the frame path: stopRecording returns once they are complete and reported,
+    // and a recorder whose completion failed is back in the slot, to be stopped again here.
     mIsRecording[session].store(false);
+    if (mayWaitForCompletions())
+        waitForCompletion(session);
+    MBBMSRecManager* manager = MBBMSRecManager::getInstance();
     CmmbRecorder* recorder;
     {
         FramesHeldOff heldOff(mHost);
-        recorder = MBBMSRecManager::getInstance()->detachRecorder(session, kStopRecording);
+        manager->logStop(kStopRecording);
+        recorder = manager->detachRecorder(session);
     }
-    const int result = MBBMSRecManager::completeRecorder(recorder, kStopRecording);
-    // A recording that ended in the frame path is complete when stopRecording returns.
-    waitForCompletion(session);
-    return result;
+    // The file is completed outside.
+    return completeDetached(session, recorder, kStopRecording);
+}
+
+int RecordingControl::completeDetached(int session, CmmbRecorder* recorder, const char* operation) {
+    if (recorder != nullptr && MBBMSRecManager::stopAndDelete(recorder, operation) != 0) {
+        keepFailedRecorder(session, recorder);
+        return -1;
+    }
+    MBBMSRecManager::getInstance()->logStopped(operation);
+    return 0;
+}
+
+void RecordingControl::keepFailedRecorder(int session, CmmbRecorder* recorder) {
+    bool restored;
+    {
+        FramesHeldOff heldOff(mHost);
+        restored = MBBMSRecManager::getInstance()->restoreRecorder(session, recorder);
+    }
+    if (!restored)
+        delete recorder;  // a newer recording has the slot
 }
 
 bool RecordingControl::isRecording(int session) const {
@@ -202,8 +268,7 @@ void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
     long long freeSpace = 0;
     if (!freeSpaceForRecording(session, &freeSpace)) {
         TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
-        mIsRecording[session].store(false);
-        mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
+        endInFramePath(session, EndReason::NO_SDCARD, 0);
         return;
     }
     TLOG_FOR(kDataRecording, MAIN, "session=%d, free space=%lld", session, freeSpace);
@@ -231,13 +296,20 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
     mIsRecording[session].store(false);
     PendingCompletion ended;
     ended.session = session;
-    ended.recorder = MBBMSRecManager::getInstance()->detachRecorder(session, kDataRecording);
     ended.reason = reason;
     ended.recorded = recorded;
-    ended.writeError = ended.recorder != nullptr ? ended.recorder->writeError() : 0;
+    if (reason != EndReason::NO_SDCARD) {
+        ended.recorder = MBBMSRecManager::getInstance()->detachRecorder(session);
+        ended.writeError = ended.recorder != nullptr ? ended.recorder->writeError() : 0;
+    }
     {
         std::lock_guard<std::mutex> guard(mLock);
         mQueue.push_back(ended);
+        // The thread ends in finishPending (deinit); a recording that survived it and ends
+        // now starts it again. One being joined is not waited for: the joiner completes
+        // what it left. When none can be started, the next stop or start completes the queue.
+        if (!mCompletionThreadStarted && !mJoining)
+            startCompletionThread(kDataRecording);
     }
     mChanged.notify_all();
 }
@@ -245,11 +317,17 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
 void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
     const PendingCompletion ended = mQueue.front();
     mQueue.pop_front();
-    mCompleting[ended.session] = true;
+    ++mCompleting[ended.session];
     lock.unlock();
-    reportEnd(ended, MBBMSRecManager::completeRecorder(ended.recorder, kDataRecording));
+    int completed = 0;
+    if (ended.reason != EndReason::NO_SDCARD) {
+        // The manager's stop, as the application's stopRecording logs it.
+        MBBMSRecManager::getInstance()->logStop(kStopRecording);
+        completed = completeDetached(ended.session, ended.recorder, kStopRecording);
+    }
+    reportEnd(ended, completed);
     lock.lock();
-    mCompleting[ended.session] = false;
+    --mCompleting[ended.session];
     mChanged.notify_all();
 }
 
@@ -265,17 +343,50 @@ void RecordingControl::runCompletions() {
     }
 }
 
+void RecordingControl::finishPending() {
+    std::unique_lock<std::mutex> lock(mLock);
+    if (onCompletionThread()) {
+        // From a recording event: this thread cannot join itself.
+        while (!mQueue.empty())
+            completeNext(lock);
+        return;
+    }
+    mChanged.wait(lock, [&] { return !mJoining; });
+    if (mCompletionThreadStarted) {
+        mJoining = true;
+        mStopping = true;
+        mChanged.notify_all();
+        const pthread_t thread = mCompletionThread;
+        lock.unlock();
+        pthread_join(thread, nullptr);  // it empties the queue before it ends
+        lock.lock();
+        mCompletionThreadStarted = false;
+        mStopping = false;
+        mJoining = false;
+        mChanged.notify_all();
+    }
+    // Queued while no thread ran, or after it had seen the queue empty.
+    while (!mQueue.empty())
+        completeNext(lock);
+}
+
 void RecordingControl::reportEnd(const PendingCompletion& ended, int completed) {
     const int session = ended.session;
-    if (ended.reason == EndReason::STORAGE_FULL) {
-        if (completed != 0) {
-            TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
+    switch (ended.reason) {
+        case EndReason::NO_SDCARD:
             mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
-        } else {
-            TLOG_FOR(kDataRecording, ERROR, "storage is full");
-            mHost.notifyRecordingEvent(EVENT_RECORD_STORAGE_FULL, session);
-        }
-        return;
+            return;
+        case EndReason::STORAGE_FULL:
+            if (completed != 0) {
+                TLOG_FOR(kDataRecording, ERROR, "sdcard not found");
+                mHost.notifyRecordingEvent(EVENT_RECORD_NO_SDCARD, session);
+            } else {
+                TLOG_FOR(kDataRecording, ERROR, "storage is full");
+                mHost.notifyRecordingEvent(EVENT_RECORD_STORAGE_FULL, session);
+            }
+            return;
+        case EndReason::CHAIN_FAILURE:
+            break;
     }
     if (ended.recorded == ERROR_WRITE_FAILED) {
         // A full storage is reported as such, whether or not the index still fitted.
@@ -302,5 +413,11 @@ void RecordingControl::waitForCompletion(int session) {
     // its own completion is the one in progress.
     if (onCompletionThread())
         return;
-    mChanged.wait(lock, [&] { return !completionPending(session); });
+    while (completionPending(session)) {
+        // Nobody serves the queue (its thread could not be started): complete it here.
+        if (!mCompletionThreadStarted && !mJoining && !mQueue.empty())
+            completeNext(lock);
+        else
+            mChanged.wait(lock);
+    }
 }

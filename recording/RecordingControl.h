@@ -6,19 +6,24 @@
 // on a handset's card, so it never happens while live frames are held back. Every stop, and
 // a start that replaces a recording, detaches the session's recorder while frames are held
 // off (a short, bounded step) and completes it afterwards: an application's stopRecording
-// completes it on its own thread and returns the completion's result; a stop decided inside
-// the frame path (storage full, a failed write, the size limit) queues the recorder for the
-// completion thread, which completes the queued recorders in order and logs and sends each
-// one's recording event after it, so that the event follows the completion as it always did.
-// The completion thread is started by the first startRecording, which fails when it cannot
-// be started: the frame path never completes a file itself.
+// completes it on its own thread and returns the completion's result. Whatever the frame path
+// decides (storage full, a failed write, the size limit, a card that cannot be queried) is
+// queued for the completion thread ("tavo-complete"), which completes the queued recorders in
+// order and logs and sends each one's recording event after it. No application callback runs
+// inside a frame, so an application may stop services and recordings from any recording
+// event. finishPending() empties the queue and ends the thread; the next start, or the next
+// recording that ends in the frame path, starts it again.
 //
-// Threads: startRecording, stopRecording and isRecording on application threads (and on the
-// completion thread when an application stops from a recording event); dataRecording on
-// the agent's thread inside the frame bracket. The recording flags are read by the frame
-// hand-off without a lock. Recorder slots of the manager change only while frames are held
-// off or on the frame's own thread. mLock guards the queue of the completion thread; it is
-// taken after the frame gate and never held while a recorder is completed or an event sent.
+// Threads: startRecording, stopRecording and isRecording on application threads, and from
+// any event an application receives (the completion thread, the agent's thread, the command
+// thread); dataRecording on the agent's thread inside the frame bracket. The recording flags
+// are read by the frame hand-off without a lock. Recorder slots of the manager change only
+// while frames are held off or on the frame's own thread. A call never waits for the thread
+// it runs on: on the completion thread it does not wait for the completion queue, and on the
+// thread that holds a frame it neither holds frames off nor waits for the completion thread
+// (whose event handlers may be waiting for that frame). mLock guards the completion queue and
+// the thread's state; it is taken after the frame gate and never held while a recorder is
+// completed or an event sent.
 #ifndef TAVO_RECORDING_RECORDING_CONTROL_H
 #define TAVO_RECORDING_RECORDING_CONTROL_H
 
@@ -42,7 +47,8 @@ public:
     class Host {
     public:
         // Waits for a frame in progress and holds further frames off until
-        // releaseFrames(true). Returns false (and holds nothing) on the frame's own thread.
+        // releaseFrames(true). Returns false (and holds nothing) on the frame's own thread,
+        // and when no frame can be in progress (the engine has no session manager).
         virtual bool holdFrames() = 0;
         virtual void releaseFrames(bool held) = 0;
         // Sends an application event (when a callback is registered).
@@ -54,11 +60,8 @@ public:
 
     // `flags`: the engine's per-session recording flags (SESSION_COUNT of them).
     RecordingControl(Host& host, std::atomic<bool>* flags);
-    // Completes any recording still handed to the completion thread and joins it.
+    // Completes any recording still queued (finishPending).
     ~RecordingControl();
-    // Completes every recording handed to the completion thread, sends its event, and joins
-    // the thread; a later startRecording starts it again. Not on the completion thread.
-    void finishPending();
     RecordingControl(const RecordingControl&) = delete;
     RecordingControl& operator=(const RecordingControl&) = delete;
 
@@ -69,13 +72,18 @@ public:
     // REQUIRES: inside the frame bracket, the session's buffer locked.
     // `buffer`: the session's shared buffer (null: nothing to copy).
     void dataRecording(int session, CmmbSharedBuffer* buffer);
+    // Completes every queued recording and sends its event, then ends and joins the
+    // completion thread. Called from a recording event (on the completion thread itself) it
+    // completes the rest of the queue there and leaves the thread running.
+    // REQUIRES: not inside a frame bracket on this thread.
+    void finishPending();
 
 private:
-    // Why a recording ended inside the frame path, which decides its log line and event.
-    enum class EndReason { STORAGE_FULL, CHAIN_FAILURE };
+    // Why a recording ended inside the frame path, which decides its log lines and event.
+    enum class EndReason { NO_SDCARD, STORAGE_FULL, CHAIN_FAILURE };
     struct PendingCompletion {
         int session = 0;
-        CmmbRecorder* recorder = nullptr;  // owned while pending
+        CmmbRecorder* recorder = nullptr;  // owned while pending; null for NO_SDCARD
         EndReason reason = EndReason::CHAIN_FAILURE;
         int recorded = 0;    // dataRecording's result for CHAIN_FAILURE
         int writeError = 0;  // errno of the failed write, 0 when none
@@ -85,27 +93,39 @@ private:
     // Free space for the recording of `session`: the lesser of "/sdcard" and the file system
     // of its file. False when "/sdcard" cannot be queried.
     bool freeSpaceForRecording(int session, long long* freeBytes);
-    // Ends the recording inside the frame path: detaches the recorder and queues it for the
-    // completion thread. REQUIRES: on the frame's thread inside the frame bracket.
+    // Ends the recording inside the frame path: clears the flag, detaches the recorder
+    // (except for NO_SDCARD, where it stays until the application's next stop or start) and
+    // queues the rest for the completion thread. REQUIRES: on the frame's thread inside the
+    // frame bracket.
     void endInFramePath(int session, EndReason reason, int recorded);
-    // Completes a detached recorder (null: nothing to complete) and deletes it. 0 or -1.
-    static int complete(CmmbRecorder* recorder, const char* operation);
+    // Stops a detached recorder (null: nothing to stop) as part of `operation`; one whose
+    // stop fails goes back into the session's slot. Logs "exit successfully" on success.
+    // 0 or -1.
+    int completeDetached(int session, CmmbRecorder* recorder, const char* operation);
+    // Puts a recorder whose stop failed back into the slot (deleted when the slot is taken).
+    void keepFailedRecorder(int session, CmmbRecorder* recorder);
     // Logs and sends the event of a recording that ended in the frame path.
     void reportEnd(const PendingCompletion& ended, int completed);
-    // Waits until no completion of the session is queued or in progress (returns at once on
-    // the completion thread, whose own work that is).
+    // Waits until no completion of the session is queued or in progress. Returns at once on
+    // the completion thread, whose own work that is; completes the queue itself when no
+    // thread serves it.
     void waitForCompletion(int session);
-    // Completes and reports one queued recording. REQUIRES: mLock held by `lock`, the queue
-    // not empty; releases the lock meanwhile.
+    // Completes and reports the oldest queued recording. REQUIRES: mLock held by `lock`, the
+    // queue not empty; releases the lock meanwhile.
     void completeNext(std::unique_lock<std::mutex>& lock);
     void runCompletions();
     static void* completionThreadMain(void* control);
     // REQUIRES: mLock held.
     bool onCompletionThread() const;
     bool completionPending(int session) const;
-    // Starts the completion thread unless it runs. False when it cannot be started.
-    // REQUIRES: mLock held.
-    bool startCompletionThread();
+    // Starts the completion thread (logged as part of `operation` when it cannot be started).
+    // False when it cannot be started. REQUIRES: mLock held, no thread running or joined.
+    bool startCompletionThread(const char* operation);
+    // Whether this thread may wait for the completion thread: not when it holds a frame that
+    // the completion thread's event handlers may be waiting for. Waits out a frame in
+    // progress on another thread. (Also false without a session manager, where not waiting
+    // only lets the call return before queued events.)
+    bool mayWaitForCompletions();
 
     Host& mHost;
     std::atomic<bool>* const mIsRecording;
@@ -118,11 +138,12 @@ private:
     // Guarded by mLock. Recordings ended in the frame path, oldest first (allocates only
     // when a recording ends, never per frame).
     std::deque<PendingCompletion> mQueue;
-    bool mCompleting[SESSION_COUNT] = {};  // the completion thread is completing one
-    bool mStopping = false;
-    // Started by the first startRecording (plain pthread through the platform's Env: no
-    // thread type of the standard library is instantiated inside the exported library).
-    bool mCompletionThreadStarted = false;
+    int mCompleting[SESSION_COUNT] = {};  // completions of the session being reported now
+    // The completion thread (plain pthread through the platform's Env: no thread type of the
+    // standard library is instantiated inside the exported library). Guarded by mLock.
+    bool mCompletionThreadStarted = false;  // mCompletionThread holds a thread to join
+    bool mStopping = false;                 // the thread ends once the queue is empty
+    bool mJoining = false;                  // finishPending is joining it
     pthread_t mCompletionThread;
 };
 

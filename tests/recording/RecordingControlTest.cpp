@@ -84,7 +84,8 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
         rig.play(feed.nextSecond());
         EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.app().count("onEvent(151, 0)"));  // EVENT_RECORD_NO_SDCARD
+        // EVENT_RECORD_NO_SDCARD, sent by the completion thread after the frame.
+        EXPECT_TRUE(rig.app().waitFor("onEvent(151, 0)"));
         rig.play(feed.nextSecond());
         EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
         EXPECT_EQ(0, rig.engine().stopRecording(0));
@@ -120,12 +121,16 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         // The file is completed off the frame path; the event follows its completion.
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));  // EVENT_RECORD_STORAGE_FULL
         EXPECT_EQ(1, rig.app().count("onEvent("));
+        // The manager's stop, logged when the completion happens.
+        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "stopRecording()"));
+        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
         env.setFreeBytes(-1);
         // The recording was completed when it stopped; later frames do not reach it.
         const long long completed = fileSize(rig.outputPath("out.3gp"));
         rig.play(feed.nextSecond());
         EXPECT_EQ(completed, fileSize(rig.outputPath("out.3gp")));
         EXPECT_EQ(0, rig.engine().stopRecording(0));
+        EXPECT_EQ(2, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
         expectCleanFile(rig.outputPath("out.3gp"));
     });
 }
@@ -307,7 +312,14 @@ TEST(RecordingFaults, AFailingCardIsARecordingErrorAndCompletionFailureIsLoggedF
         env.failNth(FaultInjectingEnv::WRITE, 1, EIO, /*sticky=*/true);
         ASSERT_LE(rig.playUntilRecordingEnds(feed, 5), 2);
         ASSERT_TRUE(rig.app().waitFor("onEvent(154, 0)"));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
+        // The manager's stop was logged, and failed: the recorder stays with the session.
+        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "stopRecording()"));
+        EXPECT_EQ(0, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
+        // The application's stop waits for the completion's report and stops the kept
+        // recorder, whose file is already closed.
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        EXPECT_EQ(2, rig.root().countLogLine("RECORD", "stopRecording", "stopRecording()"));
+        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
         EXPECT_EQ(0, rig.app().count("onEvent(152"));
         // The index could not be written either: "stop failed" comes before the event,
         // "write file error!" after it.
@@ -318,6 +330,7 @@ TEST(RecordingFaults, AFailingCardIsARecordingErrorAndCompletionFailureIsLoggedF
 
         // The session records again afterwards.
         ASSERT_EQ(0, rig.startRecording("after.3gp"));
+        EXPECT_EQ(0, rig.root().countLog("leftover of pRecorder"));
         rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         expectPlayableRecording(rig.outputPath("after.3gp"));
@@ -340,13 +353,20 @@ TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
         EXPECT_EQ(1, rig.root().countLog("cannot stop the pRecorder!"));
         expectPlayableRecording(rig.outputPath("unsynced.3gp"));
 
-        // The index cannot be written at the application's stop.
+        // The recorder that would not stop stayed with the session: the next start stops it
+        // again first. The index cannot be written at the application's stop.
+        EXPECT_EQ(0, rig.root().countLog("leftover of pRecorder"));
         ASSERT_EQ(0, rig.startRecording("unindexed.3gp"));
+        EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
         rig.playSeconds(feed, 3);
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC, /*sticky=*/true);
         EXPECT_EQ(-1, rig.engine().stopRecording(0));
         EXPECT_EQ(2, rig.root().countLog("cannot stop the pRecorder!"));
         EXPECT_EQ(0, rig.app().count("onEvent("));  // the application's own stop: no event
+        env.clearFaults();
+        EXPECT_EQ(0, rig.engine().stopRecording(0));  // the kept recorder, stopped again
+        EXPECT_EQ(0, rig.startRecording("after.3gp"));
+        EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
     });
 }
 

@@ -1,0 +1,113 @@
+// The descriptor an application hands to startRecording: the recording is written from byte
+// 0 and its index patched in place, so a descriptor in append mode or positioned elsewhere is
+// refused (among them the descriptor of a finished recording handed in again); and the
+// engine's own duplicates of it are not inherited by programs started meanwhile.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "ChildProcess.h"
+#include "OpenDescriptors.h"
+#include "RecordingRig.h"
+
+namespace {
+
+long long fileSize(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
+}
+
+TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+
+        // Append mode (what ParcelFileDescriptor.MODE_APPEND gives).
+        const std::string appended = rig.outputPath("append.3gp");
+        int fd = open(appended.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        EXPECT_EQ(1, rig.root().countLogLine(
+                         "ERROR", "startRecording",
+                         "fd=" + std::to_string(fd) + " refused: it is in append mode"));
+        close(fd);
+        EXPECT_EQ(0, fileSize(appended));
+
+        // Positioned past the start.
+        fd = rig.createOutput("offset.3gp");
+        ASSERT_EQ(10, write(fd, "0123456789", 10));
+        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
+        EXPECT_EQ(1, rig.root().countLog("refused: its file offset is 10"));
+        close(fd);
+        EXPECT_EQ(10, fileSize(rig.outputPath("offset.3gp")));
+
+        // The descriptor of a finished recording shares its offset, now at the file's end:
+        // handed in again, it is refused and the finished file stays as it was.
+        fd = rig.createOutput("first.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        rig.playSeconds(feed, 2);
+        ASSERT_EQ(0, rig.engine().stopRecording(0));
+        const long long finished = fileSize(rig.outputPath("first.3gp"));
+        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
+        EXPECT_EQ(1,
+                  rig.root().countLog("refused: its file offset is " + std::to_string(finished)));
+        EXPECT_FALSE(rig.engine().isRecording(0));
+        rig.playSeconds(feed, 1);
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        close(fd);
+        EXPECT_EQ(finished, fileSize(rig.outputPath("first.3gp")));
+        expectPlayableRecording(rig.outputPath("first.3gp"));
+
+        // Rewound, the same descriptor is taken again.
+        fd = rig.createOutput("second.3gp");
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        rig.playSeconds(feed, 2);
+        ASSERT_EQ(0, rig.engine().stopRecording(0));
+        ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
+        ASSERT_EQ(0, ftruncate(fd, 0));
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        close(fd);
+        rig.playSeconds(feed, 2);
+        ASSERT_EQ(0, rig.engine().stopRecording(0));
+        expectPlayableRecording(rig.outputPath("second.3gp"));
+    });
+}
+
+TEST(RecordingDescriptor, AProgramStartedDuringARecordingDoesNotHoldItsFile) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+        // Opened without close-on-exec, as an application may; the engine keeps duplicates.
+        const std::string path = rig.outputPath("held.3gp");
+        const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
+        close(fd);
+        rig.playSeconds(feed, 1);
+        // The recorder's duplicate and the writer's.
+        EXPECT_EQ(2, openDescriptors("held.3gp"));
+
+        // A descriptor without close-on-exec shows in the child's list; the recording's don't.
+        const int witness =
+            open(rig.outputPath("witness.txt").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(witness, 0);
+        std::string listing;
+        ASSERT_EQ(0, runCommand("ls -l /proc/self/fd/", &listing));
+        close(witness);
+        EXPECT_NE(std::string::npos, listing.find("witness.txt")) << listing;
+        EXPECT_EQ(std::string::npos, listing.find("held.3gp")) << listing;
+
+        rig.playSeconds(feed, 1);
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        EXPECT_EQ(0, openDescriptors("held.3gp"));
+        expectPlayableRecording(path);
+    });
+}
+
+}  // namespace
