@@ -22,6 +22,7 @@
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -80,23 +81,25 @@ TEST(DeinitTeardown, ThreadsAndDescriptorsAreBackAndPendingRecordingsAreReported
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
         ASSERT_NE(nullptr, agent);
-        const int outputs[2] = {
-            open((root.path() + "/s0.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644),
-            open((root.path() + "/s1.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644)};
-        ASSERT_GE(outputs[0], 0);
-        ASSERT_GE(outputs[1], 0);
         const int threadsBefore = threadCount();
         const int descriptorsBefore = openDescriptors();
 
         for (int round = 0; round < 2; ++round) {
             SCOPED_TRACE("round " + std::to_string(round));
+            // A recording takes a descriptor positioned at byte 0: fresh files each round.
+            UniqueFd outputs[2] = {
+                UniqueFd(open((root.path() + "/s0.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644)),
+                UniqueFd(
+                    open((root.path() + "/s1.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644))};
+            ASSERT_TRUE(outputs[0].valid());
+            ASSERT_TRUE(outputs[1].valid());
             app.clear();
             env.setFreeBytes(-1);
             ASSERT_EQ(0, engine->init(&app, nullptr));
             ASSERT_EQ(0, startService(engine, agent, 0));
             ASSERT_EQ(0, startService(engine, agent, 1));
-            ASSERT_EQ(0, engine->startRecording(0, outputs[0]));
-            ASSERT_EQ(0, engine->startRecording(1, outputs[1]));
+            ASSERT_EQ(0, engine->startRecording(0, outputs[0].get()));
+            ASSERT_EQ(0, engine->startRecording(1, outputs[1].get()));
             env.setFreeBytes(kMiB - 1);
             playEmptyFrame(agent);
             EXPECT_FALSE(engine->isRecording(0));
@@ -106,6 +109,8 @@ TEST(DeinitTeardown, ThreadsAndDescriptorsAreBackAndPendingRecordingsAreReported
             // Both recordings were completed and reported (card gone or storage full) before
             // deinit returned.
             EXPECT_EQ(2, app.count("onEvent(151, ") + app.count("onEvent(152, "));
+            outputs[0].reset();
+            outputs[1].reset();
             EXPECT_EQ(threadsBefore, threadCount());
             EXPECT_EQ(descriptorsBefore, openDescriptors());
 
@@ -113,8 +118,6 @@ TEST(DeinitTeardown, ThreadsAndDescriptorsAreBackAndPendingRecordingsAreReported
             playLateCallbacks(agent);
             EXPECT_EQ(std::vector<std::string>{}, app.calls()) << "a callback after deinit";
         }
-        close(outputs[0]);
-        close(outputs[1]);
     });
 }
 
