@@ -65,6 +65,14 @@ static_assert(CMMB_FRAME_COPY_MAX_SIZE == 72714, "a frame copy takes at most 72,
 static_assert(sizeof(CmmbFrameCopy) >= CMMB_FRAME_COPY_MAX_SIZE,
               "a frame copy area holds any frame");
 
+// Reads a 32-bit field of a shared buffer exactly once. The play engine maps the buffer
+// read-write, so a field may change between two reads; the copy reads each field once into
+// a local, checks the local and uses only it. The compiler may neither repeat this load nor
+// replace the local by a second load, which it could do for a plain read.
+inline uint32_t cmmbReadSharedField(const uint32_t& field) {
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
+}
+
 // Byte positions inside a copy that starts at `copy`.
 inline size_t cmmbFrameCopyNalEntryOffset(uint32_t index) {
     return CMMB_FRAME_COPY_HEADER_SIZE + index * sizeof(CmmbFrameCopyNalEntry);

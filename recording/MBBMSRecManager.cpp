@@ -191,9 +191,11 @@ long long MBBMSRecManager::queryCurrentMoovLength(int session) {
 
 int MBBMSRecManager::read_to_new_sharedbuf(unsigned char* copy, unsigned char* sharedBuffer) {
     const CmmbSharedBuffer* buffer = reinterpret_cast<const CmmbSharedBuffer*>(sharedBuffer);
-    // The counts are read once: the buffer is mapped by the play engine as well.
-    uint32_t nalCount = buffer->nalCount;
-    uint32_t aacCount = buffer->aacCount;
+    // The buffer is mapped read-write by the play engine as well: every field is read once
+    // into a local, and only the checked local is used. The counts are clamped to the record
+    // tables, so the entries fit the copy area.
+    uint32_t nalCount = cmmbReadSharedField(buffer->nalCount);
+    uint32_t aacCount = cmmbReadSharedField(buffer->aacCount);
     if (nalCount > CMMB_NAL_RECORD_SLOTS)
         nalCount = CMMB_NAL_RECORD_SLOTS;
     if (aacCount > CMMB_AAC_RECORD_SLOTS)
@@ -202,29 +204,37 @@ int MBBMSRecManager::read_to_new_sharedbuf(unsigned char* copy, unsigned char* s
     // The items are gathered by their offsets, NAL units first, so that the copy's payload
     // is in the order its entries describe even when audio and video arrived interleaved or
     // an unfinished NAL unit was left in the buffer. A record that points outside the
-    // payload area is copied as empty.
+    // payload area, or that would take the copy's payload past the payload limit, is copied
+    // as empty.
     unsigned char* payload = copy + cmmbFrameCopyPayloadOffset(nalCount, aacCount);
     uint32_t dataLength = 0;
+    auto gather = [&](uint32_t offset, uint32_t length) -> uint32_t {
+        if (!isInside(offset, length, CMMB_PAYLOAD_SIZE) ||
+            !isInside(dataLength, length, CMMB_PAYLOAD_LIMIT))
+            return 0;
+        memcpy(payload + dataLength, buffer->data + offset, length);
+        dataLength += length;
+        return length;
+    };
     for (uint32_t i = 0; i < nalCount; ++i) {
         const CmmbNalRecord& record = buffer->nal[i];
-        CmmbFrameCopyNalEntry entry = {record.tsBase, record.tsRelative, record.length, record.pos};
-        if (!isInside(record.offset, record.length, CMMB_PAYLOAD_SIZE) ||
-            !isInside(dataLength, record.length, CMMB_PAYLOAD_LIMIT)) {
-            entry.length = 0;
-        }
-        memcpy(payload + dataLength, buffer->data + record.offset, entry.length);
-        dataLength += entry.length;
+        CmmbFrameCopyNalEntry entry;
+        entry.tsBase = cmmbReadSharedField(record.tsBase);
+        entry.tsRelative = cmmbReadSharedField(record.tsRelative);
+        const uint32_t length = cmmbReadSharedField(record.length);
+        const uint32_t offset = cmmbReadSharedField(record.offset);
+        entry.pos = cmmbReadSharedField(record.pos);
+        entry.length = gather(offset, length);
         memcpy(copy + cmmbFrameCopyNalEntryOffset(i), &entry, sizeof(entry));
     }
     for (uint32_t j = 0; j < aacCount; ++j) {
         const CmmbAacRecord& record = buffer->aac[j];
-        CmmbFrameCopyAacEntry entry = {record.tsBase, record.tsRelative, record.length};
-        if (!isInside(record.offset, record.length, CMMB_PAYLOAD_SIZE) ||
-            !isInside(dataLength, record.length, CMMB_PAYLOAD_LIMIT)) {
-            entry.length = 0;
-        }
-        memcpy(payload + dataLength, buffer->data + record.offset, entry.length);
-        dataLength += entry.length;
+        CmmbFrameCopyAacEntry entry;
+        entry.tsBase = cmmbReadSharedField(record.tsBase);
+        entry.tsRelative = cmmbReadSharedField(record.tsRelative);
+        const uint32_t length = cmmbReadSharedField(record.length);
+        const uint32_t offset = cmmbReadSharedField(record.offset);
+        entry.length = gather(offset, length);
         memcpy(copy + cmmbFrameCopyAacEntryOffset(nalCount, j), &entry, sizeof(entry));
     }
 

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "BufferWriteState.h"
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
 #include "SharedBufferSet.h"
@@ -98,15 +99,15 @@ private:
     void unlockSessions(const char* caller);
     // The channel slot of a data callback, or -1 with the warning logged as `caller`.
     int dataSlot(const char* caller, int channelID);
-    // Calls deliver(buffer, session) for each session attached to slot c whose buffer the
-    // current frame holds, in ascending session order, until deliver returns false (a drop
-    // ends the item for the sessions after it too).
+    // Calls deliver(buffer, writeState, session) for each session attached to slot c whose
+    // buffer the current frame holds, in ascending session order, until deliver returns false
+    // (a drop ends the item for the sessions after it too).
     template <typename Deliver>
     void forEachFrameBuffer(int c, Deliver deliver) {
         for (int s = 0; s < mMaxSessions; ++s) {
             if (mChannel[c].refSession[s] != 1 || !mFrameLocked[s])
                 continue;
-            if (!deliver(mBuffers->buffer(s), s))
+            if (!deliver(mBuffers->buffer(s), mWriteState[s], s))
                 return;
         }
     }
@@ -136,6 +137,10 @@ private:
     // buffer lock. A session whose lock the play engine kept past the bound is left out of
     // the frame.
     bool mFrameLocked[MAX_SESSIONS];
+    // Per session with a buffer, agent thread inside the bracket (the session's buffer lock
+    // held): what this frame has written into the buffer. Only sessions whose mFrameLocked is
+    // set are used, and those have a buffer, so the index is below CMMB_SHARED_BUFFER_COUNT.
+    BufferWriteState mWriteState[CMMB_SHARED_BUFFER_COUNT];
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H

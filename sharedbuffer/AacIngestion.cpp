@@ -26,37 +26,42 @@ void writeAdtsHeader(unsigned char* out, uint32_t frameLength) {
     out[6] = 0xFC;
 }
 
-bool appendAacFrame(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
-                    unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                    const char* caller) {
+bool appendAacFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                    unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
+                    unsigned short length, const char* caller) {
     TLOG_FOR(caller, DATA_AAC, "+Raw audio AAC,session=%d, count=%d, ts=%lu+%lu , len=%lu\n",
-             session, static_cast<int>(buffer->aacCount), tsBase, tsRelative,
+             session, static_cast<int>(state.aacCount), tsBase, tsRelative,
              static_cast<unsigned long>(length));
 
-    const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
+    // Both terms are bounded (the payload limit, 16 bits): no overflow.
+    const uint32_t needed = state.dataLength + length;
     if (needed > kAacFrameLimit) {
         TLOG_FOR(caller, DATA_AAC, "SharedBuffer have no enough space for AAC, %d > %d, DATA drop!",
                  static_cast<int>(needed), 65535);
         return false;
     }
-    if (buffer->aacCount >= CMMB_AAC_RECORD_SLOTS) {
+    if (state.aacCount >= CMMB_AAC_RECORD_SLOTS) {
         TLOG_FOR(caller, WARNING, "SharedBuffer have no free AAC record, aacCount=%d, DATA drop!",
-                 static_cast<int>(buffer->aacCount));
+                 static_cast<int>(state.aacCount));
         return false;
     }
 
-    CmmbAacRecord& record = buffer->aac[buffer->aacCount];
+    CmmbAacRecord& record = buffer->aac[state.aacCount];
     const uint32_t frameLength = static_cast<uint32_t>(length) + CMMB_ADTS_HEADER_SIZE;
+    unsigned char* header = buffer->data + state.dataLength;
     record.tsBase = static_cast<uint32_t>(tsBase);
     record.tsRelative = static_cast<uint32_t>(tsRelative);
     record.length = frameLength;
-    record.offset = buffer->dataLength;
-    buffer->dataLength += frameLength;
+    record.offset = state.dataLength;
+    state.dataLength += frameLength;
+    buffer->dataLength = state.dataLength;
 
-    unsigned char* header = buffer->data + record.offset;
     writeAdtsHeader(header, frameLength);
     if (length > 0)
         memcpy(header + CMMB_ADTS_HEADER_SIZE, data, length);
-    buffer->aacCount += 1;
+    if (state.aacCount == 0)
+        state.firstAacTsBase = static_cast<uint32_t>(tsBase);
+    state.aacCount += 1;
+    buffer->aacCount = state.aacCount;
     return true;
 }

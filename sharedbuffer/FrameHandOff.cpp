@@ -56,15 +56,19 @@ void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, 
         }
         mFrameLocked[s] = true;
         TLOG(SEMAPHORE, "mutexDataAccessable--");
-        if (buffer->nalCount != 0 || buffer->aacCount != 0) {
+        // The reader's answer: both counts 0 when it fetched the previous frame. Each is read
+        // once; nothing else of the region is read back.
+        const uint32_t nalLeft = readFromRegion(buffer->nalCount);
+        const uint32_t aacLeft = readFromRegion(buffer->aacCount);
+        if (nalLeft != 0 || aacLeft != 0) {
             TLOG(WARNING,
                  "A/V DATA LOST(nalCount=%d, aacCount=%d) due to playengine doesn't fetch them "
                  "in time",
-                 static_cast<int>(buffer->nalCount), static_cast<int>(buffer->aacCount));
-            buffer->nalCount = 0;
-            buffer->aacCount = 0;
+                 static_cast<int>(nalLeft), static_cast<int>(aacLeft));
         }
-        buffer->dataLength = 0;
+        BufferWriteState& state = mWriteState[s];
+        state.clear();
+        state.publishCounts(buffer);
         for (CmmbNalRecord& record : buffer->nal)
             record.pos = CMMB_NAL_POS_NONE_OPEN;
     }
@@ -90,18 +94,23 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
         if (channel.refSession[s] != 1 || !mFrameLocked[s])
             continue;  // not attached, or its frame was lost at the start
         CmmbSharedBuffer* buffer = mBuffers->buffer(s);
+        BufferWriteState& state = mWriteState[s];
 
         if (withError) {
             // The payload bytes stay but are no longer referenced: an empty frame is handed on.
-            buffer->nalCount = 0;
-            buffer->aacCount = 0;
+            state.nalCount = 0;
+            state.aacCount = 0;
             TLOG(WARNING, "after demux, withError = true, DROP this MFS frame");
         }
-        const int nalCount = static_cast<int>(buffer->nalCount);
-        const int aacCount = static_cast<int>(buffer->aacCount);
+        // The frame is handed on (and recorded) with the engine's own counts, whatever a
+        // reader wrote into the region meanwhile; a reader keeping to its contract wrote
+        // nothing and sees the same values.
+        state.publishCounts(buffer);
+        const int nalCount = static_cast<int>(state.nalCount);
+        const int aacCount = static_cast<int>(state.aacCount);
         if (aacCount != 0) {
             TLOG(MAIN, "session=%d, channelID=%d, nalCount=%d, aacCount=%d, baseTime=%lu", s,
-                 channelID, nalCount, aacCount, static_cast<unsigned long>(buffer->aac[0].tsBase));
+                 channelID, nalCount, aacCount, static_cast<unsigned long>(state.firstAacTsBase));
         } else {
             TLOG(MAIN, "session=%d, channelID=%d, nalCount=%d, aacCount=%d", s, channelID, nalCount,
                  aacCount);

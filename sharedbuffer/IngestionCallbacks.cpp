@@ -15,8 +15,8 @@ void SessionManager::onClearVideoNalData(int channelID, unsigned long tsBase,
     const int c = dataSlot(caller, channelID);
     if (c < 0)
         return;
-    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
-        return appendNalFragment(buffer, s, tsBase, tsRelative, data, length, pos, caller);
+    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, BufferWriteState& state, int s) {
+        return appendNalFragment(buffer, state, s, tsBase, tsRelative, data, length, pos, caller);
     });
 }
 
@@ -28,7 +28,7 @@ void SessionManager::onClearAudioAacFrame(int channelID, unsigned long tsBase,
     const int c = dataSlot(caller, channelID);
     if (c < 0)
         return;
-    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, int s) {
-        return appendAacFrame(buffer, s, tsBase, tsRelative, data, length, caller);
+    forEachFrameBuffer(c, [&](CmmbSharedBuffer* buffer, BufferWriteState& state, int s) {
+        return appendAacFrame(buffer, state, s, tsBase, tsRelative, data, length, caller);
     });
 }

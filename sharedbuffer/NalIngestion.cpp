@@ -14,9 +14,8 @@ const int kBeginsUnit = MBBMSAgent::NAL_FRAGMENT_START;  // bit 1
 const int kEndsUnit = MBBMSAgent::NAL_FRAGMENT_END;      // bit 0
 
 // Logs one delivered fragment with up to its first six bytes, never reading past its end.
-void logRawFragment(const CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
-                    unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                    int pos, const char* caller) {
+void logRawFragment(uint32_t nalCount, int session, unsigned long tsBase, unsigned long tsRelative,
+                    const unsigned char* data, unsigned short length, int pos, const char* caller) {
     char bytes[6 * 3 + 1];
     int used = 0;
     for (int i = 0; i < 6 && i < length; ++i) {
@@ -25,8 +24,8 @@ void logRawFragment(const CmmbSharedBuffer* buffer, int session, unsigned long t
     bytes[used] = '\0';
     TLOG_FOR(caller, DATA_NAL,
              "+Raw video NAL, session=%d, count=%d, ts=%lu + %lu, len=%lu, pos=%d, %s\n", session,
-             static_cast<int>(buffer->nalCount), tsBase, tsRelative,
-             static_cast<unsigned long>(length), pos, bytes);
+             static_cast<int>(nalCount), tsBase, tsRelative, static_cast<unsigned long>(length),
+             pos, bytes);
 }
 
 }  // namespace
@@ -41,41 +40,43 @@ int getStartCodeLength(const unsigned char* data, int length) {
     return data[3] == 1 ? 4 : 0;
 }
 
-bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBase,
-                       unsigned long tsRelative, const unsigned char* data, unsigned short length,
-                       int pos, const char* caller) {
+bool appendNalFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                       unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
+                       unsigned short length, int pos, const char* caller) {
     if (TLOG_ENABLED(DATA_NAL))
-        logRawFragment(buffer, session, tsBase, tsRelative, data, length, pos, caller);
+        logRawFragment(state.nalCount, session, tsBase, tsRelative, data, length, pos, caller);
     // Only the two flags count: other bits of an agent's value would otherwise reach the
     // record's pos, where 2 and 0 mean an open unit and 3 none.
     pos &= kBeginsUnit | kEndsUnit;
 
-    // The whole fragment, start code included, must fit before anything is rewound.
-    const uint64_t needed = static_cast<uint64_t>(buffer->dataLength) + length;
+    // The whole fragment, start code included, must fit before anything is rewound. Both
+    // terms are bounded (dataLength by the payload limit, length by 16 bits): no overflow.
+    const uint32_t needed = state.dataLength + length;
     if (needed > CMMB_PAYLOAD_LIMIT) {
         TLOG_FOR(caller, WARNING, "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
                  static_cast<int>(needed), 65535);
         return false;
     }
-    if (buffer->nalCount >= CMMB_NAL_RECORD_SLOTS) {
+    if (state.nalCount >= CMMB_NAL_RECORD_SLOTS) {
         TLOG_FOR(caller, WARNING, "SharedBuffer have no free NAL record, nalCount=%d, DATA drop!",
-                 static_cast<int>(buffer->nalCount));
+                 static_cast<int>(state.nalCount));
         return false;
     }
 
-    CmmbNalRecord& record = buffer->nal[buffer->nalCount];
-    const bool unitOpen = record.pos == MBBMSAgent::NAL_FRAGMENT_START ||
-                          record.pos == MBBMSAgent::NAL_FRAGMENT_MIDDLE;
+    CmmbNalRecord& record = buffer->nal[state.nalCount];
     const unsigned char* bytes = data;
     uint32_t count = length;
     if ((pos & kBeginsUnit) != 0) {
-        if (unitOpen) {
+        if (state.unitOpen()) {
             TLOG_FOR(caller, WARNING, "last NAL is not ended, overwrite it!");
             // Its bytes are given back only when nothing was appended after them: an AAC
             // frame behind them is still counted.
-            if (static_cast<uint64_t>(record.offset) + record.length == buffer->dataLength)
-                buffer->dataLength = record.offset;
+            if (state.openOffset + state.openLength == state.dataLength)
+                state.dataLength = state.openOffset;
+            state.openPos = CMMB_NAL_POS_NONE_OPEN;
+            state.openLength = 0;
             record.length = 0;
+            buffer->dataLength = state.dataLength;
             record.pos = CMMB_NAL_POS_NONE_OPEN;
         }
         const int startCode = getStartCodeLength(data, length);
@@ -85,37 +86,44 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, int session, unsigned long tsBa
         }
         bytes += startCode;
         count -= static_cast<uint32_t>(startCode);
+        state.openOffset = state.dataLength;
+        state.openLength = 0;
         record.tsBase = static_cast<uint32_t>(tsBase);
         record.tsRelative = static_cast<uint32_t>(tsRelative);
         record.length = 0;
-        record.offset = buffer->dataLength;
-    } else if (!unitOpen) {
+        record.offset = state.openOffset;
+    } else if (!state.unitOpen()) {
         TLOG_FOR(caller, WARNING, "current NAL has no beginning, drop it!");
         return false;
-    } else if (static_cast<uint64_t>(record.offset) + record.length != buffer->dataLength) {
+    } else if (state.openOffset + state.openLength != state.dataLength) {
         // An AAC frame was appended after the unit's earlier fragments: the unit moves
-        // behind it, so that its bytes stay contiguous and no item overlaps another. A record
-        // that a misbehaving reader moved past the data is dropped with the fragment.
-        if (needed + record.length > CMMB_PAYLOAD_LIMIT ||
-            static_cast<uint64_t>(record.offset) + record.length > buffer->dataLength) {
+        // behind it, so that its bytes stay contiguous and no item overlaps another.
+        if (needed + state.openLength > CMMB_PAYLOAD_LIMIT) {
             TLOG_FOR(caller, WARNING,
                      "SharedBuffer have no enough space for NAL, %d > %d, DATA drop!",
-                     static_cast<int>(needed + record.length), 65535);
+                     static_cast<int>(needed + state.openLength), 65535);
             return false;
         }
-        memcpy(buffer->data + buffer->dataLength, buffer->data + record.offset, record.length);
-        record.offset = buffer->dataLength;
-        buffer->dataLength += record.length;
+        memcpy(buffer->data + state.dataLength, buffer->data + state.openOffset, state.openLength);
+        state.openOffset = state.dataLength;
+        state.dataLength += state.openLength;
+        record.offset = state.openOffset;
     }
 
     if (count > 0)
-        memcpy(buffer->data + buffer->dataLength, bytes, count);
-    record.length += count;
-    buffer->dataLength += count;
-    record.pos = static_cast<uint32_t>(pos);
+        memcpy(buffer->data + state.dataLength, bytes, count);
+    state.openLength += count;
+    state.dataLength += count;
+    record.length = state.openLength;
+    buffer->dataLength = state.dataLength;
     if ((pos & kEndsUnit) != 0) {
+        state.openPos = CMMB_NAL_POS_NONE_OPEN;
+        state.nalCount += 1;
         record.pos = CMMB_NAL_POS_NONE_OPEN;
-        buffer->nalCount += 1;
+        buffer->nalCount = state.nalCount;
+    } else {
+        state.openPos = static_cast<uint32_t>(pos);
+        record.pos = state.openPos;
     }
     return true;
 }

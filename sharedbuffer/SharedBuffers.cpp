@@ -5,6 +5,7 @@
 // locks) belong to the engine's SharedBufferSet. initSharedBuffers() and
 // deinitSharedBuffers() run under mLock; resetSharedBuffer() runs on application threads
 // while the buffers exist.
+#include "BufferWriteState.h"
 #include "EngineLog.h"
 #include "TavoMBBMSEngineImpl.h"
 
@@ -40,9 +41,12 @@ void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
         return;
     }
     TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)--", session);
-    if (buffer->nalCount != 0 || buffer->aacCount != 0) {
+    // Read once each: the play engine may rewrite them at any moment.
+    const uint32_t nalCount = readFromRegion(buffer->nalCount);
+    const uint32_t aacCount = readFromRegion(buffer->aacCount);
+    if (nalCount != 0 || aacCount != 0) {
         TLOG(DATA_MFS, "One MFS frame is reset(nalCount=%d, aacCount=%d)",
-             static_cast<int>(buffer->nalCount), static_cast<int>(buffer->aacCount));
+             static_cast<int>(nalCount), static_cast<int>(aacCount));
     }
     buffer->nalCount = 0;
     buffer->aacCount = 0;

@@ -250,6 +250,66 @@ TEST(Ingestion, AdtsHeaderAndRecordTablesOf256Items) {
     });
 }
 
+// A reader that rewrites the counts, the payload length and the open record between the
+// fragments of one NAL unit, and again before the frame ends, steers nothing: the engine
+// appends where its own state says, republishes that state, and hands on the frame it wrote.
+TEST(Ingestion, RegionRewrittenBetweenFragmentsIsIgnored) {
+    EXPECT_IN_CHILD({
+        WITH_OPEN_FRAME(bench);
+        const Bytes first = nalUnit(4, 0x65, 40), middle = pattern(30, 9), last = pattern(20, 77);
+        const Bytes audio = pattern(50, 3);
+        auto rewrite = [&](uint32_t count, uint32_t length, uint32_t offset) {
+            b->nalCount = count;
+            b->aacCount = count;
+            b->dataLength = length;
+            for (CmmbNalRecord& record : b->nal) {
+                record.offset = offset;
+                record.length = length;
+                record.pos = kNone;
+            }
+            for (CmmbAacRecord& record : b->aac) {
+                record.offset = offset;
+                record.length = length;
+            }
+        };
+        bench.nal(kChannel, first, START, 1000, 1);
+        rewrite(0xFFFFFFF0u, 0x7FFFFFFFu, 0xFFFFFF00u);  // far past the table and the payload
+        bench.nal(kChannel, middle, MIDDLE);
+        rewrite(255, 65000, 60000);  // in range, but not what the engine wrote
+        bench.aac(kChannel, audio, 2000);
+        rewrite(0, 0, 0);
+        bench.nal(kChannel, last, END);  // the unit moves behind the audio frame at 66
+        const uint32_t unitLength = 36 + 30 + 20, unitOffset = 66 + 57;
+        EXPECT_EQ(1u, b->nalCount);
+        EXPECT_EQ(unitOffset + unitLength, b->dataLength);
+        EXPECT_EQ(unitOffset, b->nal[0].offset);
+        EXPECT_EQ(unitLength, b->nal[0].length);
+        EXPECT_EQ(kNone, b->nal[0].pos);
+        EXPECT_EQ(1000u, b->nal[0].tsBase);
+        rewrite(200, 3, 65530);
+        bench.frameEnd(kChannel);
+
+        // The reader sees the frame as written (the records it rewrote itself stay rewritten,
+        // so they are put back here the way the engine wrote them).
+        EXPECT_EQ(1u, b->nalCount);
+        EXPECT_EQ(1u, b->aacCount);
+        EXPECT_EQ(unitOffset + unitLength, b->dataLength);
+        b->nal[0] = CmmbNalRecord{1000, 1, unitLength, unitOffset, kNone};
+        b->aac[0] = CmmbAacRecord{2000, 0, 57, 66};
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame));
+        Bytes whole(first.begin() + 4, first.end());
+        whole.insert(whole.end(), middle.begin(), middle.end());
+        whole.insert(whole.end(), last.begin(), last.end());
+        ASSERT_EQ(1u, frame.nals.size());
+        EXPECT_EQ(whole, frame.nals[0]);
+        ASSERT_EQ(1u, frame.aacs.size());
+        EXPECT_EQ(audio, Bytes(frame.aacs[0].begin() + 7, frame.aacs[0].end()));
+        EXPECT_EQ(0, bench.root.countLog("DATA drop!"));
+        EXPECT_EQ(0, bench.root.countLog("has no beginning"));
+    });
+}
+
 }  // namespace
 
 // The lines of the data path name the operation the application or the agent called, not

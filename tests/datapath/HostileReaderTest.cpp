@@ -1,0 +1,312 @@
+// A play engine that does not keep to its contract. It maps both shared buffers read-write,
+// so it can rewrite any count, length, record or payload byte at any moment, and it holds
+// the regions' descriptors, so it can try to resize them. None of that may make the engine
+// read or write outside a region or a copy, or kill it; the frames it hands on and records
+// are what the engine wrote, where the engine still decides.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "CmmbFrameCopy.h"
+#include "EngineDataPath.h"
+#include "MBBMSRecManager.h"
+#include "RecordingRig.h"
+
+namespace {
+
+// The descriptors of this process that refer to a shared A/V region.
+std::vector<int> regionDescriptors() {
+    std::vector<int> fds;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr)
+        return fds;
+    while (dirent* entry = readdir(dir)) {
+        char target[256] = {};
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir) &&
+            readlinkat(dirfd(dir), entry->d_name, target, sizeof(target) - 1) > 0 &&
+            strstr(target, "cmmb_shared_memory_") != nullptr)
+            fds.push_back(atoi(entry->d_name));
+    }
+    closedir(dir);
+    return fds;
+}
+
+// The regions are sealed at their size: a process holding their descriptors can neither
+// shrink them (the engine's next access to a lost page would raise SIGBUS) nor grow them,
+// nor lift the seals; frames go on as before.
+TEST(HostileReader, RegionsCannotBeResized) {
+    EXPECT_IN_CHILD({
+        SERVING_BENCH(bench, 40);
+        std::string reader = runInChild([] {
+            const std::vector<int> fds = regionDescriptors();
+            ASSERT_GE(fds.size(), 2u);
+            for (int fd : fds) {
+                for (off_t size : {off_t(0), off_t(4096), off_t(74771), off_t(1) << 20}) {
+                    errno = 0;
+                    EXPECT_EQ(-1, ftruncate(fd, size)) << "to " << size;
+                    EXPECT_EQ(EPERM, errno) << "to " << size;
+                }
+                EXPECT_EQ(-1, fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE)) << "the seals are sealed";
+                const int seals = fcntl(fd, F_GET_SEALS);
+                EXPECT_EQ(F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL,
+                          seals & (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL | F_SEAL_WRITE));
+                struct stat status;
+                ASSERT_EQ(0, fstat(fd, &status));
+                EXPECT_EQ(74772, status.st_size);
+            }
+        });
+        EXPECT_EQ("", reader);
+        bench.playFrame(40, 3, 2);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame));
+        EXPECT_EQ(3u, frame.nals.size());
+        EXPECT_EQ(2u, frame.aacs.size());
+    });
+}
+
+// The recording copy of a buffer whose counts and records a reader has set out of range:
+// the counts are clamped to the tables, a record outside the payload area or past what the
+// copy can hold is copied as empty, and the rest is copied exactly. Both the region and the
+// copy area are heap blocks of their exact size, so a stray access is caught by ASan.
+TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
+    std::unique_ptr<CmmbSharedBuffer> region(new CmmbSharedBuffer());
+    for (size_t i = 0; i < sizeof(region->data); ++i)
+        region->data[i] = static_cast<unsigned char>(i * 13 + 5);
+    region->nalCount = 0xFFFFFFFFu;
+    region->aacCount = 1000;
+    region->dataLength = 0x7FFFFFFFu;
+    const CmmbNalRecord nal[] = {
+        {1, 2, 100, 0, 3},           // copied
+        {3, 4, 0xFFFFFFFFu, 0, 3},   // huge length
+        {5, 6, 16, 0xFFFFFFF8u, 3},  // offset + length wraps around
+        {7, 8, 10, 65530, 3},        // runs past the payload area
+        {9, 10, 65536, 0, 3},        // the whole area: more than the copy has left
+        {11, 12, 65434, 100, 2},     // exactly what is left up to 65,534 bytes
+        {13, 14, 1, 0, 3},           // nothing left
+    };
+    memcpy(region->nal, nal, sizeof(nal));
+    region->aac[0] = CmmbAacRecord{20, 21, 7, 0};  // nothing left
+    region->aac[255] = CmmbAacRecord{22, 23, 0xFFFFFFFFu, 0xFFFFFFFFu};
+
+    std::vector<unsigned char> copy(CMMB_FRAME_COPY_MAX_SIZE);
+    EXPECT_EQ(0, MBBMSRecManager::getInstance()->read_to_new_sharedbuf(
+                     copy.data(), reinterpret_cast<unsigned char*>(region.get())));
+
+    const CmmbFrameCopyCounts counts = cmmbFrameCopyReadCounts(copy.data());
+    EXPECT_EQ(256u, counts.nalCount);
+    EXPECT_EQ(256u, counts.aacCount);
+    ASSERT_EQ(65534u, counts.dataLength);
+    const uint32_t lengths[] = {100, 0, 0, 0, 0, 65434, 0};
+    for (uint32_t i = 0; i < 7; ++i) {
+        const CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy.data(), i);
+        EXPECT_EQ(lengths[i], entry.length) << "NAL entry " << i;
+        EXPECT_EQ(nal[i].tsBase, entry.tsBase) << "NAL entry " << i;
+        EXPECT_EQ(nal[i].tsRelative, entry.tsRelative) << "NAL entry " << i;
+        EXPECT_EQ(nal[i].pos, entry.pos) << "NAL entry " << i;
+    }
+    EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 0).length);
+    EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 255).length);
+    const unsigned char* payload = copy.data() + cmmbFrameCopyPayloadOffset(256, 256);
+    EXPECT_EQ(0, memcmp(region->data, payload, 65534)) << "entries 0 and 5 back to back";
+}
+
+// What the hostile process did, in a page shared with it.
+struct HostileReport {
+    int stop;               // set by the test: finish the current round and exit
+    unsigned long rounds;   // rounds of rewrites done
+    unsigned long locked;   // rounds done while holding a buffer lock, as a reader would
+    unsigned long resized;  // ftruncate calls that succeeded (must stay 0)
+};
+
+class Rng {
+public:
+    explicit Rng(uint64_t seed) : mState(seed) {}
+    uint32_t next() {
+        mState ^= mState << 13;
+        mState ^= mState >> 7;
+        mState ^= mState << 17;
+        return static_cast<uint32_t>(mState >> 11);
+    }
+    // Values at and around every bound the engine knows, or anything.
+    uint32_t hostileValue() {
+        static const uint32_t kBounds[] = {
+            0,     1,     2,     3,     255,        256,        257,        65527,
+            65534, 65535, 65536, 74772, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF9, 0xFFFFFFFF};
+        return (next() & 1) != 0 ? kBounds[next() % 16] : next();
+    }
+
+private:
+    uint64_t mState;
+};
+
+// Rewrites one field or byte of a buffer; the two semaphores (bytes 0 to 7) are left alone.
+void rewriteOne(CmmbSharedBuffer* b, Rng& rng) {
+    CmmbNalRecord& nal = b->nal[rng.next() % CMMB_NAL_RECORD_SLOTS];
+    CmmbAacRecord& aac = b->aac[rng.next() % CMMB_AAC_RECORD_SLOTS];
+    uint32_t* const fields[] = {&b->nalCount,    &b->aacCount,    &b->dataLength, &nal.tsBase,
+                                &nal.tsRelative, &nal.length,     &nal.offset,    &nal.pos,
+                                &aac.tsBase,     &aac.tsRelative, &aac.length,    &aac.offset};
+    const uint32_t pick = rng.next() % 16;
+    if (pick < 12) {
+        *fields[pick] = rng.hostileValue();
+    } else {
+        const uint32_t at = 8 + rng.next() % (CMMB_SHARED_BUFFER_SIZE - 8);
+        reinterpret_cast<unsigned char*>(b)[at] = static_cast<unsigned char>(rng.next());
+    }
+}
+
+// The hostile play engine: connects and maps both buffers like a reader, then until told
+// to stop rewrites them at random, now and then while holding a buffer lock the way a
+// reader takes it, and tries to resize the regions.
+[[noreturn]] void runHostileReader(const std::string& server, const std::string& own,
+                                   HostileReport* report) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that failed
+    PlayEngineReader reader;
+    if (!reader.connect(server, own).empty())
+        _exit(2);
+    const std::vector<int> fds = regionDescriptors();
+    Rng rng(0x9E3779B97F4A7C15ull);
+    while (!__atomic_load_n(&report->stop, __ATOMIC_ACQUIRE)) {
+        for (int i = 0; i < 64; ++i)
+            rewriteOne(reader.buffer(rng.next() % 2), rng);
+        if (report->rounds % 16 == 0) {
+            CmmbSharedBuffer* b = reader.buffer(rng.next() % 2);
+            cmmb_sem_trywait(&b->mutexDataAvailable);
+            if (cmmb_sem_timedwait(&b->mutexDataAccessable, 5) == 0) {
+                for (int i = 0; i < 16; ++i)
+                    rewriteOne(b, rng);
+                if ((rng.next() & 1) != 0) {
+                    b->nalCount = 0;
+                    b->aacCount = 0;
+                }
+                cmmb_sem_post(&b->mutexDataAccessable);
+                __atomic_add_fetch(&report->locked, 1, __ATOMIC_RELAXED);
+            }
+        }
+        if (report->rounds % 256 == 0) {
+            for (int fd : fds) {
+                const off_t size = (rng.next() & 1) != 0 ? 4096 : off_t(1) << 20;
+                if (ftruncate(fd, size) == 0)
+                    __atomic_add_fetch(&report->resized, 1, __ATOMIC_RELAXED);
+            }
+        }
+        __atomic_add_fetch(&report->rounds, 1, __ATOMIC_RELAXED);
+    }
+    _exit(0);
+}
+
+// A small frame of known content: three NAL units (the last in fragments) and two AAC frames.
+MultiplexFrame knownFrame() {
+    MultiplexFrame frame;
+    const size_t sizes[] = {30, 700, 2600};
+    for (size_t i = 0; i < 3; ++i) {
+        MediaBytes unit = {0, 0, 0, 1};
+        for (size_t k = 0; k < sizes[i]; ++k)
+            unit.push_back(static_cast<uint8_t>(i * 31 + k * 7 + 1));
+        frame.video.push_back({90000, static_cast<uint32_t>(900 * i), unit});
+    }
+    for (size_t i = 0; i < 2; ++i)
+        frame.audio.push_back({90000, static_cast<uint32_t>(960 * i), MediaBytes(200 + i, 9)});
+    return frame;
+}
+
+// Fails the test unless `b` holds exactly `frame` as the engine writes it.
+void expectBufferHolds(const CmmbSharedBuffer* b, const MultiplexFrame& frame, size_t session) {
+    ASSERT_EQ(frame.video.size(), b->nalCount) << "session " << session;
+    ASSERT_EQ(frame.audio.size(), b->aacCount) << "session " << session;
+    uint32_t end = 0;
+    for (size_t i = 0; i < frame.video.size(); ++i) {
+        const CmmbNalRecord& record = b->nal[i];
+        const MediaBytes& unit = frame.video[i].bytes;
+        ASSERT_EQ(unit.size() - 4, record.length) << "session " << session << ", NAL " << i;
+        ASSERT_LE(record.offset + record.length, b->dataLength);
+        EXPECT_EQ(0, memcmp(unit.data() + 4, b->data + record.offset, record.length))
+            << "session " << session << ", NAL " << i;
+        end = std::max(end, record.offset + record.length);
+    }
+    for (size_t i = 0; i < frame.audio.size(); ++i) {
+        const CmmbAacRecord& record = b->aac[i];
+        const MediaBytes& audio = frame.audio[i].bytes;
+        ASSERT_EQ(audio.size() + 7, record.length) << "session " << session << ", AAC " << i;
+        ASSERT_LE(record.offset + record.length, b->dataLength);
+        EXPECT_EQ(0, memcmp(audio.data(), b->data + record.offset + 7, audio.size()))
+            << "session " << session << ", AAC " << i;
+        end = std::max(end, record.offset + record.length);
+    }
+    EXPECT_EQ(end, b->dataLength) << "session " << session;
+}
+
+// A hostile play engine in a process of its own keeps rewriting both buffers and trying to
+// resize them while two sessions on one channel take a stream of real H.264 and AAC and
+// session 0 records it. The engine neither crashes nor (under ASan and UBSan) reads or
+// writes out of bounds; the recording, once stopped, is a file ffprobe reads; and once the
+// hostile reader has gone, the next frame lands in both buffers exactly as delivered.
+TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
+    EXPECT_IN_CHILD({
+        RecordingRig rig("ERROR");
+        rig.startService(true);
+        void* page = mmap(nullptr, sizeof(HostileReport), PROT_READ | PROT_WRITE,
+                          MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        ASSERT_NE(MAP_FAILED, page);
+        HostileReport* report = new (page) HostileReport();
+        const pid_t hostile = fork();
+        if (hostile == 0)
+            runHostileReader(rig.root().resolve("/data/app/cmmb.socket"),
+                             rig.root().path() + "/hostile.socket", report);
+        ASSERT_GT(hostile, 0);
+        while (__atomic_load_n(&report->rounds, __ATOMIC_RELAXED) == 0)
+            usleep(1000);  // connected and mapped
+
+        ASSERT_EQ(0, rig.startRecording("hostile.mp4"));
+        ClipFeed feed;
+        rig.playSeconds(feed, 60);
+        __atomic_store_n(&report->stop, 1, __ATOMIC_RELEASE);
+        int status = -1;
+        ASSERT_EQ(hostile, waitpid(hostile, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+        EXPECT_EQ(0ul, report->resized);
+        EXPECT_GT(report->locked, 0ul);
+        rig.playSeconds(feed, 2);
+        ASSERT_EQ(0, rig.engine().stopRecording(0));
+
+        const std::string path = rig.outputPath("hostile.mp4");
+        std::string streams;
+        EXPECT_EQ(0, runCommand("ffprobe -v quiet -show_entries stream=codec_type -of csv=p=0 '" +
+                                    path + "'",
+                                &streams));
+        EXPECT_NE(std::string::npos, streams.find("video")) << streams;
+        EXPECT_NE(std::string::npos, streams.find("audio")) << streams;
+        const std::vector<std::string> boxes = topLevelBoxes(path);
+        EXPECT_NE(boxes.end(), std::find(boxes.begin(), boxes.end(), "moov"));
+        EXPECT_EQ(boxes.end(), std::find(boxes.begin(), boxes.end(), "truncated"));
+
+        // The engine's own descriptors of the regions, mapped here to look at the next frame.
+        const std::vector<int> fds = regionDescriptors();
+        ASSERT_EQ(2u, fds.size());
+        const MultiplexFrame frame = knownFrame();
+        rig.play(frame);
+        for (size_t i = 0; i < fds.size(); ++i) {
+            void* mapped = mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ, MAP_SHARED, fds[i], 0);
+            ASSERT_NE(MAP_FAILED, mapped);
+            expectBufferHolds(static_cast<const CmmbSharedBuffer*>(mapped), frame, i);
+            munmap(mapped, CMMB_SHARED_BUFFER_SIZE);
+        }
+        munmap(page, sizeof(HostileReport));
+    });
+}
+
+}  // namespace
