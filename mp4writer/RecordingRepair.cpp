@@ -175,8 +175,9 @@ private:
 };
 
 // The copy may grow to the input's size plus a quarter (and a little for tiny files). A
-// recording's copy is smaller than the recording, whose records outweigh the index; the
-// limit keeps the copy's index, which the writer counts against it, within the input's size.
+// recording's copy is its own size plus a moov of well under 1 %; the limit keeps the copy's
+// index, which the writer counts against it, within the input's size however the records
+// were crafted.
 uint64_t copySizeLimit(uint64_t inputSize) {
     const uint64_t limit = inputSize + inputSize / 4 + 64 * 1024;
     return limit < kRecordingRepairMaxInputSize ? limit : kRecordingRepairMaxInputSize;
