@@ -280,6 +280,37 @@ TEST_F(RepairHostileInput, InputsAndOutputsThatAreNotRegularFilesAreRefused) {
         close(fd);
 }
 
+// Virtual memory of this process in bytes, from /proc/self/status.
+uint64_t virtualMemorySize() {
+    std::istringstream status(readTextFile("/proc/self/status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 7, "VmSize:") == 0)
+            return std::stoull(line.substr(7)) * 1024;
+    }
+    return 0;
+}
+
+TEST_F(RepairHostileInput, RunningOutOfMemoryIsAResultNotAnException) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers reserve more address space than the limit below allows";
+#endif
+    // A record with a 16 MiB body, which the repair reads whole, in a process that cannot
+    // map that much more.
+    std::vector<uint8_t> body(REPAIR_RECORD_MAX_BODY, 0);
+    ASSERT_TRUE(CraftedRecording().record(REPAIR_RECORD_CONFIG, body).writeTo(path("big.3gp")));
+    body = std::vector<uint8_t>();
+    EXPECT_IN_CHILD({
+        const int in = open(path("big.3gp").c_str(), O_RDONLY);
+        const int out = open(path("big.out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        const uint64_t limit = virtualMemorySize() + (8 << 20);
+        const struct rlimit addressSpace = {limit, limit};
+        ASSERT_EQ(0, setrlimit(RLIMIT_AS, &addressSpace));
+        std::string message;
+        EXPECT_EQ(TAVO_REPAIR_INTERNAL_ERROR, repairFds(in, out, &message));
+        EXPECT_NE(std::string::npos, message.find("out of memory")) << message;
+    });
+}
+
 TEST_F(RepairHostileInput, ARecordingThatShrinksWhileItIsReadFailsCleanly) {
     // In a child: a fault on a vanished page would end it, and show here as a failure.
     EXPECT_IN_CHILD({
