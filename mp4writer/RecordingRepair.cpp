@@ -174,6 +174,40 @@ private:
     std::unique_ptr<_CmmbOutBuffer> mBuffer{new _CmmbOutBuffer};
 };
 
+// Replays the samples of the records the scan accepted into the copy, up to the first sample
+// that cannot be taken; 0, or a result with its message. The second walk stops where the
+// first did. Should the file have changed in between, every record is checked again, and
+// one that no longer describes the copy's tracks ends the replay.
+int replayRecords(RepairInput& input, uint64_t start, const RecordScan& scan, CopyWriter& copy,
+                  uint64_t* recovered, std::string* message) {
+    RepairRecordWalker walker(input, start, scan.end);
+    for (;;) {
+        const RepairRecordWalker::Step step = walker.next();
+        if (step == RepairRecordWalker::kEnd || (step == RepairRecordWalker::kConfig &&
+                                                 !walker.config().describesSameTracks(scan.config)))
+            return 0;
+        if (step != RepairRecordWalker::kChunk)
+            continue;
+        RepairChunk& chunk = walker.chunk();
+        RepairSample sample;
+        while (chunk.next(&sample)) {
+            switch (copy.feedSample(input, chunk.track(), sample)) {
+                case CopyWriter::kTaken:
+                    ++*recovered;
+                    break;
+                case CopyWriter::kWriteFailed:
+                    return fail(message, RECORDING_REPAIR_OUTPUT_FAILED,
+                                "cannot write the repaired copy");
+                case CopyWriter::kInputFailed:
+                    return inputFailed(message);
+                case CopyWriter::kRefused:  // the first damaged sample ends the copy
+                case CopyWriter::kFull:     // the rest does not fit the copy
+                    return 0;
+            }
+        }
+    }
+}
+
 // The copy may grow to the input's size plus a quarter (and a little for tiny files). A
 // recording's copy is its own size plus a moov of well under 1 %; the limit keeps the copy's
 // index, which the writer counts against it, within the input's size however the records
@@ -214,38 +248,10 @@ int repairRecording(int inFd, uint64_t size, int outFd, std::string* message) {
     if (started != 0)
         return started;
 
-    // The second walk stops where the first did. Should the file have changed in between,
-    // every record is checked again, and one that no longer describes the copy's tracks ends
-    // the replay.
-    RepairRecordWalker walker(input, media.start, scan.end);
     uint64_t recovered = 0;
-    bool more = true;
-    while (more) {
-        const RepairRecordWalker::Step step = walker.next();
-        if (step == RepairRecordWalker::kEnd || (step == RepairRecordWalker::kConfig &&
-                                                 !walker.config().describesSameTracks(scan.config)))
-            break;
-        if (step != RepairRecordWalker::kChunk)
-            continue;
-        RepairChunk& chunk = walker.chunk();
-        RepairSample sample;
-        while (more && chunk.next(&sample)) {
-            switch (copy.feedSample(input, chunk.track(), sample)) {
-                case CopyWriter::kTaken:
-                    ++recovered;
-                    break;
-                case CopyWriter::kWriteFailed:
-                    return fail(message, RECORDING_REPAIR_OUTPUT_FAILED,
-                                "cannot write the repaired copy");
-                case CopyWriter::kInputFailed:
-                    return inputFailed(message);
-                case CopyWriter::kRefused:  // the first damaged sample ends the copy
-                case CopyWriter::kFull:     // the rest does not fit the copy
-                    more = false;
-                    break;
-            }
-        }
-    }
+    const int replayed = replayRecords(input, media.start, scan, copy, &recovered, message);
+    if (replayed != 0)
+        return replayed;
     if (input.shrankOrFailed())
         return inputFailed(message);
     const int stopped = copy.stop();

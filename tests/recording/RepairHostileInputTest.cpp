@@ -134,7 +134,7 @@ public:
             for (std::string& word : command)
                 argv.push_back(&word[0]);
             argv.push_back(nullptr);
-            execv(argv[0], argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         return child;
@@ -260,7 +260,7 @@ TEST_F(RepairHostileInput, InputsAndOutputsThatAreNotRegularFilesAreRefused) {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sockets));
     // Over the limit: a sparse file one byte larger than the largest recording.
     const int huge = open(path("huge.3gp").c_str(), O_RDWR | O_CREAT, 0644);
-    ASSERT_EQ(0, ftruncate(huge, static_cast<off_t>(TAVO_REPAIR_MAX_INPUT_SIZE + 1)));
+    ASSERT_EQ(0, ftruncate64(huge, static_cast<off64_t>(TAVO_REPAIR_MAX_INPUT_SIZE + 1)));
     std::string message;
     for (int in : {fifo, zero, directory, sockets[0], huge, -1}) {
         EXPECT_EQ(TAVO_REPAIR_INPUT_FAILED, repairFds(in, empty, &message)) << in;
