@@ -15,6 +15,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <set>
 #include <sstream>
 #include <string>
@@ -167,19 +171,46 @@ private:
     bool mMeasuresMemory = false;
 };
 
-// The names in a directory.
-std::set<std::string> listDirectory(const std::string& path) {
-    std::set<std::string> names;
+// The names in a directory; false when it cannot be read. readdir64: directory offsets
+// need not fit 32 bits.
+bool readDirectory(const std::string& path, std::set<std::string>* names) {
     DIR* directory = opendir(path.c_str());
     if (directory == nullptr)
-        return names;
-    while (const dirent* entry = readdir(directory)) {
+        return false;
+    errno = 0;
+    while (const dirent64* entry = readdir64(directory)) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..")
-            names.insert(name);
+            names->insert(name);
     }
+    const bool complete = errno == 0;
     closedir(directory);
+    return complete;
+}
+
+std::set<std::string> listDirectory(const std::string& path) {
+    std::set<std::string> names;
+    EXPECT_TRUE(readDirectory(path, &names)) << path << ": " << strerror(errno);
     return names;
+}
+
+// Waits (up to a generous bound) until process `pid` has the file at `path` open.
+void waitUntilOpen(pid_t pid, const std::string& path) {
+    char* real = realpath(path.c_str(), nullptr);
+    const std::string target = real != nullptr ? real : path;
+    free(real);
+    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+    for (int wait = 0; wait < 50000; ++wait) {
+        std::set<std::string> names;
+        readDirectory(fds, &names);
+        for (const std::string& name : names) {
+            char link[4096];
+            const ssize_t size = readlink((fds + "/" + name).c_str(), link, sizeof(link));
+            if (size > 0 && std::string(link, static_cast<size_t>(size)) == target)
+                return;
+        }
+        usleep(200);
+    }
 }
 
 bool exists(const std::string& path) {
@@ -294,6 +325,8 @@ TEST_F(RepairHostileInput, RunningOutOfMemoryIsAResultNotAnException) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers reserve more address space than the limit below allows";
 #endif
+    if (TAVO_EMULATED)
+        GTEST_SKIP() << "an emulator maps the program's memory itself, within its own limits";
     // A record with a 16 MiB body, which the repair reads whole, in a process that cannot
     // map that much more.
     std::vector<uint8_t> body(REPAIR_RECORD_MAX_BODY, 0);
@@ -302,7 +335,7 @@ TEST_F(RepairHostileInput, RunningOutOfMemoryIsAResultNotAnException) {
     EXPECT_IN_CHILD({
         const int in = open(path("big.3gp").c_str(), O_RDONLY);
         const int out = open(path("big.out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        const uint64_t limit = virtualMemorySize() + (8 << 20);
+        const rlim_t limit = static_cast<rlim_t>(virtualMemorySize() + (8 << 20));
         const struct rlimit addressSpace = {limit, limit};
         ASSERT_EQ(0, setrlimit(RLIMIT_AS, &addressSpace));
         std::string message;
@@ -349,24 +382,25 @@ TEST_F(RepairHostileInput, TheToolFailsCleanlyWhenAnotherProcessShrinksItsInput)
     const CraftedRecording recording = plausibleRecording(600);
     const std::string in = path("shrinking.3gp");
     int shrank = 0;
-    for (int attempt = 0; attempt < 8 && shrank < 2; ++attempt) {
+    for (int attempt = 0; attempt < 10 && shrank < 2; ++attempt) {
         ASSERT_TRUE(recording.writeTo(in));
         const pid_t tool = mTool.start({in, path("copy.3gp")});
-        usleep(static_cast<useconds_t>(5000 + attempt * 3000));
+        waitUntilOpen(tool, in);
+        usleep(static_cast<useconds_t>(attempt * 1000));
         ASSERT_EQ(0, truncate(in.c_str(), 100000));
         const ToolRun run = mTool.wait(tool);
         EXPECT_EQ(0, run.signal) << run.err;
-        if (run.status == 0) {
+        if (run.status == 0) {  // read before the cut, or only after it
             ASSERT_EQ(0, unlink(path("copy.3gp").c_str()));
             continue;
         }
         EXPECT_EQ(1, run.status) << run.err;
-        EXPECT_NE(std::string::npos, run.err.find("shrank")) << run.err;
         // Neither the copy nor its temporary file.
         EXPECT_EQ(std::set<std::string>{"shrinking.3gp"}, listDirectory(path("")));
-        ++shrank;
+        if (run.err.find("shrank") != std::string::npos)
+            ++shrank;
     }
-    EXPECT_GT(shrank, 0);
+    EXPECT_GT(shrank, 0) << "no attempt cut the file while the tool read it";
 }
 
 // Writes the recording that `make` builds to `path` in a child process, so that the test
