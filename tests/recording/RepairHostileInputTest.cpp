@@ -345,7 +345,8 @@ TEST_F(RepairHostileInput, ARecordingThatShrinksWhileItIsReadFailsCleanly) {
                 while (!started)
                     std::this_thread::yield();
                 usleep(static_cast<useconds_t>(attempt * 2000));
-                truncate(in.c_str(), static_cast<off_t>(recording.size() / (2 + attempt % 3)));
+                EXPECT_EQ(0, truncate(in.c_str(),
+                                      static_cast<off_t>(recording.size() / (2 + attempt % 3))));
             });
             started = true;
             std::string message;
