@@ -62,8 +62,8 @@ bool RepairChunk::parse(const RepairRecordView& record, uint64_t dataStart, uint
     if (!in.u8(&track) || track >= trackCount || !in.varint(&ticks) || !in.varint(&count))
         return false;
     const uint64_t fileBytesLeft = dataStart < fileSize ? fileSize - dataStart : 0;
-    if (count == 0 || count > kMaxSamplesPerChunk ||
-        count > in.remaining() / kMinSampleFieldBytes || count > fileBytesLeft)
+    if (count > kMaxSamplesPerChunk || count > in.remaining() / kMinSampleFieldBytes ||
+        count > fileBytesLeft)
         return false;
     mSamples = in;
     mTrack = track;
