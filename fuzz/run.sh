@@ -37,6 +37,23 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
 fi
 nice -n 10 cmake --build "$build" -j2 --target tavo_fuzzers
 
+# Limits per target. The repair must keep its memory a small multiple of its input, so its
+# inputs may grow to 4 MiB while one allocation may not pass 16 MiB nor the process 160 MiB:
+# thirty times a 4 MiB input fails either limit. ASan's quarantine of freed blocks is kept to
+# 16 MiB for it, which holds the process at about 75 MiB on its own.
+target_options() {
+    case $1 in
+        repair) echo "-max_len=4194304 -malloc_limit_mb=16 -rss_limit_mb=160" ;;
+        *) echo "-rss_limit_mb=2048" ;;
+    esac
+}
+target_asan_options() {
+    case $1 in
+        repair) echo "quarantine_size_mb=16" ;;
+        *) echo "" ;;
+    esac
+}
+
 targets=${TAVO_FUZZ_TARGETS:-$(cd "$root/fuzz/corpus" && ls)}
 mkdir -p "$findings"
 failed=""
@@ -48,7 +65,10 @@ for target in $targets; do
     log=$build/fuzz-$target.log
     echo "== $target: ${seconds} s"
     status=0
-    nice -n "$niceness" "$binary" -max_total_time="$seconds" -timeout=60 -rss_limit_mb=2048 \
+    # shellcheck disable=SC2046 # the options are words
+    asan=$(target_asan_options "$target")
+    ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}$asan" nice -n "$niceness" "$binary" \
+        -max_total_time="$seconds" -timeout=60 $(target_options "$target") \
         -print_final_stats=1 -artifact_prefix="$findings/$target-" \
         "$work" "$root/fuzz/corpus/$target" >"$log" 2>&1 || status=$?
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
@@ -57,7 +77,7 @@ for target in $targets; do
 "
     if [ "$status" -ne 0 ]; then
         failed="$failed $target"
-        grep -E 'fuzz finding|inconsistent|ERROR|runtime error|SUMMARY|Test unit written' "$log" >&2 || true
+        grep -E 'fuzz finding|inconsistent|ERROR|runtime error|SUMMARY|out-of-memory|Test unit written' "$log" >&2 || true
     fi
 done
 printf '%s' "$summary"

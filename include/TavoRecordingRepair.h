@@ -22,13 +22,24 @@ enum {
     TAVO_REPAIR_NO_RECORDS = -2,           // recorded without repair records
     TAVO_REPAIR_NOTHING_RECOVERABLE = -3,  // no complete chunk, or a track without samples
     TAVO_REPAIR_OUTPUT_FAILED = -4,        // the copy could not be written
-    TAVO_REPAIR_INPUT_FAILED = -5,         // the recording could not be read
+    TAVO_REPAIR_INPUT_FAILED = -5,         // not a regular file, too large, or unreadable
+                                           // (for instance it shrank while it was read)
+    TAVO_REPAIR_INTERNAL_ERROR = -6,       // out of memory, or another failure inside
 };
 
-// Reads the recording from inFd (from its start; the file is never modified) and writes the
-// repaired copy to outFd, which must be an empty regular file open for writing and reading.
-// Both descriptors stay the caller's. When `message` is not null, it receives a one-line,
-// NUL-terminated explanation (cut to messageSize bytes). Safe for any input.
+// The largest recording taken, in bytes: the recorder's files stay below 2 GiB.
+#define TAVO_REPAIR_MAX_INPUT_SIZE 2147483647ULL
+
+// Reads the recording from inFd (from its start, with positioned reads; the file is never
+// modified or mapped) and writes the repaired copy to outFd, which must be an empty regular
+// file open for writing and reading. Both descriptors stay the caller's. When `message` is
+// not null, it receives a one-line, NUL-terminated explanation (cut to messageSize bytes).
+//
+// Safe for any input: inFd must be a regular file of at most TAVO_REPAIR_MAX_INPUT_SIZE
+// bytes (pipes, devices and directories are refused); a file that shrinks while it is read
+// gives TAVO_REPAIR_INPUT_FAILED; memory stays within a small multiple of the input's size
+// whatever its contents claim; no exception leaves the function. On failure outFd may hold
+// a partial copy, which the caller discards.
 __attribute__((visibility("default"))) int tavo_repair_recording(int inFd, int outFd, char* message,
                                                                  size_t messageSize);
 

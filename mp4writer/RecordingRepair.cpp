@@ -9,90 +9,68 @@
 #include <vector>
 
 #include "CmmbMPEG4Writer.h"
-#include "RepairRecord.h"
+#include "RepairInput.h"
+#include "RepairRecordWalker.h"
 
 namespace {
-
-const size_t kMaxTracks = 8;
-const uint64_t kMaxSamplesPerChunk = 1 << 20;
-
-struct TrackConfig {
-    uint8_t kind;
-    CmmbMediaSource source;
-    std::vector<uint8_t> codecData;
-};
-
-struct RecoveredSample {
-    uint8_t track;
-    size_t offset;
-    uint32_t size;
-    int64_t ticks;
-    bool sync;
-};
 
 uint32_t be32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
            static_cast<uint32_t>(p[2]) << 8 | p[3];
 }
 
-bool parseConfig(const RepairRecordView& record, uint32_t* movieTimeScale, bool* nalLengthFour,
-                 std::vector<TrackConfig>* tracks) {
-    RepairRecordReader in(record.body, record.bodySize);
-    uint8_t four = 0, count = 0;
-    if (!in.u32(movieTimeScale) || !in.u8(&four) || !in.u8(&count) || count == 0 ||
-        count > kMaxTracks || *movieTimeScale == 0 || *movieTimeScale > 0x7FFFFFFF)
-        return false;
-    *nalLengthFour = four != 0;
-    std::vector<TrackConfig> parsed(count);
-    for (TrackConfig& track : parsed) {
-        uint16_t width = 0, height = 0, codecSize = 0;
-        uint32_t sampleRate = 0, timeScale = 0;
-        const uint8_t* codec = nullptr;
-        if (!in.u8(&track.kind) || !in.u16(&width) || !in.u16(&height) || !in.u32(&sampleRate) ||
-            !in.u32(&timeScale) || !in.u16(&codecSize) || !in.bytes(codecSize, &codec))
-            return false;
-        if ((track.kind != REPAIR_TRACK_AVC && track.kind != REPAIR_TRACK_AAC) || timeScale == 0 ||
-            timeScale > 0x7FFFFFFF || sampleRate > 0x7FFFFFFF)
-            return false;
-        track.source = {track.kind == REPAIR_TRACK_AVC ? "video/avc" : "audio/mp4a-latm", width,
-                        height, static_cast<int32_t>(sampleRate), static_cast<int32_t>(timeScale)};
-        track.codecData.assign(codec, codec + codecSize);
-    }
-    tracks->swap(parsed);
-    return true;
+int fail(std::string* message, int code, const char* text) {
+    *message = text;
+    return code;
 }
 
-// Appends the samples of a chunk record whose bytes start at `chunkStart`; false when the
-// record is malformed or its chunk is not wholly in the file.
-bool parseChunk(const RepairRecordView& record, size_t chunkStart, size_t fileSize,
-                size_t trackCount, std::vector<RecoveredSample>* samples, size_t* chunkEnd) {
-    RepairRecordReader in(record.body, record.bodySize);
-    uint8_t track = 0;
-    uint64_t ticks = 0, count = 0;
-    if (!in.u8(&track) || track >= trackCount || !in.varint(&ticks) || !in.varint(&count) ||
-        count > kMaxSamplesPerChunk)
-        return false;
-    const size_t before = samples->size();
-    size_t offset = chunkStart;
-    for (uint64_t i = 0; i < count; ++i) {
-        uint64_t sizeAndSync = 0, next = 0;
-        if (!in.varint(&sizeAndSync) || !in.varint(&next))
-            break;
-        const uint64_t size = sizeAndSync >> 1;
-        if (size > CMMB_SAMPLE_STORAGE_SIZE + 4 || size > fileSize - offset)
-            break;
-        samples->push_back({track, offset, static_cast<uint32_t>(size),
-                            static_cast<int64_t>(ticks & 0x7FFFFFFFFFFFFFFFull),
-                            (sizeAndSync & 1) != 0});
-        offset += static_cast<size_t>(size);
-        ticks += next;
+int inputFailed(std::string* message) {
+    return fail(message, RECORDING_REPAIR_INPUT_FAILED,
+                "cannot read the recording: it shrank or failed while it was read");
+}
+
+// Where the samples start: after the ftyp box and the mdat header, in its 32-bit or
+// large-size form.
+struct MediaData {
+    uint64_t start = 0;
+    bool largeSize = false;
+};
+
+int findMediaData(RepairInput& input, MediaData* media, std::string* message) {
+    uint8_t box[8];
+    if (input.size() < 16 || !input.read(0, box, sizeof(box)) || memcmp(box + 4, "ftyp", 4) != 0)
+        return input.shrankOrFailed() ? inputFailed(message)
+                                      : fail(message, RECORDING_REPAIR_NOT_A_RECORDING,
+                                             "not a recording: no ftyp box");
+    const uint64_t ftypSize = be32(box);
+    if (ftypSize < 8 || ftypSize > input.size() - 8 || !input.read(ftypSize, box, sizeof(box)) ||
+        memcmp(box + 4, "mdat", 4) != 0)
+        return input.shrankOrFailed() ? inputFailed(message)
+                                      : fail(message, RECORDING_REPAIR_NOT_A_RECORDING,
+                                             "not a recording: no mdat box after the ftyp box");
+    media->largeSize = be32(box) == 1;
+    media->start = ftypSize + (media->largeSize ? 16 : 8);
+    if (media->start > input.size())
+        return fail(message, RECORDING_REPAIR_NOT_A_RECORDING, "not a recording: truncated mdat");
+    return 0;
+}
+
+// What the first walk over the records found: the configuration in force at the end, and
+// how far the records can be used.
+struct RecordScan {
+    RepairConfig config;
+    uint64_t end = 0;
+    uint64_t samples = 0;
+};
+
+void scanRecords(RepairInput& input, uint64_t start, RecordScan* scan) {
+    RepairRecordWalker walker(input, start, input.size());
+    for (RepairRecordWalker::Step step; (step = walker.next()) != RepairRecordWalker::kEnd;) {
+        if (step == RepairRecordWalker::kConfig)
+            scan->config = walker.config();
     }
-    if (samples->size() - before != count) {
-        samples->resize(before);
-        return false;
-    }
-    *chunkEnd = offset;
-    return true;
+    scan->end = walker.position();
+    scan->samples = walker.samplesAccepted();
 }
 
 // Splits an avcC body into its SPS and PPS; false when it holds no such pair.
@@ -113,114 +91,170 @@ bool splitAvcConfig(const std::vector<uint8_t>& avcc, std::vector<uint8_t>* sps,
     return true;
 }
 
-int fail(std::string* message, int code, const char* text) {
-    *message = text;
-    return code;
+// The writer that makes the copy, fed one sample at a time from the input.
+class CopyWriter {
+public:
+    enum Fed { kTaken, kRefused, kFull, kWriteFailed, kInputFailed };
+
+    // `config` must outlive the writer (the tracks keep pointers into it).
+    CopyWriter(int fd, RepairConfig& config, bool use32BitOffsets, uint64_t sizeLimit)
+        : mWriter(fd), mConfig(config), mUse32BitOffsets(use32BitOffsets) {
+        for (RepairTrackConfig& track : config.tracks)
+            mWriter.addSource(&track.source);
+        mWriter.setMaxFileSize(static_cast<long long>(sizeLimit));
+    }
+
+    // Writes the file's start and the H.264 parameter sets.
+    int start(std::string* message) {
+        _CmmbMetaData meta = {static_cast<int32_t>(mConfig.movieTimeScale), mConfig.nalLengthFour,
+                              mUse32BitOffsets};
+        if (mWriter.start(&meta) != 0)
+            return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot write the repaired copy");
+        for (const RepairTrackConfig& track : mConfig.tracks) {
+            if (track.kind != REPAIR_TRACK_AVC)
+                continue;
+            std::vector<uint8_t> sps, pps;
+            if (!splitAvcConfig(track.codecData, &sps, &pps) ||
+                sps.size() > CMMB_SAMPLE_STORAGE_SIZE || pps.size() > CMMB_SAMPLE_STORAGE_SIZE ||
+                feed("video/avc", 0, sps.data(), sps.size(), false) != 0 ||
+                feed("video/avc", 0, pps.data(), pps.size(), false) != 0)
+                return fail(message, RECORDING_REPAIR_NOTHING_RECOVERABLE,
+                            "not repairable: the video configuration is damaged");
+        }
+        return 0;
+    }
+
+    // Reads the sample from the input and hands it to its track.
+    Fed feedSample(RepairInput& input, uint8_t track, const RepairSample& sample) {
+        const RepairTrackConfig& config = mConfig.tracks[track];
+        uint64_t offset = sample.offset;
+        size_t length = sample.size;
+        if (config.kind == REPAIR_TRACK_AVC) {
+            // The stored sample is one length-prefixed NAL unit.
+            const size_t prefixSize = mConfig.nalLengthFour ? 4 : 2;
+            uint8_t prefix[4];
+            if (length <= prefixSize || !input.read(offset, prefix, prefixSize))
+                return input.shrankOrFailed() ? kInputFailed : kRefused;
+            const size_t declared = prefixSize == 4 ? be32(prefix) : (prefix[0] << 8 | prefix[1]);
+            if (declared != length - prefixSize)
+                return kRefused;
+            offset += prefixSize;
+            length -= prefixSize;
+        }
+        if (length > CMMB_SAMPLE_STORAGE_SIZE)
+            return kRefused;
+        if (!input.read(offset, mBuffer->storage, length))
+            return input.shrankOrFailed() ? kInputFailed : kRefused;
+        const int result =
+            feed(config.source.mime, sample.ticks, mBuffer->storage, length, sample.sync);
+        if (result == ERROR_WRITE_FAILED)
+            return kWriteFailed;
+        if (result == ERROR_LIMIT_REACHED)
+            return kFull;
+        return result == 0 ? kTaken : kRefused;
+    }
+
+    int stop() { return mWriter.stop(); }
+
+private:
+    int feed(const char* mime, int64_t ticks, const uint8_t* data, size_t length, bool sync) {
+        mBuffer->mime = mime;
+        mBuffer->timestamp = ticks;
+        mBuffer->length = static_cast<uint32_t>(length);
+        mBuffer->data = mBuffer->storage;
+        if (data != mBuffer->storage)
+            memcpy(mBuffer->storage, data, length);
+        mBuffer->isSyncFrame = sync;
+        return mWriter.writeout(mBuffer.get());
+    }
+
+    CmmbMPEG4Writer mWriter;
+    RepairConfig& mConfig;
+    const bool mUse32BitOffsets;
+    std::unique_ptr<_CmmbOutBuffer> mBuffer{new _CmmbOutBuffer};
+};
+
+// Replays the samples of the records the scan accepted into the copy, up to the first sample
+// that cannot be taken; 0, or a result with its message. The second walk stops where the
+// first did. Should the file have changed in between, every record is checked again, and
+// one that no longer describes the copy's tracks ends the replay.
+int replayRecords(RepairInput& input, uint64_t start, const RecordScan& scan, CopyWriter& copy,
+                  uint64_t* recovered, std::string* message) {
+    RepairRecordWalker walker(input, start, scan.end);
+    for (;;) {
+        const RepairRecordWalker::Step step = walker.next();
+        if (step == RepairRecordWalker::kEnd || (step == RepairRecordWalker::kConfig &&
+                                                 !walker.config().describesSameTracks(scan.config)))
+            return 0;
+        if (step != RepairRecordWalker::kChunk)
+            continue;
+        RepairChunk& chunk = walker.chunk();
+        RepairSample sample;
+        while (chunk.next(&sample)) {
+            switch (copy.feedSample(input, chunk.track(), sample)) {
+                case CopyWriter::kTaken:
+                    ++*recovered;
+                    break;
+                case CopyWriter::kWriteFailed:
+                    return fail(message, RECORDING_REPAIR_OUTPUT_FAILED,
+                                "cannot write the repaired copy");
+                case CopyWriter::kInputFailed:
+                    return inputFailed(message);
+                case CopyWriter::kRefused:  // the first damaged sample ends the copy
+                case CopyWriter::kFull:     // the rest does not fit the copy
+                    return 0;
+            }
+        }
+    }
+}
+
+// The copy may grow to the input's size plus a quarter (and a little for tiny files). A
+// recording's copy is its own size plus a moov of well under 1 %; the limit keeps the copy's
+// index, which the writer counts against it, within the input's size however the records
+// were crafted.
+uint64_t copySizeLimit(uint64_t inputSize) {
+    const uint64_t limit = inputSize + inputSize / 4 + 64 * 1024;
+    return limit < kRecordingRepairMaxInputSize ? limit : kRecordingRepairMaxInputSize;
 }
 
 }  // namespace
 
-int repairRecording(const uint8_t* file, size_t size, int outFd, std::string* message) {
-    // ftyp, then mdat in its 32-bit or large-size form.
-    if (size < 16 || memcmp(file + 4, "ftyp", 4) != 0)
-        return fail(message, RECORDING_REPAIR_NOT_A_RECORDING, "not a recording: no ftyp box");
-    const size_t ftypSize = be32(file);
-    if (ftypSize < 8 || ftypSize > size - 8 || memcmp(file + ftypSize + 4, "mdat", 4) != 0)
-        return fail(message, RECORDING_REPAIR_NOT_A_RECORDING,
-                    "not a recording: no mdat box after the ftyp box");
-    const bool largeSize = be32(file + ftypSize) == 1;
-    const size_t dataStart = ftypSize + (largeSize ? 16 : 8);
-    if (dataStart > size)
-        return fail(message, RECORDING_REPAIR_NOT_A_RECORDING, "not a recording: truncated mdat");
+int repairRecording(int inFd, uint64_t size, int outFd, std::string* message) {
+    if (size > kRecordingRepairMaxInputSize)
+        return fail(message, RECORDING_REPAIR_INPUT_FAILED,
+                    "cannot repair the recording: it is larger than 2147483647 bytes");
+    RepairInput input(inFd, size);
+    MediaData media;
+    const int found = findMediaData(input, &media, message);
+    if (found != 0)
+        return found;
 
-    uint32_t movieTimeScale = 0;
-    bool nalLengthFour = true;
-    std::vector<TrackConfig> tracks;
-    std::vector<RecoveredSample> samples;
-    size_t position = dataStart;
-    RepairRecordView record;
-    while (findRepairRecord(file, size, position, &record)) {
-        if (record.type == REPAIR_RECORD_CONFIG) {
-            if (!parseConfig(record, &movieTimeScale, &nalLengthFour, &tracks))
-                break;
-            position = record.end;
-        } else if (record.type == REPAIR_RECORD_CHUNK && !tracks.empty()) {
-            size_t chunkEnd = 0;
-            if (!parseChunk(record, record.end, size, tracks.size(), &samples, &chunkEnd))
-                break;
-            position = chunkEnd;
-        } else {
-            break;
-        }
-    }
-    if (tracks.empty())
+    RecordScan scan;
+    scanRecords(input, media.start, &scan);
+    if (input.shrankOrFailed())
+        return inputFailed(message);
+    if (scan.config.tracks.empty())
         return fail(message, RECORDING_REPAIR_NO_RECORDS,
                     "not repairable: the file holds no repair records");
-    if (samples.empty())
+    if (scan.samples == 0)
         return fail(message, RECORDING_REPAIR_NOTHING_RECOVERABLE,
                     "not repairable: no complete chunk of samples was written");
 
     const int writerFd = dup(outFd);
     if (writerFd < 0)
         return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot use the output file");
-    CmmbMPEG4Writer writer(writerFd);
-    for (TrackConfig& track : tracks)
-        writer.addSource(&track.source);
-    _CmmbMetaData meta = {static_cast<int32_t>(movieTimeScale), nalLengthFour, !largeSize};
-    if (writer.start(&meta) != 0)
-        return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot write the repaired copy");
+    CopyWriter copy(writerFd, scan.config, !media.largeSize, copySizeLimit(size));
+    const int started = copy.start(message);
+    if (started != 0)
+        return started;
 
-    std::unique_ptr<_CmmbOutBuffer> buffer(new _CmmbOutBuffer);
-    auto feed = [&](const char* mime, int64_t ticks, const uint8_t* data, size_t length,
-                    bool sync) {
-        buffer->mime = mime;
-        buffer->timestamp = ticks;
-        buffer->length = static_cast<uint32_t>(length);
-        buffer->data = buffer->storage;
-        memcpy(buffer->storage, data, length);
-        buffer->isSyncFrame = sync;
-        return writer.writeout(buffer.get());
-    };
-    for (const TrackConfig& track : tracks) {
-        if (track.kind != REPAIR_TRACK_AVC)
-            continue;
-        std::vector<uint8_t> sps, pps;
-        if (!splitAvcConfig(track.codecData, &sps, &pps))
-            return fail(message, RECORDING_REPAIR_NOTHING_RECOVERABLE,
-                        "not repairable: the video configuration is damaged");
-        if (sps.size() > CMMB_SAMPLE_STORAGE_SIZE || pps.size() > CMMB_SAMPLE_STORAGE_SIZE ||
-            feed("video/avc", 0, sps.data(), sps.size(), false) != 0 ||
-            feed("video/avc", 0, pps.data(), pps.size(), false) != 0)
-            return fail(message, RECORDING_REPAIR_NOTHING_RECOVERABLE,
-                        "not repairable: the video configuration is damaged");
-    }
-
-    const size_t prefixSize = nalLengthFour ? 4 : 2;
-    size_t recovered = 0;
-    for (const RecoveredSample& sample : samples) {
-        const TrackConfig& track = tracks[sample.track];
-        const uint8_t* data = file + sample.offset;
-        size_t length = sample.size;
-        if (track.kind == REPAIR_TRACK_AVC) {
-            // The stored sample is one length-prefixed NAL unit.
-            if (length < prefixSize)
-                break;
-            const size_t declared = prefixSize == 4 ? be32(data) : (data[0] << 8 | data[1]);
-            if (declared != length - prefixSize)
-                break;
-            data += prefixSize;
-            length -= prefixSize;
-        }
-        if (length > CMMB_SAMPLE_STORAGE_SIZE)
-            break;
-        const int result = feed(track.source.mime, sample.ticks, data, length, sample.sync);
-        if (result == ERROR_WRITE_FAILED)
-            return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot write the repaired copy");
-        if (result != 0)
-            break;  // the rest does not fit the copy
-        ++recovered;
-    }
-    const int stopped = writer.stop();
+    uint64_t recovered = 0;
+    const int replayed = replayRecords(input, media.start, scan, copy, &recovered, message);
+    if (replayed != 0)
+        return replayed;
+    if (input.shrankOrFailed())
+        return inputFailed(message);
+    const int stopped = copy.stop();
     if (stopped == ERROR_NO_SAMPLES)
         return fail(message, RECORDING_REPAIR_NOTHING_RECOVERABLE,
                     "not repairable: a track has no samples, or the video no key frame");

@@ -62,6 +62,8 @@ public:
     bool varint(uint64_t* value);
     bool bytes(size_t size, const uint8_t** data);
     bool ok() const { return mOk; }
+    // Bytes not read yet (0 once a read failed).
+    size_t remaining() const { return mOk ? mSize - mPosition : 0; }
 
 private:
     const uint8_t* mData;

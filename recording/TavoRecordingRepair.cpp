@@ -1,15 +1,28 @@
-// The exported repair entry point: maps the recording and hands it to the writer's repair.
+// The exported repair entry point: checks the descriptors, hands the recording to the
+// writer's repair, and turns every failure, exceptions included, into a result and a message.
 #include "TavoRecordingRepair.h"
 
-#include <errno.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstring>
+#include <exception>
+#include <new>
 #include <string>
 
 #include "RecordingRepair.h"
+
+static_assert(TAVO_REPAIR_MAX_INPUT_SIZE == kRecordingRepairMaxInputSize,
+              "the exported input limit is the repair's");
+constexpr bool sameResult(int exported, int internal) {
+    return exported == internal;
+}
+static_assert(sameResult(TAVO_REPAIR_NOT_A_RECORDING, RECORDING_REPAIR_NOT_A_RECORDING) &&
+                  sameResult(TAVO_REPAIR_NO_RECORDS, RECORDING_REPAIR_NO_RECORDS) &&
+                  sameResult(TAVO_REPAIR_NOTHING_RECOVERABLE,
+                             RECORDING_REPAIR_NOTHING_RECOVERABLE) &&
+                  sameResult(TAVO_REPAIR_OUTPUT_FAILED, RECORDING_REPAIR_OUTPUT_FAILED) &&
+                  sameResult(TAVO_REPAIR_INPUT_FAILED, RECORDING_REPAIR_INPUT_FAILED),
+              "the exported results are the repair's");
 
 namespace {
 
@@ -22,52 +35,52 @@ void setMessage(char* message, size_t messageSize, const char* text) {
     message[length] = '\0';
 }
 
-// The whole input, read when it cannot be mapped (a pipe, for instance). A string holds it:
-// its members are instantiated by the C++ library, not exported from this one.
-bool readAll(int fd, std::string* bytes) {
-    uint8_t block[64 * 1024];
-    for (;;) {
-        ssize_t got = read(fd, block, sizeof(block));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return true;
-        bytes->append(reinterpret_cast<const char*>(block), static_cast<size_t>(got));
+// Checks both descriptors; returns 0 and the input's size, or a result with its message.
+int checkDescriptors(int inFd, int outFd, uint64_t* inputSize, const char** text) {
+    struct stat status;
+    if (inFd < 0 || fstat(inFd, &status) != 0) {
+        *text = "cannot read the recording";
+        return TAVO_REPAIR_INPUT_FAILED;
     }
+    if (!S_ISREG(status.st_mode)) {
+        *text = "cannot repair the recording: it is not a regular file";
+        return TAVO_REPAIR_INPUT_FAILED;
+    }
+    if (status.st_size < 0 ||
+        static_cast<unsigned long long>(status.st_size) > TAVO_REPAIR_MAX_INPUT_SIZE) {
+        *text = "cannot repair the recording: it is larger than 2147483647 bytes";
+        return TAVO_REPAIR_INPUT_FAILED;
+    }
+    *inputSize = static_cast<uint64_t>(status.st_size);
+    if (outFd < 0 || fstat(outFd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_size != 0) {
+        *text = "cannot write the repaired copy: the output is not an empty regular file";
+        return TAVO_REPAIR_OUTPUT_FAILED;
+    }
+    return 0;
 }
 
 }  // namespace
 
 int tavo_repair_recording(int inFd, int outFd, char* message, size_t messageSize) {
-    struct stat status;
-    if (inFd < 0 || fstat(inFd, &status) != 0) {
-        setMessage(message, messageSize, "cannot read the recording");
-        return TAVO_REPAIR_INPUT_FAILED;
-    }
-    std::string text;
-    int result;
-    const size_t size = static_cast<size_t>(status.st_size);
-    void* mapping = MAP_FAILED;
-    if (S_ISREG(status.st_mode) && size > 0)
-        mapping = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, inFd, 0);
-    if (mapping != MAP_FAILED) {
-        result = repairRecording(static_cast<const uint8_t*>(mapping), size, outFd, &text);
-        munmap(mapping, size);
-    } else {
-        std::string bytes;
-        if (lseek(inFd, 0, SEEK_SET) < 0 && errno != ESPIPE) {
-            setMessage(message, messageSize, "cannot read the recording");
-            return TAVO_REPAIR_INPUT_FAILED;
+    // Nothing may leave through this C interface but a result: out of memory, or any other
+    // failure inside the repair, becomes TAVO_REPAIR_INTERNAL_ERROR.
+    try {
+        uint64_t size = 0;
+        const char* refusal = nullptr;
+        const int checked = checkDescriptors(inFd, outFd, &size, &refusal);
+        if (checked != 0) {
+            setMessage(message, messageSize, refusal);
+            return checked;
         }
-        if (!readAll(inFd, &bytes)) {
-            setMessage(message, messageSize, "cannot read the recording");
-            return TAVO_REPAIR_INPUT_FAILED;
-        }
-        result = repairRecording(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(),
-                                 outFd, &text);
+        std::string text;
+        const int result = repairRecording(inFd, size, outFd, &text);
+        setMessage(message, messageSize, text.c_str());
+        return result;
+    } catch (const std::bad_alloc&) {
+        setMessage(message, messageSize, "cannot repair the recording: out of memory");
+    } catch (...) {
+        setMessage(message, messageSize, "cannot repair the recording: internal error");
     }
-    setMessage(message, messageSize, text.c_str());
-    return result;
+    return TAVO_REPAIR_INTERNAL_ERROR;
 }

@@ -26,17 +26,23 @@ Bytes recordWithRepairRecords(int seconds) {
     return harness.readFile().bytes();
 }
 
-// Repairs `bytes` into a scratch file; returns the result and the copy.
+// Repairs `bytes` (written to a scratch file) into another scratch file; returns the result
+// and the copy.
 int repairBytes(const Bytes& bytes, Mp4File* copy = nullptr) {
-    char path[] = "/tmp/repair-test-XXXXXX";
-    const int fd = mkstemp(path);
+    char inPath[] = "/tmp/repair-in-XXXXXX";
+    char outPath[] = "/tmp/repair-out-XXXXXX";
+    const int in = mkstemp(inPath);
+    const int out = mkstemp(outPath);
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(in, bytes.data(), bytes.size()));
     std::string message;
-    const int result = repairRecording(bytes.data(), bytes.size(), fd, &message);
+    const int result = repairRecording(in, bytes.size(), out, &message);
     EXPECT_FALSE(message.empty());
-    close(fd);
+    close(in);
+    close(out);
     if (copy != nullptr && result == 0)
-        *copy = Mp4File::read(path);
-    unlink(path);
+        *copy = Mp4File::read(outPath);
+    unlink(inPath);
+    unlink(outPath);
     return result;
 }
 

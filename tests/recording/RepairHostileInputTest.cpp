@@ -1,0 +1,536 @@
+// Recording repair on hostile input, through the exported function and the tavo_repair tool
+// run as a child process: counts and sizes the file cannot back, inputs and outputs that are
+// not regular files, a recording that shrinks while it is read, memory on crafted inputs that
+// claim far more than they hold, and the tool's handling of OUT (never truncated, followed or
+// removed unless it made it).
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "CraftedRecording.h"
+#include "TavoRecordingRepair.h"
+#include "TestRoot.h"
+
+namespace {
+
+using Sample = CraftedRecording::Sample;
+
+// Two tracks with a few seconds of plausible samples: 25 pictures (the first of each second
+// a key frame) and 23 audio frames a second, one chunk per track and second.
+CraftedRecording plausibleRecording(int seconds, uint64_t pictureSize = 1500,
+                                    uint64_t frameSize = 200) {
+    CraftedRecording recording;
+    recording.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC});
+    for (int second = 0; second < seconds; ++second) {
+        std::vector<Sample> pictures, frames;
+        for (int n = 0; n < 25; ++n)
+            pictures.push_back(
+                {pictureSize + static_cast<uint64_t>(n), n == 0, n == 24 ? 0u : 900u});
+        for (int n = 0; n < 23; ++n)
+            frames.push_back({frameSize, true, n == 22 ? 0u : 960u});
+        recording.chunk(0, REPAIR_TRACK_AVC, second * 22500ull, pictures);
+        recording.chunk(1, REPAIR_TRACK_AAC, second * 22500ull, frames);
+    }
+    return recording;
+}
+
+// The shape that made the repair use thirty times its input: after one key frame, audio
+// chunks of one-byte samples that never advance in time, each costing three bytes of file.
+CraftedRecording tinySamplesRecording(size_t targetSize) {
+    CraftedRecording recording;
+    recording.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC});
+    recording.chunk(0, REPAIR_TRACK_AVC, 0, {{40, true, 0}});
+    const std::vector<Sample> frames(4096, Sample{1, true, 0});
+    while (recording.size() < targetSize)
+        recording.chunk(1, REPAIR_TRACK_AAC, 0, frames);
+    return recording;
+}
+
+int repairFds(int in, int out, std::string* message) {
+    char text[256] = "";
+    const int result = tavo_repair_recording(in, out, text, sizeof(text));
+    *message = text;
+    return result;
+}
+
+// Repairs the file at `in` into a new file at `out` with the library.
+int repairPaths(const std::string& in, const std::string& out, std::string* message) {
+    const int inFd = open(in.c_str(), O_RDONLY | O_CLOEXEC);
+    const int outFd = open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int result = repairFds(inFd, outFd, message);
+    close(inFd);
+    close(outFd);
+    return result;
+}
+
+// One run of the tool as a child process.
+struct ToolRun {
+    int status = -1;  // exit status; -1 when it did not exit
+    int signal = 0;   // the signal that ended it
+    std::string out, err;
+    long maxRssKb = 0;
+};
+
+class ToolRunner {
+public:
+    explicit ToolRunner(const std::string& directory) : mDirectory(directory) {}
+
+    // Under AddressSanitizer, freed blocks stay resident in its quarantine; measuring peak
+    // memory, the tool runs with a small one so that the figure is the repair's own.
+    void measureMemory() { mMeasuresMemory = true; }
+
+    // Starts the tool with `arguments` under `mask`; wait() collects it.
+    pid_t start(const std::vector<std::string>& arguments, mode_t mask = 022) {
+        std::vector<std::string> command;
+        std::istringstream words(TAVO_REPAIR_TOOL);  // the tool, behind an emulator if any
+        for (std::string word; words >> word;)
+            command.push_back(word);
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        const std::string outPath = outputPath("out"), errPath = outputPath("err");
+        const pid_t child = fork();
+        if (child == 0) {
+            umask(mask);
+            if (mMeasuresMemory) {
+                const char* options = getenv("ASAN_OPTIONS");
+                setenv("ASAN_OPTIONS",
+                       (std::string(options != nullptr ? options : "") + ":quarantine_size_mb=1")
+                           .c_str(),
+                       1);
+            }
+            const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
+                _exit(126);
+            std::vector<char*> argv;
+            for (std::string& word : command)
+                argv.push_back(&word[0]);
+            argv.push_back(nullptr);
+            execvp(argv[0], argv.data());
+            _exit(127);
+        }
+        return child;
+    }
+
+    ToolRun wait(pid_t child) {
+        ToolRun run;
+        int status = 0;
+        struct rusage usage = {};
+        if (wait4(child, &status, 0, &usage) != child)
+            return run;
+        run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        run.maxRssKb = usage.ru_maxrss;
+        run.out = readTextFile(outputPath("out"));
+        run.err = readTextFile(outputPath("err"));
+        return run;
+    }
+
+    ToolRun run(const std::vector<std::string>& arguments, mode_t mask = 022) {
+        return wait(start(arguments, mask));
+    }
+
+private:
+    // The tool's captured streams live beside the test directory, not in it, so that they
+    // never show up in its listing.
+    std::string outputPath(const std::string& stream) const { return mDirectory + "." + stream; }
+
+    std::string mDirectory;
+    bool mMeasuresMemory = false;
+};
+
+// The names in a directory; false when it cannot be read. readdir64: directory offsets
+// need not fit 32 bits.
+bool readDirectory(const std::string& path, std::set<std::string>* names) {
+    DIR* directory = opendir(path.c_str());
+    if (directory == nullptr)
+        return false;
+    errno = 0;
+    while (const dirent64* entry = readdir64(directory)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            names->insert(name);
+    }
+    const bool complete = errno == 0;
+    closedir(directory);
+    return complete;
+}
+
+std::set<std::string> listDirectory(const std::string& path) {
+    std::set<std::string> names;
+    EXPECT_TRUE(readDirectory(path, &names)) << path << ": " << strerror(errno);
+    return names;
+}
+
+// Waits (up to a generous bound) until process `pid` has the file at `path` open.
+void waitUntilOpen(pid_t pid, const std::string& path) {
+    char* real = realpath(path.c_str(), nullptr);
+    const std::string target = real != nullptr ? real : path;
+    free(real);
+    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+    for (int wait = 0; wait < 50000; ++wait) {
+        std::set<std::string> names;
+        readDirectory(fds, &names);
+        for (const std::string& name : names) {
+            char link[4096];
+            const ssize_t size = readlink((fds + "/" + name).c_str(), link, sizeof(link));
+            if (size > 0 && std::string(link, static_cast<size_t>(size)) == target)
+                return;
+        }
+        usleep(200);
+    }
+}
+
+bool exists(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+class RepairHostileInput : public ::testing::Test {
+protected:
+    std::string path(const std::string& name) const { return mRoot.path() + "/work/" + name; }
+    void SetUp() override { ASSERT_EQ(0, mkdir((mRoot.path() + "/work").c_str(), 0755)); }
+
+    TestRoot mRoot;
+    ToolRunner mTool{mRoot.path() + "/work"};
+};
+
+TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAreRefused) {
+    const std::vector<uint8_t> both = {REPAIR_TRACK_AVC, REPAIR_TRACK_AAC};
+    const std::vector<Sample> three(3, Sample{20, true, 960});
+    struct Case {
+        const char* name;
+        CraftedRecording recording;
+        int expected;
+    } cases[] = {
+        {"a count far beyond the record's fields",
+         CraftedRecording().config(both).chunk(1, REPAIR_TRACK_AAC, 0, three, 1000000),
+         TAVO_REPAIR_NOTHING_RECOVERABLE},
+        {"a count of 2^63",
+         CraftedRecording().config(both).chunk(1, REPAIR_TRACK_AAC, 0, three, INT64_MAX),
+         TAVO_REPAIR_NOTHING_RECOVERABLE},
+        {"samples whose bytes are not in the file",
+         CraftedRecording().config(both).chunk(
+             1, REPAIR_TRACK_AAC, 0, std::vector<Sample>(5000, Sample{60000, true, 1}), -1, false),
+         TAVO_REPAIR_NOTHING_RECOVERABLE},
+        {"samples of size 0",
+         CraftedRecording().config(both).chunk(1, REPAIR_TRACK_AAC, 0,
+                                               std::vector<Sample>(50000, Sample{0, true, 0})),
+         TAVO_REPAIR_NOTHING_RECOVERABLE},
+        {"a record body longer than the file",
+         CraftedRecording().record(REPAIR_RECORD_CONFIG, std::vector<uint8_t>(64, 0)),
+         TAVO_REPAIR_NO_RECORDS},
+    };
+    for (Case& test : cases) {
+        // The last case's record claims a body of 65,600 bytes.
+        std::vector<uint8_t> bytes = test.recording.bytes();
+        if (test.expected == TAVO_REPAIR_NO_RECORDS)
+            bytes[32 + 5] = 1;
+        const std::string in = path("case.3gp");
+        writeTextFile(in, std::string(bytes.begin(), bytes.end()));
+        std::string message;
+        EXPECT_EQ(test.expected, repairPaths(in, path("case.out"), &message)) << test.name;
+        EXPECT_FALSE(message.empty()) << test.name;
+        EXPECT_EQ(std::string(bytes.begin(), bytes.end()), readTextFile(in)) << test.name;
+    }
+
+    // A later configuration with more tracks than the first ends the walk: the chunks
+    // before it are repaired, and the chunk of the third track is never looked up.
+    CraftedRecording grown = plausibleRecording(3);
+    grown.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC, REPAIR_TRACK_AAC})
+        .chunk(2, REPAIR_TRACK_AAC, 70000, three);
+    ASSERT_TRUE(grown.writeTo(path("grown.3gp")));
+    std::string message;
+    EXPECT_EQ(TAVO_REPAIR_OK, repairPaths(path("grown.3gp"), path("grown.out"), &message))
+        << message;
+    EXPECT_NE(std::string::npos, message.find("144 samples")) << message;
+}
+
+TEST_F(RepairHostileInput, InputsAndOutputsThatAreNotRegularFilesAreRefused) {
+    ASSERT_TRUE(plausibleRecording(2).writeTo(path("good.3gp")));
+    const int good = open(path("good.3gp").c_str(), O_RDONLY);
+    const int empty = open(path("empty.out").c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
+    // A FIFO without a writer: a blocking read would wait for ever.
+    const int fifo = open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    const int zero = open("/dev/zero", O_RDONLY);
+    const int directory = open(path("").c_str(), O_RDONLY | O_DIRECTORY);
+    int sockets[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sockets));
+    // Over the limit: a sparse file one byte larger than the largest recording.
+    const int huge = open(path("huge.3gp").c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_EQ(0, ftruncate64(huge, static_cast<off64_t>(TAVO_REPAIR_MAX_INPUT_SIZE + 1)));
+    std::string message;
+    for (int in : {fifo, zero, directory, sockets[0], huge, -1}) {
+        EXPECT_EQ(TAVO_REPAIR_INPUT_FAILED, repairFds(in, empty, &message)) << in;
+        EXPECT_FALSE(message.empty());
+    }
+    EXPECT_NE(std::string::npos, message.find("cannot read")) << message;
+
+    const int null = open("/dev/null", O_RDWR);
+    const int full = open(path("full.out").c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_EQ(1, write(full, "x", 1));
+    for (int out : {null, full, sockets[1], -1}) {
+        EXPECT_EQ(TAVO_REPAIR_OUTPUT_FAILED, repairFds(good, out, &message)) << out;
+        EXPECT_NE(std::string::npos, message.find("not an empty regular file")) << message;
+    }
+    EXPECT_EQ(TAVO_REPAIR_OK, repairFds(good, empty, &message)) << message;
+    for (int fd : {good, empty, fifo, zero, directory, sockets[0], sockets[1], huge, null, full})
+        close(fd);
+}
+
+// Virtual memory of this process in bytes, from /proc/self/status.
+uint64_t virtualMemorySize() {
+    std::istringstream status(readTextFile("/proc/self/status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 7, "VmSize:") == 0)
+            return std::stoull(line.substr(7)) * 1024;
+    }
+    return 0;
+}
+
+TEST_F(RepairHostileInput, RunningOutOfMemoryIsAResultNotAnException) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers reserve more address space than the limit below allows";
+#endif
+    if (TAVO_EMULATED)
+        GTEST_SKIP() << "an emulator maps the program's memory itself, within its own limits";
+    // A record with a 16 MiB body, which the repair reads whole, in a process that cannot
+    // map that much more.
+    std::vector<uint8_t> body(REPAIR_RECORD_MAX_BODY, 0);
+    ASSERT_TRUE(CraftedRecording().record(REPAIR_RECORD_CONFIG, body).writeTo(path("big.3gp")));
+    body = std::vector<uint8_t>();
+    EXPECT_IN_CHILD({
+        const int in = open(path("big.3gp").c_str(), O_RDONLY);
+        const int out = open(path("big.out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        const rlim_t limit = static_cast<rlim_t>(virtualMemorySize() + (8 << 20));
+        const struct rlimit addressSpace = {limit, limit};
+        ASSERT_EQ(0, setrlimit(RLIMIT_AS, &addressSpace));
+        std::string message;
+        EXPECT_EQ(TAVO_REPAIR_INTERNAL_ERROR, repairFds(in, out, &message));
+        EXPECT_NE(std::string::npos, message.find("out of memory")) << message;
+    });
+}
+
+TEST_F(RepairHostileInput, ARecordingThatShrinksWhileItIsReadFailsCleanly) {
+    // In a child: a fault on a vanished page would end it, and show here as a failure.
+    EXPECT_IN_CHILD({
+        const CraftedRecording recording = plausibleRecording(600);  // about 24 MB
+        const std::string in = path("shrinking.3gp");
+        int shrank = 0;
+        for (int attempt = 0; attempt < 12; ++attempt) {
+            ASSERT_TRUE(recording.writeTo(in));
+            const int inFd = open(in.c_str(), O_RDONLY);
+            const int outFd = open(path("shrinking.out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+            std::atomic<bool> started{false};
+            std::thread shrinker([&] {
+                while (!started)
+                    std::this_thread::yield();
+                usleep(static_cast<useconds_t>(attempt * 2000));
+                EXPECT_EQ(0, truncate(in.c_str(),
+                                      static_cast<off_t>(recording.size() / (2 + attempt % 3))));
+            });
+            started = true;
+            std::string message;
+            const int result = repairFds(inFd, outFd, &message);
+            shrinker.join();
+            close(inFd);
+            close(outFd);
+            // Finished before the cut, cut before the first record was read, or refused.
+            EXPECT_TRUE(result == TAVO_REPAIR_OK || result == TAVO_REPAIR_INPUT_FAILED) << message;
+            if (result == TAVO_REPAIR_INPUT_FAILED) {
+                EXPECT_NE(std::string::npos, message.find("shrank")) << message;
+                ++shrank;
+            }
+        }
+        EXPECT_GT(shrank, 0) << "no attempt cut the file while it was read";
+    });
+}
+
+TEST_F(RepairHostileInput, TheToolFailsCleanlyWhenAnotherProcessShrinksItsInput) {
+    const CraftedRecording recording = plausibleRecording(600);
+    const std::string in = path("shrinking.3gp");
+    int shrank = 0;
+    for (int attempt = 0; attempt < 10 && shrank < 2; ++attempt) {
+        ASSERT_TRUE(recording.writeTo(in));
+        const pid_t tool = mTool.start({in, path("copy.3gp")});
+        waitUntilOpen(tool, in);
+        usleep(static_cast<useconds_t>(attempt * 1000));
+        ASSERT_EQ(0, truncate(in.c_str(), 100000));
+        const ToolRun run = mTool.wait(tool);
+        EXPECT_EQ(0, run.signal) << run.err;
+        if (run.status == 0) {  // read before the cut, or only after it
+            ASSERT_EQ(0, unlink(path("copy.3gp").c_str()));
+            continue;
+        }
+        EXPECT_EQ(1, run.status) << run.err;
+        // Neither the copy nor its temporary file.
+        EXPECT_EQ(std::set<std::string>{"shrinking.3gp"}, listDirectory(path("")));
+        if (run.err.find("shrank") != std::string::npos)
+            ++shrank;
+    }
+    EXPECT_GT(shrank, 0) << "no attempt cut the file while the tool read it";
+}
+
+// Writes the recording that `make` builds to `path` in a child process, so that the test
+// process stays small: a child forked from it starts with its resident memory, and the
+// tool's peak measured below would include that.
+template <typename Make>
+void writeInChild(const std::string& path, Make make) {
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(make().writeTo(path) ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << path;
+}
+
+off_t fileSize(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
+}
+
+// Peak resident memory of the tool on crafted inputs, against the same on a small file.
+TEST_F(RepairHostileInput, MemoryStaysWithinASmallMultipleOfTheInput) {
+    mTool.measureMemory();
+    writeInChild(path("small.3gp"), [] { return plausibleRecording(2); });
+    const ToolRun baseline = mTool.run({path("small.3gp"), path("small.out")});
+    ASSERT_EQ(0, baseline.status) << baseline.err;
+
+    const size_t inputSize = 8 << 20;
+    writeInChild(path("tiny.3gp"), [&] { return tinySamplesRecording(inputSize); });
+    const ToolRun run = mTool.run({path("tiny.3gp"), path("tiny.out")});
+    EXPECT_EQ(0, run.status) << run.err;
+    const double growth = static_cast<double>(run.maxRssKb - baseline.maxRssKb) * 1024.0 /
+                          static_cast<double>(fileSize(path("tiny.3gp")));
+    std::cout << fileSize(path("tiny.3gp")) << " bytes, peak RSS " << run.maxRssKb
+              << " KiB (baseline " << baseline.maxRssKb << " KiB): " << growth
+              << " times the input\n";
+    EXPECT_LT(growth, 6.0);
+}
+
+TEST_F(RepairHostileInput, AnExistingOutputIsKeptUnlessReplacingIsForced) {
+    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
+    writeTextFile(path("out.3gp"), "keep me\n");
+    ToolRun run = mTool.run({path("in.3gp"), path("out.3gp")});
+    EXPECT_EQ(1, run.status);
+    EXPECT_NE(std::string::npos, run.err.find("use --force")) << run.err;
+    EXPECT_EQ("keep me\n", readTextFile(path("out.3gp")));
+
+    run = mTool.run({"--force", path("in.3gp"), path("out.3gp")}, 027);
+    EXPECT_EQ(0, run.status) << run.err;
+    EXPECT_NE(std::string::npos, run.out.find("repaired: 96 samples")) << run.out;
+    struct stat status;
+    ASSERT_EQ(0, stat(path("out.3gp").c_str(), &status));
+    EXPECT_EQ(0640u, status.st_mode & 0777) << "the umask decides the mode";
+
+    // Never the input itself, not even forced.
+    const std::string input = readTextFile(path("in.3gp"));
+    run = mTool.run({"-f", path("in.3gp"), path("in.3gp")});
+    EXPECT_EQ(1, run.status);
+    EXPECT_EQ(input, readTextFile(path("in.3gp")));
+    EXPECT_EQ((std::set<std::string>{"in.3gp", "out.3gp"}), listDirectory(path("")));
+}
+
+TEST_F(RepairHostileInput, OutputsThatAreNotRegularFilesAreNeverTouched) {
+    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
+    writeTextFile(path("victim"), "precious\n");
+    ASSERT_EQ(0, symlink(path("victim").c_str(), path("link").c_str()));
+    ASSERT_EQ(0, symlink(path("nowhere").c_str(), path("dangling").c_str()));
+    ASSERT_EQ(0, mknod(path("null").c_str(), S_IFCHR | 0666, makedev(1, 3)));
+    ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
+    ASSERT_EQ(0, mkdir(path("directory").c_str(), 0755));
+    const std::set<std::string> before = listDirectory(path(""));
+    struct Target {
+        const char* name;
+        mode_t type;
+    } targets[] = {{"link", S_IFLNK},
+                   {"dangling", S_IFLNK},
+                   {"null", S_IFCHR},
+                   {"fifo", S_IFIFO},
+                   {"directory", S_IFDIR}};
+    for (const Target& target : targets) {
+        for (bool force : {false, true}) {
+            std::vector<std::string> arguments = {path("in.3gp"), path(target.name)};
+            if (force)
+                arguments.insert(arguments.begin(), "--force");
+            const ToolRun run = mTool.run(arguments);
+            EXPECT_EQ(1, run.status) << target.name << " " << force;
+            EXPECT_NE(std::string::npos, run.err.find("not a regular file")) << run.err;
+            struct stat status;
+            ASSERT_EQ(0, lstat(path(target.name).c_str(), &status)) << target.name;
+            EXPECT_EQ(target.type, status.st_mode & S_IFMT) << target.name;
+        }
+    }
+    EXPECT_EQ("precious\n", readTextFile(path("victim")));
+    EXPECT_FALSE(exists(path("nowhere")));
+    EXPECT_EQ(before, listDirectory(path("")));
+}
+
+TEST_F(RepairHostileInput, AFailedRepairLeavesNoOutputAndNoTemporaryFile) {
+    writeTextFile(path("notes.txt"), "not a recording\n");
+    CraftedRecording unrepairable;
+    unrepairable.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC});
+    ASSERT_TRUE(unrepairable.writeTo(path("header-only.3gp")));
+    ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
+    const std::set<std::string> before = listDirectory(path(""));
+    struct Case {
+        const char* input;
+        const char* said;
+    } cases[] = {{"notes.txt", "not a recording"},
+                 {"header-only.3gp", "no complete chunk"},
+                 {"fifo", "not a regular file"},  // refused at once, without waiting
+                 {"missing.3gp", "No such file"}};
+    for (const Case& test : cases) {
+        const ToolRun run = mTool.run({path(test.input), path("out.3gp")});
+        EXPECT_EQ(1, run.status) << test.input;
+        EXPECT_NE(std::string::npos, run.err.find(test.said)) << run.err;
+        EXPECT_EQ(before, listDirectory(path(""))) << test.input;
+    }
+    // Into a directory that cannot be written: the temporary file cannot be made.
+    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
+    const ToolRun run = mTool.run({path("in.3gp"), "/proc/out.3gp"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_FALSE(run.err.empty());
+}
+
+TEST_F(RepairHostileInput, TheToolAnswersHelpVersionAndBadUsage) {
+    ToolRun run = mTool.run({"--help"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ(0u, run.out.find("usage: tavo_repair [--force] IN OUT\n")) << run.out;
+    EXPECT_EQ("", run.err);
+    run = mTool.run({"--version"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ(std::string("tavo_repair ") + TAVO_PACKAGE_VERSION + "\n", run.out);
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {}, {"one"}, {"a", "b", "c"}, {"--bogus", "a", "b"}}) {
+        run = mTool.run(arguments);
+        EXPECT_EQ(2, run.status) << arguments.size();
+        EXPECT_NE(std::string::npos, run.err.find("usage:")) << run.err;
+        EXPECT_EQ("", run.out);
+    }
+    // "--" ends the options: a file named like one can be repaired.
+    ASSERT_TRUE(plausibleRecording(2).writeTo(path("-f")));
+    run = mTool.run({"--", path("-f"), path("copy.3gp")});
+    EXPECT_EQ(0, run.status) << run.err;
+}
+
+}  // namespace
