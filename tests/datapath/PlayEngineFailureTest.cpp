@@ -141,10 +141,11 @@ bool markIntact(const CmmbSharedBuffer* b) {
 enum class Step { NONE, AFTER_AVAILABLE, HOLDING_LOCK, MID_READ, COUNTS_CLEARED };
 
 // How a reader reads: where it stops for good, and how long it keeps the lock of its
-// `holdFrame`th frame (counted from 1), reporting kHolding and then kReleased.
+// `holdFrom`th frame (counted from 1) and every later one, reporting kHolding and then
+// kReleased.
 struct ReaderPlan {
     Step stopAt = Step::NONE;
-    int holdFrame = 0;
+    int holdFrom = 0;
     int holdMs = 0;
     int frames = -1;  // frames to read before reporting kDone and exiting; -1: no end
 };
@@ -170,7 +171,8 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
             _exit(5);
         markBuffer(b);
         stopAt(Step::MID_READ);
-        if (frame == plan.holdFrame) {
+        const bool hold = plan.holdFrom > 0 && frame >= plan.holdFrom;
+        if (hold) {
             sendReport(fd, kHolding);
             usleep(plan.holdMs * 1000);
         }
@@ -182,7 +184,7 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
         cmmb_sem_post(&b->mutexDataAccessable);
         if (valueOf(&b->mutexDataAccessable) > 1)
             reportAndWait(fd, kLockAboveOne);
-        if (frame == plan.holdFrame)
+        if (hold)
             sendReport(fd, kReleased);
         sendReport(fd, frameReport(nals));
     }
@@ -301,7 +303,7 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             if (child == 0) {
                 engineSide.hangUp();  // the child's copy of the connection
                 ReaderPlan plan;
-                plan.holdFrame = 3;
+                plan.holdFrom = 3;
                 plan.holdMs = 1000;
                 plan.frames = 3;
                 readFrames(engineSide.buffer(0), fd, plan);
@@ -331,8 +333,10 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     });
 }
 
-// A play engine whose main thread ends while its reader thread holds the lock is still
-// connected: its buffer stays, the engine waits for the lock, and the reader thread reads on.
+// A play engine whose main thread has ended while its reader thread reads on is still
+// connected: the engine waits for the thread's lock and the buffer stays. When a new play
+// engine pushes it out while the thread holds the lock, the newcomer gets a fresh buffer and
+// nothing is written into the thread's.
 TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
@@ -349,9 +353,9 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
             pthread_t reader;
             auto run = [](void*) -> void* {
                 ReaderPlan plan;
-                plan.holdFrame = 1;
-                plan.holdMs = 300;
-                plan.frames = 3;
+                plan.holdFrom = 1;
+                plan.holdMs = 500;
+                plan.frames = 2;
                 readFrames(shared, reportFd, plan);
                 return nullptr;
             };
@@ -364,21 +368,23 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
 
         bench.playFrame(kChannel, 3, 2);
         ASSERT_EQ(kHolding, threads.readReport());
-        // Waits for the reader thread's lock; must end once the thread gives it back.
-        EXPECT_TRUE(endsWithin(milliseconds(5000), [&] { bench.playFrame(kChannel, 4, 2); }));
+        // Waits for the reader thread's lock, and ends once the thread gives it back.
+        AsyncCall second([&] { bench.playFrame(kChannel, 4, 2); });
         EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
         EXPECT_EQ(frameReport(3), threads.readReport());
-        EXPECT_EQ(frameReport(4), threads.readReport());
-        bench.playFrame(kChannel, 2, 2);
-        EXPECT_EQ(frameReport(2), threads.readReport());
-        EXPECT_EQ(kDone, threads.readReport());
+        ASSERT_TRUE(second.endsWithin(milliseconds(5000)));
         EXPECT_EQ(0, bench.root.countLog(kReplaced));
-        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
 
+        ASSERT_EQ(kHolding, threads.readReport());
         ReportingProcess next;
         ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
         ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
         EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
+        EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
+        EXPECT_EQ(frameReport(4), threads.readReport());
+        EXPECT_EQ(kDone, threads.readReport());
+        EXPECT_EQ(1, bench.root.countLog(kReplacedSession0));
+        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
     });
 }
 
