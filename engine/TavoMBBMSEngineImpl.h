@@ -119,6 +119,9 @@ public:
     // buffers as handed to a live client (command thread, before "sharebuffer"). False when
     // the client must not receive them.
     static bool prepareBuffersForClient();
+    // Run at process exit (registered by the first startCommandThread): stops a command
+    // thread that deinit has not stopped, before the objects it uses are destroyed.
+    static void stopCommandThreadAtExit();
 
     static int sendCmd(const char* cmd, int fd, int session);
     static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);

@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -45,8 +46,9 @@ const char kSocketPath[] = "/data/app/cmmb.socket";
 const int kPollTimeoutMs = 1000;
 const int kListenBacklog = 1;
 // After an accept that failed for want of resources (EMFILE, ENFILE, ENOBUFS, ENOMEM), the
-// waiting connection is still reported; the thread pauses this long instead of spinning.
-const std::chrono::milliseconds kAcceptBackOff(100);
+// waiting connection is still reported, and a failed poll would fail again: the thread
+// pauses this long instead of spinning.
+const std::chrono::milliseconds kFailureBackOff(100);
 
 // Poll set of the server: entry 0 is the listening socket, entry 1 the client or -1.
 class ServerPollSet {
@@ -135,6 +137,10 @@ void closePassedDescriptors(msghdr& message) {
     }
 }
 
+void stopCommandThreadOnExit() {
+    TavoMBBMSEngineImpl::stopCommandThreadAtExit();
+}
+
 bool acceptFailedForResources(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -143,6 +149,10 @@ bool acceptFailedForResources(int error) {
 
 int TavoMBBMSEngineImpl::startCommandThread() {
     TLOG(ENGINE, "%s()", "startCommandThread");
+    // Registered after the process-wide objects the thread uses were made, so it runs
+    // before they are destroyed.
+    static const bool exitHookRegistered = std::atexit(stopCommandThreadOnExit) == 0;
+    (void)exitHookRegistered;
     mIsStarted.store(true);
     if (Env::current()->startThread(&mThreadCommand, runCommandThread, nullptr) != 0) {
         TLOG(ERROR, "Can't create thread for runCommandThread");
@@ -177,6 +187,27 @@ int TavoMBBMSEngineImpl::stopCommandThread() {
     mPlayEngineLink.closeListening();  // the thread has stopped using it
     TLOG(CMD_PATH, "Wait mThreadCommand exit...Done");
     return 0;
+}
+
+void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine == nullptr)
+        return;
+    // When init or deinit runs on another thread, it owns the command thread.
+    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
+    if (!lock.owns_lock() || !engine->mCommandThreadRunning)
+        return;
+    mIsStarted.store(false);
+    mPlayEngineLink.shutdownListening();
+    // The thread closes the listening socket as its last step but one. The wait is bounded:
+    // a thread held up by the exiting thread itself (a frame it has open) is left to the
+    // exit rather than waited for.
+    for (int i = 0; i < 1000 && mPlayEngineLink.listening(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (mPlayEngineLink.listening())
+        return;
+    pthread_join(engine->mThreadCommand, nullptr);
+    engine->mCommandThreadRunning = false;
 }
 
 int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
@@ -259,10 +290,14 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
         if (!mIsStarted.load())
             break;
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0) {
+            // Interrupted, or short of memory for a moment: no events to look at.
+            if (errno != EINTR)
+                std::this_thread::sleep_for(kFailureBackOff);
             continue;
+        }
         const short listeningEvents = pollSet.listeningEvents();
-        if (ready < 0 || (listeningEvents & (POLLERR | POLLNVAL))) {
+        if (listeningEvents & (POLLERR | POLLNVAL)) {
             TLOG(ERROR, "error on listening socket");
             break;
         }
@@ -281,7 +316,7 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
                     break;
                 }
                 if (acceptFailedForResources(error))
-                    std::this_thread::sleep_for(kAcceptBackOff);
+                    std::this_thread::sleep_for(kFailureBackOff);
                 continue;
             }
             // Credentials first: a client that may not connect is closed before it can push

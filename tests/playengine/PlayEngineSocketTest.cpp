@@ -526,38 +526,49 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
     });
 }
 
-// A process that exits without deinit, with a play engine connected, exits cleanly.
+// A process that exits without deinit, with a play engine connected and sending
+// indications as fast as it can, exits cleanly and at once. Several rounds, since a command
+// thread left running would race the process's exit.
 TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        const std::string serverPath = root.resolve("/data/app/cmmb.socket");
-        const std::string ownPath = root.path() + "/player.sock";
-        pid_t application = fork();
-        if (application == 0) {
-            RecordingCallback callback;
-            TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
-            if (engine->init(&callback, nullptr) != 0)
-                _exit(2);
-            Client player(ownPath);
-            if (!player.connectTo(serverPath) || player.receive().bytes != 96)
-                _exit(3);
-            exit(0);
+        setenv("TAVO_LOGMASK", "all", 1);
+        for (int round = 0; round < 10; ++round) {
+            SCOPED_TRACE("round " + std::to_string(round));
+            TestRoot root;
+            const std::string serverPath = root.resolve("/data/app/cmmb.socket");
+            const std::string ownPath = root.path() + "/player.sock";
+            pid_t application = fork();
+            if (application == 0) {
+                RecordingCallback callback;
+                TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+                if (engine->init(&callback, nullptr) != 0)
+                    _exit(2);
+                static Client player(ownPath);  // used by the flooding thread until the end
+                if (!player.connectTo(serverPath) || player.receive().bytes != 96)
+                    _exit(3);
+                std::thread([] {
+                    while (player.sendIndication("2")) {
+                    }
+                }).detach();
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                exit(0);
+            }
+            ASSERT_GT(application, 0);
+            int status = -1;
+            pid_t ended = 0;
+            for (int i = 0; i < 500 && ended == 0; ++i) {  // 5 s, a hang detector
+                ended = waitpid(application, &status, WNOHANG);
+                if (ended == 0)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            if (ended == 0) {
+                kill(application, SIGKILL);
+                waitpid(application, &status, 0);
+                FAIL() << "the process did not exit";
+            }
+            ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+            EXPECT_EQ(0, WEXITSTATUS(status));
         }
-        ASSERT_GT(application, 0);
-        int status = -1;
-        pid_t ended = 0;
-        for (int i = 0; i < 500 && ended == 0; ++i) {  // 5 s, a hang detector
-            ended = waitpid(application, &status, WNOHANG);
-            if (ended == 0)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        if (ended == 0) {
-            kill(application, SIGKILL);
-            waitpid(application, &status, 0);
-            FAIL() << "the process did not exit";
-        }
-        ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-        EXPECT_EQ(0, WEXITSTATUS(status));
     });
 }
 
