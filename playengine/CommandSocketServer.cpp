@@ -195,7 +195,8 @@ void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
         return;
     // When init or deinit runs on another thread, it owns the command thread.
     std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
-    if (!lock.owns_lock() || !engine->mCommandThreadRunning)
+    if (!lock.owns_lock() || !engine->mCommandThreadRunning ||
+        pthread_equal(pthread_self(), engine->mThreadCommand))
         return;
     mIsStarted.store(false);
     mPlayEngineLink.shutdownListening();
