@@ -41,7 +41,8 @@ void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
         return;
     }
     TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)--", session);
-    // The region is read only now: it cannot be replaced while this thread holds its lock.
+    // The current region is looked up only now: it cannot be replaced while this thread
+    // holds its lock.
     CmmbSharedBuffer* buffer = mSharedBuffers.buffer(session);
     if (buffer->nalCount != 0 || buffer->aacCount != 0) {
         TLOG(DATA_MFS, "One MFS frame is reset(nalCount=%d, aacCount=%d)",
