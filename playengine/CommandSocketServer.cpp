@@ -193,7 +193,11 @@ void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
     TavoMBBMSEngineImpl* engine = mInstance.load();
     if (engine == nullptr)
         return;
-    // When init or deinit runs on another thread, it owns the command thread.
+    // A child forked from the engine's process has no command thread, but shares the
+    // listening socket: it must leave the socket alone. When init or deinit runs on another
+    // thread, it owns the command thread.
+    if (!mPlayEngineLink.listeningSetUpHere())
+        return;
     std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
     if (!lock.owns_lock() || !engine->mCommandThreadRunning ||
         pthread_equal(pthread_self(), engine->mThreadCommand))
@@ -298,7 +302,9 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
             continue;
         }
         const short listeningEvents = pollSet.listeningEvents();
-        if (listeningEvents & (POLLERR | POLLNVAL)) {
+        // POLLHUP: shut down (by another process sharing it, since the run flag is still
+        // set); accept would fail at once, for ever.
+        if (listeningEvents & (POLLERR | POLLHUP | POLLNVAL)) {
             TLOG(ERROR, "error on listening socket");
             break;
         }

@@ -1,12 +1,19 @@
 #include "PlayEngineLink.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <utility>
 
 void PlayEngineLink::setListening(UniqueFd socket) {
     std::lock_guard<std::mutex> guard(mLock);
     mSocket = std::move(socket);
+    mListeningOwner = getpid();
+}
+
+bool PlayEngineLink::listeningSetUpHere() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mSocket.valid() && mListeningOwner == getpid();
 }
 
 int PlayEngineLink::shutdownListening() {

@@ -29,6 +29,10 @@ public:
 
     // The listening socket, owned from here on (command thread).
     void setListening(UniqueFd socket);
+    // True when the listening socket was set up by this process. A child forked from the
+    // engine's process shares the socket itself: a shutdown there would end the engine's
+    // server.
+    bool listeningSetUpHere() const;
     // Shuts the listening socket down to wake a poll on it. 1 when there is none, else the
     // result of shutdown().
     int shutdownListening();
@@ -58,6 +62,7 @@ public:
 private:
     mutable std::mutex mLock;
     UniqueFd mSocket;              // listening socket; guarded by mLock
+    pid_t mListeningOwner = 0;     // process that set mSocket up; guarded by mLock
     UniqueFd mFdCommand;           // connected play engine; guarded by mLock
     CaptureSet mCapturesOwed = 0;  // snapshots the connected client owes; guarded by mLock
 };

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -362,7 +363,10 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
             if (pthread_create(&reader, nullptr, run, nullptr) != 0)
                 _exit(3);
             sendReport(fd, kConnected);
-            pthread_exit(nullptr);
+            // Ends the main thread alone, without unwinding: the objects of the engine's
+            // process that this fork copied are not to be destroyed here.
+            syscall(SYS_exit, 0);
+            _exit(8);
         }));
         ASSERT_EQ(kConnected, threads.readReport());
 

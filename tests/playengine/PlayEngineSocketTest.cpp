@@ -472,25 +472,33 @@ void countAcceptFailures(void*, int, const char*, const char* message) {
 }  // namespace
 
 // The command thread is named, and ends (without spinning) when its listening socket stops
-// being one; deinit then returns at once.
-TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesInvalid) {
+// being one or is shut down by someone else; deinit then returns at once.
+TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
 #if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "replaces a descriptor another thread uses, which ThreadSanitizer reports";
+    GTEST_SKIP() << "changes a descriptor another thread uses, which ThreadSanitizer reports";
 #endif
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-        EXPECT_TRUE(threadNamed("tavo-command"));
-        const int listening = listeningSocketOf(bench.serverPath());
-        ASSERT_GE(listening, 0);
-        // The descriptor number now holds something that is not a socket.
-        UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        ASSERT_EQ(listening, dup2(nothing.get(), listening));
-        ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
-        EXPECT_TRUE(bench.root.logContains("error on listening socket"));
-        EXPECT_FALSE(threadNamed("tavo-command"));
-        EXPECT_TRUE(bench.player.waitForClose());
-    });
+    for (bool replaced : {true, false}) {
+        SCOPED_TRACE(replaced ? "descriptor replaced" : "socket shut down");
+        EXPECT_IN_CHILD({
+            Bench bench;
+            ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
+            EXPECT_TRUE(threadNamed("tavo-command"));
+            const int listening = listeningSocketOf(bench.serverPath());
+            ASSERT_GE(listening, 0);
+            if (replaced) {
+                // The descriptor number now holds something that is not a socket.
+                UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+                ASSERT_EQ(listening, dup2(nothing.get(), listening));
+            } else {
+                ASSERT_EQ(0, shutdown(listening, SHUT_RDWR));
+            }
+            ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
+            EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
+            EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
+            EXPECT_FALSE(threadNamed("tavo-command"));
+            EXPECT_TRUE(bench.player.waitForClose());
+        });
+    }
 }
 
 // An accept that fails for want of descriptors leaves the connection waiting; the thread
