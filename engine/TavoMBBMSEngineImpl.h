@@ -119,9 +119,16 @@ public:
     int stopCommandThread();
     static void* runCommandThread(void* arg);
     static int method_onAccepted(int fd);
-    // The play engine's connection has ended (command thread): buffer locks it still holds
-    // are taken back so that delivery goes on.
-    static void onPlayEngineGone();
+    // The connected play engine has gone (command thread, no engine lock held): closes its
+    // connection, ends the snapshots it owed with EVENT_CAPTURE_FAIL and tells the buffers.
+    static void endPlayEngineConnection();
+    // With frames held off, replaces the buffers a departed reader still holds and marks the
+    // buffers as handed to a live client (command thread, before "sharebuffer"). False when
+    // the client must not receive them.
+    static bool prepareBuffersForClient();
+    // Run at process exit (registered by the first startCommandThread): stops a command
+    // thread that deinit has not stopped, before the objects it uses are destroyed.
+    static void stopCommandThreadAtExit();
 
     static int sendCmd(const char* cmd, int fd, int session);
     static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);

@@ -1,10 +1,11 @@
 // The play engine's side of the command socket: a fake client sends arbitrary byte streams,
 // with descriptors passed by SCM_RIGHTS, into the engine's command thread,
 // disconnects, reconnects and displaces itself with a second client. After each input the
-// engine must still serve the client (it still receives and closes a passed descriptor),
-// whole indications must each reach the application as the capture result their code
-// names, and every descriptor the client passed must have been closed by the engine. The
-// indication parser is also checked on its own against strtol.
+// engine must still serve the client (it still receives and closes a passed descriptor);
+// the stream of each connection, cut into consecutive 64-byte indications, must reach the
+// application as exactly the capture results their codes name (a partial indication is lost
+// with its connection); and every descriptor the client passed must have been closed by the
+// engine. The indication parser is also checked on its own against strtol.
 //
 // Input: operations (see the switch below); the first 32 bytes also feed the parser check.
 #include <linux/sockios.h>
@@ -30,9 +31,8 @@ namespace {
 
 const int kWaitMs = 20000;  // bound on every wait for the engine: a hang is a finding
 
-// The command thread may hold a descriptor for a moment (a connection being closed, a
-// reader's /proc entry being read), also when the count before was taken: a leak is a
-// count that stays above where it was.
+// The command thread may hold a descriptor for a moment (a connection being closed), also
+// when the count before was taken: a leak is a count that stays above where it was.
 bool descriptorsSettleAt(int expected) {
     for (int attempt = 0; attempt < 200; ++attempt) {
         if (openDescriptors() <= expected)
@@ -182,14 +182,46 @@ private:
     int mPassed[2];  // the socketpair whose first end send() passes
 };
 
-// Waits until the engine has handled everything sent before. The marker is an indication
-// of no known code (it reaches the application as nothing) carrying one end of a fresh
-// socketpair: the engine closes passed descriptors as it receives them, so the other end
-// reads end-of-file once the marker is received. The command thread works in order, so
+// What the engine makes of one connection's byte stream: every 64 bytes are one indication,
+// and the capture results their codes name are counted.
+class IndicationStream {
+public:
+    void add(const uint8_t* data, size_t size) {
+        mPartial.append(reinterpret_cast<const char*>(data), size);
+        while (mPartial.size() >= sizeof(PlayEngineIndicationMessage)) {
+            const int code = parseIndicationCode(mPartial.data(), 32);
+            successes += code == 3;
+            failures += code == 4;
+            mPartial.erase(0, sizeof(PlayEngineIndicationMessage));
+        }
+    }
+    // Zero bytes that complete a partial indication; none when the stream is at a boundary.
+    size_t paddingToBoundary() const {
+        return mPartial.empty() ? 0 : sizeof(PlayEngineIndicationMessage) - mPartial.size();
+    }
+    // The connection ended: its partial indication is lost.
+    void connectionEnded() { mPartial.clear(); }
+
+    int successes = 0;
+    int failures = 0;
+
+private:
+    std::string mPartial;
+};
+
+// Waits until the engine has handled everything sent before. The stream is first completed
+// to an indication boundary with zero bytes (counted in `stream`); then the marker, an
+// indication of no known code (it reaches the application as nothing), carries one end of a
+// fresh socketpair: the engine closes passed descriptors as it receives them, so the other
+// end reads end-of-file once the marker is received. The command thread works in order, so
 // every earlier indication has then reached the application.
-void syncWithEngine(FakeClient& client) {
-    // Bytes already read are handled before the marker is; the marker, sent into an empty
-    // stream, is read alone.
+void syncWithEngine(FakeClient& client, IndicationStream& stream) {
+    const uint8_t zeros[sizeof(PlayEngineIndicationMessage)] = {};
+    const size_t padding = stream.paddingToBoundary();
+    if (padding > 0) {
+        client.send(zeros, padding, 0);
+        stream.add(zeros, padding);
+    }
     client.waitUntilReceived();
     int pair[2];
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
@@ -217,10 +249,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CountingCallback& app = engine.callback();
     const int successesBefore = app.events(EVENT_CAPTURE_SUCCESS);
     const int failuresBefore = app.events(EVENT_CAPTURE_FAIL);
-    // Whole indications sent into an empty stream are read one per receive, so their capture
-    // results are known; loose bytes may be cut anywhere, and then they are not.
-    bool resultsKnown = true;
-    int successes = 0, failures = 0;
+    IndicationStream stream;  // the client's connection, which starts at a boundary
 
     size_t position = 0;
     int reconnects = 0;
@@ -233,26 +262,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (length > size - position)
                     length = size - position;
                 client.send(data + position, length, position % 4);
+                stream.add(data + position, length);
                 position += length;
-                resultsKnown = resultsKnown && length == 0;
                 break;
             }
             case 2:  // a whole 64-byte indication out of the next bytes
                 if (size - position >= sizeof(PlayEngineIndicationMessage)) {
-                    const int code =
-                        parseIndicationCode(reinterpret_cast<const char*>(data + position),
-                                            sizeof(PlayEngineIndicationMessage::code));
-                    successes += code == 3;
-                    failures += code == 4;
-                    client.waitUntilReceived();
                     client.send(data + position, sizeof(PlayEngineIndicationMessage), op & 3);
+                    stream.add(data + position, sizeof(PlayEngineIndicationMessage));
                     position += sizeof(PlayEngineIndicationMessage);
                 }
                 break;
             case 3:  // disconnect and come back, or be displaced by a second client and return
                 if (++reconnects > 2)
                     break;
-                // What the engine has not read yet when the connection ends is lost with it.
+                // What the engine has not read yet when the connection ends is lost with it;
+                // waiting makes it read everything, so only a partial indication is lost.
                 client.waitUntilReceived();
                 if (op & 1) {
                     client.disconnect();
@@ -263,16 +288,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     client.disconnect();
                     client.connect();
                 }
+                stream.connectionEnded();
                 break;
         }
     }
-    syncWithEngine(client);
+    syncWithEngine(client, stream);
     const int reportedSuccesses = app.events(EVENT_CAPTURE_SUCCESS) - successesBefore;
     const int reportedFailures = app.events(EVENT_CAPTURE_FAIL) - failuresBefore;
-    if (resultsKnown && (reportedSuccesses != successes || reportedFailures != failures))
+    if (reportedSuccesses != stream.successes || reportedFailures != stream.failures)
         fuzzFailure("capture results reported: " + std::to_string(reportedSuccesses) + " and " +
                     std::to_string(reportedFailures) + " failures for " +
-                    std::to_string(successes) + " and " + std::to_string(failures) + " sent");
+                    std::to_string(stream.successes) + " and " + std::to_string(stream.failures) +
+                    " sent");
     if (!descriptorsSettleAt(descriptorsBefore))
         fuzzFailure("descriptors leaked: " + std::to_string(descriptorsBefore) + " before, " +
                     std::to_string(openDescriptors()) + " after");

@@ -8,15 +8,16 @@
 // stopCommandThread shuts the listening socket down to wake the thread and closes it after
 // the join.
 //
-// Who may connect: the socket file gets mode 0660 whatever the umask, and a connecting
-// process must run under the engine's own uid, root, or a uid listed in the system property
-// "persist.mbbms.playengine.uids" (decimal uids separated by commas or spaces). Any other
-// client is closed at once with an ERROR line; the connected play engine stays.
+// Who may connect: see CommandSocketFile.h for the socket file's mode; a connecting process
+// must run under the engine's own uid, root, or a uid listed in the system property
+// "persist.mbbms.playengine.uids". Any other client is closed at once with an ERROR line;
+// the connected play engine stays.
 //
 // A play engine that goes away (it closes its end, the connection is reset, or a new client
-// pushes it out before its hang-up was read) may have died holding a buffer lock. Once no process
-// that received the buffers lives any more (ReaderProcesses), the engine takes such locks back
-// (onPlayEngineGone).
+// pushes it out) ends the snapshots it owed with EVENT_CAPTURE_FAIL and tells the shared
+// buffers, which replace a buffer it left locked before the next frame is written into it.
+// A newly accepted client receives the descriptors only after the buffers a departed reader
+// still locks have been replaced, with frames held off meanwhile.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -25,30 +26,29 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "AndroidPaths.h"
+#include "CommandSocketFile.h"
 #include "EngineLog.h"
 #include "Env.h"
+#include "IndicationAssembler.h"
 #include "IndicationCode.h"
-#include "Properties.h"
-#include "ReaderProcesses.h"
 #include "TavoMBBMSEngineImpl.h"
+#include "ThreadName.h"
 
 namespace {
 
 const char kSocketPath[] = "/data/app/cmmb.socket";
-const char kAllowedUidsProperty[] = "persist.mbbms.playengine.uids";
-const mode_t kSocketFileMode = 0660;
-// After a play engine has gone, the thread looks this often whether its process has ended,
-// for at most kReaderExitWait; a process that lives on keeps its locks.
-const std::chrono::milliseconds kReaderExitPoll(10);
-const std::chrono::milliseconds kReaderExitWait(2000);
 const int kPollTimeoutMs = 1000;
 const int kListenBacklog = 1;
+// After an accept that failed for want of resources (EMFILE, ENFILE, ENOBUFS, ENOMEM), the
+// waiting connection is still reported, and a failed poll would fail again: the thread
+// pauses this long instead of spinning.
+const std::chrono::milliseconds kFailureBackOff(100);
 
 // Poll set of the server: entry 0 is the listening socket, entry 1 the client or -1.
 class ServerPollSet {
@@ -95,44 +95,29 @@ union PeerAddress {
     char raw[sizeof(sockaddr_un) + 1];
 };
 
-// Closes the client and forgets it everywhere.
-void dropClient(ServerPollSet& pollSet, PlayEngineLink& link) {
-    pollSet.clearClient();
-    link.closeClient();
-}
-
-// True when `uid` appears in the property's list of decimal uids.
-bool listedInProperty(uid_t uid) {
-    char value[PROPERTY_VALUE_MAX];
-    property_get(kAllowedUidsProperty, value, "");
-    const char* cursor = value;
-    while (*cursor != '\0') {
-        char* end = nullptr;
-        const unsigned long listed = strtoul(cursor, &end, 10);
-        if (end == cursor) {
-            ++cursor;  // a separator
-            continue;
-        }
-        if (listed == static_cast<unsigned long>(uid))
-            return true;
-        cursor = end;
-    }
-    return false;
-}
-
 // The credentials of the process at the other end of `client`, checked against who may
-// connect. Sets *uid (-1 when they cannot be read) and *pid.
-bool peerAllowed(int client, long* uid, pid_t* pid) {
+// connect. Sets *uid (-1 when they cannot be read).
+bool peerAllowed(int client, long* uid) {
     ucred credentials;
     socklen_t length = sizeof(credentials);
     *uid = -1;
-    *pid = 0;
     if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
         return false;
     *uid = static_cast<long>(credentials.uid);
-    *pid = credentials.pid;
     return credentials.uid == geteuid() || credentials.uid == 0 ||
-           listedInProperty(credentials.uid);
+           uidListedAsPlayEngine(credentials.uid);
+}
+
+// True when the client bound its socket to a path that exists; an unbound (or abstract)
+// client has none.
+bool peerPathExists(PeerAddress& peer, socklen_t peerLength) {
+    size_t pathEnd = peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
+    if (pathEnd < offsetof(sockaddr_un, sun_path))
+        pathEnd = offsetof(sockaddr_un, sun_path);
+    peer.raw[pathEnd] = '\0';
+    const char* peerPath = peer.raw + offsetof(sockaddr_un, sun_path);
+    struct stat status;
+    return stat(peerPath, &status) == 0;
 }
 
 // Closes descriptors a client may have passed along with an indication; the engine attaches
@@ -152,10 +137,22 @@ void closePassedDescriptors(msghdr& message) {
     }
 }
 
+void stopCommandThreadOnExit() {
+    TavoMBBMSEngineImpl::stopCommandThreadAtExit();
+}
+
+bool acceptFailedForResources(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 }  // namespace
 
 int TavoMBBMSEngineImpl::startCommandThread() {
     TLOG(ENGINE, "%s()", "startCommandThread");
+    // Registered after the process-wide objects the thread uses were made, so it runs
+    // before they are destroyed.
+    static const bool exitHookRegistered = std::atexit(stopCommandThreadOnExit) == 0;
+    (void)exitHookRegistered;
     mIsStarted.store(true);
     if (Env::current()->startThread(&mThreadCommand, runCommandThread, nullptr) != 0) {
         TLOG(ERROR, "Can't create thread for runCommandThread");
@@ -192,6 +189,32 @@ int TavoMBBMSEngineImpl::stopCommandThread() {
     return 0;
 }
 
+void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine == nullptr)
+        return;
+    // A child forked from the engine's process has no command thread, but shares the
+    // listening socket: it must leave the socket alone. When init or deinit runs on another
+    // thread, it owns the command thread.
+    if (!mPlayEngineLink.listeningSetUpHere())
+        return;
+    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
+    if (!lock.owns_lock() || !engine->mCommandThreadRunning ||
+        pthread_equal(pthread_self(), engine->mThreadCommand))
+        return;
+    mIsStarted.store(false);
+    mPlayEngineLink.shutdownListening();
+    // The thread closes the listening socket as its last step but one. The wait is bounded:
+    // a thread held up by the exiting thread itself (a frame it has open) is left to the
+    // exit rather than waited for.
+    for (int i = 0; i < 1000 && mPlayEngineLink.listening(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (mPlayEngineLink.listening())
+        return;
+    pthread_join(engine->mThreadCommand, nullptr);
+    engine->mCommandThreadRunning = false;
+}
+
 int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
     TLOG(CMD_PATH, "%s()", "method_onAccepted");
     mPlayEngineLink.attachClient(UniqueFd(fd));  // the link owns the connection from here on
@@ -199,7 +222,42 @@ int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
     return 0;
 }
 
+void TavoMBBMSEngineImpl::endPlayEngineConnection() {
+    const PlayEngineLink::CaptureSet owed = mPlayEngineLink.closeClient();
+    // The command thread runs only while the buffers exist (init creates them before it
+    // starts, deinit destroys them after it has been joined).
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine != nullptr)
+        engine->mSharedBuffers.readerDisconnected();
+    for (int s = 0; s < PlayEngineLink::SESSIONS; ++s) {
+        if ((owed & (1u << s)) == 0)
+            continue;
+        mIsCapturing[s].store(false);
+        TLOG(WARNING, "play engine left without answering the snapshot of session=%d", s);
+        notifyEvent(EVENT_CAPTURE_FAIL, s);
+    }
+}
+
+bool TavoMBBMSEngineImpl::prepareBuffersForClient() {
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine == nullptr)
+        return false;
+    SharedBufferSet& buffers = engine->mSharedBuffers;
+    // With frames held off no buffer is being written, so one can be replaced. Without a
+    // session manager (init has not made it yet, or deinit has deleted it) no frame is
+    // written either, but one may begin at any moment: nothing is replaced then, and a
+    // client is refused rather than handed a buffer a departed reader still locks.
+    const bool held = engine->holdFrames();
+    const bool ready =
+        held ? buffers.replaceAbandoned("runCommandThread") : !buffers.anyAbandoned();
+    if (ready)
+        buffers.readerConnected();  // from here on its buffers are not replaced under it
+    engine->releaseFrames(held);
+    return ready;
+}
+
 void* TavoMBBMSEngineImpl::runCommandThread(void*) {
+    nameCurrentThread("tavo-command");
     TLOG(CMD_PATH, "thread of runCommandThread start");
 
     // Non-blocking, so that a connection withdrawn between poll and accept cannot block the
@@ -210,26 +268,10 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
         TLOG(ERROR, "create server socket error");
         return nullptr;
     }
-
-    sockaddr_un address;
-    memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    if (resolveAndroidPath(kSocketPath, address.sun_path, sizeof(address.sun_path)) != 0) {
+    char path[sizeof(sockaddr_un::sun_path)];
+    if (resolveAndroidPath(kSocketPath, path, sizeof(path)) != 0 ||
+        bindCommandSocket(listening, path, commandSocketMode()) != 0) {
         TLOG(ERROR, "bind server socket error");
-        return nullptr;
-    }
-    unlink(address.sun_path);
-    socklen_t addressLength =
-        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
-    if (bind(listening, reinterpret_cast<sockaddr*>(&address), addressLength) != 0) {
-        TLOG(ERROR, "bind server socket error");
-        return nullptr;
-    }
-    // Whatever the process's umask: only the owner and its group may connect. Nothing is
-    // accepted before listen, and accepted clients are checked by credentials as well.
-    if (chmod(address.sun_path, kSocketFileMode) != 0) {
-        TLOG(ERROR, "bind server socket error");
-        unlink(address.sun_path);
         return nullptr;
     }
     if (listen(listening, kListenBacklog) != 0) {
@@ -240,50 +282,29 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
     TLOG(CMD_PATH, "server is accepting client... ... ... ...");
     ServerPollSet pollSet(listening);
     mPlayEngineLink.setListening(std::move(listeningSocket));
-
-    // Processes that received the buffers, and whether a play engine has gone whose locks
-    // may have to be taken back once no such process lives: then, when to look next and when
-    // to stop looking. The wait runs on the clock, not on wake-ups, so that a busy new
-    // client neither cuts it short nor makes the thread read /proc at every message.
-    using Clock = std::chrono::steady_clock;
-    ReaderProcesses readers;
-    bool readerGone = false;
-    Clock::time_point nextReaderCheck, readerWaitEnd;
-    // Every end of a connection while the server runs starts that wait, however it was seen.
+    IndicationAssembler indications;  // of the connected client
     auto endClient = [&] {
-        dropClient(pollSet, mPlayEngineLink);
-        readerGone = true;
-        nextReaderCheck = Clock::now();
-        readerWaitEnd = nextReaderCheck + kReaderExitWait;
+        pollSet.clearClient();
+        endPlayEngineConnection();
     };
 
     while (mIsStarted.load()) {
-        int pollTimeoutMs = kPollTimeoutMs;
-        if (readerGone) {
-            const Clock::time_point now = Clock::now();
-            if (now >= nextReaderCheck) {
-                nextReaderCheck = now + kReaderExitPoll;
-                if (!readers.anyAlive()) {
-                    readerGone = false;
-                    onPlayEngineGone();
-                } else if (now >= readerWaitEnd) {
-                    readerGone = false;  // they live on: their locks are their own
-                }
-            }
-            if (readerGone) {
-                const auto untilCheck =
-                    std::chrono::ceil<std::chrono::milliseconds>(nextReaderCheck - Clock::now());
-                pollTimeoutMs = static_cast<int>(std::max<long long>(untilCheck.count(), 0));
-            }
-        }
-        if (pollSet.wait(pollTimeoutMs) == 0)
+        const int ready = pollSet.wait(kPollTimeoutMs);
+        if (ready == 0)
             continue;  // time-out: look at the run flag again
         // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
         if (!mIsStarted.load())
             break;
-
-        short listeningEvents = pollSet.listeningEvents();
-        if (listeningEvents & POLLERR) {
+        if (ready < 0) {
+            // Interrupted, or short of memory for a moment: no events to look at.
+            if (errno != EINTR)
+                std::this_thread::sleep_for(kFailureBackOff);
+            continue;
+        }
+        const short listeningEvents = pollSet.listeningEvents();
+        // POLLHUP: shut down (by another process sharing it, since the run flag is still
+        // set); accept would fail at once, for ever.
+        if (listeningEvents & (POLLERR | POLLHUP | POLLNVAL)) {
             TLOG(ERROR, "error on listening socket");
             break;
         }
@@ -295,14 +316,20 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
             UniqueFd accepted(accept4(listening, reinterpret_cast<sockaddr*>(&peer.address),
                                       &peerLength, SOCK_CLOEXEC));
             if (!accepted.valid()) {
+                const int error = errno;
                 TLOG(WARNING, "accept on listening socket error");
+                if (error == EBADF || error == EINVAL || error == ENOTSOCK) {
+                    TLOG(ERROR, "error on listening socket");
+                    break;
+                }
+                if (acceptFailedForResources(error))
+                    std::this_thread::sleep_for(kFailureBackOff);
                 continue;
             }
             // Credentials first: a client that may not connect is closed before it can push
             // the connected play engine out.
             long peerUid = -1;
-            pid_t peerPid = 0;
-            if (!peerAllowed(accepted.get(), &peerUid, &peerPid)) {
+            if (!peerAllowed(accepted.get(), &peerUid)) {
                 TLOG(ERROR, "client of uid %ld is not allowed to connect, closed", peerUid);
                 accepted.reset();
             } else {
@@ -311,20 +338,18 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
                     endClient();
                 }
                 const int client = accepted.get();
-                // The client's own path; an unbound (or abstract) client has none and is refused.
-                size_t pathEnd =
-                    peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
-                if (pathEnd < offsetof(sockaddr_un, sun_path))
-                    pathEnd = offsetof(sockaddr_un, sun_path);
-                peer.raw[pathEnd] = '\0';
-                const char* peerPath = peer.raw + offsetof(sockaddr_un, sun_path);
-                struct stat status;
-                if (stat(peerPath, &status) != 0) {
+                if (!peerPathExists(peer, peerLength)) {
                     TLOG(ERROR, "socket file not exist!");
+                    accepted.reset();
+                } else if (!prepareBuffersForClient()) {
+                    TLOG(ERROR,
+                         "buffers a departed play engine still holds cannot be replaced now, "
+                         "client %d closed",
+                         client);
                     accepted.reset();
                 } else {
                     TLOG(CMD_PATH, "client %d is accepted", client);
-                    readers.add(peerPid);
+                    indications.reset();
                     pollSet.setClient(client);
                     method_onAccepted(accepted.release());
                     continue;
@@ -336,44 +361,56 @@ void* TavoMBBMSEngineImpl::runCommandThread(void*) {
             TLOG(WARNING, "no connected client yet");
             continue;
         }
-        short clientEvents = pollSet.clientEvents();
-        if (!(clientEvents & (POLLERR | POLLRDNORM)))
+        const short clientEvents = pollSet.clientEvents();
+        if (clientEvents & POLLNVAL) {
+            TLOG(ERROR, "Other read error occur");
+            endClient();
+            continue;
+        }
+        if (!(clientEvents & (POLLERR | POLLHUP | POLLRDNORM)))
             continue;
 
-        PlayEngineIndicationMessage indication;
-        memset(&indication, 0, sizeof(indication));
-        iovec pieces[2] = {{indication.code, sizeof(indication.code)},
-                           {indication.extra, sizeof(indication.extra)}};
+        // At most the rest of the indication being assembled, so that a receive never takes
+        // bytes of the next one.
+        iovec piece = {indications.freeSpaceStart(), indications.freeSpace()};
         // Room for one passed descriptor; received control data is discarded.
         alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
         msghdr message;
         memset(&message, 0, sizeof(message));
-        message.msg_iov = pieces;
-        message.msg_iovlen = 2;
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
         message.msg_control = control;
         message.msg_controllen = sizeof(control);
         TLOG(CMD_PATH, "recvmsg ... ...");
-        ssize_t received = recvmsg(pollSet.client(), &message, MSG_CMSG_CLOEXEC);
+        const ssize_t received =
+            recvmsg(pollSet.client(), &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
         if (received > 0) {
             closePassedDescriptors(message);
-            onPlayEngineIndication(parseIndicationCode(indication.code, sizeof(indication.code)),
-                                   0);
+            if (indications.received(static_cast<size_t>(received))) {
+                const PlayEngineIndicationMessage& indication = indications.message();
+                onPlayEngineIndication(
+                    parseIndicationCode(indication.code, sizeof(indication.code)), 0);
+            }
         } else if (received == 0) {
             TLOG(WARNING, "Connection closed by client");
             endClient();
         } else if (errno == ECONNRESET) {
             TLOG(ERROR, "Connection reset by client");
             endClient();
-        } else {
+        } else if (errno != EAGAIN && errno != EINTR) {
             TLOG(ERROR, "Other read error occur");
         }
     }
 
     mPlayEngineLink.closeListening();
     // The client goes with the server: a play engine sees its connection end and can come
-    // back to the next server, and no descriptor outlives the thread that owns it.
-    if (pollSet.hasClient())
-        dropClient(pollSet, mPlayEngineLink);
+    // back to the next server, and no descriptor outlives the thread that owns it. Snapshots
+    // it owes are not reported here: deinit holds mLock, and the application is not called
+    // while it does.
+    if (pollSet.hasClient()) {
+        pollSet.clearClient();
+        mPlayEngineLink.closeClient();
+    }
     TLOG(CMD_PATH, "thread of runCommandThread exit");
     return nullptr;
 }

@@ -67,8 +67,11 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
     const char sessionText[2] = {command.session, '\0'};
     TLOG(CMD_PATH, "cmd:%s session is %s", cmd, sessionText);
 
+    // A "capture" that goes out is owed an answer by that client; if it goes first, the
+    // snapshot ends as failed.
+    const int captureSession = strcmp(cmd, PLAYENGINE_CMD_TEXT_CAPTURE) == 0 ? session : -1;
     int client = -1;
-    const ssize_t sent = mPlayEngineLink.send(message, &client);
+    const ssize_t sent = mPlayEngineLink.send(message, &client, captureSession);
     if (sent > 0) {
         TLOG(CMD_PATH, ">>>>> sendmsg OK: cmd=%s (session=%d) to client fd=%d", cmd, session,
              client);
@@ -107,12 +110,14 @@ void TavoMBBMSEngineImpl::onPlayEngineIndication(int indication, int session) {
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: GOT_SHAREDBUFFER_FD");
             break;
         case IMAGE_CAPTURE_SUCCESS:
+            mPlayEngineLink.captureAnswered(session);
             if (session == 0 || session == 1)
                 mIsCapturing[session].store(false);
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_SUCCESS");
             notifyEvent(EVENT_CAPTURE_SUCCESS, session);
             break;
         case IMAGE_CAPTURE_FAIL:
+            mPlayEngineLink.captureAnswered(session);
             if (session == 0 || session == 1)
                 mIsCapturing[session].store(false);
             notifyEvent(EVENT_CAPTURE_FAIL, session);

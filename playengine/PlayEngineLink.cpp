@@ -1,12 +1,19 @@
 #include "PlayEngineLink.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <utility>
 
 void PlayEngineLink::setListening(UniqueFd socket) {
     std::lock_guard<std::mutex> guard(mLock);
     mSocket = std::move(socket);
+    mListeningOwner = getpid();
+}
+
+bool PlayEngineLink::listeningSetUpHere() const {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mSocket.valid() && mListeningOwner == getpid();
 }
 
 int PlayEngineLink::shutdownListening() {
@@ -29,11 +36,22 @@ bool PlayEngineLink::listening() const {
 void PlayEngineLink::attachClient(UniqueFd client) {
     std::lock_guard<std::mutex> guard(mLock);
     mFdCommand = std::move(client);
+    mCapturesOwed = 0;
 }
 
-void PlayEngineLink::closeClient() {
+PlayEngineLink::CaptureSet PlayEngineLink::closeClient() {
     std::lock_guard<std::mutex> guard(mLock);
     mFdCommand.reset();
+    const CaptureSet owed = mCapturesOwed;
+    mCapturesOwed = 0;
+    return owed;
+}
+
+void PlayEngineLink::captureAnswered(int session) {
+    if (session < 0 || session >= SESSIONS)
+        return;
+    std::lock_guard<std::mutex> guard(mLock);
+    mCapturesOwed &= ~(1u << session);
 }
 
 int PlayEngineLink::client() const {
@@ -41,7 +59,7 @@ int PlayEngineLink::client() const {
     return mFdCommand.get();
 }
 
-ssize_t PlayEngineLink::send(const msghdr& message, int* clientFd) {
+ssize_t PlayEngineLink::send(const msghdr& message, int* clientFd, int captureSession) {
     std::lock_guard<std::mutex> guard(mLock);
     *clientFd = mFdCommand.get();
     if (!mFdCommand.valid()) {
@@ -55,5 +73,7 @@ ssize_t PlayEngineLink::send(const msghdr& message, int* clientFd) {
         // this process with it.
         sent = ::sendmsg(mFdCommand.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
+    if (sent > 0 && captureSession >= 0 && captureSession < SESSIONS)
+        mCapturesOwed |= 1u << captureSession;
     return sent;
 }

@@ -27,6 +27,9 @@ int elapsedMs(const struct timeval& from, const struct timeval& to) {
 
 void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, int length) {
     lockSessions(__func__);  // held until onOutputAVEnd, whatever happens here
+    // Frames are held off here: buffers a gone play engine left locked are replaced now,
+    // before any of them is taken.
+    mBuffers->onFrameStart();
     mFrameThread.store(std::this_thread::get_id());
     for (bool& locked : mFrameLocked)
         locked = false;

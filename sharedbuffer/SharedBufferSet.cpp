@@ -1,24 +1,24 @@
-// Creation and destruction of the shared A/V buffers, and the engine's side of their lock.
+// The shared A/V buffers: creation and destruction, the engine's side of their lock, and the
+// replacement of buffers abandoned by a play engine that has gone.
 #define LOG_TAG "TavoMBBMSEngine"
 #include "SharedBufferSet.h"
 
-#include <errno.h>
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <utility>
+#include <thread>
 
-#include "Env.h"
 #include "Log.h"
 #include "Properties.h"
 
 namespace {
 
-// A waiting engine thread looks this often whether the reader it waits for has gone away.
+// A waiting engine thread looks this often whether the buffer it waits for was abandoned.
 const int kWaitSliceMs = 50;
+// How often a replacement looks whether the waiters of an abandoned buffer have left, and
+// for how long at most (they leave within one wait slice).
+const std::chrono::milliseconds kWaiterLeavePoll(2);
+const std::chrono::milliseconds kWaiterLeaveBound(2000);
 
 int readLockTimeoutMs() {
     char value[PROPERTY_VALUE_MAX];
@@ -30,135 +30,79 @@ int readLockTimeoutMs() {
     return static_cast<int>(parsed);
 }
 
+int lockWordValue(CmmbSharedBuffer* shared) {
+    int value = 1;
+    cmmb_sem_getvalue(&shared->mutexDataAccessable, &value);
+    return value;
+}
+
 }  // namespace
 
 int SharedBufferSet::create(const char* caller) {
     mLockTimeoutMs = readLockTimeoutMs();
-    // The platform calls that make a buffer (region, mapping, protection, semaphores) are
-    // all here, in this order, made through the Env so that tests can fail each of them.
-    Env* env = Env::current();
     for (int i = 0; i < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++i) {
-        char name[32];
-        snprintf(name, sizeof(name), CMMB_SHARED_REGION_NAME_FORMAT, i);
-        mSharedFds[i].reset(env->createSharedRegion(name, CMMB_SHARED_BUFFER_SIZE));
-        if (!mSharedFds[i].valid()) {
-            TLOG_FOR(caller, ERROR, "ashmem_create_region_%d", i);
+        int result;
+        {
+            std::lock_guard<std::mutex> guard(mOwnership[i].mutex);
+            result = mRegions[i].create(i, caller);
+            publish(i);
+        }
+        if (result != 0) {
             destroy(nullptr);
             return -1;
         }
-        TLOG_FOR(caller, ENGINE, "ashmem_create_region is ok , mSharedFds[%d]=%d", i,
-                 mSharedFds[i].get());
-
-        void* mapping = env->mapSharedRegion(mSharedFds[i].get(), CMMB_SHARED_BUFFER_SIZE);
-        if (mapping == MAP_FAILED) {
-            TLOG_FOR(caller, ERROR, "mmap failed size=%d",
-                     static_cast<int>(CMMB_SHARED_BUFFER_SIZE));
-            destroy(nullptr);
-            return -1;
-        }
-        mMappings[i] = UniqueMapping(mapping, CMMB_SHARED_BUFFER_SIZE);
-        TLOG_FOR(caller, ENGINE, "mmap is ok, size=%d", static_cast<int>(CMMB_SHARED_BUFFER_SIZE));
-
-        if (env->protectSharedRegion(mSharedFds[i].get(), PROT_READ | PROT_WRITE) != 0) {
-            TLOG_FOR(caller, ERROR, "ashmem_set_prot_region failed");
-            destroy(nullptr);
-            return -1;
-        }
-
-        CmmbSharedBuffer* shared = buffer(i);
-        if (env->initSharedSemaphore(&shared->mutexDataAvailable, 0) == -1) {
-            TLOG_FOR(caller, ERROR, "sem_init mutexDataAvailable(session=%d)", i);
-            destroy(nullptr);
-            return -1;
-        }
-        TLOG_FOR(caller, SEMAPHORE, "sem_init mutexDataAvailable(session=%d) OK", i);
-        if (env->initSharedSemaphore(&shared->mutexDataAccessable, 1) == -1) {
-            TLOG_FOR(caller, ERROR, "sem_init mutexDataAccessable(session=%d) Failed", i);
-            cmmb_sem_destroy(&shared->mutexDataAvailable);
-            destroy(nullptr);
-            return -1;
-        }
-        TLOG_FOR(caller, SEMAPHORE, "sem_init mutexDataAccessable(session=%d) OK", i);
-        mSemaphoresReady[i] = true;
-
-        // Records and payload stay as the fresh region holds them (zeros); each frame start
-        // marks the NAL records free.
-        shared->nalCount = 0;
-        shared->aacCount = 0;
-        shared->dataLength = 0;
     }
     return 0;
 }
 
 void SharedBufferSet::destroy(const char* caller) {
     for (int i = 0; i < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++i) {
-        CmmbSharedBuffer* shared = buffer(i);
-        if (shared != nullptr && mSemaphoresReady[i]) {
-            cmmb_sem_destroy(&shared->mutexDataAvailable);
-            if (caller != nullptr)
-                TLOG_FOR(caller, SEMAPHORE, "sem_destroy mutexDataAvailable(session=%d)", i);
-            cmmb_sem_destroy(&shared->mutexDataAccessable);
-            if (caller != nullptr)
-                TLOG_FOR(caller, SEMAPHORE, "sem_destroy mutexDataAccessable(session=%d)", i);
-        }
-        mSemaphoresReady[i] = false;
-        mMappings[i].reset();
-        mSharedFds[i].reset();
         Ownership& ownership = mOwnership[i];
         std::lock_guard<std::mutex> guard(ownership.mutex);
+        mRegions[i].destroy(i, caller);
+        publish(i);
         ownership.engineHolds = false;
-        ownership.readerGone = false;
         ownership.stalled = false;
+        ownership.readerConnected = false;
     }
+    mCheckPending.store(false);
+}
+
+void SharedBufferSet::publish(int session) {
+    mAddresses[session].store(mRegions[session].address(), std::memory_order_release);
+    mFds[session].store(mRegions[session].fd(), std::memory_order_release);
 }
 
 CmmbSharedBuffer* SharedBufferSet::buffer(int session) const {
     if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
         return nullptr;
-    return static_cast<CmmbSharedBuffer*>(mMappings[session].get());
+    return mAddresses[session].load(std::memory_order_acquire);
 }
 
 int SharedBufferSet::fd(int session) const {
     if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
         return -1;
-    return mSharedFds[session].get();
-}
-
-void SharedBufferSet::emptyBuffer(CmmbSharedBuffer* shared) {
-    shared->nalCount = 0;
-    shared->aacCount = 0;
-    shared->dataLength = 0;
-}
-
-bool SharedBufferSet::takeLocked(int session, Ownership& ownership) {
-    CmmbSharedBuffer* shared = buffer(session);
-    if (cmmb_sem_trywait(&shared->mutexDataAccessable) == 0) {
-        ownership.readerGone = false;
-    } else if (ownership.readerGone) {
-        // The reader died holding the lock: its hold passes to this thread, and whatever it
-        // left half read is dropped.
-        ownership.readerGone = false;
-        emptyBuffer(shared);
-    } else {
-        return false;
-    }
-    ownership.engineHolds = true;
-    ownership.stalled = false;
-    return true;
+    return mFds[session].load(std::memory_order_acquire);
 }
 
 bool SharedBufferSet::lock(int session) {
     Ownership& ownership = mOwnership[session];
+    CmmbSharedSemaphore* lockWord = nullptr;
     {
         std::lock_guard<std::mutex> guard(ownership.mutex);
-        if (takeLocked(session, ownership))
+        lockWord = &mRegions[session].address()->mutexDataAccessable;
+        if (cmmb_sem_trywait(lockWord) == 0) {
+            ownership.engineHolds = true;
+            ownership.stalled = false;
             return true;
+        }
         if (ownership.stalled || mLockTimeoutMs == 0)
             return false;
+        // While this thread is counted as a waiter the region is not replaced, so lockWord
+        // stays valid for the whole wait.
         ownership.engineWaiters += 1;
     }
 
-    CmmbSharedSemaphore* lockWord = &buffer(session)->mutexDataAccessable;
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(mLockTimeoutMs);
     for (;;) {
@@ -171,16 +115,20 @@ bool SharedBufferSet::lock(int session) {
             taken = cmmb_sem_timedwait(lockWord, slice) == 0;
         }
         std::lock_guard<std::mutex> guard(ownership.mutex);
-        if (taken) {
+        if (taken || cmmb_sem_trywait(lockWord) == 0) {
             ownership.engineWaiters -= 1;
             ownership.engineHolds = true;
-            ownership.readerGone = false;
             ownership.stalled = false;
             return true;
         }
-        if (takeLocked(session, ownership)) {
+        if (!ownership.readerConnected && !ownership.engineHolds &&
+            lockWordValue(mRegions[session].address()) == 0) {
+            // The lock belongs to a process whose play engine has gone: waiting on is
+            // pointless, and the buffer is replaced once no engine thread waits for it.
             ownership.engineWaiters -= 1;
-            return true;
+            TLOG(WARNING, "the play engine that left holds the buffer of session=%d, wait ended",
+                 session);
+            return false;
         }
         if (remaining <= 0) {
             ownership.engineWaiters -= 1;
@@ -194,38 +142,104 @@ void SharedBufferSet::unlock(int session) {
     Ownership& ownership = mOwnership[session];
     std::lock_guard<std::mutex> guard(ownership.mutex);
     ownership.engineHolds = false;
-    cmmb_sem_post(&buffer(session)->mutexDataAccessable);
+    cmmb_sem_post(&mRegions[session].address()->mutexDataAccessable);
 }
 
-bool SharedBufferSet::takeBackFromReader(int session, const char* caller) {
-    CmmbSharedBuffer* shared = buffer(session);
-    if (shared == nullptr)
-        return false;
-    Ownership& ownership = mOwnership[session];
-    std::lock_guard<std::mutex> guard(ownership.mutex);
-    // Frame signals posted for the reader that left would wake the next one for frames it
-    // never saw; it starts from the next frame instead.
-    while (cmmb_sem_trywait(&shared->mutexDataAvailable) == 0) {
+void SharedBufferSet::readerConnected() {
+    for (Ownership& ownership : mOwnership) {
+        std::lock_guard<std::mutex> guard(ownership.mutex);
+        ownership.readerConnected = true;
     }
-    ownership.stalled = false;  // the next reader gets a full wait again
-    int value = 1;
-    cmmb_sem_getvalue(&shared->mutexDataAccessable, &value);
-    if (ownership.engineHolds || value != 0)
-        return false;  // the reader does not hold the lock
-    if (ownership.engineWaiters > 0) {
-        // An engine thread waits for the lock: it takes it over at its next look.
-        ownership.readerGone = true;
-        TLOG_FOR(caller, WARNING,
-                 "play engine left holding the buffer lock of session=%d, handed to the waiting "
-                 "engine",
+}
+
+void SharedBufferSet::readerDisconnected() {
+    for (Ownership& ownership : mOwnership) {
+        std::lock_guard<std::mutex> guard(ownership.mutex);
+        ownership.readerConnected = false;
+        // The next reader gets a full wait again.
+        ownership.stalled = false;
+    }
+    mCheckPending.store(true, std::memory_order_release);
+}
+
+SharedBufferSet::Verdict SharedBufferSet::verdictLocked(int session,
+                                                        const Ownership& ownership) const {
+    CmmbSharedBuffer* shared = mRegions[session].address();
+    if (shared == nullptr || ownership.readerConnected || ownership.engineHolds ||
+        lockWordValue(shared) != 0)
+        return Verdict::IN_USE;
+    return ownership.engineWaiters > 0 ? Verdict::UNDECIDED : Verdict::ABANDONED;
+}
+
+bool SharedBufferSet::replaceLocked(int session, Ownership& ownership, const char* caller) {
+    SharedRegion fresh;
+    if (fresh.create(session, caller) != 0) {
+        TLOG_FOR(caller, ERROR,
+                 "the play engine that left holds the buffer of session=%d, and no new buffer "
+                 "can be made",
                  session);
-        return true;
+        return false;
     }
-    emptyBuffer(shared);
-    cmmb_sem_post(&shared->mutexDataAccessable);
+    // The old region's semaphores stay as they are: a process that still maps it keeps a
+    // consistent region of its own, which the engine no longer writes.
+    mRegions[session] = std::move(fresh);
+    publish(session);
+    ownership.stalled = false;
     TLOG_FOR(caller, WARNING,
-             "play engine left holding the buffer lock of session=%d, lock taken back and buffer "
-             "emptied",
-             session);
+             "the play engine that left holds the buffer of session=%d, buffer replaced "
+             "(mSharedFds[%d]=%d)",
+             session, session, mRegions[session].fd());
     return true;
+}
+
+bool SharedBufferSet::replaceAbandoned(const char* caller) {
+    bool allReplaced = true;
+    for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
+        Ownership& ownership = mOwnership[s];
+        const auto giveUp = std::chrono::steady_clock::now() + kWaiterLeaveBound;
+        for (;;) {
+            {
+                std::lock_guard<std::mutex> guard(ownership.mutex);
+                const Verdict verdict = verdictLocked(s, ownership);
+                if (verdict == Verdict::IN_USE)
+                    break;
+                if (verdict == Verdict::ABANDONED) {
+                    allReplaced = replaceLocked(s, ownership, caller) && allReplaced;
+                    break;
+                }
+            }
+            if (std::chrono::steady_clock::now() >= giveUp) {
+                allReplaced = false;
+                break;
+            }
+            // Waiters of an abandoned buffer end their wait within one slice.
+            std::this_thread::sleep_for(kWaiterLeavePoll);
+        }
+    }
+    return allReplaced;
+}
+
+bool SharedBufferSet::anyAbandoned() {
+    for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
+        Ownership& ownership = mOwnership[s];
+        std::lock_guard<std::mutex> guard(ownership.mutex);
+        if (verdictLocked(s, ownership) != Verdict::IN_USE)
+            return true;
+    }
+    return false;
+}
+
+void SharedBufferSet::replacePending() {
+    mCheckPending.store(false, std::memory_order_release);
+    bool undecided = false;
+    for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
+        Ownership& ownership = mOwnership[s];
+        std::lock_guard<std::mutex> guard(ownership.mutex);
+        const Verdict verdict = verdictLocked(s, ownership);
+        if (verdict == Verdict::UNDECIDED ||
+            (verdict == Verdict::ABANDONED && !replaceLocked(s, ownership, "onOutputAVStart")))
+            undecided = true;  // looked at again at the next frame start
+    }
+    if (undecided)
+        mCheckPending.store(true, std::memory_order_release);
 }

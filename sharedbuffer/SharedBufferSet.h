@@ -1,40 +1,54 @@
-// The two per-session shared A/V buffers of the engine, and the engine's side of their
-// buffer lock (mutexDataAccessable).
+// The two per-session shared A/V buffers of the engine, the engine's side of their buffer
+// lock (mutexDataAccessable), and their replacement when the play engine that used them has
+// gone leaving a lock taken.
 //
-// Ownership: the set owns each region's descriptor, its mapping in this process and the two
-// semaphores inside it; destroy() or the destructor releases them. The play engine receives
-// duplicates of the descriptors and maps the regions itself.
+// Ownership: the set owns each session's current region (SharedRegion: descriptor, mapping,
+// semaphores). The play engine receives duplicates of the descriptors and maps the regions
+// itself.
 //
 // Who holds a buffer lock. The lock word lives in shared memory and carries no owner, so the
 // set keeps, per buffer and in this process only, whether an engine thread holds the lock
-// (engineHolds) and how many engine threads are waiting for it (engineWaiters). Every engine
-// thread takes and gives the lock through lock() and unlock(), which update these under the
-// buffer's ownership mutex. A lock word at 0 that no engine thread holds or is waiting to
-// take is therefore held by the play engine.
+// (engineHolds) and how many engine threads wait for it (engineWaiters). Every engine thread
+// takes and gives the lock through lock() and unlock(), which update these under the
+// buffer's ownership mutex.
 //
-// A play engine that dies while it holds the lock never gives it back. When its connection
-// ends, the command thread calls takeBackFromReader(): a lock the reader holds is taken
-// back, the buffer is emptied and the lock given back; if an engine thread is already
-// waiting for it, that thread takes the lock over instead, within one wait slice.
+// A buffer is abandoned when the word reads 0, no engine thread holds it, and every client
+// connection that received the region's descriptor has ended (readerConnected is false): a
+// process that got the region from a play engine that is gone keeps the lock, and nothing
+// says whether it ever gives it back. The set never guesses from process ids. It replaces
+// an abandoned region instead: a fresh region (new descriptor, new semaphores, same layout
+// and name) takes its place, and the old one is unmapped and closed here; whoever still maps
+// it keeps it for itself. A replacement happens only with frames held off:
+//   - at the first frame start after a client's connection ended (onFrameStart(), called by
+//     the frame hand-off on the frame thread before it touches any buffer);
+//   - when a client is accepted, before it receives the descriptors (replaceAbandoned(),
+//     called by the command thread while it holds frames off).
+// It never happens while an engine thread waits for the region's lock: a waiter that finds
+// its buffer abandoned gives up its wait (the caller drops its frame or its reset), and the
+// region is replaced once no waiter is left. So no engine thread ever waits on a region that
+// is gone, and two engine threads never hold the locks of an old and a new region at once.
 //
-// A play engine that is alive but does not give the lock back (stopped, hung) is waited for
-// at most lockTimeoutMs() (the system property "persist.mbbms.playengine.lock_timeout_ms",
-// 2000 ms by default). After such a time-out the buffer counts as stalled: later lock()
-// calls only try the lock, without waiting, until one succeeds again, so a hung reader does
-// not slow the delivery of the other session.
+// A play engine that is alive but does not give the lock back (stopped, hung) while it stays
+// connected is waited for at most lockTimeoutMs() (the system property
+// "persist.mbbms.playengine.lock_timeout_ms", 2000 ms by default). After such a time-out the
+// buffer counts as stalled: later lock() calls only try the lock, without waiting, until one
+// succeeds again, so a hung reader does not slow the delivery of the other session.
 //
 // Threads: create() and destroy() run under the engine's mLock while no other thread uses
-// the set (before the command thread starts, after it has stopped, with no session manager).
-// lock(), unlock() and takeBackFromReader() may run on any thread while the set exists.
-// Lock order: the ownership mutex of a buffer is innermost; nothing waits while holding it.
+// the set (before the command thread starts, after it has stopped, with no session
+// manager). lock(), unlock() and the connection calls may run on any thread while the set
+// exists; replacements run on the frame thread or with frames held off, so the frame path
+// may keep a buffer's address from its frame start to its frame end. buffer() and fd() of
+// another thread read the current region atomically. Lock order: the ownership mutex of a
+// buffer is innermost; nothing waits while holding it.
 #ifndef TAVO_SHAREDBUFFER_SHARED_BUFFER_SET_H
 #define TAVO_SHAREDBUFFER_SHARED_BUFFER_SET_H
 
+#include <atomic>
 #include <mutex>
 
 #include "CmmbSharedBuffer.h"
-#include "UniqueFd.h"
-#include "UniqueMapping.h"
+#include "SharedRegion.h"
 
 class SharedBufferSet {
 public:
@@ -49,47 +63,76 @@ public:
     // any failure, with nothing left behind.
     int create(const char* caller);
     // Destroys the semaphores, unmaps and closes both buffers; logs as `caller` when given.
+    // A region descriptor of value 0 is left open.
     void destroy(const char* caller);
 
-    // The mapping of a session's buffer in this process, or null (sessions 0 and 1 only).
+    // The mapping of a session's current buffer in this process, or null (sessions 0 and 1
+    // only).
     CmmbSharedBuffer* buffer(int session) const;
-    // The region descriptor of a session, or -1.
+    // The descriptor of a session's current region, or -1.
     int fd(int session) const;
     int lockTimeoutMs() const { return mLockTimeoutMs; }
 
     // Takes a session's mutexDataAccessable for this process, waiting at most
     // lockTimeoutMs() (not at all while the buffer is stalled). True when taken; false on a
-    // time-out. REQUIRES: the buffer exists.
+    // time-out, or when the buffer turned out abandoned while waiting. REQUIRES: the buffer
+    // exists.
     bool lock(int session);
     // Gives back a lock taken with lock().
     void unlock(int session);
 
-    // The play engine's connection has ended: takes back a buffer lock it still holds, and
-    // forgets the frame signals it will never consume. True when a lock was taken back (or
-    // handed to a waiting engine thread). Logs as `caller`.
-    bool takeBackFromReader(int session, const char* caller);
+    // A client is about to receive the descriptors of the current regions (command thread).
+    void readerConnected();
+    // The client that received them has gone: closed, reset or pushed out (command thread).
+    void readerDisconnected();
+
+    // Replaces each abandoned buffer. When engine threads still wait for an abandoned
+    // buffer, waits (briefly: they give up within one wait slice) until they have left.
+    // Returns false when an abandoned buffer could not be replaced (no memory for a new
+    // region). REQUIRES: frames held off. Logs as `caller`.
+    bool replaceAbandoned(const char* caller);
+    // True when a buffer is abandoned (nothing is changed).
+    bool anyAbandoned();
+
+    // The frame hand-off calls this at each frame start, on the frame thread, before it
+    // takes any buffer: after a client's connection has ended, abandoned buffers are
+    // replaced before the frame is written. One atomic load when nothing is pending.
+    void onFrameStart() {
+        if (mCheckPending.load(std::memory_order_acquire))
+            replacePending();
+    }
 
 private:
-    // Per buffer, process-local: who on the engine side holds or awaits the lock.
+    // Per buffer, process-local: who on the engine side holds or awaits the lock, and
+    // whether a live connection has the region.
     struct Ownership {
-        std::mutex mutex;          // innermost lock; guards the fields below
-        bool engineHolds = false;  // an engine thread holds mutexDataAccessable
-        int engineWaiters = 0;     // engine threads waiting in lock()
-        bool readerGone = false;   // the reader died holding the lock while we waited
-        bool stalled = false;      // the last wait timed out: only try until a success
+        std::mutex mutex;              // innermost lock; guards the fields below and the region
+        bool engineHolds = false;      // an engine thread holds mutexDataAccessable
+        int engineWaiters = 0;         // engine threads waiting in lock()
+        bool stalled = false;          // the last wait timed out: only try until a success
+        bool readerConnected = false;  // a connected client received this region
     };
+    enum class Verdict { IN_USE, ABANDONED, UNDECIDED };
 
-    // REQUIRES: ownership.mutex held. Takes the lock for the calling engine thread when it
-    // is free or was left by a reader that went away; true when it did.
-    bool takeLocked(int session, Ownership& ownership);
-    static void emptyBuffer(CmmbSharedBuffer* buffer);
+    // REQUIRES: ownership.mutex held. Whether the buffer is abandoned; UNDECIDED when it
+    // looks abandoned but engine threads wait for it (one may just have taken the word).
+    Verdict verdictLocked(int session, const Ownership& ownership) const;
+    // REQUIRES: ownership.mutex held, the buffer abandoned with no engine waiter, frames held
+    // off. Puts a fresh region in place of the old one; false when none can be made.
+    bool replaceLocked(int session, Ownership& ownership, const char* caller);
+    // The frame-start check after a connection ended; clears the pending flag once every
+    // buffer is decided.
+    void replacePending();
+    void publish(int session);
 
-    // Owned regions: the descriptor and the mapping of each session's buffer, index =
-    // session. mSemaphoresReady[i] tells whether the two semaphores of buffer i exist.
-    UniqueFd mSharedFds[CMMB_SHARED_BUFFER_COUNT];
-    UniqueMapping mMappings[CMMB_SHARED_BUFFER_COUNT];
-    bool mSemaphoresReady[CMMB_SHARED_BUFFER_COUNT] = {};
+    // Owned regions, index = session; each guarded by its buffer's ownership mutex for
+    // changes. mAddresses and mFds publish the current region to readers without the mutex.
+    SharedRegion mRegions[CMMB_SHARED_BUFFER_COUNT];
+    std::atomic<CmmbSharedBuffer*> mAddresses[CMMB_SHARED_BUFFER_COUNT] = {};
+    std::atomic<int> mFds[CMMB_SHARED_BUFFER_COUNT] = {{-1}, {-1}};
     Ownership mOwnership[CMMB_SHARED_BUFFER_COUNT];
+    // Set when a client that had the buffers has gone; cleared by the frame-start check.
+    std::atomic<bool> mCheckPending{false};
     int mLockTimeoutMs = DEFAULT_LOCK_TIMEOUT_MS;
 };
 

@@ -1,8 +1,8 @@
 // The engine's operations on its two per-session shared A/V buffers: creation at init,
 // destruction at deinit, and the reset of one session's buffer when its TV service stops.
 //
-// The buffers themselves (regions, mappings, semaphores and the engine's side of their
-// locks) belong to the engine's SharedBufferSet. initSharedBuffers() and
+// The buffers themselves (regions, mappings, semaphores, the engine's side of their locks
+// and their replacement) belong to the engine's SharedBufferSet. initSharedBuffers() and
 // deinitSharedBuffers() run under mLock; resetSharedBuffer() runs on application threads
 // while the buffers exist.
 #include "BufferWriteState.h"
@@ -26,21 +26,25 @@ void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
         TLOG(ERROR, "no shared buffer for session=%d, reset skipped", session);
         return;
     }
-    CmmbSharedBuffer* buffer = mSharedBuffers.buffer(session);
-    if (buffer == nullptr) {
+    if (mSharedBuffers.buffer(session) == nullptr) {
         TLOG(ERROR, "shared buffer of session=%d does not exist, reset skipped", session);
         return;
     }
 
     TLOG(SEMAPHORE, "sem_wait mutexDataAccessable(session=%d)...", session);
     // Waits out a multiplex frame being written (the frame hand-off holds this lock from the
-    // frame's start to its end), but a play engine that keeps the lock only for the bound.
+    // frame's start to its end), but a play engine that keeps the lock only for the bound. A
+    // buffer left locked by a play engine that has gone is not reset: it is replaced by a
+    // fresh, empty one.
     if (!mSharedBuffers.lock(session)) {
         TLOG(WARNING, "playengine holds the buffer of session=%d longer than %d ms, reset skipped",
              session, mSharedBuffers.lockTimeoutMs());
         return;
     }
     TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)--", session);
+    // The current region is looked up only now: it cannot be replaced while this thread
+    // holds its lock.
+    CmmbSharedBuffer* buffer = mSharedBuffers.buffer(session);
     // Read once each: the play engine may rewrite them at any moment.
     const uint32_t nalCount = readFromRegion(buffer->nalCount);
     const uint32_t aacCount = readFromRegion(buffer->aacCount);
@@ -53,14 +57,4 @@ void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
     buffer->dataLength = 0;
     mSharedBuffers.unlock(session);
     TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)++", session);
-}
-
-void TavoMBBMSEngineImpl::onPlayEngineGone() {
-    TavoMBBMSEngineImpl* engine = mInstance.load();
-    if (engine == nullptr)
-        return;
-    // The command thread runs only while the buffers exist (init creates them before it
-    // starts, deinit destroys them after it has been joined).
-    for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s)
-        engine->mSharedBuffers.takeBackFromReader(s, "runCommandThread");
 }

@@ -4,11 +4,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +21,7 @@
 
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
+#include "LogSink.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
@@ -283,5 +288,314 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
         EXPECT_EQ(2, bench.callback.count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine->isCapturing(1));
+    });
+}
+
+namespace {
+
+// Writes `bytes` to the client's socket in one write.
+bool writeRaw(Client& client, const void* bytes, size_t count) {
+    return send(client.fd(), bytes, count, MSG_NOSIGNAL) == static_cast<ssize_t>(count);
+}
+
+PlayEngineIndicationMessage indication(const char* code) {
+    PlayEngineIndicationMessage message = {};
+    memcpy(message.code, code, strlen(code) + 1);
+    memset(message.extra, 'x', sizeof(message.extra));  // never read as a code
+    return message;
+}
+
+}  // namespace
+
+// A snapshot whose play engine goes before answering ends as failed, for its own session,
+// whether the play engine closes its end or a newcomer pushes it out; one it answered does not
+// fail again.
+TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
+        for (int session : {0, 1}) {
+            ASSERT_EQ(0, bench.engine->captureImage(session, bench.file));
+            ASSERT_EQ("capture", bench.player.receive().text());
+        }
+        ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
+        EXPECT_TRUE(bench.engine->isCapturing(1));
+
+        bench.player.disconnect();
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine->isCapturing(1));
+        EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
+
+        ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
+        bench.expectSharedBuffers(bench.player);
+        ASSERT_EQ(0, bench.engine->captureImage(0, bench.file));
+        ASSERT_EQ("capture", bench.player.receive().text());
+        Client newcomer(bench.clientPath("newcomer"));
+        ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
+        bench.expectSharedBuffers(newcomer);
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)", 2));
+        EXPECT_FALSE(bench.engine->isCapturing(0));
+
+        newcomer.disconnect();  // owed nothing
+        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client", 2));
+        EXPECT_EQ(3, bench.callback.count("onEvent("));
+    });
+}
+
+// The stream is read as consecutive 64-byte indications, however the play engine's writes
+// cut it.
+TEST(PlayEngineSocket, IndicationsAreReassembledFromTheStream) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
+        const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); };
+
+        // One indication in three writes, the engine reading between them.
+        PlayEngineIndicationMessage success = indication("3");
+        const char* bytes = reinterpret_cast<const char*>(&success);
+        ASSERT_TRUE(writeRaw(bench.player, bytes, 5));
+        pause();
+        ASSERT_TRUE(writeRaw(bench.player, bytes + 5, 30));
+        pause();
+        ASSERT_TRUE(writeRaw(bench.player, bytes + 35, 29));
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
+
+        // Two indications in one write.
+        PlayEngineIndicationMessage pair[2] = {indication("1"), indication("4")};
+        ASSERT_TRUE(writeRaw(bench.player, pair, sizeof(pair)));
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
+        EXPECT_TRUE(bench.root.logContains("REQUEST_SHAREDBUFFER_FD"));
+
+        // One and a half, then the other half.
+        PlayEngineIndicationMessage split[2] = {indication("2"), indication("3")};
+        const char* splitBytes = reinterpret_cast<const char*>(split);
+        ASSERT_TRUE(writeRaw(bench.player, splitBytes, 96));
+        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD"));
+        pause();
+        EXPECT_EQ(1, bench.callback.count("onEvent(161, 0)"));
+        ASSERT_TRUE(writeRaw(bench.player, splitBytes + 96, 32));
+        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)", 2));
+
+        EXPECT_EQ(3, bench.callback.count("onEvent("));
+        EXPECT_EQ(0, bench.root.countLog("UNKNOWN_INDICATION"));
+    });
+}
+
+// The socket file is 0660 whatever the umask, 0666 while other play-engine uids are listed,
+// and has its mode from the moment it appears at its path: it is made in a private directory
+// (removed again) and renamed into place.
+TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
+    EXPECT_IN_CHILD({
+        umask(0);
+        for (const char* uids : {"", "4242"}) {
+            SCOPED_TRACE(std::string("listed uids: '") + uids + "'");
+            Bench bench;
+            if (uids[0] != '\0')
+                bench.root.setProperty("persist.mbbms.playengine.uids", uids);
+            const mode_t expected = uids[0] != '\0' ? 0666 : 0660;
+            const std::string directory = bench.root.resolve("/data/app");
+            int watch = inotify_init1(IN_CLOEXEC);
+            ASSERT_GE(watch, 0);
+            ASSERT_GE(inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_MOVED_TO), 0);
+            // Looks at the socket file as soon as an event names it.
+            mode_t firstSeen = 0;
+            std::thread watcher([&] {
+                alignas(inotify_event) char events[4096];
+                pollfd entry = {watch, POLLIN, 0};
+                while (poll(&entry, 1, 10000) == 1) {
+                    const ssize_t length = read(watch, events, sizeof(events));
+                    for (ssize_t at = 0; at < length;) {
+                        const inotify_event* event =
+                            reinterpret_cast<const inotify_event*>(events + at);
+                        struct stat status;
+                        if (event->len > 0 && strcmp(event->name, "cmmb.socket") == 0 &&
+                            lstat((directory + "/cmmb.socket").c_str(), &status) == 0) {
+                            firstSeen = status.st_mode;
+                            return;
+                        }
+                        at += sizeof(inotify_event) + event->len;
+                    }
+                }
+            });
+            bench.start();
+            Client client(bench.clientPath("player"));
+            ASSERT_TRUE(client.connectTo(bench.serverPath()));
+            watcher.join();
+            close(watch);
+            EXPECT_TRUE(S_ISSOCK(firstSeen));
+            EXPECT_EQ(expected, firstSeen & 07777);
+            std::string output;
+            ASSERT_EQ(0, runCommand("ls -A " + directory, &output));
+            EXPECT_EQ(std::string::npos, ("\n" + output).find("\n."))
+                << "a private directory was left behind: " << output;
+        }
+    });
+}
+
+namespace {
+
+// The descriptor of the engine's listening socket, found by its address; -1 when none.
+int listeningSocketOf(const std::string& path) {
+    for (int fd = 0; fd < 1024; ++fd) {
+        int accepting = 0;
+        socklen_t length = sizeof(accepting);
+        sockaddr_un address = {};
+        socklen_t addressLength = sizeof(address);
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) != 0 || !accepting ||
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) != 0)
+            continue;
+        // Bound in a private directory and renamed into place: the bound name is the
+        // private one, next to the path.
+        const std::string bound = address.sun_path;
+        const std::string directory = path.substr(0, path.rfind('/') + 1);
+        if (bound.compare(0, directory.size(), directory) == 0)
+            return fd;
+    }
+    return -1;
+}
+
+// True when a thread of this process is named `name`.
+bool threadNamed(const std::string& name) {
+    std::string output;
+    return runCommand("cat /proc/" + std::to_string(getpid()) + "/task/*/comm", &output) == 0 &&
+           ("\n" + output).find("\n" + name + "\n") != std::string::npos;
+}
+
+std::atomic<int> gAcceptFailures{0};
+
+void countAcceptFailures(void*, int, const char*, const char* message) {
+    if (strstr(message, "accept on listening socket error") != nullptr)
+        gAcceptFailures.fetch_add(1);
+}
+
+}  // namespace
+
+// The command thread is named, and ends (without spinning) when its listening socket stops
+// being one or is shut down by someone else; deinit then returns at once.
+TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "changes a descriptor another thread uses, which ThreadSanitizer reports";
+#endif
+    for (bool replaced : {true, false}) {
+        SCOPED_TRACE(replaced ? "descriptor replaced" : "socket shut down");
+        EXPECT_IN_CHILD({
+            Bench bench;
+            ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
+            EXPECT_TRUE(threadNamed("tavo-command"));
+            const int listening = listeningSocketOf(bench.serverPath());
+            ASSERT_GE(listening, 0);
+            if (replaced) {
+                // The descriptor number now holds something that is not a socket.
+                UniqueFd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+                ASSERT_EQ(listening, dup2(nothing.get(), listening));
+            } else {
+                ASSERT_EQ(0, shutdown(listening, SHUT_RDWR));
+            }
+            ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
+            EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
+            EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
+            EXPECT_FALSE(threadNamed("tavo-command"));
+            EXPECT_TRUE(bench.player.waitForClose());
+        });
+    }
+}
+
+// An accept that fails for want of descriptors leaves the connection waiting; the thread
+// tries again at a calm pace, and serves the client once descriptors are free again.
+TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        tavo_log_set_sink(countAcceptFailures, nullptr);  // before the threads that log start
+        bench.start();
+        ASSERT_TRUE(bench.root.waitForLog("server is accepting client"));
+        // Socket and address first: once the limit is lowered no descriptor can be made.
+        const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un own = {}, server = {};
+        own.sun_family = server.sun_family = AF_UNIX;
+        strncpy(own.sun_path, bench.clientPath("waiting").c_str(), sizeof(own.sun_path) - 1);
+        strncpy(server.sun_path, bench.serverPath().c_str(), sizeof(server.sun_path) - 1);
+        ASSERT_EQ(0, bind(client, reinterpret_cast<sockaddr*>(&own), sizeof(own)));
+        rlimit original;
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
+        const int lowestFree = dup(0);
+        close(lowestFree);
+        rlimit lowered = {static_cast<rlim_t>(lowestFree), original.rlim_max};
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lowered));
+        const int connected = connect(client, reinterpret_cast<sockaddr*>(&server), sizeof(server));
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const int failures = gAcceptFailures.load();
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
+        ASSERT_EQ(0, connected);
+        // One try per 100 ms pause, give or take; a spinning thread makes thousands.
+        EXPECT_GE(failures, 3);
+        EXPECT_LE(failures, 30);
+        pollfd entry = {client, POLLIN, 0};
+        EXPECT_EQ(1, poll(&entry, 1, 5000)) << "the waiting client was not served";
+        close(client);
+        bench.engine->deinit();
+        tavo_log_set_sink(nullptr, nullptr);  // once the threads that log have ended
+    });
+}
+
+// A process that exits without deinit, with a play engine connected and sending
+// indications as fast as it can, exits cleanly and at once. Several rounds, since a command
+// thread left running would race the process's exit.
+TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
+    EXPECT_IN_CHILD({
+        setenv("TAVO_LOGMASK", "all", 1);
+        for (int round = 0; round < 10; ++round) {
+            SCOPED_TRACE("round " + std::to_string(round));
+            TestRoot root;
+            const std::string serverPath = root.resolve("/data/app/cmmb.socket");
+            const std::string ownPath = root.path() + "/player.sock";
+            pid_t application = fork();
+            if (application == 0) {
+                RecordingCallback callback;
+                TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+                if (engine->init(&callback, nullptr) != 0)
+                    _exit(2);
+                // Used by the flooding thread until the very end, so never destroyed.
+                static Client& player = *new Client(ownPath);
+                if (!player.connectTo(serverPath) || player.receive().bytes != 96)
+                    _exit(3);
+                std::thread([] {
+                    while (player.sendIndication("2")) {
+                    }
+                }).detach();
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                exit(0);
+            }
+            ASSERT_GT(application, 0);
+            int status = -1;
+            pid_t ended = 0;
+            for (int i = 0; i < 500 && ended == 0; ++i) {  // 5 s, a hang detector
+                ended = waitpid(application, &status, WNOHANG);
+                if (ended == 0)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+            if (ended == 0) {
+                kill(application, SIGKILL);
+                waitpid(application, &status, 0);
+                FAIL() << "the process did not exit";
+            }
+            ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+            EXPECT_EQ(0, WEXITSTATUS(status));
+        }
+    });
+}
+
+// A region descriptor of value 0 (standard input was closed before init) stays open after
+// deinit: descriptor 0 is never closed by the engine.
+TEST(SharedBuffers, DeinitLeavesADescriptorOfValueZeroOpen) {
+    EXPECT_IN_CHILD({
+        Bench bench;
+        close(0);
+        bench.start();
+        EXPECT_EQ(0, TavoMBBMSEngineImpl::getInstance()->deinit());
+        EXPECT_NE(-1, fcntl(0, F_GETFD)) << "descriptor 0 was closed";
+        char target[256] = {};
+        ASSERT_GT(readlink("/proc/self/fd/0", target, sizeof(target) - 1), 0);
+        EXPECT_NE(nullptr, strstr(target, "cmmb_shared_memory_0")) << target;
     });
 }
