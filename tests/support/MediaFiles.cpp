@@ -111,7 +111,8 @@ namespace {
 
 const char* const kGStreamerElements[] = {"filesrc",    "qtdemux",  "queue",     "h264parse",
                                           "avdec_h264", "aacparse", "avdec_aac", "fakesink"};
-const char kGStreamerPackages[] = "gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-libav";
+const char kGStreamerPackages[] =
+    "gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav";
 // Warnings GStreamer's elements print for recordings that are in order, which the gate lets
 // pass: qtdemux's notice that a sample description's compressor name fills the whole
 // 32-byte field (the writer writes it so; every other parser reads it), and two notices it
