@@ -114,9 +114,9 @@ const char* const kGStreamerElements[] = {"filesrc",    "qtdemux",  "queue",    
 const char kGStreamerPackages[] =
     "gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav";
 // Warnings GStreamer's elements print for recordings that are in order, which the gate lets
-// pass: qtdemux's notice that a sample description's compressor name fills the whole
-// 32-byte field (the writer writes it so; every other parser reads it), and two notices it
-// and filesrc print for any plain (unfragmented) file, whoever wrote it.
+// pass: qtdemux's notice about the compressor name (the writer fills that 32-byte field with
+// spaces, so its first byte, read as a length, says 32, one more than fits), and two notices
+// qtdemux and filesrc print for any plain (unfragmented) file, whoever wrote it.
 const char* const kKnownNotices[] = {
     "compressorname length too big",
     "failed to find fragment defaults",
