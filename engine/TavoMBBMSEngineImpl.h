@@ -134,6 +134,11 @@ public:
     static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
     static void onPlayEngineIndication(int indication, int session);
 
+    // ---- Play-engine status (engine/EngineStatus.cpp, exported through
+    // TavoMBBMSEngineStatus.h). Any thread, any time; neither creates the engine.
+    static int playEngineConnectedStatus();
+    static int playEngineHoldsBufferStatus(int session);
+
     // ---- Recording (recording/) ----
     // Agent thread, inside the frame bracket with the session's buffer locked.
     void dataRecording(int session);

@@ -12,7 +12,11 @@
 // so the program first lays out such a root in OUTPUT_DIR/android-root with the simulator
 // installed as the vendor library. On a handset none of this is needed: the application
 // calls the engine exactly as below.
+//
+// The program learns from the engine itself when the play engine has connected and when it
+// has let go of the session's buffer (TavoMBBMSEngineStatus.h).
 #include <TavoMBBMSEngine.h>
+#include <TavoMBBMSEngineStatus.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -130,21 +134,16 @@ int stopPlayEngine(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Waits until `text` appears in the log file: the engine logs each shared buffer it passes
-// to the play engine, so the play engine is connected once the second one is logged.
-bool waitForLogLine(const std::string& logFile, const std::string& text,
-                    std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream log(logFile);
-        std::string line;
-        while (std::getline(log, line)) {
-            if (line.find(text) != std::string::npos)
-                return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+// Waits until `condition` holds, looking every 20 ms; whether it did within `timeout`.
+template <typename Condition>
+bool waitUntil(Condition condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return false;
+    return true;
 }
 
 int fail(const char* what) {
@@ -178,7 +177,7 @@ int main(int argc, char** argv) {
         return fail("cannot prepare the android root");
     setenv("TAVO_ANDROID_ROOT", root.c_str(), 1);
     setenv("TAVO_LOG_FILE", logFile.c_str(), 1);
-    setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,CMD_PATH", 1);
+    setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN", 1);
     unlink(logFile.c_str());
 
     printf("starting the engine\n");
@@ -196,8 +195,10 @@ int main(int argc, char** argv) {
 
     printf("starting the play engine\n");
     pid_t playEngine = startPlayEngine(out + "/playengine");
-    if (playEngine < 0 ||
-        !waitForLogLine(logFile, "cmd=sharebuffer (session=1)", std::chrono::milliseconds(20000))) {
+    // Connected means accepted and being sent the buffers, so the frames of the service
+    // reach it from the start.
+    if (playEngine < 0 || !waitUntil([] { return tavo_mbbms_playengine_connected() == 1; },
+                                     std::chrono::milliseconds(20000))) {
         return fail("the play engine did not connect");
     }
 
@@ -221,6 +222,13 @@ int main(int argc, char** argv) {
 
     engine->stopTVService(0);
     int playEngineStatus = stopPlayEngine(playEngine);
+    // A play engine that ended its connection while keeping session 0's buffer locked would
+    // make the engine replace that buffer before the next service; worth knowing.
+    const bool left = waitUntil([] { return tavo_mbbms_playengine_connected() == 0; },
+                                std::chrono::milliseconds(5000));
+    const int keptBuffer = tavo_mbbms_playengine_holds_buffer(0);
+    printf("play engine    %s, session 0's buffer %s\n", left ? "disconnected" : "still connected",
+           keptBuffer == 0 ? "released" : "still locked");
     engine->deinit();
 
     const long long recorded = fileSize(recording);
@@ -230,5 +238,7 @@ int main(int argc, char** argv) {
            played, playEngineStatus);
     if (stopped != 0 || recorded <= 0 || played <= 0 || playEngineStatus != 0)
         return fail("the recording or the play engine's output is missing");
+    if (!left)
+        return fail("the play engine is still connected after it stopped");
     return 0;
 }

@@ -3,6 +3,8 @@
 # Usage: install_dependencies.sh [--arm]   (--arm adds the 32-bit ARM cross compiler and qemu)
 set -eu
 packages="cmake g++ make ninja-build libgtest-dev libgmock-dev googletest pkg-config ffmpeg mediainfo libavcodec-dev libavutil-dev libswscale-dev android-liblog-dev android-libcutils-dev"
+# GStreamer plays every recorded file in the recording tests (h264parse is in plugins-bad).
+packages="$packages gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav"
 if [ "${1:-}" = "--arm" ]; then
     packages="$packages g++-arm-linux-gnueabihf qemu-user"
 fi

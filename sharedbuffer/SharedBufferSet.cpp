@@ -145,6 +145,17 @@ void SharedBufferSet::unlock(int session) {
     cmmb_sem_post(&mRegions[session].address()->mutexDataAccessable);
 }
 
+int SharedBufferSet::readerHolds(int session) {
+    if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
+        return -1;
+    Ownership& ownership = mOwnership[session];
+    std::lock_guard<std::mutex> guard(ownership.mutex);
+    CmmbSharedBuffer* shared = mRegions[session].address();
+    if (shared == nullptr)
+        return -1;
+    return !ownership.engineHolds && lockWordValue(shared) == 0 ? 1 : 0;
+}
+
 void SharedBufferSet::readerConnected() {
     for (Ownership& ownership : mOwnership) {
         std::lock_guard<std::mutex> guard(ownership.mutex);

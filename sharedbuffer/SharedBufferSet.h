@@ -81,6 +81,13 @@ public:
     // Gives back a lock taken with lock().
     void unlock(int session);
 
+    // Whether a reader outside the engine holds a session's buffer lock: 1 when the lock
+    // word reads 0 and no engine thread holds it, 0 when the lock is free or an engine thread
+    // holds it, -1 for a bad session or a buffer that does not exist. Any thread. A snapshot:
+    // for the moment between an engine thread's wait taking the word and its recording the
+    // hold, the holder still counts as a reader.
+    int readerHolds(int session);
+
     // A client is about to receive the descriptors of the current regions (command thread).
     void readerConnected();
     // The client that received them has gone: closed, reset or pushed out (command thread).

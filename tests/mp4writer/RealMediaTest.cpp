@@ -1,6 +1,7 @@
 // Files recorded from real H.264 (320x240, 25 fps, baseline) and AAC-LC (24 kHz stereo),
 // checked with outside tools: ffprobe reads them silently, ffmpeg decodes them completely,
-// frame counts and durations are those fed, and mediainfo names the formats.
+// frame counts and durations are those fed, mediainfo names the formats, and GStreamer plays
+// them without a warning.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -102,6 +103,9 @@ TEST_P(RealMediaTest, RecordingReadsCleanlyDecodesCompletelyAndPlaysAsFed) {
         EXPECT_EQ("aac,2.048000,48", tool("ffprobe", probe + "a:0"));  // 48 x 1024 at 24 kHz
         EXPECT_EQ("AAC", tool("mediainfo", "--Inform='Audio;%Format%'").substr(0, 3));
     }
+    expectPlaysInGStreamer(harness.path(), !audio()   ? RecordedTracks::VIDEO
+                                           : !video() ? RecordedTracks::AUDIO
+                                                      : RecordedTracks::VIDEO_AND_AUDIO);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tracks, RealMediaTest, ::testing::Values("VideoAudio", "Video", "Audio"),

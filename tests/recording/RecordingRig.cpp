@@ -80,6 +80,7 @@ void expectCleanFile(const std::string& path) {
     EXPECT_EQ("", run("ffmpeg -nostdin -v error -xerror -i '" + path + "' -f null -", &status))
         << path;
     EXPECT_EQ(0, status) << path;
+    expectPlaysInGStreamer(path);
 }
 
 void expectPlayableRecording(const std::string& path) {

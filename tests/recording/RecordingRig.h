@@ -58,7 +58,8 @@ struct ProbedPacket {
     bool key;
 };
 
-// Fails the test unless ffprobe -v error and ffmpeg -xerror read the whole file silently.
+// Fails the test unless ffprobe -v error and ffmpeg -xerror read the whole file silently and
+// GStreamer plays both tracks without a warning (expectPlaysInGStreamer).
 void expectCleanFile(const std::string& path);
 // The whole outside gate: expectCleanFile, ffmpeg -map 0 silent, the video's nb_frames
 // equal to its nb_read_packets, and mediainfo naming AVC and AAC.

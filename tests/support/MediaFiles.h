@@ -7,6 +7,9 @@
 //   readAdtsFrames      splits an ADTS stream into raw AAC frames (headers removed).
 //
 // Both return an empty list when the file cannot be read or is malformed.
+//
+//   expectPlaysInGStreamer  the fourth outside parser of recorded files, beside ffprobe,
+//                           ffmpeg and mediainfo: GStreamer's qtdemux, parsers and decoders.
 #ifndef TAVO_TESTS_SUPPORT_MEDIA_FILES_H
 #define TAVO_TESTS_SUPPORT_MEDIA_FILES_H
 
@@ -41,5 +44,25 @@ int nalUnitType(const MediaBytes& nalUnit);
 
 std::vector<MediaBytes> readAdtsFrames(const std::string& path, AdtsStreamInfo* info = nullptr);
 std::vector<MediaBytes> splitAdtsFrames(const MediaBytes& stream, AdtsStreamInfo* info = nullptr);
+
+// The tracks a recorded file holds, for the GStreamer pipeline that plays it.
+enum class RecordedTracks { VIDEO_AND_AUDIO, VIDEO, AUDIO };
+
+// What is missing for playing recordings through GStreamer (gst-launch-1.0, or one of the
+// elements qtdemux, h264parse, avdec_h264, aacparse, avdec_aac, fakesink); "" when nothing.
+std::string gstreamerMissing();
+
+// The lines GStreamer printed while playing `path` to its end (gst-launch-1.0 -q, with the
+// warnings of its elements on: GST_DEBUG=*:2) that are errors or warnings, apart from the
+// known notices it prints for any plain file and the one about the compressor name, plus
+// the exit status when it is not 0. "" when the file played cleanly.
+std::string gstreamerPlaybackProblems(const std::string& path, RecordedTracks tracks);
+
+// Adds a test failure unless `path` plays through GStreamer cleanly. When GStreamer is
+// missing: a failure in CI (environment variable CI=true, where install_dependencies.sh
+// installs it), elsewhere a skip that names the packages to install. In a test body that
+// runs in a forked child (EXPECT_IN_CHILD) the skip reaches only the child's output.
+void expectPlaysInGStreamer(const std::string& path,
+                            RecordedTracks tracks = RecordedTracks::VIDEO_AND_AUDIO);
 
 #endif  // TAVO_TESTS_SUPPORT_MEDIA_FILES_H
