@@ -43,6 +43,18 @@ int threadCount() {
     return count;
 }
 
+// The thread count once it has settled at `expected`, or what it is after a bound: a joined
+// thread may still be listed by the system for a moment while it exits.
+int threadCountSettledAt(int expected) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    int count = threadCount();
+    while (count != expected && std::chrono::steady_clock::now() < deadline) {
+        usleep(1000);
+        count = threadCount();
+    }
+    return count;
+}
+
 int startService(TavoMBBMSEngine* engine, FakeAgentControl* agent, int session) {
     IsmaPara isma;
     memset(&isma, 0, sizeof(isma));
@@ -111,7 +123,7 @@ TEST(DeinitTeardown, ThreadsAndDescriptorsAreBackAndPendingRecordingsAreReported
             EXPECT_EQ(2, app.count("onEvent(151, ") + app.count("onEvent(152, "));
             outputs[0].reset();
             outputs[1].reset();
-            EXPECT_EQ(threadsBefore, threadCount());
+            EXPECT_EQ(threadsBefore, threadCountSettledAt(threadsBefore));
             EXPECT_EQ(descriptorsBefore, openDescriptors());
 
             app.clear();
