@@ -495,6 +495,10 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
             ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
             EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
             EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
+            // It logs its last line just before it returns.
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+            while (threadNamed("tavo-command") && std::chrono::steady_clock::now() < deadline)
+                usleep(10 * 1000);
             EXPECT_FALSE(threadNamed("tavo-command"));
             EXPECT_TRUE(bench.player.waitForClose());
         });
