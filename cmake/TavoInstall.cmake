@@ -26,6 +26,7 @@ set(TAVO_INSTALLED_TOOLS tavo_playengine tavo_demo tavo_repair)
 # play engine.
 set(TAVO_PUBLIC_HEADERS
     ${PROJECT_SOURCE_DIR}/include/TavoMBBMSEngine.h
+    ${PROJECT_SOURCE_DIR}/include/TavoMBBMSEngineStatus.h
     ${PROJECT_SOURCE_DIR}/include/MBBMSAgent.h)
 
 # --- The engine library --------------------------------------------------------------------
