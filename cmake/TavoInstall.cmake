@@ -76,24 +76,29 @@ endforeach()
 # --- Broadcast simulator -------------------------------------------------------------------
 # Not a part of the engine: a stand-in tuner agent for examples and demos on a host. It is
 # loaded by file name (as libsiano.so inside an android root), so it goes to a private
-# directory rather than beside the engine.
-# The library finds its content from its own file's directory, by the installed relative path.
+# directory rather than beside the engine. It finds its content from its own file's
+# directory by the installed relative path (TAVO_SIM_AGENT_TO_CONTENT, also used by its test).
 if(TARGET simagent)
     file(GLOB tavo_sim_content LIST_DIRECTORIES false
         ${PROJECT_SOURCE_DIR}/agents/sim/content/*.h264
         ${PROJECT_SOURCE_DIR}/agents/sim/content/*.aac)
-    file(RELATIVE_PATH tavo_sim_agent_to_content ${CMAKE_INSTALL_PREFIX}/${TAVO_INSTALL_SIM_AGENTDIR}
+    file(RELATIVE_PATH TAVO_SIM_AGENT_TO_CONTENT ${CMAKE_INSTALL_PREFIX}/${TAVO_INSTALL_SIM_AGENTDIR}
         ${CMAKE_INSTALL_PREFIX}/${TAVO_INSTALL_SIM_CONTENTDIR})
     target_compile_definitions(simagent PRIVATE
-        TAVO_SIM_CONTENT_FROM_AGENT="${tavo_sim_agent_to_content}")
+        TAVO_SIM_CONTENT_FROM_AGENT="${TAVO_SIM_AGENT_TO_CONTENT}")
     # The build tree's copy of the installed layout.
     set_target_properties(simagent PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${TAVO_INSTALL_SIM_AGENTDIR})
-    add_custom_target(tavo_sim_content
-        COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/${TAVO_INSTALL_SIM_CONTENTDIR}
-        COMMAND ${CMAKE_COMMAND} -E copy_if_different ${tavo_sim_content}
-            ${PROJECT_BINARY_DIR}/${TAVO_INSTALL_SIM_CONTENTDIR}
-        COMMENT "Placing the simulator's content beside it in the build tree")
+    set(tavo_staged_content "")
+    foreach(file ${tavo_sim_content})
+        get_filename_component(name ${file} NAME)
+        set(staged ${PROJECT_BINARY_DIR}/${TAVO_INSTALL_SIM_CONTENTDIR}/${name})
+        add_custom_command(OUTPUT ${staged}
+            COMMAND ${CMAKE_COMMAND} -E copy ${file} ${staged}
+            DEPENDS ${file})
+        list(APPEND tavo_staged_content ${staged})
+    endforeach()
+    add_custom_target(tavo_sim_content DEPENDS ${tavo_staged_content})
     add_dependencies(simagent tavo_sim_content)
 
     install(TARGETS simagent LIBRARY DESTINATION ${TAVO_INSTALL_SIM_AGENTDIR}
