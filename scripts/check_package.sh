@@ -78,7 +78,7 @@ expected="$work/expected.txt"
     done
     echo "share/doc/tavombbms/LICENSE"
     echo "share/doc/tavombbms/NOTICE"
-    # The play-engine SDK, when the build has it.
+    # The play-engine SDK, when the build has it (its headers belong in this list too).
     if [ -n "$(find "$build" -name 'libtavoplayengine.so*' -print -quit)" ]; then
         echo "lib/libtavoplayengine.so"
         echo "lib/libtavoplayengine.so.1"
