@@ -16,7 +16,7 @@ cmake --preset release -S "$root" -B "$out/release" >"$out/release.configure.log
 cmake --build "$out/release" -j "$(nproc)" --target tavo_demo >"$out/release.build.log" 2>&1 ||
     { tail -60 "$out/release.build.log"; exit 1; }
 
-demo="$out/release/tools/demo/tavo_demo"
+demo="$out/release/bin/tavo_demo"
 if [ "$#" -eq 0 ]; then
     set -- --seconds 20 --speed 4 --out "$out/demo"
 fi

@@ -7,9 +7,11 @@
 #   5. the handset backend of the platform layer, built on the host against Debian's liblog
 #      and libcutils with the engine library, and its own test;
 #   6. a Release build with g++ and one with clang++ (optimiser-only warnings);
-#   7. the package: cmake --install into a temporary prefix, the example in examples/ built
-#      against it with find_package and run, and a file that includes TavoMBBMSEngine.h
-#      compiled with pkg-config's flags;
+#   7. the package: cmake --install into a temporary prefix, checked file by file (no build
+#      path, relative run paths, manual pages, --help and --version), the example in
+#      examples/ built against it with find_package and run, the package's components, and
+#      a file that includes TavoMBBMSEngine.h compiled with pkg-config's flags; and the
+#      handset build's Android.bp (formatted, every source present and listed);
 #   8. the benchmarks as a quick smoke (tiny counts; figures mean nothing here);
 #   9. every fuzz target (clang, libFuzzer, ASan, UBSan) for a bounded time, failing on any
 #      finding.
@@ -73,6 +75,9 @@ build ci-clang-release all
 
 echo "==== installed package"
 sh scripts/check_package.sh "$out/ci-release" "$out/package"
+
+echo "==== handset build (Android.bp)"
+sh scripts/check_android_bp.sh "$out/ci-release"
 
 echo "==== benchmarks (smoke)"
 TAVO_BENCH_PRESET=ci-release sh scripts/run_benchmarks.sh --smoke >/dev/null

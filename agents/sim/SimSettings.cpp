@@ -1,16 +1,19 @@
 #include "SimSettings.h"
 
+#include <dlfcn.h>
+#include <limits.h>
+#include <sys/stat.h>
+
 #include <cstdlib>
 
 #include "AndroidLog.h"
+#include "AndroidPaths.h"
 #include "Properties.h"
 
-#include <sys/stat.h>
-
-#include "AndroidPaths.h"
-
-#ifndef TAVO_SIM_CONTENT_DIR
-#define TAVO_SIM_CONTENT_DIR ""
+// Where the content is installed, relative to the directory of this library's own file; the
+// build tree keeps the same layout.
+#ifndef TAVO_SIM_CONTENT_FROM_AGENT
+#define TAVO_SIM_CONTENT_FROM_AGENT ""
 #endif
 
 namespace {
@@ -18,6 +21,31 @@ namespace {
 constexpr double kMinSpeed = 0.1;
 constexpr double kMaxSpeed = 100.0;
 constexpr const char* kInstalledContentDir = "/system/etc/tavosim";
+
+bool isDirectory(const std::string& path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The content beside the installed simulator: the directory of this library's file, with
+// symbolic links resolved (an android root usually links libsiano.so to it), followed by the
+// installed relative path. Empty when the library's file cannot be found.
+std::string contentBesideAgent() {
+    Dl_info info;
+    if (*TAVO_SIM_CONTENT_FROM_AGENT == '\0' ||
+        dladdr(reinterpret_cast<void*>(&contentBesideAgent), &info) == 0 ||
+        info.dli_fname == nullptr)
+        return "";
+    char resolved[PATH_MAX];
+    if (realpath(info.dli_fname, resolved) == nullptr)
+        return "";
+    std::string directory(resolved);
+    size_t slash = directory.rfind('/');
+    if (slash == std::string::npos)
+        return "";
+    directory.resize(slash);
+    return directory + "/" + TAVO_SIM_CONTENT_FROM_AGENT;
+}
 
 }  // namespace
 
@@ -39,14 +67,13 @@ SimSettings SimSettings::fromProperties() {
         settings.contentDir = value;
         return settings;
     }
-    // Installed content, else the content folder of the source tree the library was built from.
-    char installed[4096];
-    struct stat info;
+    // Content installed into the android root, else the content installed with the library.
+    char installed[PATH_MAX];
     if (resolveAndroidPath(kInstalledContentDir, installed, sizeof(installed)) == 0 &&
-        stat(installed, &info) == 0 && S_ISDIR(info.st_mode)) {
+        isDirectory(installed)) {
         settings.contentDir = installed;
     } else {
-        settings.contentDir = TAVO_SIM_CONTENT_DIR;
+        settings.contentDir = contentBesideAgent();
     }
     return settings;
 }

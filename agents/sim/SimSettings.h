@@ -3,7 +3,8 @@
 //                               (default 1, accepted 0.1 to 100)
 //   "persist.tavo.sim.content"  directory holding <serviceID>.h264 and <serviceID>.aac;
 //                               when unset, "/system/etc/tavosim" if it exists, else the
-//                               content folder of the source tree the library was built from
+//                               content installed with the library: ../../share/tavombbms/sim
+//                               from the directory of the library's file (links resolved)
 #ifndef TAVO_SIM_SETTINGS_H
 #define TAVO_SIM_SETTINGS_H
 

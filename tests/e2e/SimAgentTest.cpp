@@ -280,4 +280,48 @@ TEST_F(SimAgentTest, BadCallsFailWithoutHarm) {
     expectNoViolation();
 }
 
+// Without a content property or content in the android root, the simulator reads the content
+// installed beside its own library file, and none from anywhere else: a copy of the library
+// laid out as an installation plays, a copy on its own finds nothing.
+TEST(SimAgentContent, IsFoundBesideTheLibraryFileAndNowhereElse) {
+    TestRoot root("");
+    root.setProperty("persist.tavo.sim.speed", "50");
+    const std::string installedDir = root.path() + "/prefix/one/two/three/four";
+    const std::string contentDir = installedDir + "/" + TAVO_SIM_AGENT_TO_CONTENT;
+    const std::string aloneDir = root.path() + "/alone";
+    const std::string place = "mkdir -p " + installedDir + " " + aloneDir + " && mkdir -p " +
+                              contentDir + " && cp " + TAVO_SIM_CONTENT_DIR + "/*.h264 " +
+                              TAVO_SIM_CONTENT_DIR + "/*.aac " + contentDir + " && cp " +
+                              TAVO_SIM_AGENT_PATH + " " + installedDir + " && cp " +
+                              TAVO_SIM_AGENT_PATH + " " + aloneDir;
+    ASSERT_EQ(0, system(place.c_str()));
+
+    const std::string built = TAVO_SIM_AGENT_PATH;
+    const std::string fileName = built.substr(built.rfind('/') + 1);
+    IgnoringCallback<MBBMSAgentCallback> callback;
+    for (const std::string& dir : {installedDir, aloneDir}) {
+        const std::string library = dir + "/" + fileName;
+        void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(nullptr, handle) << dlerror();
+        auto create = reinterpret_cast<CreateAgentFunc>(dlsym(handle, "createAgent"));
+        auto destroy = reinterpret_cast<DestroyAgentFunc>(dlsym(handle, "destroyAgent"));
+        ASSERT_TRUE(create != nullptr && destroy != nullptr);
+        MBBMSAgent* agent = create();
+        ASSERT_NE(nullptr, agent);
+        int initialized = agent->init(&callback, "/tmp", "/tmp");
+        if (dir == installedDir) {
+            EXPECT_NE(-1, initialized) << "no content found beside " << library;
+            IsmaPara isma{};
+            isma.serviceID = 101;
+            int channel = -1;
+            EXPECT_EQ(0, agent->startService(&channel, 13, 0, 0, 1, &isma));
+            agent->deinit();
+        } else {
+            EXPECT_EQ(-1, initialized) << "content found for a library away from it";
+        }
+        destroy(agent);
+        dlclose(handle);
+    }
+}
+
 }  // namespace

@@ -49,8 +49,9 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
     GTEST_SKIP() << "real-time play-engine processes are not run under emulation";
 #endif
     EXPECT_IN_CHILD({
-        TestRoot root(TAVO_SIM_AGENT_PATH);
+        TestRoot root(TAVO_SIM_AGENT_PATH);  // a copy, away from the content beside it
         root.setProperty("persist.tavo.sim.speed", "20");
+        root.setProperty("persist.tavo.sim.content", TAVO_SIM_CONTENT_DIR);
         setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,CMD_PATH", 1);
         ASSERT_EQ(0, mkdir((root.path() + "/first").c_str(), 0755));
         ASSERT_EQ(0, mkdir((root.path() + "/second").c_str(), 0755));
@@ -101,8 +102,9 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
 
 TEST(SimulatedBroadcast, DeinitWithRunningServicesThenInitServesAgain) {
     EXPECT_IN_CHILD({
-        TestRoot root(TAVO_SIM_AGENT_PATH);
+        TestRoot root(TAVO_SIM_AGENT_PATH);  // a copy, away from the content beside it
         root.setProperty("persist.tavo.sim.speed", "20");
+        root.setProperty("persist.tavo.sim.content", TAVO_SIM_CONTENT_DIR);
         RecordingCallback callback;
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         for (int round = 0; round < 2; ++round) {

@@ -26,7 +26,8 @@ bool parseDouble(const char* text, double low, double high, double* out) {
 }  // namespace
 
 const char* DemoOptions::usage() {
-    return "Usage: tavo_demo [--seconds N] [--speed X] [--out DIR] [--sessions 1|2] [--help]\n"
+    return "Usage: tavo_demo [--seconds N] [--speed X] [--out DIR] [--sessions 1|2]\n"
+           "       tavo_demo --help | --version\n"
            "\n"
            "Plays a simulated CMMB broadcast through the engine: scans, tunes, reads the\n"
            "control table and the service guide, runs an MBBMS request round, starts the\n"
@@ -37,7 +38,8 @@ const char* DemoOptions::usage() {
            "  --speed X       broadcast at X times real time (0.1-50, default 1)\n"
            "  --out DIR       where every output file goes (default ./tavo-demo-out)\n"
            "  --sessions 1|2  number of TV sessions to show (default 2)\n"
-           "  --help          this text\n";
+           "  --help          this text\n"
+           "  --version       the package version\n";
 }
 
 bool DemoOptions::parse(int argc, char** argv, std::string* error) {
@@ -45,6 +47,10 @@ bool DemoOptions::parse(int argc, char** argv, std::string* error) {
         const char* option = argv[i];
         if (strcmp(option, "--help") == 0 || strcmp(option, "-h") == 0) {
             help = true;
+            continue;
+        }
+        if (strcmp(option, "--version") == 0) {
+            version = true;
             continue;
         }
         if (i + 1 >= argc) {

@@ -10,6 +10,7 @@ struct DemoOptions {
     std::string outDir = "tavo-demo-out";
     int sessions = 2;  // TV sessions shown: 1 or 2
     bool help = false;
+    bool version = false;
 
     // Parses argv. Returns false with a message in *error for a bad option or value.
     bool parse(int argc, char** argv, std::string* error);

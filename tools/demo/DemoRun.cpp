@@ -12,16 +12,8 @@
 #include "ExternalTool.h"
 #include "Mp4Summary.h"
 
-#ifndef TAVO_DEMO_SIM_AGENT
-#define TAVO_DEMO_SIM_AGENT ""
-#endif
-#ifndef TAVO_DEMO_SIM_CONTENT
-#define TAVO_DEMO_SIM_CONTENT ""
-#endif
-#ifndef TAVO_DEMO_PLAY_ENGINE
-#define TAVO_DEMO_PLAY_ENGINE ""
-#endif
-// Paths of the installed simulator relative to the installed program's directory.
+// Paths of the simulator relative to the program's directory, in the installation and in the
+// build tree alike (the build tree keeps the installed layout).
 #ifndef TAVO_DEMO_INSTALLED_SIM_AGENT
 #define TAVO_DEMO_INSTALLED_SIM_AGENT ""
 #endif
@@ -104,8 +96,14 @@ bool DemoRun::prepare() {
     if (socketPath.size() > 107) {
         return failed("prepare", "--out is too long for the engine's socket path " + socketPath);
     }
-    if (!demofiles::isDirectory(content)) {
-        return failed("prepare", "no simulator content at " + content);
+    if (agent.empty()) {
+        return failed("prepare", std::string("no simulator at ") + TAVO_DEMO_INSTALLED_SIM_AGENT +
+                                     " from the program's directory");
+    }
+    if (content.empty()) {
+        return failed("prepare", std::string("no simulator content at ") +
+                                     TAVO_DEMO_INSTALLED_SIM_CONTENT +
+                                     " from the program's directory");
     }
     std::string error;
     if (!mRoot.prepare(agent, content, mOptions.speed, &error)) {
@@ -264,7 +262,7 @@ std::string DemoRun::findSimAgent() const {
         demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_AGENT;
     if (*TAVO_DEMO_INSTALLED_SIM_AGENT != '\0' && access(installed.c_str(), R_OK) == 0)
         return installed;
-    return TAVO_DEMO_SIM_AGENT;
+    return "";
 }
 
 std::string DemoRun::findSimContent() const {
@@ -272,18 +270,12 @@ std::string DemoRun::findSimContent() const {
         demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_CONTENT;
     if (*TAVO_DEMO_INSTALLED_SIM_CONTENT != '\0' && demofiles::isDirectory(installed))
         return installed;
-    return TAVO_DEMO_SIM_CONTENT;
+    return "";
 }
 
 std::string DemoRun::findPlayEngine() const {
-    const std::string here = demofiles::executableDirectory();
-    for (const std::string& candidate :
-         {here + "/tavo_playengine", here + "/../playengine/tavo_playengine",
-          std::string(TAVO_DEMO_PLAY_ENGINE)}) {
-        if (!candidate.empty() && demofiles::isExecutable(candidate))
-            return candidate;
-    }
-    return "";
+    const std::string candidate = demofiles::executableDirectory() + "/tavo_playengine";
+    return demofiles::isExecutable(candidate) ? candidate : "";
 }
 
 bool DemoRun::startPlayEngine() {

@@ -4,6 +4,7 @@
 
 #include "DemoOptions.h"
 #include "DemoRun.h"
+#include "TavoMBBMSVersion.h"
 
 int main(int argc, char** argv) {
     DemoOptions options;
@@ -14,6 +15,11 @@ int main(int argc, char** argv) {
     }
     if (options.help) {
         fputs(DemoOptions::usage(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        // The package this program came with, and the engine library it loaded.
+        printf("tavo_demo %s (libtavombbms %s)\n", TAVOMBBMS_VERSION_STRING, tavo_mbbms_version());
         return 0;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);

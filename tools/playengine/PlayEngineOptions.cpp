@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "AndroidPaths.h"
+#include "TavoMBBMSVersion.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ const char kUsage[] =
     "                        for it to come back\n"
     "  --verbose             report every command and indication\n"
     "  --help                show this text\n"
+    "  --version             show the package version\n"
     "\n"
     "Stops on SIGINT or SIGTERM and prints per session the multiplex frames, NAL units, AAC\n"
     "frames and empty frames it read.\n";
@@ -50,6 +52,10 @@ int parsePlayEngineOptions(int argc, char** argv, PlayEngineOptions* options) {
         const char* option = argv[i];
         if (strcmp(option, "--help") == 0 || strcmp(option, "-h") == 0) {
             printf(kUsage, argv[0]);
+            return 1;
+        }
+        if (strcmp(option, "--version") == 0) {
+            printf("tavo_playengine %s\n", TAVOMBBMS_VERSION_STRING);
             return 1;
         }
         if (strcmp(option, "--no-reconnect") == 0) {

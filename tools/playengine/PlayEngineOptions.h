@@ -14,7 +14,8 @@ struct PlayEngineOptions {
     bool verbose = false;
 };
 
-// Parses argv. Returns 0 to run, 1 after printing the help, 2 after printing an error.
+// Parses argv. Returns 0 to run, 1 after printing the help or the version, 2 after printing
+// an error.
 int parsePlayEngineOptions(int argc, char** argv, PlayEngineOptions* options);
 
 #endif  // TAVO_TOOLS_PLAYENGINE_OPTIONS_H

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "OutputFile.h"
+#include "TavoMBBMSVersion.h"
 #include "TavoRecordingRepair.h"
 #include "UniqueFd.h"
 
@@ -54,7 +55,7 @@ int parseArguments(int argc, char** argv, Arguments* arguments) {
             fputs(kUsage, stdout);
             return 0;
         } else if (options && strcmp(argument, "--version") == 0) {
-            printf("%s %s\n", kProgram, TAVO_PACKAGE_VERSION);
+            printf("%s %s\n", kProgram, TAVOMBBMS_VERSION_STRING);
             return 0;
         } else if (options && (strcmp(argument, "--force") == 0 || strcmp(argument, "-f") == 0)) {
             arguments->force = true;
