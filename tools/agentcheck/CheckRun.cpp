@@ -154,9 +154,14 @@ bool CheckRun::initEngine() {
 void CheckRun::connectReader() {
     mReader.reset(new FrameReader(mRoot.resolve("/data/app/cmmb.socket"),
                                   mRoot.resolve("/data/app/agentcheck.socket")));
+    // The engine's command thread creates its socket a moment after init has returned.
     std::string error;
     bool ok = mReader->start(&error);
-    for (int i = 0; ok && i < 50 && !mReader->hasBuffers(); ++i)
+    for (int i = 0; !ok && i < 100; ++i) {
+        std::this_thread::sleep_for(milliseconds(20));
+        ok = mReader->start(&error);
+    }
+    for (int i = 0; ok && i < 100 && !mReader->hasBuffers(); ++i)
         std::this_thread::sleep_for(milliseconds(20));
     step("play engine reader", ok && mReader->hasBuffers(),
          ok ? (mReader->hasBuffers() ? "both shared buffers mapped" : "no shared buffers") : error);
