@@ -8,6 +8,16 @@ bool CheckApplication::waitUntil(const std::function<bool()>& pred,
     return mChanged.wait_for(lock, timeout, pred);
 }
 
+int CheckApplication::esgUpdates() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mEsgUpdates;
+}
+
+int CheckApplication::completions() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mCompletions;
+}
+
 std::vector<int> CheckApplication::lockedFrequencies() {
     std::lock_guard<std::mutex> guard(mLock);
     return mLocked;

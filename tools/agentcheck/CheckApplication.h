@@ -26,6 +26,8 @@ public:
     int completionsLocked() const { return mCompletions; }
     int captureEventsLocked() const { return mCaptureEvents; }
 
+    int esgUpdates();
+    int completions();
     std::vector<int> lockedFrequencies();
     std::vector<ServiceParam> services();
     bool lastCompletionDone();

@@ -74,7 +74,8 @@ void printOutcomeTable(const CheckOutcome& outcome, FILE* out) {
     if (outcome.couldNotRun)
         fprintf(out, " (could not run: %s)", outcome.error.c_str());
     else if (!outcome.breaches.empty())
-        fprintf(out, " (%zu kinds of breach)", outcome.breaches.size());
+        fprintf(out, " (breaches of %zu kind%s)", outcome.breaches.size(),
+                outcome.breaches.size() == 1 ? "" : "s");
     fprintf(out, "\n");
 }
 

@@ -194,13 +194,7 @@ void CheckRun::readTables(int freqDot) {
     step("TS0 freq " + number(freqDot), ts0,
          ts0 ? number(services) + " services" : "no onTS0Parsed");
 
-    int before = 0;
-    mApplication.waitUntil(
-        [&] {
-            before = mApplication.esgUpdatesLocked();
-            return true;
-        },
-        milliseconds(0));
+    const int before = mApplication.esgUpdates();
     mEngine->startUpdateESG(freqDot, 0, 1, 1);
     bool esg = mApplication.waitUntil(
         [this, before] { return mApplication.esgUpdatesLocked() > before; }, kTableWait);
@@ -226,13 +220,7 @@ void CheckRun::runRequests() {
          [engine] { return engine->requestUnsubscribeService(kPackages, 1); }},
     };
     for (const auto& request : requests) {
-        int before = 0;
-        mApplication.waitUntil(
-            [&] {
-                before = mApplication.completionsLocked();
-                return true;
-            },
-            milliseconds(0));
+        const int before = mApplication.completions();
         // The engine ends a request only after the completion has reached us, so the next
         // one may come a moment early: try again briefly.
         int result = -1;

@@ -10,9 +10,12 @@ int CheckingAgent::init(MBBMSAgentCallback* callback, const char* dir, const cha
     CheckingCallback* checking;
     {
         std::lock_guard<std::mutex> guard(mLock);
-        // An earlier callback stays alive: a vendor thread may still hold it.
-        if (!mCallback || mCallback->engine() != callback)
+        if (!mCallback || mCallback->engine() != callback) {
+            // The earlier callback stays alive: a vendor thread may still hold it.
+            if (mCallback)
+                mRetired.push_back(std::move(mCallback));
             mCallback.reset(new CheckingCallback(callback, mChecker));
+        }
         checking = mCallback.get();
     }
     return mVendor->init(checking, dir, dir2);

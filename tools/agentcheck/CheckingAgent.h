@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "CheckingCallback.h"
 #include "ContractChecker.h"
@@ -64,7 +65,9 @@ private:
     MBBMSAgent* const mVendor;
     ContractChecker* const mChecker;
     std::mutex mLock;
-    std::unique_ptr<CheckingCallback> mCallback;  // guarded by mLock; replaced by each init
+    std::unique_ptr<CheckingCallback> mCallback;  // guarded by mLock
+    // Callbacks of an earlier init with another engine callback; guarded by mLock.
+    std::vector<std::unique_ptr<CheckingCallback>> mRetired;
 };
 
 #endif  // TAVO_TOOLS_AGENTCHECK_CHECKING_AGENT_H

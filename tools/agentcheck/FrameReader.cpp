@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -111,6 +112,10 @@ void FrameReader::receiveCommand() {
     const int session = command.session - '0';
     if (text == PLAYENGINE_CMD_TEXT_SHAREBUFFER && passed.valid() && session >= 0 &&
         session < kSessions && !mMappings[session].valid()) {
+        // A region smaller than the layout would fault on access: refuse it.
+        struct stat info;
+        if (fstat(passed.get(), &info) != 0 || info.st_size < CMMB_SHARED_BUFFER_SIZE)
+            return;
         void* address = mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED,
                              passed.get(), 0);
         if (address != MAP_FAILED) {
