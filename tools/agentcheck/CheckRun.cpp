@@ -283,8 +283,10 @@ void CheckRun::startServices() {
 }
 
 void CheckRun::readFrames() {
-    if (mStarted[0] < 0 && mStarted[1] < 0)
+    if (mStarted[0] < 0 && mStarted[1] < 0) {
+        cannotRun("no service could be started, so no frame could be checked");
         return;
+    }
     const int session = mStarted[0] >= 0 ? 0 : 1;
     const std::string recordingPath = mRoot.resolve("/sdcard/agentcheck.3gp");
     const std::string snapshotPath = mRoot.resolve("/sdcard/agentcheck.jpg");

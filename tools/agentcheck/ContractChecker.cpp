@@ -14,10 +14,6 @@ const unsigned kMaxAacLength = 2040;
 const int kNalTypeSps = 7;
 const int kNalTypePps = 8;
 
-// Frames of this thread that were not forwarded (a nested start), so their data and end are
-// not forwarded either.
-thread_local int tDroppedFrames = 0;
-
 unsigned startCodeLength(const unsigned char* data, unsigned length) {
     if (length < 3 || data[0] != 0 || data[1] != 0)
         return 0;
@@ -33,6 +29,21 @@ double seconds(uint32_t ticks) {
 }
 
 }  // namespace
+
+int& ContractChecker::droppedFramesLocked() {
+    const std::thread::id self = std::this_thread::get_id();
+    DroppedFrames* free = nullptr;
+    for (DroppedFrames& entry : mDropped) {
+        if (entry.depth > 0 && entry.thread == self)
+            return entry.depth;
+        if (entry.depth == 0 && free == nullptr)
+            free = &entry;
+    }
+    if (free == nullptr)
+        return mDropped[0].depth;  // more threads nesting at once than entries: share one
+    free->thread = self;
+    return free->depth;
+}
 
 ContractChecker::Channel* ContractChecker::channelLocked(int channelID) {
     for (Channel& channel : mChannels) {
@@ -63,12 +74,13 @@ void ContractChecker::checkThreadLocked(Channel* channel) {
 
 bool ContractChecker::frameStart(int channelID) {
     std::lock_guard<std::mutex> guard(mLock);
-    if (tDroppedFrames > 0 || mFrameOpen) {
-        bool sameThread = tDroppedFrames > 0 || mFrameThread == std::this_thread::get_id();
+    int& dropped = droppedFramesLocked();
+    if (dropped > 0 || mFrameOpen) {
+        bool sameThread = dropped > 0 || mFrameThread == std::this_thread::get_id();
         mLog->report(Breach::NESTED_BRACKET,
                      "onOutputAVStart(%d) while the frame of channel %d is still open (%s)",
                      channelID, mFrameChannel, sameThread ? "same thread" : "another thread");
-        ++tDroppedFrames;
+        ++dropped;
         return false;
     }
     Channel* channel = channelLocked(channelID);
@@ -88,8 +100,9 @@ bool ContractChecker::frameStart(int channelID) {
 
 bool ContractChecker::frameEnd(int* channelID, bool withError) {
     std::lock_guard<std::mutex> guard(mLock);
-    if (tDroppedFrames > 0) {
-        --tDroppedFrames;
+    int& dropped = droppedFramesLocked();
+    if (dropped > 0) {
+        --dropped;
         return false;
     }
     if (!mFrameOpen || mFrameThread != std::this_thread::get_id()) {
@@ -118,7 +131,7 @@ bool ContractChecker::frameEnd(int* channelID, bool withError) {
 }
 
 bool ContractChecker::dataInFrameLocked(int channelID, const char* what) {
-    if (tDroppedFrames > 0)
+    if (droppedFramesLocked() > 0)
         return false;
     if (!mFrameOpen || mFrameThread != std::this_thread::get_id()) {
         mLog->report(Breach::DATA_OUTSIDE_BRACKET, "%s(%d) outside a frame bracket%s", what,
@@ -278,7 +291,7 @@ bool ContractChecker::audioData(int channelID, uint32_t time, const unsigned cha
 
 void ContractChecker::resultOrEvent(const char* name) {
     std::lock_guard<std::mutex> guard(mLock);
-    if ((mFrameOpen && mFrameThread == std::this_thread::get_id()) || tDroppedFrames > 0) {
+    if ((mFrameOpen && mFrameThread == std::this_thread::get_id()) || droppedFramesLocked() > 0) {
         mLog->report(Breach::CALLBACK_INSIDE_BRACKET, "%s inside the frame of channel %d", name,
                      mFrameChannel);
     }

@@ -70,6 +70,16 @@ private:
         ChannelSummary summary;
     };
 
+    // Frames of one thread that were not forwarded (a nested start), so that their data and
+    // end are not forwarded either.
+    struct DroppedFrames {
+        std::thread::id thread;
+        int depth = 0;
+    };
+    static const int kMaxNestingThreads = 8;
+
+    // REQUIRES: mLock held. The current thread's count of frames not forwarded.
+    int& droppedFramesLocked();
     // REQUIRES: mLock held. The channel's state, created on first use; null when the table is
     // full.
     Channel* channelLocked(int channelID);
@@ -88,6 +98,7 @@ private:
     std::thread::id mFrameThread;
     std::chrono::steady_clock::time_point mFrameStarted;
     int mPendingRequest = 0;  // 0 = none
+    DroppedFrames mDropped[kMaxNestingThreads];
 };
 
 #endif  // TAVO_TOOLS_AGENTCHECK_CONTRACT_CHECKER_H
