@@ -136,6 +136,22 @@ TEST(AgentCheck, LibrariesThatCannotBeCheckedGiveExitStatus2) {
     EXPECT_EQ(std::set<std::string>{"missing-export"}, breachIds(noCreate.json));
 }
 
+TEST(AgentCheck, ALibraryThatStartsNoServiceCannotBeChecked) {
+    // The fake agent outside its broadcast mode reports no signal and no TS0 services.
+    ToolRun run = runTool("", "--freqs 20 --seconds 1 --json " TAVO_FAKE_AGENT_PATH);
+    ASSERT_TRUE(run.parsed) << run.output;
+    EXPECT_EQ(2, run.status) << run.output;
+    EXPECT_NE(std::string::npos, run.json["error"].string().find("no service")) << run.output;
+}
+
+TEST(AgentCheck, TheInnoLibraryNameIsCheckedToo) {
+    ToolRun run = runTool("TAVO_FAKE_AGENT_BREACH=unknown-event",
+                          "--vendor inno --freqs 20 --seconds 1 --json " TAVO_FAKE_AGENT_PATH);
+    ASSERT_TRUE(run.parsed) << run.output;
+    EXPECT_EQ(1, run.status) << run.output;
+    EXPECT_EQ(std::set<std::string>{"unknown-event"}, breachIds(run.json));
+}
+
 TEST(AgentCheck, AMissingDestroyAgentIsABreach) {
     ToolRun run = runTool("TAVO_FAKE_AGENT_BREACH=none",
                           "--freqs 20 --seconds 1 --json " TAVO_FAKE_AGENT_NODESTROY_PATH);
