@@ -47,6 +47,12 @@ void FakeBroadcast::join() {
 
 void FakeBroadcast::run(MBBMSAgentCallback* callback, int channelID) {
     for (int frame = 0; !mStop.load(); ++frame) {
+        if (frame == kBreachFrame && commits("unended-bracket")) {
+            // Begins a frame and never ends it: the output stops here.
+            unsigned char multiplexFrame[64] = {0};
+            callback->onOutputAVStart(channelID, multiplexFrame, sizeof(multiplexFrame));
+            return;
+        }
         if (frame == kBreachFrame && commits("data-thread-changed")) {
             std::thread other(&FakeBroadcast::emitFrame, this, callback, channelID, frame);
             other.join();

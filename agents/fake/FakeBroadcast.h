@@ -2,7 +2,9 @@
 // environment variable TAVO_FAKE_AGENT_BREACH is set, the fake agent answers scans, table
 // updates and requests by itself, and a started service outputs synthetic multiplex frames
 // (H.264 with in-band SPS/PPS, raw AAC) on a thread of its own, committing the one breach of
-// the agent contract that the variable names (e.g. "nested-bracket"; "none" for none).
+// the agent contract that the variable names: a breach id of tavo_agentcheck (e.g.
+// "nested-bracket"), "unended-bracket" (a frame begun and never ended, after which the output
+// stops), or "none".
 //
 // Threads: start/stop/join on the agent's callers' threads; the frames on the output thread.
 #ifndef TAVO_AGENTS_FAKE_FAKE_BROADCAST_H
