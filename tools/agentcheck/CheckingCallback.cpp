@@ -119,7 +119,9 @@ void CheckingCallback::onClearAudioAacFrame(int channelID, unsigned long tsBase,
                                             unsigned long tsRelative, unsigned char* data,
                                             unsigned short length) {
     std::lock_guard<std::mutex> guard(mForwardLock);
-    if (mChecker->audioData(channelID, mediaTime(tsBase, tsRelative), data, length))
+    // A null range is checked as an empty one.
+    if (mChecker->audioData(channelID, mediaTime(tsBase, tsRelative), data,
+                            data != nullptr ? length : 0))
         mEngine->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
 }
 
@@ -128,7 +130,7 @@ void CheckingCallback::onClearVideoNalData(int channelID, unsigned long tsBase,
                                            unsigned short length,
                                            MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
     std::lock_guard<std::mutex> guard(mForwardLock);
-    if (mChecker->videoData(channelID, mediaTime(tsBase, tsRelative), data, length,
-                            static_cast<int>(pos)))
+    if (mChecker->videoData(channelID, mediaTime(tsBase, tsRelative), data,
+                            data != nullptr ? length : 0, static_cast<int>(pos)))
         mEngine->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);
 }
