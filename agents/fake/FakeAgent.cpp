@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FakeAgentControl.h"
+#include "FakeBroadcast.h"
 #include "MBBMSAgent.h"
 
 namespace {
@@ -146,7 +148,11 @@ public:
         return record("init", format("init(%s, %s, %s)", cb != nullptr ? "callback" : "null",
                                      dir ? dir : "null", dir2 ? dir2 : "null"));
     }
-    int deinit() override { return record("deinit", "deinit()"); }
+    int deinit() override {
+        if (mBroadcast)
+            mBroadcast->join();
+        return record("deinit", "deinit()");
+    }
     int getModuleInfo(ModuleInfo* info) override {
         if (info != nullptr) {
             for (size_t i = 0; i < sizeof(info->bytes); ++i)
@@ -164,6 +170,8 @@ public:
         std::string line = "startScan(";
         for (int i = 0; freqDots != nullptr && i < count; ++i)
             line += format("%d ", freqDots[i]);
+        if (mBroadcast)
+            broadcastScan(freqDots, count);
         return record("startScan", line + format("count=%d)", count));
     }
     int stopScan() override { return record("stopScan", "stopScan()"); }
@@ -193,49 +201,101 @@ public:
         std::lock_guard<std::mutex> guard(mLock);
         if (channelID != nullptr)
             *channelID = mHasFixedChannelID ? mFixedChannelID : mNextChannelID;
+        const int started = mHasFixedChannelID ? mFixedChannelID : mNextChannelID;
         if (result == 0 && !mHasFixedChannelID)
             ++mNextChannelID;
+        if (result == 0 && mBroadcast)
+            mBroadcast->start(mCallback, started);
         return result;
     }
     int stopService(int channelID) override {
+        if (mBroadcast)
+            mBroadcast->stop();
         return record("stopService", format("stopService(%d)", channelID));
     }
     int startUpdateTS0(int freqDot) override {
+        if (mBroadcast)
+            broadcastTs0(freqDot);
         return record("startUpdateTS0", format("startUpdateTS0(%d)", freqDot));
     }
     int stopUpdateTS0() override { return record("stopUpdateTS0", "stopUpdateTS0()"); }
     int startUpdateESG(int freqDot, int start, int count, int mod) override {
+        if (mBroadcast)
+            postToAgentThread([](MBBMSAgentCallback* cb) { cb->onESGUpdated(true); });
         return record("startUpdateESG",
                       format("startUpdateESG(%d, %d, %d, %d)", freqDot, start, count, mod));
     }
     int stopUpdateESG() override { return record("stopUpdateESG", "stopUpdateESG()"); }
     int requestInitGBA(int force) override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestInitGBA(true); });
         return record("requestInitGBA", format("requestInitGBA(%d)", force));
     }
     int requestUpdateSG(const char* areaName) override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestUpdateSG(true, "sg", ""); });
         return record("requestUpdateSG",
                       format("requestUpdateSG(%s)", areaName ? areaName : "null"));
     }
     int requestSubscribeService(const char* const* ids, int count) override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestSubscribeService(true); });
         return record("requestSubscribeService", joinIds("requestSubscribeService", ids, count));
     }
     int requestUnsubscribeService(const char* const* ids, int count) override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestUnsubscribeService(true); });
         return record("requestUnsubscribeService",
                       joinIds("requestUnsubscribeService", ids, count));
     }
     int requestAuthorizeService(int* /*list1*/, int* /*list2*/, const char** names,
                                 int count) override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestAuthorizeService(true); });
         return record("requestAuthorizeService", joinIds("requestAuthorizeService", names, count));
     }
     int requestInquiryAccount() override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestInquiryAccount(true, "account"); });
         return record("requestInquiryAccount", "requestInquiryAccount()");
     }
-    int requestUpdateST() override { return record("requestUpdateST", "requestUpdateST()"); }
+    int requestUpdateST() override {
+        complete([](MBBMSAgentCallback* cb) { cb->onRequestUpdateST(true, "st"); });
+        return record("requestUpdateST", "requestUpdateST()");
+    }
     int cancelMBBMSRequest(int request) override {
         return record("cancelMBBMSRequest", format("cancelMBBMSRequest(%d)", request));
     }
 
 private:
+    // Broadcast mode: one locked frequency point, 20, carrying service 7.
+    static const int kBroadcastFreqDot = 20;
+
+    void broadcastScan(const int* freqDots, int count) {
+        std::vector<int> points(freqDots, freqDots + (freqDots != nullptr ? count : 0));
+        postToAgentThread([points](MBBMSAgentCallback* cb) {
+            for (int freqDot : points) {
+                SignalStatus status = {freqDot, freqDot == kBroadcastFreqDot, -60, 20, 0};
+                cb->onSignalUpdated(status);
+            }
+            cb->onScanFinished(true);
+        });
+    }
+
+    void broadcastTs0(int freqDot) {
+        postToAgentThread([freqDot](MBBMSAgentCallback* cb) {
+            if (freqDot == kBroadcastFreqDot) {
+                ServiceParam param = {kBroadcastFreqDot, 7, 1, 4, 1, 0};
+                cb->onServiceParam(param);
+            }
+            cb->onTS0Parsed(freqDot);
+        });
+    }
+
+    // Broadcast mode: a request completes on the agent thread (twice, or never, when that is
+    // the breach to commit).
+    void complete(std::function<void(MBBMSAgentCallback*)> completion) {
+        if (!mBroadcast || mBroadcast->commits("request-never-completed"))
+            return;
+        postToAgentThread(completion);
+        if (mBroadcast->commits("request-completed-twice"))
+            postToAgentThread(completion);
+    }
+
     // Records the call, runs the hook, and returns the configured result (or fallback).
     int record(const char* operation, const std::string& line, int fallback = 0) {
         std::function<void(const std::string&)> hook;
@@ -271,6 +331,11 @@ private:
     int mNextChannelID = 0;                         // guarded by mLock
     int mFixedChannelID = 0;                        // guarded by mLock
     bool mHasFixedChannelID = false;                // guarded by mLock
+    // Set in broadcast mode only (see FakeBroadcast); fixed at construction.
+    const std::unique_ptr<FakeBroadcast> mBroadcast{
+        FakeBroadcast::breachFromEnvironment().empty()
+            ? nullptr
+            : new FakeBroadcast(FakeBroadcast::breachFromEnvironment())};
     AgentThread mThread;  // last member: stopped first, before the state it uses
 };
 

@@ -8,6 +8,10 @@
 //   - the test plays any agent callback from the fake's own agent thread, or from any
 //     thread of its own through callback().
 // Calls are virtual so that the test needs no link-time symbol of the library.
+//
+// With TAVO_FAKE_AGENT_BREACH set in the environment the fake agent runs in broadcast mode
+// instead (FakeBroadcast.h): it answers scans, tables and requests and outputs frames by
+// itself, committing the named breach of the agent contract, for tests of tavo_agentcheck.
 #ifndef TAVO_AGENTS_FAKE_AGENT_CONTROL_H
 #define TAVO_AGENTS_FAKE_AGENT_CONTROL_H
 
