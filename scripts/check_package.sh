@@ -74,6 +74,7 @@ expected="$work/expected.txt"
     echo "lib/cmake/TavoMBBMS/TavoMBBMSTargets-$build_type.cmake"
     echo "lib/pkgconfig/tavombbms.pc"
     echo "lib/tavombbms/libsimagent.so"
+    echo "lib/tavombbms/libtavo_agentcheck_proxy.so"
     for content in "$root"/agents/sim/content/*.h264 "$root"/agents/sim/content/*.aac; do
         echo "share/tavombbms/sim/$(basename "$content")"
     done

@@ -83,13 +83,9 @@ std::string executableDirectory() {
 
 std::string findCheckingProxy() {
     const std::string here = executableDirectory();
-    for (const std::string& candidate :
-         {here + "/" + kProxyName,
-          here + "/" + TAVO_AGENTCHECK_INSTALLED_PROXY_DIR + "/" + kProxyName}) {
-        if (access(candidate.c_str(), R_OK) == 0)
-            return candidate;
-    }
-    return "";
+    const std::string candidate =
+        here + "/" + TAVO_AGENTCHECK_INSTALLED_PROXY_DIR + "/" + kProxyName;
+    return access(candidate.c_str(), R_OK) == 0 ? candidate : "";
 }
 
 std::string absolutePath(const std::string& path) {
