@@ -192,8 +192,8 @@ int tavo_pe_next_command(tavo_pe* pe, tavo_pe_command* command, int timeout_ms) 
         UniqueFd fd;
         PlayEngineSocket::Result result = pe->socket.receive(&message, &fd, timeout_ms);
         if (result != PlayEngineSocket::RECEIVED) {
-            if (result != PlayEngineSocket::NOTHING_YET)
-                tavo_pe_disconnect(pe);
+            // The socket is closed by now; the regions stay mapped until the caller, its
+            // frame readers stopped, connects again or disconnects.
             return statusOf(result);
         }
         memset(command->text, 0, sizeof(command->text));

@@ -107,8 +107,9 @@ void tavo_pe_disconnect(tavo_pe* pe);
 /* The session's mapped region, or NULL. */
 CmmbSharedBuffer* tavo_pe_region(tavo_pe* pe, int session);
 
-/* Waits up to timeout_ms for the next command. TAVO_PE_CLOSED when the engine ended the
- * connection (the SDK then disconnects: stop frame waits, then connect again). */
+/* Waits up to timeout_ms for the next command. TAVO_PE_CLOSED (or TAVO_PE_PROTOCOL,
+ * TAVO_PE_SYSTEM) when the connection ended: the socket is closed, the regions stay mapped
+ * so that readers on other threads are safe; stop them, then connect again. */
 int tavo_pe_next_command(tavo_pe* pe, tavo_pe_command* command, int timeout_ms);
 /* Sends one 64-byte indication with `code` (a PlayEngineIndication) as its decimal text. */
 int tavo_pe_send_indication(tavo_pe* pe, int code);
