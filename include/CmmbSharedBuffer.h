@@ -65,13 +65,16 @@ typedef struct CmmbSharedBuffer {
 
 CMMB_STATIC_ASSERT(sizeof(CmmbNalRecord) == 20, "NAL record is 20 bytes");
 CMMB_STATIC_ASSERT(sizeof(CmmbAacRecord) == 16, "AAC record is 16 bytes");
-CMMB_STATIC_ASSERT(offsetof(CmmbNalRecord, tsBase) == 0 && offsetof(CmmbNalRecord, tsRelative) == 4 &&
-                  offsetof(CmmbNalRecord, length) == 8 && offsetof(CmmbNalRecord, offset) == 12 &&
-                  offsetof(CmmbNalRecord, pos) == 16,
-              "NAL record field offsets");
-CMMB_STATIC_ASSERT(offsetof(CmmbAacRecord, tsBase) == 0 && offsetof(CmmbAacRecord, tsRelative) == 4 &&
-                  offsetof(CmmbAacRecord, length) == 8 && offsetof(CmmbAacRecord, offset) == 12,
-              "AAC record field offsets");
+CMMB_STATIC_ASSERT(offsetof(CmmbNalRecord, tsBase) == 0 &&
+                       offsetof(CmmbNalRecord, tsRelative) == 4 &&
+                       offsetof(CmmbNalRecord, length) == 8 &&
+                       offsetof(CmmbNalRecord, offset) == 12 && offsetof(CmmbNalRecord, pos) == 16,
+                   "NAL record field offsets");
+CMMB_STATIC_ASSERT(offsetof(CmmbAacRecord, tsBase) == 0 &&
+                       offsetof(CmmbAacRecord, tsRelative) == 4 &&
+                       offsetof(CmmbAacRecord, length) == 8 &&
+                       offsetof(CmmbAacRecord, offset) == 12,
+                   "AAC record field offsets");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, mutexDataAvailable) == 0, "layout");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, mutexDataAccessable) == 4, "layout");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, nalCount) == 8, "layout");
@@ -80,6 +83,7 @@ CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, dataLength) == 16, "layout");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, nal) == 20, "layout");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, aac) == 5140, "layout");
 CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, data) == 9236, "layout");
-CMMB_STATIC_ASSERT(sizeof(CmmbSharedBuffer) == CMMB_SHARED_BUFFER_SIZE, "region size is 74,772 bytes");
+CMMB_STATIC_ASSERT(sizeof(CmmbSharedBuffer) == CMMB_SHARED_BUFFER_SIZE,
+                   "region size is 74,772 bytes");
 
 #endif  // CMMB_SHARED_BUFFER_H

@@ -57,16 +57,16 @@ tavo_pe_command_kind kindOf(const char* text) {
 
 int statusOf(PlayEngineSocket::Result result) {
     switch (result) {
-    case PlayEngineSocket::RECEIVED:
-        return TAVO_PE_OK;
-    case PlayEngineSocket::NOTHING_YET:
-        return TAVO_PE_TIMEOUT;
-    case PlayEngineSocket::CUT_SHORT:
-        return TAVO_PE_PROTOCOL;
-    case PlayEngineSocket::FAILED:
-        return TAVO_PE_SYSTEM;
-    case PlayEngineSocket::CLOSED:
-        break;
+        case PlayEngineSocket::RECEIVED:
+            return TAVO_PE_OK;
+        case PlayEngineSocket::NOTHING_YET:
+            return TAVO_PE_TIMEOUT;
+        case PlayEngineSocket::CUT_SHORT:
+            return TAVO_PE_PROTOCOL;
+        case PlayEngineSocket::FAILED:
+            return TAVO_PE_SYSTEM;
+        case PlayEngineSocket::CLOSED:
+            break;
     }
     return TAVO_PE_CLOSED;
 }
@@ -296,24 +296,24 @@ int tavo_pe_release_frame(tavo_pe* pe, tavo_pe_frame* frame) {
 
 const char* tavo_pe_status_text(int status) {
     switch (status) {
-    case TAVO_PE_OK:
-        return "ok";
-    case TAVO_PE_TIMEOUT:
-        return "timed out";
-    case TAVO_PE_CLOSED:
-        return "not connected";
-    case TAVO_PE_REFUSED:
-        return "no engine listens";
-    case TAVO_PE_BAD_REGION:
-        return "shared region of the wrong size or not mappable";
-    case TAVO_PE_BAD_RECORD:
-        return "record outside the payload";
-    case TAVO_PE_PROTOCOL:
-        return "message cut short or descriptors lost";
-    case TAVO_PE_INVALID:
-        return "invalid argument";
-    case TAVO_PE_SYSTEM:
-        return "system call failed";
+        case TAVO_PE_OK:
+            return "ok";
+        case TAVO_PE_TIMEOUT:
+            return "timed out";
+        case TAVO_PE_CLOSED:
+            return "not connected";
+        case TAVO_PE_REFUSED:
+            return "no engine listens";
+        case TAVO_PE_BAD_REGION:
+            return "shared region of the wrong size or not mappable";
+        case TAVO_PE_BAD_RECORD:
+            return "record outside the payload";
+        case TAVO_PE_PROTOCOL:
+            return "message cut short or descriptors lost";
+        case TAVO_PE_INVALID:
+            return "invalid argument";
+        case TAVO_PE_SYSTEM:
+            return "system call failed";
     }
     return "unknown status";
 }

@@ -37,23 +37,23 @@ extern "C" {
 
 typedef enum tavo_pe_status {
     TAVO_PE_OK = 0,
-    TAVO_PE_TIMEOUT = -1,      /* nothing arrived within the time-out */
-    TAVO_PE_CLOSED = -2,       /* the connection ended (or none is open): connect again */
-    TAVO_PE_REFUSED = -3,      /* no engine listens on the socket path */
-    TAVO_PE_BAD_REGION = -4,   /* a passed region has the wrong size or cannot be mapped */
-    TAVO_PE_BAD_RECORD = -5,   /* a record points outside the region's payload */
-    TAVO_PE_PROTOCOL = -6,     /* a cut-short message or truncated control data */
-    TAVO_PE_INVALID = -7,      /* a bad argument (session, index, path too long, ...) */
-    TAVO_PE_SYSTEM = -8        /* a system call failed; errno tells why */
+    TAVO_PE_TIMEOUT = -1,    /* nothing arrived within the time-out */
+    TAVO_PE_CLOSED = -2,     /* the connection ended (or none is open): connect again */
+    TAVO_PE_REFUSED = -3,    /* no engine listens on the socket path */
+    TAVO_PE_BAD_REGION = -4, /* a passed region has the wrong size or cannot be mapped */
+    TAVO_PE_BAD_RECORD = -5, /* a record points outside the region's payload */
+    TAVO_PE_PROTOCOL = -6,   /* a cut-short message or truncated control data */
+    TAVO_PE_INVALID = -7,    /* a bad argument (session, index, path too long, ...) */
+    TAVO_PE_SYSTEM = -8      /* a system call failed; errno tells why */
 } tavo_pe_status;
 
 /* A command the engine sent, other than "sharebuffer" (handled inside the SDK). */
 typedef enum tavo_pe_command_kind {
-    TAVO_PE_CMD_CAPTURE = CMD_CAPTURE,           /* write a snapshot into fd, then answer */
+    TAVO_PE_CMD_CAPTURE = CMD_CAPTURE, /* write a snapshot into fd, then answer */
     TAVO_PE_CMD_START_RECORD = CMD_START_RECORD,
     TAVO_PE_CMD_STOP_RECORD = CMD_STOP_RECORD,
     TAVO_PE_CMD_FLUSH = CMD_FLUSH,
-    TAVO_PE_CMD_UNKNOWN = 100                    /* text in `text` */
+    TAVO_PE_CMD_UNKNOWN = 100 /* text in `text` */
 } tavo_pe_command_kind;
 
 typedef struct tavo_pe_command {

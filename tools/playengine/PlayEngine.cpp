@@ -95,8 +95,8 @@ int PlayEngine::run(const volatile sig_atomic_t* stopRequested) {
 void PlayEngine::handle(const tavo_pe_command& command) {
     UniqueFd fd(command.fd);
     if (mOptions.verbose) {
-        fprintf(stderr, "playengine: command \"%s\" session %d%s\n", command.text,
-                command.session, fd.valid() ? " with a descriptor" : "");
+        fprintf(stderr, "playengine: command \"%s\" session %d%s\n", command.text, command.session,
+                fd.valid() ? " with a descriptor" : "");
     }
     if (command.kind == TAVO_PE_CMD_CAPTURE) {
         capture(command.session, std::move(fd));
@@ -128,7 +128,8 @@ void PlayEngine::capture(int session, UniqueFd fd) {
     } else {
         fprintf(stderr, "playengine: snapshot of session %d failed: %s\n", session, error.c_str());
     }
-    tavo_pe_send_indication(mConnection.get(), written ? IMAGE_CAPTURE_SUCCESS : IMAGE_CAPTURE_FAIL);
+    tavo_pe_send_indication(mConnection.get(),
+                            written ? IMAGE_CAPTURE_SUCCESS : IMAGE_CAPTURE_FAIL);
 }
 
 void PlayEngine::detachBuffers() {
