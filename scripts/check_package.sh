@@ -83,8 +83,8 @@ esac
 rm -rf "$run"
 
 # shellcheck disable=SC2046
-cc -std=c11 -Wall -Wextra -Werror "$root/examples/count_frames.c" -o "$work/count_frames_pc" \
-    $(pkg-config --cflags --libs tavoplayengine)
+cc -std=c11 -Wall -Wextra -Werror -pthread "$root/examples/count_frames.c" \
+    -o "$work/count_frames_pc" $(pkg-config --cflags --libs tavoplayengine)
 # No engine listens: it waits, stops on SIGTERM and reports nothing read.
 mkdir -p "$work/sdk-root"
 TAVO_ANDROID_ROOT="$work/sdk-root" LD_LIBRARY_PATH="$prefix/lib" \
