@@ -135,20 +135,24 @@ void tavo_pe_destroy(tavo_pe* pe) {
 }
 
 void tavo_pe_disconnect(tavo_pe* pe) {
+    if (pe == nullptr)
+        return;
     for (SharedRegion& region : pe->regions)
         region.reset();
     pe->socket.close();
 }
 
 int tavo_pe_is_connected(const tavo_pe* pe) {
-    return pe->socket.isConnected() ? 1 : 0;
+    return pe != nullptr && pe->socket.isConnected() ? 1 : 0;
 }
 
 CmmbSharedBuffer* tavo_pe_region(tavo_pe* pe, int session) {
-    return validSession(session) ? pe->regions[session].buffer() : nullptr;
+    return pe != nullptr && validSession(session) ? pe->regions[session].buffer() : nullptr;
 }
 
 int tavo_pe_connect(tavo_pe* pe, int timeout_ms) {
+    if (pe == nullptr)
+        return TAVO_PE_INVALID;
     tavo_pe_disconnect(pe);
     if (!pe->socket.connect())
         return errno == ENOENT || errno == ECONNREFUSED ? TAVO_PE_REFUSED : TAVO_PE_SYSTEM;
@@ -186,6 +190,8 @@ int tavo_pe_connect(tavo_pe* pe, int timeout_ms) {
 }
 
 int tavo_pe_next_command(tavo_pe* pe, tavo_pe_command* command, int timeout_ms) {
+    if (pe == nullptr || command == nullptr)
+        return TAVO_PE_INVALID;
     command->fd = -1;
     for (;;) {
         PlayEngineCommandMessage message;
@@ -211,13 +217,15 @@ int tavo_pe_next_command(tavo_pe* pe, tavo_pe_command* command, int timeout_ms) 
 }
 
 int tavo_pe_send_indication(tavo_pe* pe, int code) {
+    if (pe == nullptr)
+        return TAVO_PE_INVALID;
     if (!pe->socket.isConnected())
         return TAVO_PE_CLOSED;
     return pe->socket.sendIndication(code) ? TAVO_PE_OK : TAVO_PE_SYSTEM;
 }
 
 int tavo_pe_wait_frame(tavo_pe* pe, int session, int timeout_ms, tavo_pe_frame* frame) {
-    if (!validSession(session))
+    if (pe == nullptr || frame == nullptr || !validSession(session))
         return TAVO_PE_INVALID;
     CmmbSharedBuffer* shared = pe->regions[session].buffer();
     if (shared == nullptr)
@@ -245,7 +253,8 @@ int tavo_pe_wait_frame(tavo_pe* pe, int session, int timeout_ms, tavo_pe_frame* 
 }
 
 int tavo_pe_frame_nal(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* item) {
-    if (frame->region == nullptr || index >= frame->nal_count)
+    if (frame == nullptr || item == nullptr || frame->region == nullptr ||
+        index >= frame->nal_count)
         return TAVO_PE_INVALID;
     CmmbNalRecord record;
     memcpy(&record, &frame->region->nal[index], sizeof(record));
@@ -258,7 +267,8 @@ int tavo_pe_frame_nal(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* 
 }
 
 int tavo_pe_frame_aac(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* item) {
-    if (frame->region == nullptr || index >= frame->aac_count)
+    if (frame == nullptr || item == nullptr || frame->region == nullptr ||
+        index >= frame->aac_count)
         return TAVO_PE_INVALID;
     CmmbAacRecord record;
     memcpy(&record, &frame->region->aac[index], sizeof(record));
@@ -273,6 +283,8 @@ int tavo_pe_frame_aac(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* 
 }
 
 uint32_t tavo_pe_frame_bad_records(const tavo_pe_frame* frame) {
+    if (frame == nullptr || frame->region == nullptr)
+        return 0;
     uint32_t bad = 0;
     tavo_pe_item item;
     for (uint32_t i = 0; i < frame->nal_count; ++i)
@@ -283,8 +295,8 @@ uint32_t tavo_pe_frame_bad_records(const tavo_pe_frame* frame) {
 }
 
 int tavo_pe_release_frame(tavo_pe* pe, tavo_pe_frame* frame) {
-    if (frame->region == nullptr || !validSession(frame->session) ||
-        pe->regions[frame->session].buffer() != frame->region) {
+    if (pe == nullptr || frame == nullptr || frame->region == nullptr ||
+        !validSession(frame->session) || pe->regions[frame->session].buffer() != frame->region) {
         return TAVO_PE_INVALID;
     }
     CmmbSharedBuffer* shared = pe->regions[frame->session].buffer();

@@ -18,7 +18,8 @@
  * thread per session at a time, but never while connect, disconnect or destroy runs: those
  * unmap the regions.
  *
- * Every function returns TAVO_PE_OK (0) or a negative tavo_pe_status unless said otherwise.
+ * Every function returns TAVO_PE_OK (0) or a negative tavo_pe_status unless said otherwise;
+ * a null handle, frame or output is TAVO_PE_INVALID.
  * Compiles as C (C11) and as C++.
  */
 #ifndef TAVO_PLAY_ENGINE_H
@@ -121,7 +122,7 @@ int tavo_pe_wait_frame(tavo_pe* pe, int session, int timeout_ms, tavo_pe_frame* 
  * or lies outside the payload (for AAC also when shorter than its ADTS header). */
 int tavo_pe_frame_nal(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* item);
 int tavo_pe_frame_aac(const tavo_pe_frame* frame, uint32_t index, tavo_pe_item* item);
-/* Records of the frame that tavo_pe_frame_nal/aac reject. */
+/* Records of the frame that tavo_pe_frame_nal/aac reject; 0 for a released frame. */
 uint32_t tavo_pe_frame_bad_records(const tavo_pe_frame* frame);
 /* Sets both counts to 0 (the frame was fetched) and posts mutexDataAccessable. */
 int tavo_pe_release_frame(tavo_pe* pe, tavo_pe_frame* frame);

@@ -244,6 +244,13 @@ TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
     EXPECT_EQ(nullptr, tavo_pe_create(longPath.c_str(), nullptr));
     EXPECT_EQ(nullptr, tavo_pe_create("/tmp/x.socket", longPath.c_str()));
     EXPECT_EQ(nullptr, tavo_pe_create("", nullptr));
+    tavo_pe_command command;
+    tavo_pe_frame frame;
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_connect(nullptr, 0));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_next_command(nullptr, &command, 0));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(nullptr, 0, 0, &frame));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(nullptr, &frame));
+    EXPECT_EQ(0, tavo_pe_is_connected(nullptr));
 
     setenv("TAVO_ANDROID_ROOT", "/tmp/root", 1);
     char path[64];
