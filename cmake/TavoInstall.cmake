@@ -16,10 +16,10 @@
 # work before installation, the build tree keeps the installed layout for these: the tools in
 # <build>/bin, the simulator in <build>/lib/tavombbms, its content in <build>/share/tavombbms/sim.
 #
-# The play-engine SDK (target tavoplayengine) installs itself in its own block at the end of
-# this file, exporting the target either into TavoMBBMSTargets or into its own export file
-# TavoMBBMSPlayEngineSDKTargets.cmake in the same directory; the package's PlayEngineSDK
-# component accepts both.
+# The play-engine SDK (target tavoplayengine, sdk/CMakeLists.txt) installs its library and
+# headers (TavoPlayEngine.h and the layout, semaphore and protocol headers) itself, into the
+# same include directory, and exports its target into TavoMBBMSTargets; its pkg-config module
+# is written here. The package's PlayEngineSDK component is that target.
 #
 # Included by the top-level CMakeLists.txt after every target is defined.
 include(GNUInstallDirs)
@@ -35,9 +35,9 @@ set(TAVO_INSTALL_LICENSEDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/tavombbms)
 # name here.
 set(TAVO_INSTALLED_TOOLS tavo_playengine tavo_demo tavo_repair tavo_agentcheck)
 
-# The exported headers: the application interface, the vendor agent contract, the recording
-# repair and the package version. The shared-buffer layout and semaphore headers stay private
-# to the engine and its reference play engine.
+# The exported headers of the engine: the application interface, the play-engine status
+# functions, the vendor agent contract, the recording repair and the package version. The
+# shared-buffer layout, semaphore and socket protocol headers are installed with the SDK.
 set(TAVO_PUBLIC_HEADERS
     ${PROJECT_SOURCE_DIR}/include/TavoMBBMSEngine.h
     ${PROJECT_SOURCE_DIR}/include/TavoMBBMSEngineStatus.h

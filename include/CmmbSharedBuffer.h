@@ -9,15 +9,21 @@
 //      data + offset (NAL units without start code, AAC frames with a 7-byte ADTS header);
 //   4. set nalCount and aacCount to 0 (tells the engine the frame was fetched);
 //   5. post mutexDataAccessable.
+//
+// Compiles as C (C11) and as C++.
 #ifndef CMMB_SHARED_BUFFER_H
 #define CMMB_SHARED_BUFFER_H
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "CmmbSharedSemaphore.h"
 
+#ifdef __cplusplus
 enum : uint32_t {
+#else
+enum {
+#endif
     CMMB_SHARED_BUFFER_COUNT = 2,     // one buffer per session, sessions 0 and 1
     CMMB_SHARED_BUFFER_SIZE = 74772,  // size of each region and each mapping
     CMMB_NAL_RECORD_SLOTS = 256,
@@ -31,22 +37,22 @@ enum : uint32_t {
 // Name of each region, formatted with the session number.
 #define CMMB_SHARED_REGION_NAME_FORMAT "cmmb_shared_memory_%d"
 
-struct CmmbNalRecord {
+typedef struct CmmbNalRecord {
     uint32_t tsBase;      // timestamp base of the NAL unit's first fragment
     uint32_t tsRelative;  // presentation time = tsBase + tsRelative (1/22500 s)
     uint32_t length;      // bytes in the payload area, start code excluded
     uint32_t offset;      // first byte, relative to data
     uint32_t pos;         // 3 = complete or none open; 2/0 = unit being assembled
-};
+} CmmbNalRecord;
 
-struct CmmbAacRecord {
+typedef struct CmmbAacRecord {
     uint32_t tsBase;
     uint32_t tsRelative;
     uint32_t length;  // bytes in the payload area, 7-byte ADTS header included
     uint32_t offset;  // first (header) byte, relative to data
-};
+} CmmbAacRecord;
 
-struct CmmbSharedBuffer {
+typedef struct CmmbSharedBuffer {
     CmmbSharedSemaphore mutexDataAvailable;   // posted once per frame; the reader waits on it
     CmmbSharedSemaphore mutexDataAccessable;  // lock over everything below
     uint32_t nalCount;
@@ -55,25 +61,29 @@ struct CmmbSharedBuffer {
     CmmbNalRecord nal[CMMB_NAL_RECORD_SLOTS];
     CmmbAacRecord aac[CMMB_AAC_RECORD_SLOTS];
     unsigned char data[CMMB_PAYLOAD_SIZE];
-};
+} CmmbSharedBuffer;
 
-static_assert(sizeof(CmmbNalRecord) == 20, "NAL record is 20 bytes");
-static_assert(sizeof(CmmbAacRecord) == 16, "AAC record is 16 bytes");
-static_assert(offsetof(CmmbNalRecord, tsBase) == 0 && offsetof(CmmbNalRecord, tsRelative) == 4 &&
-                  offsetof(CmmbNalRecord, length) == 8 && offsetof(CmmbNalRecord, offset) == 12 &&
-                  offsetof(CmmbNalRecord, pos) == 16,
-              "NAL record field offsets");
-static_assert(offsetof(CmmbAacRecord, tsBase) == 0 && offsetof(CmmbAacRecord, tsRelative) == 4 &&
-                  offsetof(CmmbAacRecord, length) == 8 && offsetof(CmmbAacRecord, offset) == 12,
-              "AAC record field offsets");
-static_assert(offsetof(CmmbSharedBuffer, mutexDataAvailable) == 0, "layout");
-static_assert(offsetof(CmmbSharedBuffer, mutexDataAccessable) == 4, "layout");
-static_assert(offsetof(CmmbSharedBuffer, nalCount) == 8, "layout");
-static_assert(offsetof(CmmbSharedBuffer, aacCount) == 12, "layout");
-static_assert(offsetof(CmmbSharedBuffer, dataLength) == 16, "layout");
-static_assert(offsetof(CmmbSharedBuffer, nal) == 20, "layout");
-static_assert(offsetof(CmmbSharedBuffer, aac) == 5140, "layout");
-static_assert(offsetof(CmmbSharedBuffer, data) == 9236, "layout");
-static_assert(sizeof(CmmbSharedBuffer) == CMMB_SHARED_BUFFER_SIZE, "region size is 74,772 bytes");
+CMMB_STATIC_ASSERT(sizeof(CmmbNalRecord) == 20, "NAL record is 20 bytes");
+CMMB_STATIC_ASSERT(sizeof(CmmbAacRecord) == 16, "AAC record is 16 bytes");
+CMMB_STATIC_ASSERT(offsetof(CmmbNalRecord, tsBase) == 0 &&
+                       offsetof(CmmbNalRecord, tsRelative) == 4 &&
+                       offsetof(CmmbNalRecord, length) == 8 &&
+                       offsetof(CmmbNalRecord, offset) == 12 && offsetof(CmmbNalRecord, pos) == 16,
+                   "NAL record field offsets");
+CMMB_STATIC_ASSERT(offsetof(CmmbAacRecord, tsBase) == 0 &&
+                       offsetof(CmmbAacRecord, tsRelative) == 4 &&
+                       offsetof(CmmbAacRecord, length) == 8 &&
+                       offsetof(CmmbAacRecord, offset) == 12,
+                   "AAC record field offsets");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, mutexDataAvailable) == 0, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, mutexDataAccessable) == 4, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, nalCount) == 8, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, aacCount) == 12, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, dataLength) == 16, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, nal) == 20, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, aac) == 5140, "layout");
+CMMB_STATIC_ASSERT(offsetof(CmmbSharedBuffer, data) == 9236, "layout");
+CMMB_STATIC_ASSERT(sizeof(CmmbSharedBuffer) == CMMB_SHARED_BUFFER_SIZE,
+                   "region size is 74,772 bytes");
 
 #endif  // CMMB_SHARED_BUFFER_H

@@ -8,23 +8,36 @@
 //
 // All functions return 0 on success and -1 with errno set on failure, like their POSIX
 // counterparts. Waits are restarted after signal interruptions.
+//
+// Compiles as C (C11) and as C++; the functions have C linkage.
 #ifndef CMMB_SHARED_SEMAPHORE_H
 #define CMMB_SHARED_SEMAPHORE_H
 
-#include <cstdint>
+#include <stdint.h>
 
-struct CmmbSharedSemaphore {
+#ifdef __cplusplus
+#define CMMB_STATIC_ASSERT(condition, message) static_assert(condition, message)
+extern "C" {
+#else
+#define CMMB_STATIC_ASSERT(condition, message) _Static_assert(condition, message)
+#endif
+
+typedef struct CmmbSharedSemaphore {
     uint32_t word;
-};
-static_assert(sizeof(CmmbSharedSemaphore) == 4, "the shared layout holds 4-byte semaphores");
+} CmmbSharedSemaphore;
+CMMB_STATIC_ASSERT(sizeof(CmmbSharedSemaphore) == 4, "the shared layout holds 4-byte semaphores");
 
 int cmmb_sem_init(CmmbSharedSemaphore* sem, unsigned int value);
 int cmmb_sem_destroy(CmmbSharedSemaphore* sem);
 int cmmb_sem_wait(CmmbSharedSemaphore* sem);
-int cmmb_sem_trywait(CmmbSharedSemaphore* sem);  // -1 with EAGAIN when the count is 0
-// Waits at most timeoutMs milliseconds (monotonic clock); -1 with ETIMEDOUT when it expires.
+int cmmb_sem_trywait(CmmbSharedSemaphore* sem); /* -1 with EAGAIN when the count is 0 */
+/* Waits at most timeoutMs milliseconds (monotonic clock); -1 with ETIMEDOUT when it expires. */
 int cmmb_sem_timedwait(CmmbSharedSemaphore* sem, int timeoutMs);
 int cmmb_sem_post(CmmbSharedSemaphore* sem);
 int cmmb_sem_getvalue(CmmbSharedSemaphore* sem, int* value);
+
+#ifdef __cplusplus
+}  // extern "C"
+#endif
 
 #endif  // CMMB_SHARED_SEMAPHORE_H

@@ -85,6 +85,10 @@ expected="$work/expected.txt"
         echo "lib/libtavoplayengine.so"
         echo "lib/libtavoplayengine.so.1"
         echo "lib/pkgconfig/tavoplayengine.pc"
+        echo "include/tavombbms/TavoPlayEngine.h"
+        echo "include/tavombbms/CmmbSharedBuffer.h"
+        echo "include/tavombbms/CmmbSharedSemaphore.h"
+        echo "include/tavombbms/PlayEngineProtocol.h"
     fi
 } | sort >"$expected"
 (cd "$prefix" && find . \( -type f -o -type l \) | sed 's|^\./||' | sort) >"$work/installed.txt"
@@ -229,3 +233,46 @@ content=$(sed -n "s/.*broadcast simulator created: .*content '\(.*\)'$/\1/p" "$w
 [ -n "$content" ] && [ "$(cd "$content" && pwd -P)" = "$(cd "$prefix/share/tavombbms/sim" && pwd -P)" ] ||
     { cat "$work/pkgconfig_check.log"; fail "the simulator did not find its installed content"; }
 echo "pkg-config: $(pkg-config --cflags --libs tavombbms) compiles and links; variables name installed files"
+
+# --- Play-engine SDK -----------------------------------------------------------------------
+# examples/count_frames.c, a play engine in C on the installed SDK: built with CMake above
+# (record_service_c runs the simulated service with it as the play engine) and with
+# pkg-config here. The frames, NAL units and AAC frames it counts per session must be those
+# the engine handed over ("session=S, channelID=C, nalCount=N, aacCount=M" at MAIN).
+run=$(mktemp -d /tmp/tavo-sdk-example.XXXXXX)
+if ! "$work/example/record_service_c" --speed 4 "$run" >"$work/sdk-example.run.log" 2>&1; then
+    cat "$work/sdk-example.run.log"
+    tail -30 "$run/engine.log" 2>/dev/null || true
+    rm -rf "$run"
+    exit 1
+fi
+for session in 0 1; do
+    engine_counts=$(sed -n "s/.*session=$session, channelID=[0-9]*, nalCount=\([0-9]*\), aacCount=\([0-9]*\).*/\1 \2/p" \
+        "$run/engine.log" | awk '{ f++; n += $1; a += $2 } END { printf "frames=%d nal=%d aac=%d bad=0", f, n, a }')
+    reader_counts=$(sed -n "s/^session $session: //p" "$work/sdk-example.run.log")
+    if [ "$engine_counts" != "$reader_counts" ]; then
+        echo "count_frames session $session: '$reader_counts', engine handed over '$engine_counts'"
+        rm -rf "$run"
+        exit 1
+    fi
+    echo "count_frames session $session: $reader_counts, as the engine handed over"
+done
+case $(sed -n "s/^session 0: frames=\([0-9]*\) .*/\1/p" "$work/sdk-example.run.log") in
+    '' | 0) echo "count_frames read no frame of session 0"; rm -rf "$run"; exit 1 ;;
+esac
+rm -rf "$run"
+
+# shellcheck disable=SC2046
+cc -std=c11 -Wall -Wextra -Werror -pthread "$root/examples/count_frames.c" \
+    -o "$work/count_frames_pc" $(pkg-config --cflags --libs tavoplayengine)
+# No engine listens: it waits, stops on SIGTERM and reports nothing read.
+mkdir -p "$work/sdk-root"
+TAVO_ANDROID_ROOT="$work/sdk-root" LD_LIBRARY_PATH="$prefix/lib" \
+    "$work/count_frames_pc" >"$work/count_frames_pc.log" 2>&1 &
+sdk_pid=$!
+sleep 0.5
+kill -TERM "$sdk_pid"
+wait "$sdk_pid"
+grep -q "^session 0: frames=0 nal=0 aac=0 bad=0$" "$work/count_frames_pc.log" ||
+    { cat "$work/count_frames_pc.log"; exit 1; }
+echo "pkg-config: $(pkg-config --cflags --libs tavoplayengine) builds count_frames"

@@ -1,7 +1,8 @@
 // Frame end to reader awake, across two processes: the time from the agent's onOutputAVEnd
-// call in the engine's process to the moment a play engine in another process returns from
-// its wait on mutexDataAvailable. The baseline is the least such a hand-off can cost: a bare
-// futex wake of a waiter in another process, through a shared page.
+// call in the engine's process to the moment a play engine in another process holds the
+// frame, having waited for it through the play-engine SDK (mutexDataAvailable, then the
+// lock). The baseline is the least such a hand-off can cost: a bare futex wake of a waiter in
+// another process, through a shared page.
 //
 // Both processes read CLOCK_MONOTONIC, which is the same clock system-wide. Each round waits
 // for the reader's acknowledgement before the next, so every wake-up is measured alone.
@@ -24,6 +25,7 @@
 
 #include "BenchRow.h"
 #include "EngineDataPath.h"
+#include "TavoPlayEngine.h"
 
 namespace {
 
@@ -96,36 +98,49 @@ int reap(pid_t pid) {
     return WEXITSTATUS(status);
 }
 
-// Engine: the reader is a child process that inherited the play engine's mappings of the
-// shared buffer; it acknowledges each frame over a pipe once it has fetched it.
+// Engine: the reader is a child process that connects through the play-engine SDK (pushing
+// the bench's own reader out; it holds no lock, so the buffers stay) and takes each frame with
+// tavo_pe_wait_frame; it acknowledges each frame over a pipe once it has released it, and
+// once before the first round, when it is connected.
 bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<double>* micros) {
     int ack[2];
     if (pipe(ack) != 0)
         return false;
-    CmmbSharedBuffer* buffer = bench.buffer(0);
     int64_t* wakeTimes = shared.wakeTimes();
     const int rounds = shared.rounds();
+    const std::string serverPath = bench.serverPath();
+    const std::string ownPath = bench.root.path() + "/sdk-reader.socket";
     pid_t reader;
     inChild(
         [&] {
             close(ack[0]);
+            tavo_pe* pe = tavo_pe_create(serverPath.c_str(), ownPath.c_str());
+            if (pe == nullptr || tavo_pe_connect(pe, 20000) != TAVO_PE_OK)
+                _exit(1);
+            char byte = 1;
+            if (write(ack[1], &byte, 1) != 1)
+                _exit(1);
             for (int i = 0; i < rounds; ++i) {
-                if (cmmb_sem_wait(&buffer->mutexDataAvailable) != 0)
+                tavo_pe_frame frame;
+                if (tavo_pe_wait_frame(pe, 0, 20000, &frame) != TAVO_PE_OK)
                     _exit(1);
                 wakeTimes[i] = monotonicNanos();
-                cmmb_sem_wait(&buffer->mutexDataAccessable);
-                buffer->nalCount = 0;
-                buffer->aacCount = 0;
-                cmmb_sem_post(&buffer->mutexDataAccessable);
-                char byte = 1;
+                tavo_pe_release_frame(pe, &frame);
                 if (write(ack[1], &byte, 1) != 1)
                     _exit(1);
             }
+            tavo_pe_destroy(pe);
         },
         &reader);
     close(ack[1]);
     if (reader < 0)
         return false;
+    char connected;
+    if (read(ack[0], &connected, 1) != 1) {
+        close(ack[0]);
+        reap(reader);
+        return false;
+    }
 
     MBBMSAgentCallback* agentSide = bench.agent->callback();
     Bytes video = nalUnit(4, 0x41, 1000), audio = pattern(300);

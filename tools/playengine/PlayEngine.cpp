@@ -1,5 +1,6 @@
 #include "PlayEngine.h"
 
+#include <errno.h>
 #include <poll.h>
 
 #include <cstdio>
@@ -11,6 +12,8 @@ namespace {
 
 const int kCommandWaitMs = 100;
 const int kReconnectDelayMs = 200;
+// How long a new connection waits for both sessions' descriptors.
+const int kDescriptorWaitMs = 2000;
 const size_t kSnapshotInputCapacity =
     2 * LatestPicture::kParameterSetCapacity + LatestPicture::kPictureCapacity;
 
@@ -23,7 +26,7 @@ void sleepMs(int ms) {
 PlayEngine::PlayEngine(const PlayEngineOptions& options)
     : mOptions(options),
       mBudget(options.frames),
-      mConnection(options.engineSocket, options.ownSocket),
+      mConnection(tavo_pe_create(options.engineSocket.c_str(), options.ownSocket.c_str())),
       mSnapshotInput(new unsigned char[kSnapshotInputCapacity]) {
     for (int session = 0; session < 2; ++session) {
         mOutputs[session].reset(
@@ -35,78 +38,73 @@ bool PlayEngine::shouldStop(const volatile sig_atomic_t* stopRequested) const {
     return *stopRequested != 0 || mBudget.exhausted();
 }
 
+bool PlayEngine::connect(bool* reportedWaiting) {
+    int status = tavo_pe_connect(mConnection.get(), kDescriptorWaitMs);
+    if (status != TAVO_PE_OK) {
+        if (!*reportedWaiting) {
+            fprintf(stderr, "playengine: waiting for the engine (%s%s%s)\n",
+                    tavo_pe_status_text(status), status == TAVO_PE_SYSTEM ? ": " : "",
+                    status == TAVO_PE_SYSTEM ? strerror(errno) : "");
+            *reportedWaiting = true;
+        }
+        return false;
+    }
+    *reportedWaiting = false;
+    fprintf(stderr, "playengine: connected to %s as %s\n", mOptions.engineSocket.c_str(),
+            mOptions.ownSocket.c_str());
+    for (int session = 0; session < 2; ++session) {
+        mReaders[session].reset(
+            new SessionReader(mConnection.get(), session, mOutputs[session].get()));
+        if (mOptions.verbose)
+            fprintf(stderr, "playengine: reading session %d\n", session);
+    }
+    return true;
+}
+
 int PlayEngine::run(const volatile sig_atomic_t* stopRequested) {
+    if (mConnection == nullptr) {
+        fprintf(stderr, "playengine: socket path empty or too long\n");
+        return 2;
+    }
     bool reportedWaiting = false;
     while (!shouldStop(stopRequested)) {
-        if (!mConnection.isConnected()) {
-            std::string error;
-            if (!mConnection.connect(&error)) {
-                if (!reportedWaiting) {
-                    fprintf(stderr, "playengine: waiting for the engine (%s)\n", error.c_str());
-                    reportedWaiting = true;
-                }
-                sleepMs(kReconnectDelayMs);
-                continue;
-            }
-            reportedWaiting = false;
-            fprintf(stderr, "playengine: connected to %s as %s\n", mOptions.engineSocket.c_str(),
-                    mOptions.ownSocket.c_str());
+        if (!tavo_pe_is_connected(mConnection.get()) && !connect(&reportedWaiting)) {
+            sleepMs(kReconnectDelayMs);
+            continue;
         }
 
-        EngineCommand command;
-        EngineConnection::ReceiveResult result = mConnection.receive(&command, kCommandWaitMs);
-        if (result == EngineConnection::RECEIVED) {
+        tavo_pe_command command;
+        int status = tavo_pe_next_command(mConnection.get(), &command, kCommandWaitMs);
+        if (status == TAVO_PE_OK) {
             handle(command);
-        } else if (result == EngineConnection::CLOSED) {
-            fprintf(stderr, "playengine: the engine closed the connection\n");
+        } else if (status != TAVO_PE_TIMEOUT) {
+            // The buffers stay mapped until the readers are joined; the next connect maps
+            // the descriptors the engine hands out then.
+            fprintf(stderr, "playengine: the engine closed the connection (%s)\n",
+                    tavo_pe_status_text(status));
             detachBuffers();
             if (!mOptions.reconnect)
                 break;
         }
     }
     detachBuffers();
-    mConnection.close();
+    tavo_pe_disconnect(mConnection.get());
     return 0;
 }
 
-void PlayEngine::handle(EngineCommand& command) {
-    std::string text = command.text();
-    int session = command.session();
+void PlayEngine::handle(const tavo_pe_command& command) {
+    UniqueFd fd(command.fd);
     if (mOptions.verbose) {
-        fprintf(stderr, "playengine: command \"%s\" session %d%s\n", text.c_str(), session,
-                command.fd.valid() ? " with a descriptor" : "");
+        fprintf(stderr, "playengine: command \"%s\" session %d%s\n", command.text, command.session,
+                fd.valid() ? " with a descriptor" : "");
     }
-    if (text == PLAYENGINE_CMD_TEXT_SHAREBUFFER) {
-        if (session < 0 || session > 1 || !command.fd.valid()) {
-            fprintf(stderr, "playengine: sharebuffer for session %d without a usable descriptor\n",
-                    session);
-            return;
-        }
-        attachBuffer(session, std::move(command.fd));
-    } else if (text == PLAYENGINE_CMD_TEXT_CAPTURE) {
-        capture(session, std::move(command.fd));
-    } else {
+    if (command.kind == TAVO_PE_CMD_CAPTURE) {
+        capture(command.session, std::move(fd));
+    } else if (mOptions.verbose) {
         // "flush", "startrecord", "stoprecord": nothing to do for a player that only writes
         // streams out.
-        if (mOptions.verbose)
-            fprintf(stderr, "playengine: \"%s\" ignored\n", text.c_str());
+        fprintf(stderr, "playengine: \"%s\" ignored\n", command.text);
     }
-}
-
-void PlayEngine::attachBuffer(int session, UniqueFd fd) {
-    mReaders[session].reset();  // a repeated descriptor replaces the earlier one
-    std::unique_ptr<SharedBufferMapping> mapping(new SharedBufferMapping());
-    std::string error;
-    if (!mapping->map(std::move(fd), &error)) {
-        fprintf(stderr, "playengine: cannot map the buffer of session %d: %s\n", session,
-                error.c_str());
-        mConnection.sendIndication(1);  // ask for the descriptors again
-        return;
-    }
-    mReaders[session].reset(new SessionReader(std::move(mapping), mOutputs[session].get()));
-    mConnection.sendIndication(2);
-    if (mOptions.verbose)
-        fprintf(stderr, "playengine: reading session %d\n", session);
 }
 
 void PlayEngine::capture(int session, UniqueFd fd) {
@@ -130,7 +128,8 @@ void PlayEngine::capture(int session, UniqueFd fd) {
     } else {
         fprintf(stderr, "playengine: snapshot of session %d failed: %s\n", session, error.c_str());
     }
-    mConnection.sendIndication(written ? 3 : 4);
+    tavo_pe_send_indication(mConnection.get(),
+                            written ? IMAGE_CAPTURE_SUCCESS : IMAGE_CAPTURE_FAIL);
 }
 
 void PlayEngine::detachBuffers() {

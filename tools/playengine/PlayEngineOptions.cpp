@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "AndroidPaths.h"
 #include "TavoMBBMSVersion.h"
+#include "TavoPlayEngine.h"
 
 namespace {
 
@@ -101,7 +101,7 @@ int parsePlayEngineOptions(int argc, char** argv, PlayEngineOptions* options) {
 
     if (options->engineSocket.empty()) {
         char path[1024];
-        if (resolveAndroidPath("/data/app/cmmb.socket", path, sizeof(path)) != 0) {
+        if (tavo_pe_default_engine_path(path, sizeof(path)) != TAVO_PE_OK) {
             fprintf(stderr, "%s: the engine's socket path is too long\n", argv[0]);
             return 2;
         }

@@ -29,7 +29,7 @@ public:
     // videoPath/audioPath: see StreamOutput ("" discards). budget: shared by all sessions.
     SessionOutput(const std::string& videoPath, const std::string& audioPath, FrameBudget* budget);
 
-    void consume(const CmmbSharedBuffer& frame) override;
+    void consume(const CmmbSharedBuffer& frame, uint32_t badRecords) override;
 
     const LatestPicture& latestPicture() const { return mPicture; }
     const SessionCounters& counters() const { return mCounters; }

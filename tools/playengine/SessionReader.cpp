@@ -1,8 +1,5 @@
 #include "SessionReader.h"
 
-#include <errno.h>
-
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -11,8 +8,9 @@ const int kWaitSliceMs = 100;
 
 }  // namespace
 
-SessionReader::SessionReader(std::unique_ptr<SharedBufferMapping> mapping, FrameConsumer* consumer)
-    : mMapping(std::move(mapping)),
+SessionReader::SessionReader(tavo_pe* connection, int session, FrameConsumer* consumer)
+    : mConnection(connection),
+      mSession(session),
       mConsumer(consumer),
       mFrame(new CmmbSharedBuffer()),
       mStop(false),
@@ -23,40 +21,49 @@ SessionReader::~SessionReader() {
     mThread.join();
 }
 
-bool SessionReader::waitUnlessStopped(CmmbSharedSemaphore* semaphore) {
-    while (!mStop.load()) {
-        if (cmmb_sem_timedwait(semaphore, kWaitSliceMs) == 0)
-            return true;
-        if (errno != ETIMEDOUT && errno != EINTR)
-            return false;
+uint32_t SessionReader::copyFrame(const tavo_pe_frame& shared) {
+    uint32_t bad = 0;
+    uint32_t used = 0;
+    uint32_t nals = 0;
+    uint32_t aacs = 0;
+    tavo_pe_item item;
+    for (uint32_t i = 0; i < shared.nal_count; ++i) {
+        // Overlapping records can add up to more than the payload: those are left out too.
+        if (tavo_pe_frame_nal(&shared, i, &item) != TAVO_PE_OK ||
+            item.length > CMMB_PAYLOAD_SIZE - used) {
+            ++bad;
+            continue;
+        }
+        memcpy(mFrame->data + used, item.bytes, item.length);
+        mFrame->nal[nals++] = {item.ts_base, item.ts_relative, item.length, used, item.pos};
+        used += item.length;
     }
-    return false;
-}
-
-void SessionReader::copyFrame(const CmmbSharedBuffer& shared) {
-    // The counts come from another process: never trust them beyond the tables' bounds.
-    uint32_t nalCount = std::min<uint32_t>(shared.nalCount, CMMB_NAL_RECORD_SLOTS);
-    uint32_t aacCount = std::min<uint32_t>(shared.aacCount, CMMB_AAC_RECORD_SLOTS);
-    uint32_t dataLength = std::min<uint32_t>(shared.dataLength, CMMB_PAYLOAD_SIZE);
-    mFrame->nalCount = nalCount;
-    mFrame->aacCount = aacCount;
-    mFrame->dataLength = dataLength;
-    memcpy(mFrame->nal, shared.nal, nalCount * sizeof(CmmbNalRecord));
-    memcpy(mFrame->aac, shared.aac, aacCount * sizeof(CmmbAacRecord));
-    memcpy(mFrame->data, shared.data, dataLength);
+    for (uint32_t i = 0; i < shared.aac_count; ++i) {
+        if (tavo_pe_frame_aac(&shared, i, &item) != TAVO_PE_OK ||
+            item.length > CMMB_PAYLOAD_SIZE - used) {
+            ++bad;
+            continue;
+        }
+        memcpy(mFrame->data + used, item.bytes, item.length);
+        mFrame->aac[aacs++] = {item.ts_base, item.ts_relative, item.length, used};
+        used += item.length;
+    }
+    mFrame->nalCount = nals;
+    mFrame->aacCount = aacs;
+    mFrame->dataLength = used;
+    return bad;
 }
 
 void SessionReader::run() {
-    CmmbSharedBuffer* shared = mMapping->buffer();
     while (!mStop.load()) {
-        if (!waitUnlessStopped(&shared->mutexDataAvailable))
+        tavo_pe_frame frame;
+        int status = tavo_pe_wait_frame(mConnection, mSession, kWaitSliceMs, &frame);
+        if (status == TAVO_PE_TIMEOUT)
+            continue;
+        if (status != TAVO_PE_OK)
             break;
-        if (!waitUnlessStopped(&shared->mutexDataAccessable))
-            break;
-        copyFrame(*shared);
-        shared->nalCount = 0;
-        shared->aacCount = 0;
-        cmmb_sem_post(&shared->mutexDataAccessable);
-        mConsumer->consume(*mFrame);
+        uint32_t badRecords = copyFrame(frame);
+        tavo_pe_release_frame(mConnection, &frame);
+        mConsumer->consume(*mFrame, badRecords);
     }
 }

@@ -1,9 +1,10 @@
-// Reads one session's shared buffer on a thread of its own, following the reader contract:
-// wait for mutexDataAvailable, take mutexDataAccessable, copy the frame, set both counts to
-// 0 (the frame was fetched), release mutexDataAccessable; then hand the copy to a consumer.
+// Reads one session's shared buffer on a thread of its own through the play-engine SDK:
+// waits for a frame (mutexDataAvailable, then mutexDataAccessable), copies its checked
+// records, releases it (both counts 0, lock posted); then hands the copy to a consumer.
 //
 // Threads: constructed and destroyed by the main thread; the destructor stops and joins the
-// reader thread (within about 100 ms, the longest wait it makes).
+// reader thread (within about 100 ms, the longest wait it makes). The connection's regions
+// must stay mapped while a reader exists.
 #ifndef TAVO_TOOLS_PLAYENGINE_SESSION_READER_H
 #define TAVO_TOOLS_PLAYENGINE_SESSION_READER_H
 
@@ -12,23 +13,23 @@
 #include <thread>
 
 #include "FrameConsumer.h"
-#include "SharedBufferMapping.h"
+#include "TavoPlayEngine.h"
 
 class SessionReader {
 public:
-    // Starts reading `mapping` (taken over) and feeding `consumer`, which must outlive this.
-    SessionReader(std::unique_ptr<SharedBufferMapping> mapping, FrameConsumer* consumer);
+    // Starts reading `session` of `connection` and feeding `consumer`; both must outlive this.
+    SessionReader(tavo_pe* connection, int session, FrameConsumer* consumer);
     ~SessionReader();
     SessionReader(const SessionReader&) = delete;
     SessionReader& operator=(const SessionReader&) = delete;
 
 private:
     void run();
-    // Waits on a semaphore in slices so that a stop request is seen; false when stopped.
-    bool waitUnlessStopped(CmmbSharedSemaphore* semaphore);
-    void copyFrame(const CmmbSharedBuffer& shared);
+    // Copies the frame's valid records and their items; returns the records left out.
+    uint32_t copyFrame(const tavo_pe_frame& shared);
 
-    std::unique_ptr<SharedBufferMapping> mMapping;
+    tavo_pe* mConnection;
+    const int mSession;
     FrameConsumer* mConsumer;
     // The reader thread's private copy of the current frame, allocated once.
     std::unique_ptr<CmmbSharedBuffer> mFrame;

@@ -3,8 +3,8 @@
 // their passed descriptors and sends 64-byte indications.
 //
 // Threads: used by the play engine's main thread only.
-#ifndef TAVO_TOOLS_PLAYENGINE_ENGINE_CONNECTION_H
-#define TAVO_TOOLS_PLAYENGINE_ENGINE_CONNECTION_H
+#ifndef TAVO_TESTS_DATAPATH_ENGINE_CONNECTION_H
+#define TAVO_TESTS_DATAPATH_ENGINE_CONNECTION_H
 
 #include <string>
 
@@ -48,4 +48,4 @@ private:
     UniqueFd mSocket;
 };
 
-#endif  // TAVO_TOOLS_PLAYENGINE_ENGINE_CONNECTION_H
+#endif  // TAVO_TESTS_DATAPATH_ENGINE_CONNECTION_H

@@ -1,7 +1,7 @@
 // One session's shared A/V buffer mapped into the play engine: owns the descriptor the engine
 // passed and the mapping of it.
-#ifndef TAVO_TOOLS_PLAYENGINE_SHARED_BUFFER_MAPPING_H
-#define TAVO_TOOLS_PLAYENGINE_SHARED_BUFFER_MAPPING_H
+#ifndef TAVO_TESTS_DATAPATH_SHARED_BUFFER_MAPPING_H
+#define TAVO_TESTS_DATAPATH_SHARED_BUFFER_MAPPING_H
 
 #include <string>
 
@@ -25,4 +25,4 @@ private:
     CmmbSharedBuffer* mBuffer = nullptr;
 };
 
-#endif  // TAVO_TOOLS_PLAYENGINE_SHARED_BUFFER_MAPPING_H
+#endif  // TAVO_TESTS_DATAPATH_SHARED_BUFFER_MAPPING_H

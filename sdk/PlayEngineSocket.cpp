@@ -1,0 +1,144 @@
+#include "PlayEngineSocket.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+bool fillAddress(const std::string& path, sockaddr_un* address, socklen_t* length) {
+    memset(address, 0, sizeof(*address));
+    address->sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address->sun_path))
+        return false;
+    memcpy(address->sun_path, path.c_str(), path.size());
+    *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
+    return true;
+}
+
+}  // namespace
+
+PlayEngineSocket::PlayEngineSocket(const std::string& enginePath, const std::string& ownPath)
+    : mEnginePath(enginePath), mOwnPath(ownPath) {}
+
+PlayEngineSocket::~PlayEngineSocket() {
+    close();
+    unlink(mOwnPath.c_str());
+}
+
+bool PlayEngineSocket::connect() {
+    close();
+    sockaddr_un own, engine;
+    socklen_t ownLength = 0, engineLength = 0;
+    if (!fillAddress(mOwnPath, &own, &ownLength) ||
+        !fillAddress(mEnginePath, &engine, &engineLength)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    UniqueFd socketFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socketFd.valid())
+        return false;
+    // The engine checks that our path exists when it accepts us, so it is bound first and
+    // kept until the connection is closed for good.
+    unlink(mOwnPath.c_str());
+    if (bind(socketFd.get(), reinterpret_cast<sockaddr*>(&own), ownLength) != 0)
+        return false;
+    int result;
+    do {
+        result = ::connect(socketFd.get(), reinterpret_cast<sockaddr*>(&engine), engineLength);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        int error = errno;
+        unlink(mOwnPath.c_str());
+        errno = error;
+        return false;
+    }
+    mSocket = std::move(socketFd);
+    return true;
+}
+
+void PlayEngineSocket::close() {
+    mSocket.reset();
+}
+
+PlayEngineSocket::Result PlayEngineSocket::receive(PlayEngineCommandMessage* message, UniqueFd* fd,
+                                                   int timeoutMs) {
+    fd->reset();
+    if (!mSocket.valid())
+        return CLOSED;
+    pollfd entry = {mSocket.get(), POLLIN, 0};
+    int ready = poll(&entry, 1, timeoutMs);
+    if (ready == 0 || (ready < 0 && errno == EINTR))
+        return NOTHING_YET;
+    if (ready < 0) {
+        close();
+        return FAILED;
+    }
+
+    memset(message, 0, sizeof(*message));
+    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
+    iovec piece = {message, sizeof(*message)};
+    msghdr header;
+    memset(&header, 0, sizeof(header));
+    header.msg_iov = &piece;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof(control);
+    ssize_t received;
+    do {
+        received = recvmsg(mSocket.get(), &header, MSG_CMSG_CLOEXEC | MSG_WAITALL);
+    } while (received < 0 && errno == EINTR);
+    if (received == 0) {
+        close();
+        return CLOSED;
+    }
+    if (received < 0) {
+        close();
+        return FAILED;
+    }
+    // Every descriptor that came is taken (and so closed) even when the message is refused.
+    for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr;
+         item = CMSG_NXTHDR(&header, item)) {
+        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS)
+            continue;
+        size_t bytes = item->cmsg_len - CMSG_LEN(0);
+        for (size_t at = 0; at + sizeof(int) <= bytes; at += sizeof(int)) {
+            int passed;
+            memcpy(&passed, CMSG_DATA(item) + at, sizeof(passed));
+            fd->reset(passed);  // a second descriptor replaces (closes) the first
+        }
+    }
+    if ((header.msg_flags & MSG_CTRUNC) != 0 ||
+        received != static_cast<ssize_t>(sizeof(*message))) {
+        // Descriptors were lost or the stream is out of step: start over.
+        fd->reset();
+        close();
+        return CUT_SHORT;
+    }
+    return RECEIVED;
+}
+
+bool PlayEngineSocket::sendIndication(int code) {
+    if (!mSocket.valid())
+        return false;
+    PlayEngineIndicationMessage indication;
+    memset(&indication, 0, sizeof(indication));
+    snprintf(indication.code, sizeof(indication.code), "%d", code);
+    const char* bytes = reinterpret_cast<const char*>(&indication);
+    size_t left = sizeof(indication);
+    while (left > 0) {
+        ssize_t sent = send(mSocket.get(), bytes, left, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent <= 0)
+            return false;
+        bytes += sent;
+        left -= static_cast<size_t>(sent);
+    }
+    return true;
+}

@@ -1,0 +1,276 @@
+// The play-engine SDK against a scripted engine end: what it does with wrong-sized regions,
+// cut-short messages, surplus descriptors and the commands it passes on.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "TavoPlayEngine.h"
+#include "UniqueFd.h"
+
+namespace {
+
+// The engine's listening end in a temporary directory, one client at a time.
+class ScriptedEngine {
+public:
+    ScriptedEngine() {
+        char dir[] = "/tmp/tavo-sdk-wire.XXXXXX";
+        mDir = mkdtemp(dir);
+        mPath = mDir + "/cmmb.socket";
+        mListener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address;
+        memset(&address, 0, sizeof(address));
+        address.sun_family = AF_UNIX;
+        strncpy(address.sun_path, mPath.c_str(), sizeof(address.sun_path) - 1);
+        EXPECT_EQ(0, bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+        EXPECT_EQ(0, listen(mListener.get(), 2));
+    }
+    ~ScriptedEngine() {
+        mClient.reset();
+        mListener.reset();
+        std::string command = "rm -rf " + mDir;
+        EXPECT_EQ(0, system(command.c_str()));
+    }
+    const std::string& path() const { return mPath; }
+    std::string ownPath() const { return mDir + "/pe.socket"; }
+
+    // Accepts and checks that the client is bound to an existing path.
+    bool accept() {
+        sockaddr_un peer;
+        socklen_t length = sizeof(peer);
+        memset(&peer, 0, sizeof(peer));
+        mClient.reset(
+            ::accept4(mListener.get(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC));
+        struct stat status;
+        return mClient.valid() && length > sizeof(sa_family_t) &&
+               stat(peer.sun_path, &status) == 0 && S_ISSOCK(status.st_mode);
+    }
+
+    // Sends `size` bytes of a command message with `fds` attached.
+    void send(const char* text, char session, const std::vector<int>& fds,
+              size_t size = sizeof(PlayEngineCommandMessage)) {
+        PlayEngineCommandMessage message;
+        memset(&message, 0, sizeof(message));
+        strncpy(message.command, text, sizeof(message.command));
+        message.fdStatus = fds.empty() ? 1 : 0;
+        message.session = session;
+        iovec piece = {&message, size};
+        msghdr header;
+        memset(&header, 0, sizeof(header));
+        header.msg_iov = &piece;
+        header.msg_iovlen = 1;
+        alignas(cmsghdr) unsigned char control[CMSG_SPACE(4 * sizeof(int))];
+        if (!fds.empty()) {
+            header.msg_control = control;
+            header.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+            cmsghdr* item = CMSG_FIRSTHDR(&header);
+            item->cmsg_level = SOL_SOCKET;
+            item->cmsg_type = SCM_RIGHTS;
+            item->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+            memcpy(CMSG_DATA(item), fds.data(), fds.size() * sizeof(int));
+        }
+        EXPECT_EQ(static_cast<ssize_t>(size), sendmsg(mClient.get(), &header, MSG_NOSIGNAL));
+    }
+
+    // The next indication's code text, or "" when none came within 5 s.
+    std::string indication() {
+        PlayEngineIndicationMessage message;
+        timeval bound = {5, 0};
+        setsockopt(mClient.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
+        if (recv(mClient.get(), &message, sizeof(message), MSG_WAITALL) !=
+            static_cast<ssize_t>(sizeof(message))) {
+            return "";
+        }
+        return std::string(message.code, strnlen(message.code, sizeof(message.code)));
+    }
+    void hangUp() { mClient.reset(); }
+
+private:
+    std::string mDir, mPath;
+    UniqueFd mListener, mClient;
+};
+
+UniqueFd regionOfSize(off_t size) {
+    UniqueFd fd(memfd_create("cmmb_shared_memory_test", MFD_CLOEXEC));
+    EXPECT_EQ(0, ftruncate(fd.get(), size));
+    return fd;
+}
+
+struct Client {
+    explicit Client(const ScriptedEngine& engine)
+        : pe(tavo_pe_create(engine.path().c_str(), engine.ownPath().c_str())) {}
+    ~Client() { tavo_pe_destroy(pe); }
+    tavo_pe* pe;
+};
+
+// Runs tavo_pe_connect on a thread of its own while the test plays the engine.
+std::future<int> connectAsync(tavo_pe* pe) {
+    return std::async(std::launch::async, [pe] { return tavo_pe_connect(pe, 5000); });
+}
+
+// Both regions of the right size: connected, each acknowledged with code 2.
+void serveRegions(ScriptedEngine* engine) {
+    ASSERT_TRUE(engine->accept());
+    UniqueFd first = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+    UniqueFd second = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+    engine->send("sharebuffer", '0', {first.get()});
+    engine->send("sharebuffer", '1', {second.get()});
+    EXPECT_EQ("2", engine->indication());
+    EXPECT_EQ("2", engine->indication());
+}
+
+TEST(SdkWire, RegionOfTheWrongSizeIsRefusedAndAskedForAgain) {
+    for (off_t size : {off_t(0), off_t(100), off_t(CMMB_SHARED_BUFFER_SIZE + 4096)}) {
+        ScriptedEngine engine;
+        Client client(engine);
+        std::future<int> connected = connectAsync(client.pe);
+        ASSERT_TRUE(engine.accept());
+        UniqueFd region = regionOfSize(size);
+        engine.send("sharebuffer", '0', {region.get()});
+        EXPECT_EQ("1", engine.indication()) << size;
+        EXPECT_EQ(TAVO_PE_BAD_REGION, connected.get()) << size;
+        EXPECT_FALSE(tavo_pe_is_connected(client.pe));
+        EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
+    }
+}
+
+TEST(SdkWire, SharebufferWithoutADescriptorOrForANonSessionIsRefused) {
+    for (char session : {'0', '7', 'x'}) {
+        ScriptedEngine engine;
+        Client client(engine);
+        std::future<int> connected = connectAsync(client.pe);
+        ASSERT_TRUE(engine.accept());
+        UniqueFd region = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+        if (session == '0')
+            engine.send("sharebuffer", session, {});
+        else
+            engine.send("sharebuffer", session, {region.get()});
+        EXPECT_EQ(TAVO_PE_BAD_REGION, connected.get()) << session;
+    }
+}
+
+TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
+    {
+        ScriptedEngine engine;
+        Client client(engine);
+        std::future<int> connected = connectAsync(client.pe);
+        ASSERT_TRUE(engine.accept());
+        engine.send("sharebuffer", '0', {}, 50);
+        engine.hangUp();
+        EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
+    }
+    {
+        // Two descriptors where the control space holds one: truncated control data.
+        ScriptedEngine engine;
+        Client client(engine);
+        std::future<int> connected = connectAsync(client.pe);
+        ASSERT_TRUE(engine.accept());
+        UniqueFd first = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+        UniqueFd second = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+        engine.send("sharebuffer", '0', {first.get(), second.get(), first.get(), second.get()});
+        EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
+    }
+    {
+        ScriptedEngine engine;
+        Client client(engine);
+        std::future<int> connected = connectAsync(client.pe);
+        ASSERT_TRUE(engine.accept());
+        engine.hangUp();
+        EXPECT_EQ(TAVO_PE_CLOSED, connected.get());
+    }
+}
+
+// After both regions are mapped, commands are passed on with their descriptors (close-on-
+// exec); a repeated "sharebuffer" is dropped; the end of the connection keeps the regions
+// mapped until the caller connects again.
+TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
+    ScriptedEngine engine;
+    Client client(engine);
+    std::future<int> connected = connectAsync(client.pe);
+    serveRegions(&engine);
+    ASSERT_EQ(TAVO_PE_OK, connected.get());
+    ASSERT_NE(nullptr, tavo_pe_region(client.pe, 0));
+    ASSERT_NE(nullptr, tavo_pe_region(client.pe, 1));
+
+    UniqueFd target(open("/dev/null", O_WRONLY));
+    UniqueFd extra = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+    engine.send("sharebuffer", '0', {extra.get()});
+    engine.send("capture", '1', {target.get()});
+    engine.send("flush", '0', {});
+    engine.send("startrecord", '0', {});
+    engine.send("stoprecord", '0', {});
+    engine.send("rewind", '0', {});
+    const tavo_pe_command_kind expected[] = {TAVO_PE_CMD_CAPTURE, TAVO_PE_CMD_FLUSH,
+                                             TAVO_PE_CMD_START_RECORD, TAVO_PE_CMD_STOP_RECORD,
+                                             TAVO_PE_CMD_UNKNOWN};
+    for (tavo_pe_command_kind kind : expected) {
+        tavo_pe_command command;
+        ASSERT_EQ(TAVO_PE_OK, tavo_pe_next_command(client.pe, &command, 5000));
+        EXPECT_EQ(kind, command.kind) << command.text;
+        if (kind == TAVO_PE_CMD_CAPTURE) {
+            EXPECT_EQ(1, command.session);
+            ASSERT_GE(command.fd, 0);
+            EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
+            close(command.fd);
+            EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.pe, IMAGE_CAPTURE_FAIL));
+            EXPECT_EQ("4", engine.indication());
+        } else {
+            EXPECT_EQ(-1, command.fd);
+        }
+    }
+    tavo_pe_command command;
+    EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(client.pe, &command, 20));
+    engine.hangUp();
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(client.pe, &command, 5000));
+    EXPECT_FALSE(tavo_pe_is_connected(client.pe));
+    EXPECT_NE(nullptr, tavo_pe_region(client.pe, 0)) << "unmapped under the readers' feet";
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
+    tavo_pe_disconnect(client.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
+}
+
+TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
+    const std::string longPath(200, 'a');
+    EXPECT_EQ(nullptr, tavo_pe_create(longPath.c_str(), nullptr));
+    EXPECT_EQ(nullptr, tavo_pe_create("/tmp/x.socket", longPath.c_str()));
+    EXPECT_EQ(nullptr, tavo_pe_create("", nullptr));
+    tavo_pe_command command;
+    tavo_pe_frame frame;
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_connect(nullptr, 0));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_next_command(nullptr, &command, 0));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(nullptr, 0, 0, &frame));
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(nullptr, &frame));
+    EXPECT_EQ(0, tavo_pe_is_connected(nullptr));
+
+    setenv("TAVO_ANDROID_ROOT", "/tmp/root", 1);
+    char path[64];
+    ASSERT_EQ(TAVO_PE_OK, tavo_pe_default_engine_path(path, sizeof(path)));
+    EXPECT_STREQ("/tmp/root/data/app/cmmb.socket", path);
+    EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_default_engine_path(path, 10));
+    unsetenv("TAVO_ANDROID_ROOT");
+    ASSERT_EQ(TAVO_PE_OK, tavo_pe_default_engine_path(path, sizeof(path)));
+    EXPECT_STREQ("/data/app/cmmb.socket", path);
+
+    // Nobody listens: refused, and the own path is not left behind.
+    char dir[] = "/tmp/tavo-sdk-none.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    const std::string own = std::string(dir) + "/pe.socket";
+    tavo_pe* pe = tavo_pe_create((std::string(dir) + "/cmmb.socket").c_str(), own.c_str());
+    ASSERT_NE(nullptr, pe);
+    EXPECT_EQ(TAVO_PE_REFUSED, tavo_pe_connect(pe, 100));
+    EXPECT_NE(0, access(own.c_str(), F_OK));
+    tavo_pe_destroy(pe);
+    rmdir(dir);
+}
+
+}  // namespace
