@@ -93,7 +93,9 @@ PlayEngineSocket::Result PlayEngineSocket::receive(PlayEngineCommandMessage* mes
     do {
         received = recvmsg(mSocket.get(), &header, MSG_CMSG_CLOEXEC | MSG_WAITALL);
     } while (received < 0 && errno == EINTR);
-    if (received == 0) {
+    // A reset is the engine ending the connection too (it closed its end with our
+    // indications still unread).
+    if (received == 0 || (received < 0 && errno == ECONNRESET)) {
         close();
         return CLOSED;
     }

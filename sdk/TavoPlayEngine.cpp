@@ -221,7 +221,10 @@ int tavo_pe_send_indication(tavo_pe* pe, int code) {
         return TAVO_PE_INVALID;
     if (!pe->socket.isConnected())
         return TAVO_PE_CLOSED;
-    return pe->socket.sendIndication(code) ? TAVO_PE_OK : TAVO_PE_SYSTEM;
+    if (pe->socket.sendIndication(code))
+        return TAVO_PE_OK;
+    // The engine has closed its end: that is the end of the connection, not a failure.
+    return errno == EPIPE || errno == ECONNRESET ? TAVO_PE_CLOSED : TAVO_PE_SYSTEM;
 }
 
 int tavo_pe_wait_frame(tavo_pe* pe, int session, int timeout_ms, tavo_pe_frame* frame) {
