@@ -43,7 +43,7 @@ for path in $named; do
 done
 
 for source in engine/*.cpp session/*.cpp sharedbuffer/*.cpp playengine/*.cpp recording/*.cpp \
-    mp4writer/*.cpp tools/repair/*.cpp; do
+    mp4writer/*.cpp sdk/*.cpp tools/repair/*.cpp; do
     if ! grep -q "\"$source\"" "$bp"; then
         echo "$bp does not build $source"
         status=1
