@@ -1,12 +1,10 @@
-// A minimal play engine inside the tool: connects to the engine's socket from a path of its
-// own, maps the two shared buffers the engine passes ("sharebuffer"), and fetches every
-// multiplex frame the engine hands off, so that the engine runs as it does beside a real
-// play engine. Snapshot requests ("capture") are answered as failed: it decodes nothing.
+// A minimal play engine inside the tool, on the play-engine SDK: connects to the engine's
+// socket from a path of its own, maps the two shared buffers the engine passes, and fetches
+// every multiplex frame the engine hands off, so that the engine runs as it does beside a
+// real play engine. Snapshot requests ("capture") are answered as failed: it decodes nothing.
 //
-// One small class so that a play-engine SDK client can take its place.
-//
-// Threads: start() and the destructor on the tool's main thread; everything else on the
-// reader's own thread. The counters are atomics.
+// Threads: start() and the destructor on the tool's main thread; the connection and the
+// frames on the reader's own thread once started. The counters are atomics.
 #ifndef TAVO_TOOLS_AGENTCHECK_FRAME_READER_H
 #define TAVO_TOOLS_AGENTCHECK_FRAME_READER_H
 
@@ -14,9 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "CmmbSharedBuffer.h"
-#include "UniqueFd.h"
-#include "UniqueMapping.h"
+#include "TavoPlayEngine.h"
 
 class FrameReader {
 public:
@@ -25,21 +21,20 @@ public:
     FrameReader(const FrameReader&) = delete;
     FrameReader& operator=(const FrameReader&) = delete;
 
-    // Connects and starts reading; false with the reason in *error.
+    // Connects (binding its own path, receiving and mapping both buffers) and starts reading;
+    // false with the reason in *error.
     bool start(std::string* error);
-    bool hasBuffers() const { return mBuffersMapped.load() == int{CMMB_SHARED_BUFFER_COUNT}; }
+    bool hasBuffers() const { return mBuffersMapped.load(); }
     long framesFetched(int session) const { return mFetched[session].load(); }
     long capturesAnswered() const { return mCaptures.load(); }
 
 private:
     void run();
-    void receiveCommand();
+    void answer(const tavo_pe_command& command);
     void fetchFrame(int session);
 
-    std::string mEnginePath, mOwnPath;
-    UniqueFd mSocket;
-    UniqueMapping mMappings[CMMB_SHARED_BUFFER_COUNT];  // reader thread only, once started
-    std::atomic<int> mBuffersMapped{0};
+    tavo_pe* const mPlayEngine;  // owned; the reader thread's once started
+    std::atomic<bool> mBuffersMapped{false};
     std::atomic<long> mFetched[CMMB_SHARED_BUFFER_COUNT];
     std::atomic<long> mCaptures{0};
     std::atomic<bool> mStop{false};
