@@ -169,6 +169,7 @@ TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
         engine.hangUp();
         EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
     }
+#if !TAVO_EMULATED  // qemu-user does not report control data it had to cut (MSG_CTRUNC)
     {
         // Two descriptors where the control space holds one: truncated control data.
         ScriptedEngine engine;
@@ -180,6 +181,7 @@ TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
         engine.send("sharebuffer", '0', {first.get(), second.get(), first.get(), second.get()});
         EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
     }
+#endif
     {
         ScriptedEngine engine;
         Client client(engine);
