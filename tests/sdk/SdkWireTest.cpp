@@ -250,7 +250,7 @@ TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
 // Hanging up ends the connection for the engine, keeps the regions readable, and closes only
 // this process's descriptor: a forked child that hangs up leaves its parent connected, and
 // the parent's hang-up is seen while the child still lives.
-TEST(SdkWire, HangingUpClosesOnlyThisProcessesConnectionAndKeepsTheRegions) {
+TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     ScriptedEngine engine;
     Client client(engine);
     std::future<int> connected = connectAsync(client.pe);
