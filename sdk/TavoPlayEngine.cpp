@@ -142,6 +142,11 @@ void tavo_pe_disconnect(tavo_pe* pe) {
     pe->socket.close();
 }
 
+void tavo_pe_hang_up(tavo_pe* pe) {
+    if (pe != nullptr)
+        pe->socket.close();
+}
+
 int tavo_pe_is_connected(const tavo_pe* pe) {
     return pe != nullptr && pe->socket.isConnected() ? 1 : 0;
 }

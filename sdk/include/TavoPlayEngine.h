@@ -105,6 +105,10 @@ int tavo_pe_connect(tavo_pe* pe, int timeout_ms);
 int tavo_pe_is_connected(const tavo_pe* pe);
 /* Unmaps both regions and closes the connection. */
 void tavo_pe_disconnect(tavo_pe* pe);
+/* Closes the connection and keeps both regions mapped, as when the engine ends it: frame
+ * readers on other threads may finish (or a forked child, closing its copy of the
+ * connection, may read on). tavo_pe_connect, tavo_pe_disconnect or tavo_pe_destroy unmap. */
+void tavo_pe_hang_up(tavo_pe* pe);
 /* The session's mapped region, or NULL. */
 CmmbSharedBuffer* tavo_pe_region(tavo_pe* pe, int session);
 

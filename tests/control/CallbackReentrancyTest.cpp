@@ -25,13 +25,12 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "EngineConnection.h"
 #include "EngineDataPath.h"
 #include "FakeAgentAccess.h"
 #include "FaultInjectingEnv.h"
 #include "RecordingCallback.h"
-#include "SharedBufferMapping.h"
 #include "TestRoot.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -46,29 +45,17 @@ const char kRefusal[] = "deinit called from a callback of the engine, refused";
 // What a play engine does with a capture request besides answering 3 (success) or 4 (failure).
 const int kHangUp = 0;
 
-// A play engine in this process: maps both shared buffers and answers every capture request
-// with `answer` (3 success, 4 failure, or kHangUp: ends its connection) on a thread of its own.
+// A play engine in this process, on the SDK: maps both shared buffers and answers every
+// capture request with `answer` (3 success, 4 failure, or kHangUp: ends its connection) on a
+// thread of its own, which owns the connection once connected.
 class CapturingPlayEngine {
 public:
     ~CapturingPlayEngine() { stop(); }
 
     std::string connect(const std::string& serverPath, const std::string& ownPath, int answer) {
-        mConnection.reset(new EngineConnection(serverPath, ownPath));
-        std::string error;
-        for (int attempts = 0; !mConnection->connect(&error); usleep(10000)) {
-            if (++attempts > 2000)
-                return error;
-        }
-        for (int received = 0; received < 2; ++received) {
-            EngineCommand command;
-            if (mConnection->receive(&command, kWaitMs) != EngineConnection::RECEIVED)
-                return "no sharebuffer command";
-            const int session = command.session();
-            if (command.text() != PLAYENGINE_CMD_TEXT_SHAREBUFFER || session < 0 || session > 1)
-                return "not a sharebuffer command: " + command.text();
-            if (!mBuffers[session].map(std::move(command.fd), &error))
-                return error;
-        }
+        std::string error = mReader.connect(serverPath, ownPath);
+        if (!error.empty())
+            return error;
         mAnswer = answer;
         mRunning = true;
         mResponder = std::thread([this] { answerCaptures(); });
@@ -79,10 +66,10 @@ public:
         mRunning = false;
         if (mResponder.joinable())
             mResponder.join();
-        mConnection.reset();
+        tavo_pe_disconnect(mReader.sdk());
     }
 
-    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session].buffer(); }
+    CmmbSharedBuffer* buffer(int session) const { return mReader.buffer(session); }
 
     // Forgets the frames signalled so far, so that the next read gets a new one.
     void skipSignalledFrames(int session) {
@@ -93,37 +80,35 @@ public:
     // Reads the session's next frame by the reader contract; its NAL count, or -1 when none
     // came in time.
     int readNalCount(int session) {
-        CmmbSharedBuffer* b = buffer(session);
-        if (cmmb_sem_timedwait(&b->mutexDataAvailable, kWaitMs) != 0 ||
-            cmmb_sem_timedwait(&b->mutexDataAccessable, kWaitMs) != 0)
+        tavo_pe_frame frame;
+        if (tavo_pe_wait_frame(mReader.sdk(), session, kWaitMs, &frame) != TAVO_PE_OK)
             return -1;
-        const int count = static_cast<int>(b->nalCount);
-        b->nalCount = 0;
-        b->aacCount = 0;
-        cmmb_sem_post(&b->mutexDataAccessable);
+        const int count = static_cast<int>(frame.nal_count);
+        tavo_pe_release_frame(mReader.sdk(), &frame);
         return count;
     }
 
 private:
     void answerCaptures() {
         while (mRunning) {
-            EngineCommand command;
-            const EngineConnection::ReceiveResult result = mConnection->receive(&command, 20);
-            if (result == EngineConnection::CLOSED)
-                return;
-            if (result != EngineConnection::RECEIVED ||
-                command.text() != PLAYENGINE_CMD_TEXT_CAPTURE)
+            tavo_pe_command command;
+            const int result = tavo_pe_next_command(mReader.sdk(), &command, 20);
+            if (result == TAVO_PE_TIMEOUT)
+                continue;
+            if (result != TAVO_PE_OK)
+                return;  // the connection ended
+            UniqueFd target(command.fd);
+            if (command.kind != TAVO_PE_CMD_CAPTURE)
                 continue;
             if (mAnswer == kHangUp) {
-                mConnection->close();  // gone without an answer; the mappings stay
+                tavo_pe_hang_up(mReader.sdk());  // gone without an answer; the mappings stay
                 return;
             }
-            mConnection->sendIndication(mAnswer);
+            tavo_pe_send_indication(mReader.sdk(), mAnswer);
         }
     }
 
-    std::unique_ptr<EngineConnection> mConnection;
-    SharedBufferMapping mBuffers[2];
+    PlayEngineReader mReader;
     std::thread mResponder;
     std::atomic<bool> mRunning{false};
     int mAnswer = 3;

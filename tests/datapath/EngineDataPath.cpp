@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <utility>
 
 #include "FakeAgentAccess.h"
@@ -42,46 +43,53 @@ void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, in
 
 std::string PlayEngineReader::connect(const std::string& serverPath,
                                       const std::string& clientPath) {
-    mConnection.reset(new EngineConnection(serverPath, clientPath));
-    std::string error;
+    mSdk.reset(tavo_pe_create(serverPath.c_str(), clientPath.c_str()));
+    if (!mSdk)
+        return "socket path too long";
+    int status = TAVO_PE_REFUSED;
     // The command thread may still be setting up its listening socket.
-    for (int attempts = 0; !mConnection->connect(&error); usleep(10000)) {
-        if (++attempts > 2000)
-            return error;
+    for (int attempts = 0; status == TAVO_PE_REFUSED && attempts < 2000; ++attempts) {
+        status = tavo_pe_connect(mSdk.get(), 20000);
+        if (status == TAVO_PE_REFUSED)
+            usleep(10000);
     }
-    for (unsigned received = 0; received < CMMB_SHARED_BUFFER_COUNT; ++received) {
-        EngineCommand command;
+    return status == TAVO_PE_OK ? "" : tavo_pe_status_text(status);
+}
+
+off_t PlayEngineReader::regionSize(int session) const {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(buffer(session));
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; start != 0 && std::getline(maps, line);) {
+        char* afterStart = nullptr;
+        if (strtoull(line.c_str(), &afterStart, 16) != start || *afterStart != '-')
+            continue;
+        // The link names the mapped object itself: stat follows it to the region's size.
         struct stat status;
-        if (mConnection->receive(&command, 20000) != EngineConnection::RECEIVED)
-            return "no sharebuffer command received";
-        const int s = command.session();
-        if (command.text() != PLAYENGINE_CMD_TEXT_SHAREBUFFER || s < 0 ||
-            s >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT) || fstat(command.fd.get(), &status))
-            return "not a usable sharebuffer command";
-        mRegionSizes[s] = status.st_size;
-        if (!mBuffers[s].map(std::move(command.fd), &error))
-            return error;
+        const std::string range = line.substr(0, line.find(' '));
+        if (stat(("/proc/self/map_files/" + range).c_str(), &status) != 0)
+            return -1;
+        return status.st_size;
     }
-    return "";
+    return -1;
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
-    CmmbSharedBuffer* b = buffer(session);
-    if (cmmb_sem_timedwait(&b->mutexDataAvailable, timeoutMs) != 0 ||
-        cmmb_sem_timedwait(&b->mutexDataAccessable, timeoutMs) != 0)
+    tavo_pe_frame shared;
+    if (tavo_pe_wait_frame(mSdk.get(), session, timeoutMs, &shared) != TAVO_PE_OK)
         return false;
     frame->nals.clear();
     frame->aacs.clear();
-    for (uint32_t i = 0; i < b->nalCount && i < CMMB_NAL_RECORD_SLOTS; ++i)
-        frame->nals.emplace_back(b->data + b->nal[i].offset,
-                                 b->data + b->nal[i].offset + b->nal[i].length);
-    for (uint32_t i = 0; i < b->aacCount && i < CMMB_AAC_RECORD_SLOTS; ++i)
-        frame->aacs.emplace_back(b->data + b->aac[i].offset,
-                                 b->data + b->aac[i].offset + b->aac[i].length);
-    b->nalCount = 0;
-    b->aacCount = 0;
-    cmmb_sem_post(&b->mutexDataAccessable);
-    return true;
+    tavo_pe_item item;
+    bool recordsInside = true;
+    for (uint32_t i = 0; i < shared.nal_count; ++i) {
+        recordsInside &= tavo_pe_frame_nal(&shared, i, &item) == TAVO_PE_OK;
+        frame->nals.emplace_back(item.bytes, item.bytes + (item.bytes ? item.length : 0));
+    }
+    for (uint32_t i = 0; i < shared.aac_count; ++i) {
+        recordsInside &= tavo_pe_frame_aac(&shared, i, &item) == TAVO_PE_OK;
+        frame->aacs.emplace_back(item.bytes, item.bytes + (item.bytes ? item.length : 0));
+    }
+    return tavo_pe_release_frame(mSdk.get(), &shared) == TAVO_PE_OK && recordsInside;
 }
 
 EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine,

@@ -16,11 +16,10 @@
 #include <vector>
 
 #include "CmmbSharedBuffer.h"
-#include "EngineConnection.h"
 #include "FakeAgentControl.h"
 #include "RecordingCallback.h"
-#include "SharedBufferMapping.h"
 #include "TavoMBBMSEngine.h"
+#include "TavoPlayEngine.h"
 #include "TestRoot.h"
 
 using Bytes = std::vector<unsigned char>;
@@ -59,25 +58,30 @@ struct ReadFrame {
     std::vector<Bytes> nals, aacs;
 };
 
-// A play engine's view: the reference play engine's connection and mappings, read here
-// frame by frame.
+// A play engine's view through the play-engine SDK, read here frame by frame. Misbehaving
+// play engines connect through it too, then do what they like with buffer(session).
 class PlayEngineReader {
 public:
-    // Connects from clientPath and maps the "sharebuffer" descriptors of sessions 0 and 1.
-    // Returns "" or what went wrong.
+    // Connects from clientPath (retrying while the engine sets up its socket) and maps the
+    // "sharebuffer" regions of sessions 0 and 1. Returns "" or what went wrong.
     std::string connect(const std::string& serverPath, const std::string& clientPath);
-    CmmbSharedBuffer* buffer(int session) const { return mBuffers[session].buffer(); }
+    CmmbSharedBuffer* buffer(int session) const { return tavo_pe_region(mSdk.get(), session); }
+    tavo_pe* sdk() const { return mSdk.get(); }
     // Ends the connection; the mappings stay.
-    void hangUp() { mConnection.reset(); }
-    off_t regionSize(int session) const { return mRegionSizes[session]; }
+    void hangUp() { tavo_pe_hang_up(mSdk.get()); }
+    // The size of the object mapped for the session, read through /proc/self/map_files
+    // (root only, as the tests run), or -1.
+    off_t regionSize(int session) const;
     // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
-    // clears both counts and posts mutexDataAccessable. False on a timeout.
+    // clears both counts and posts mutexDataAccessable. False on a timeout or a record
+    // outside the payload.
     bool readFrame(int session, ReadFrame* frame, int timeoutMs = 20000);
 
 private:
-    std::unique_ptr<EngineConnection> mConnection;
-    SharedBufferMapping mBuffers[CMMB_SHARED_BUFFER_COUNT];
-    off_t mRegionSizes[CMMB_SHARED_BUFFER_COUNT] = {};
+    struct Destroy {
+        void operator()(tavo_pe* pe) const { tavo_pe_destroy(pe); }
+    };
+    std::unique_ptr<tavo_pe, Destroy> mSdk;
 };
 
 class EngineDataPath {

@@ -475,19 +475,15 @@ char connectAs(uid_t uid, const std::string& server, const std::string& own) {
         char result = 'E';
         if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
             umask(0);
-            EngineConnection connection(server, own);
-            std::string error;
-            if (!connection.connect(&error)) {
-                result = 'A';
-            } else {
-                EngineCommand first, second;
-                const EngineConnection::ReceiveResult answer = connection.receive(&first, 5000);
-                if (answer == EngineConnection::CLOSED)
-                    result = 'C';
-                else if (answer == EngineConnection::RECEIVED &&
-                         connection.receive(&second, 5000) == EngineConnection::RECEIVED)
-                    result = 'S';
-            }
+            tavo_pe* sdk = tavo_pe_create(server.c_str(), own.c_str());
+            const int status = sdk != nullptr ? tavo_pe_connect(sdk, 5000) : TAVO_PE_INVALID;
+            if (status == TAVO_PE_REFUSED || status == TAVO_PE_SYSTEM)
+                result = 'A';  // bind or connect refused
+            else if (status == TAVO_PE_CLOSED)
+                result = 'C';
+            else if (status == TAVO_PE_OK)
+                result = 'S';
+            tavo_pe_destroy(sdk);
         }
         reportAndWait(fd, result);
     });

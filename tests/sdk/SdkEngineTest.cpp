@@ -16,6 +16,7 @@
 #include "EngineDataPath.h"
 #include "FakeAgentAccess.h"
 #include "TavoPlayEngine.h"
+#include "UniqueFd.h"
 
 namespace {
 

@@ -2,10 +2,12 @@
 // cut-short messages, surplus descriptors and the commands it passes on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -94,6 +96,12 @@ public:
         return std::string(message.code, strnlen(message.code, sizeof(message.code)));
     }
     void hangUp() { mClient.reset(); }
+    // True when the client's end is closed (end of stream) within `ms`.
+    bool seesEndWithin(int ms) {
+        pollfd entry = {mClient.get(), POLLIN, 0};
+        char byte;
+        return poll(&entry, 1, ms) == 1 && recv(mClient.get(), &byte, 1, MSG_DONTWAIT) == 0;
+    }
 
 private:
     std::string mDir, mPath;
@@ -237,6 +245,57 @@ TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
     EXPECT_FALSE(tavo_pe_is_connected(client.pe));
     EXPECT_NE(nullptr, tavo_pe_region(client.pe, 0)) << "unmapped under the readers' feet";
     EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
+    tavo_pe_disconnect(client.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
+}
+
+// Hanging up ends the connection for the engine, keeps the regions readable, and closes only
+// this process's descriptor: a forked child that hangs up leaves its parent connected, and
+// the parent's hang-up is seen while the child still lives.
+TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
+    ScriptedEngine engine;
+    Client client(engine);
+    std::future<int> connected = connectAsync(client.pe);
+    serveRegions(&engine);
+    ASSERT_EQ(TAVO_PE_OK, connected.get());
+    CmmbSharedBuffer* region = tavo_pe_region(client.pe, 0);
+    ASSERT_NE(nullptr, region);
+
+    int toChild[2], fromChild[2];
+    ASSERT_EQ(0, pipe(toChild));
+    ASSERT_EQ(0, pipe(fromChild));
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        tavo_pe_hang_up(client.pe);
+        region->dataLength = 1234;  // still mapped, and shared with the parent
+        char note = tavo_pe_is_connected(client.pe) ? 'c' : 'h';
+        if (write(fromChild[1], &note, 1) != 1 || read(toChild[0], &note, 1) != 1)
+            _exit(1);
+        _exit(0);
+    }
+    char note = 0;
+    ASSERT_EQ(1, read(fromChild[0], &note, 1));
+    EXPECT_EQ('h', note);
+    EXPECT_EQ(1234u, region->dataLength);
+    EXPECT_FALSE(engine.seesEndWithin(100)) << "the child's hang-up ended the parent's connection";
+    EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ("2", engine.indication());
+
+    tavo_pe_hang_up(client.pe);
+    EXPECT_TRUE(engine.seesEndWithin(5000)) << "a copy of the connection stayed open";
+    EXPECT_FALSE(tavo_pe_is_connected(client.pe));
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ(region, tavo_pe_region(client.pe, 0)) << "unmapped under the readers' feet";
+    EXPECT_EQ(1234u, region->dataLength);
+    tavo_pe_hang_up(nullptr);
+
+    EXPECT_EQ(1, write(toChild[1], &note, 1));
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]})
+        close(fd);
     tavo_pe_disconnect(client.pe);
     EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
 }
