@@ -126,6 +126,8 @@ TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
 
 // What the hostile process did, in a page shared with it.
 struct HostileReport {
+    int connected;          // set by the hostile reader once both buffers are mapped
+    int go;                 // set by the test: start rewriting
     int stop;               // set by the test: finish the current round and exit
     unsigned long rounds;   // rounds of rewrites done
     unsigned long locked;   // rounds done while holding a buffer lock, as a reader would
@@ -180,6 +182,9 @@ void rewriteOne(CmmbSharedBuffer* b, Rng& rng) {
         _exit(2);
     const std::vector<int> fds = regionDescriptors();
     Rng rng(0x9E3779B97F4A7C15ull);
+    __atomic_store_n(&report->connected, 1, __ATOMIC_RELEASE);
+    while (!__atomic_load_n(&report->go, __ATOMIC_ACQUIRE))
+        usleep(1000);
     while (!__atomic_load_n(&report->stop, __ATOMIC_ACQUIRE)) {
         for (int i = 0; i < 64; ++i)
             rewriteOne(reader.buffer(rng.next() % 2), rng);
@@ -268,11 +273,19 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
             runHostileReader(rig.root().resolve("/data/app/cmmb.socket"),
                              rig.root().path() + "/hostile.socket", report);
         ASSERT_GT(hostile, 0);
-        while (__atomic_load_n(&report->rounds, __ATOMIC_RELAXED) == 0)
+        while (__atomic_load_n(&report->connected, __ATOMIC_ACQUIRE) == 0)
             usleep(1000);  // connected and mapped
 
+        // The recording takes its parameter sets, its time base and its first samples from
+        // clean frames: what a reader scribbles into the payload or the records while the
+        // engine copies them may be recorded as it stands, and a file whose parameter sets
+        // or first times were scribbled over would say nothing about the engine's safety.
         ASSERT_EQ(0, rig.startRecording("hostile.mp4"));
         ClipFeed feed;
+        rig.playSeconds(feed, 2);
+        __atomic_store_n(&report->go, 1, __ATOMIC_RELEASE);
+        while (__atomic_load_n(&report->rounds, __ATOMIC_RELAXED) == 0)
+            usleep(1000);  // rewriting
         rig.playSeconds(feed, 60);
         __atomic_store_n(&report->stop, 1, __ATOMIC_RELEASE);
         int status = -1;
