@@ -1,11 +1,13 @@
 #include "EngineDataPath.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <string>
 #include <utility>
 
 #include "FakeAgentAccess.h"
@@ -57,20 +59,25 @@ std::string PlayEngineReader::connect(const std::string& serverPath,
 }
 
 off_t PlayEngineReader::regionSize(int session) const {
-    const uintptr_t start = reinterpret_cast<uintptr_t>(buffer(session));
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; start != 0 && std::getline(maps, line);) {
-        char* afterStart = nullptr;
-        if (strtoull(line.c_str(), &afterStart, 16) != start || *afterStart != '-')
+    // The SDK keeps the descriptor of each region it maps; its link names the region.
+    const std::string name = "memfd:cmmb_shared_memory_" + std::to_string(session);
+    DIR* descriptors = opendir("/proc/self/fd");
+    if (descriptors == nullptr)
+        return -1;
+    off_t size = -1;
+    while (dirent* entry = readdir(descriptors)) {
+        char target[256] = {};
+        const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        if (readlink(link.c_str(), target, sizeof(target) - 1) <= 0 ||
+            strncmp(target, ("/" + name + " ").c_str(), name.size() + 2) != 0)
             continue;
-        // The link names the mapped object itself: stat follows it to the region's size.
         struct stat status;
-        const std::string range = line.substr(0, line.find(' '));
-        if (stat(("/proc/self/map_files/" + range).c_str(), &status) != 0)
-            return -1;
-        return status.st_size;
+        if (stat(link.c_str(), &status) == 0)
+            size = status.st_size;
+        break;
     }
-    return -1;
+    closedir(descriptors);
+    return size;
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {

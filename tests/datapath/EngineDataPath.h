@@ -69,8 +69,8 @@ public:
     tavo_pe* sdk() const { return mSdk.get(); }
     // Ends the connection; the mappings stay.
     void hangUp() { tavo_pe_hang_up(mSdk.get()); }
-    // The size of the object mapped for the session, read through /proc/self/map_files
-    // (root only, as the tests run), or -1.
+    // The size of the region the SDK mapped for the session (its descriptor, found through
+    // /proc/self/fd), or -1.
     off_t regionSize(int session) const;
     // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
     // clears both counts and posts mutexDataAccessable. False on a timeout or a record
