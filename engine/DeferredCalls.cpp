@@ -46,12 +46,14 @@ void DeferredCalls::defer(Kind kind, int value, int param, Bytes first, Bytes se
     stored.first = store(queue, first);
     stored.second = store(queue, second);
     queue.calls.push_back(stored);
+    mQueued.store(true, std::memory_order_release);
 }
 
 void DeferredCalls::discard() {
     std::lock_guard<std::mutex> guard(mLock);
     mQueues[mFilling].calls.clear();
     mQueues[mFilling].blocks.clear();
+    mQueued.store(false, std::memory_order_release);
 }
 
 size_t DeferredCalls::store(Queue& queue, Bytes piece) {
