@@ -9,7 +9,8 @@
 #      LD_LIBRARY_PATH, and its manual page formats without a warning;
 #   5. examples/ configured against the prefix (find_package(TavoMBBMS COMPONENTS
 #      Simulator)), built and run: it plays and records a simulated service through the
-#      installed engine, simulator and reference play engine;
+#      installed engine, simulator and reference play engine; then the installed
+#      tavo_agentcheck checks the installed simulator, which must pass;
 #   6. find_package components: present ones are found, a missing or unknown one fails with a
 #      message that names it (also on a Runtime + Development install without the simulator);
 #   7. a file that includes the installed headers compiled and linked with the flags of
@@ -153,6 +154,15 @@ if ! "$work/example/record_service" --speed 4 "$run" >"$work/example.run.log" 2>
 fi
 tail -2 "$work/example.run.log"
 rm -rf "$run"
+
+# The installed tuner-library check on the installed simulator: it must pass, and say so in
+# its JSON report.
+env -u LD_LIBRARY_PATH "$prefix/bin/tavo_agentcheck" --seconds 2 --json \
+    "$prefix/lib/tavombbms/libsimagent.so" >"$work/agentcheck.json" 2>"$work/agentcheck.log" ||
+    { cat "$work/agentcheck.json" "$work/agentcheck.log"; fail "tavo_agentcheck did not pass the simulator"; }
+grep -q '"result": "pass"' "$work/agentcheck.json" ||
+    { cat "$work/agentcheck.json"; fail "tavo_agentcheck reported no pass"; }
+echo "tavo_agentcheck: the installed simulator passes"
 
 # --- 6. find_package components ---------------------------------------------------------------
 mkdir -p "$work/components"
