@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <future>
 #include <string>
@@ -63,7 +64,8 @@ public:
               size_t size = sizeof(PlayEngineCommandMessage)) {
         PlayEngineCommandMessage message;
         memset(&message, 0, sizeof(message));
-        strncpy(message.command, text, sizeof(message.command));
+        // Zero padded; a text of 32 characters or more fills the field without a terminator.
+        memcpy(message.command, text, std::min(strlen(text), sizeof(message.command)));
         message.fdStatus = fds.empty() ? 1 : 0;
         message.session = session;
         iovec piece = {&message, size};
