@@ -23,7 +23,7 @@
 
 #include "InputBytes.h"
 #include "TavoPlayEngine.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <sys/mman.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -50,6 +51,25 @@ public:
     }
     int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
         return pthread_create(thread, nullptr, run, argument);
+    }
+    std::chrono::nanoseconds monotonicNow() override {
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    }
+    void sleepFor(std::chrono::nanoseconds duration) override {
+        if (duration.count() <= 0)
+            return;
+        // An absolute deadline, so that signals neither shorten nor lengthen the sleep.
+        const std::chrono::nanoseconds until = monotonicNow() + duration;
+        struct timespec deadline;
+        deadline.tv_sec = static_cast<time_t>(until.count() / 1000000000);
+        deadline.tv_nsec = static_cast<long>(until.count() % 1000000000);
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+        }
+    }
+    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
+        return cmmb_sem_timedwait(semaphore, timeoutMs);
     }
 };
 

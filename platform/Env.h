@@ -1,12 +1,14 @@
 // The operating-system calls whose failures the engine must survive, behind one interface so
 // that a test can make any of them fail: file writes and syncs of recordings, free-space
 // queries, the set-up of the shared A/V buffers (shared-memory regions, their mapping and
-// their semaphores), and the threads the engine starts for its own work.
+// their semaphores), the threads the engine starts for its own work, and time: the monotonic
+// clock, sleeping, and the bounded waits on shared semaphores.
 //
-// Env::current() is the object the engine calls. It is the platform's own (Env::platform())
-// unless a test installed another with Env::install(); the shipped library never installs
-// one. A test wraps the platform's object in an EnvWrapper subclass that overrides only the
-// calls it breaks, installs it for its own duration, and puts the previous one back.
+// Env::current() is the object the engine reads once, when init starts; the engine and every
+// object it creates keep that pointer and call through it. It is the platform's own
+// (Env::platform()) unless a test installed another with Env::install(); the shipped library never
+// installs one. A test wraps the platform's object in an EnvWrapper subclass that overrides only
+// the calls it breaks, installs it for its own duration, and puts the previous one back.
 //
 // Threads: every operation may be called from any thread. install() may race with callers:
 // a caller uses either the old or the new object, so an installed object must outlive every
@@ -22,6 +24,7 @@
 #include <sys/types.h>
 #include <sys/vfs.h>
 
+#include <chrono>
 #include <cstddef>
 
 struct CmmbSharedSemaphore;
@@ -52,6 +55,15 @@ public:
     virtual int initSharedSemaphore(CmmbSharedSemaphore* semaphore, unsigned int value) = 0;
     // Threads: pthread_create with default attributes.
     virtual int startThread(pthread_t* thread, void* (*run)(void*), void* argument) = 0;
+
+    // Time. monotonicNow reads CLOCK_MONOTONIC; sleepFor sleeps at least `duration` on that
+    // clock (resuming after signals); waitSharedSemaphore is cmmb_sem_timedwait: it takes the
+    // semaphore or gives up after `timeoutMs` on the monotonic clock (0 taken, -1 with errno
+    // ETIMEDOUT or EINTR). Every timed step of the engine is built from these three, so that a
+    // test can run the engine against a clock of its own.
+    virtual std::chrono::nanoseconds monotonicNow() = 0;
+    virtual void sleepFor(std::chrono::nanoseconds duration) = 0;
+    virtual int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) = 0;
 };
 
 // Forwards every call to another Env. Subclasses override what they change.
@@ -83,6 +95,11 @@ public:
     }
     int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
         return mTarget->startThread(thread, run, argument);
+    }
+    std::chrono::nanoseconds monotonicNow() override { return mTarget->monotonicNow(); }
+    void sleepFor(std::chrono::nanoseconds duration) override { mTarget->sleepFor(duration); }
+    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
+        return mTarget->waitSharedSemaphore(semaphore, timeoutMs);
     }
 
 private:

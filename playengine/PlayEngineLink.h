@@ -19,7 +19,7 @@
 
 #include <mutex>
 
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 class PlayEngineLink {
 public:

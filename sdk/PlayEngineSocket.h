@@ -9,7 +9,7 @@
 #include <string>
 
 #include "PlayEngineProtocol.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 class PlayEngineSocket {
 public:

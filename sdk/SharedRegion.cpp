@@ -18,7 +18,7 @@ bool SharedRegion::map(UniqueFd fd) {
         mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (address == MAP_FAILED)
         return false;
-    mMapping = UniqueMapping(address, CMMB_SHARED_BUFFER_SIZE);
+    mMapping = UniqueMapping(Mapping{address, CMMB_SHARED_BUFFER_SIZE});
     mFd = std::move(fd);
     return true;
 }

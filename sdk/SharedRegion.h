@@ -7,8 +7,7 @@
 #define TAVO_SDK_SHARED_REGION_H
 
 #include "CmmbSharedBuffer.h"
-#include "UniqueFd.h"
-#include "UniqueMapping.h"
+#include "UniqueHandle.h"
 
 class SharedRegion {
 public:
@@ -16,7 +15,9 @@ public:
     // False when the descriptor's size is not the region's or it cannot be mapped.
     bool map(UniqueFd fd);
     void reset();
-    CmmbSharedBuffer* buffer() const { return static_cast<CmmbSharedBuffer*>(mMapping.get()); }
+    CmmbSharedBuffer* buffer() const {
+        return static_cast<CmmbSharedBuffer*>(mMapping.get().address);
+    }
 
 private:
     UniqueMapping mMapping;  // unmapped before the descriptor is closed

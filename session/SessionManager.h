@@ -25,7 +25,7 @@
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
 #include "SharedBufferSet.h"
-#include "UniqueFile.h"
+#include "UniqueHandle.h"
 
 class SessionManager {
 public:

@@ -41,7 +41,7 @@ int SharedRegion::create(int session, const char* caller) {
         abandon();
         return -1;
     }
-    mMapping = UniqueMapping(mapping, CMMB_SHARED_BUFFER_SIZE);
+    mMapping = UniqueMapping(Mapping{mapping, CMMB_SHARED_BUFFER_SIZE});
     TLOG_FOR(caller, ENGINE, "mmap is ok, size=%d", static_cast<int>(CMMB_SHARED_BUFFER_SIZE));
 
     if (env->protectSharedRegion(mFd.get(), PROT_READ | PROT_WRITE) != 0) {

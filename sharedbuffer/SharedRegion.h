@@ -17,8 +17,7 @@
 #include <utility>
 
 #include "CmmbSharedBuffer.h"
-#include "UniqueFd.h"
-#include "UniqueMapping.h"
+#include "UniqueHandle.h"
 
 class SharedRegion {
 public:
@@ -39,7 +38,9 @@ public:
     void abandon();
 
     bool valid() const { return mMapping.valid(); }
-    CmmbSharedBuffer* address() const { return static_cast<CmmbSharedBuffer*>(mMapping.get()); }
+    CmmbSharedBuffer* address() const {
+        return static_cast<CmmbSharedBuffer*>(mMapping.get().address);
+    }
     int fd() const { return mFd.get(); }
 
 private:

@@ -30,7 +30,7 @@
 #include "FaultInjectingEnv.h"
 #include "RecordingCallback.h"
 #include "TestRoot.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

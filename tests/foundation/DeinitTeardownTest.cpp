@@ -22,7 +22,7 @@
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 #include "TavoMBBMSEngineStatus.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "EngineDataPath.h"
 #include "FakeAgentAccess.h"
 #include "TavoPlayEngine.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "TavoPlayEngine.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 using std::chrono::milliseconds;
 

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <string>
 
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 class StreamOutput {
 public:

@@ -11,7 +11,7 @@
 
 #include <string>
 
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 class OutputFile {
 public:

@@ -17,7 +17,7 @@
 #include "OutputFile.h"
 #include "TavoMBBMSVersion.h"
 #include "TavoRecordingRepair.h"
-#include "UniqueFd.h"
+#include "UniqueHandle.h"
 
 namespace {
 
