@@ -1,5 +1,6 @@
 // Engine lifecycle: the singleton, loading of the vendor agent library, init and deinit.
 #include "TavoMBBMSEngineImpl.h"
+#include "EngineSessions.h"
 
 #include <dlfcn.h>
 #include <strings.h>
@@ -285,7 +286,7 @@ CmmbSharedBuffer* TavoMBBMSEngineImpl::sharedBuffer(int session) const {
 }
 
 bool TavoMBBMSEngineImpl::recordingFlag(int session) {
-    if (session < 0 || session > 1)
+    if (!isEngineSession(session))
         return false;
     return mIsRecording[session].load();
 }

@@ -229,7 +229,7 @@ void TavoMBBMSEngineImpl::endPlayEngineConnection() {
     TavoMBBMSEngineImpl* engine = mInstance.load();
     if (engine != nullptr)
         engine->mSharedBuffers.readerDisconnected();
-    for (int s = 0; s < PlayEngineLink::SESSIONS; ++s) {
+    for (int s = 0; s < kEngineSessions; ++s) {
         if ((owed & (1u << s)) == 0)
             continue;
         mIsCapturing[s].store(false);

@@ -1,4 +1,5 @@
 #include "PlayEngineLink.h"
+#include "EngineSessions.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -48,7 +49,7 @@ PlayEngineLink::CaptureSet PlayEngineLink::closeClient() {
 }
 
 void PlayEngineLink::captureAnswered(int session) {
-    if (session < 0 || session >= SESSIONS)
+    if (!isEngineSession(session))
         return;
     std::lock_guard<std::mutex> guard(mLock);
     mCapturesOwed &= ~(1u << session);
@@ -73,7 +74,7 @@ ssize_t PlayEngineLink::send(const msghdr& message, int* clientFd, int captureSe
         // this process with it.
         sent = ::sendmsg(mFdCommand.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
-    if (sent > 0 && captureSession >= 0 && captureSession < SESSIONS)
+    if (sent > 0 && isEngineSession(captureSession))
         mCapturesOwed |= 1u << captureSession;
     return sent;
 }

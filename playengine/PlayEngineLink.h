@@ -19,6 +19,7 @@
 
 #include <mutex>
 
+#include "EngineSessions.h"
 #include "UniqueHandle.h"
 
 class PlayEngineLink {
@@ -39,7 +40,6 @@ public:
     void closeListening();
     bool listening() const;
 
-    enum { SESSIONS = 2 };
     // Sessions whose "capture" request went to a client, as a bit set (bit n: session n).
     typedef unsigned CaptureSet;
 

@@ -69,14 +69,14 @@ MBBMSRecManager::~MBBMSRecManager() {
 }
 
 CmmbRecorder* MBBMSRecManager::getRecorder(int session) {
-    if (!validSession(session))
+    if (!isEngineSession(session))
         return nullptr;
     return mRecorder[session];
 }
 
 int MBBMSRecManager::startRecording(int session, int fd) {
     logStart(session, __func__);
-    if (!validSession(session))
+    if (!isEngineSession(session))
         return -1;
     CmmbRecorder* leftover = detachLeftover(session, __func__);
     if (leftover != nullptr && stopAndDelete(leftover, __func__) != 0) {
@@ -92,7 +92,7 @@ int MBBMSRecManager::startRecording(int session, int fd) {
 
 int MBBMSRecManager::stopRecording(int session) {
     logStop(__func__);
-    if (!validSession(session))
+    if (!isEngineSession(session))
         return -1;
     CmmbRecorder* recorder = detachRecorder(session);
     if (recorder != nullptr && stopAndDelete(recorder, __func__) != 0) {
@@ -116,7 +116,7 @@ void MBBMSRecManager::logStopped(const char* operation) {
 }
 
 CmmbRecorder* MBBMSRecManager::detachRecorder(int session) {
-    if (!validSession(session))
+    if (!isEngineSession(session))
         return nullptr;
     CmmbRecorder* recorder = mRecorder[session];
     mRecorder[session] = nullptr;
@@ -141,7 +141,7 @@ int MBBMSRecManager::stopAndDelete(CmmbRecorder*& recorder, const char* operatio
 }
 
 bool MBBMSRecManager::restoreRecorder(int session, CmmbRecorder* recorder) {
-    if (!validSession(session) || mRecorder[session] != nullptr)
+    if (!isEngineSession(session) || mRecorder[session] != nullptr)
         return false;
     mRecorder[session] = recorder;
     return true;
@@ -170,7 +170,7 @@ CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
 }
 
 void MBBMSRecManager::installRecorder(int session, CmmbRecorder* recorder, const char* operation) {
-    TAVO_ASSERT(validSession(session) && mRecorder[session] == nullptr);
+    TAVO_ASSERT(isEngineSession(session) && mRecorder[session] == nullptr);
     mRecorder[session] = recorder;
     TLOG_FOR(operation, RECORD, "pRecorder->start() Done!");
 }

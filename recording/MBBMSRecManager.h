@@ -21,12 +21,13 @@
 
 #include <cstdint>
 
+#include "EngineSessions.h"
+
 class CmmbRecorder;
 struct _CmmbOutBuffer;
 
 class MBBMSRecManager {
 public:
-    enum { SESSION_COUNT = 2 };
     // dataRecording's result when it is given no recorder.
     static constexpr int NO_RECORDER = INT32_MIN;
 
@@ -95,9 +96,8 @@ private:
     int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
     void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
 
-    static bool validSession(int session) { return session >= 0 && session < SESSION_COUNT; }
-
-    CmmbRecorder* mRecorder[SESSION_COUNT];  // owned; see the class comment for who may touch them
+    CmmbRecorder*
+        mRecorder[kEngineSessions];  // owned; see the class comment for who may touch them
 };
 
 #endif  // TAVO_RECORDING_MBBMS_REC_MANAGER_H

@@ -132,7 +132,7 @@ bool RecordingControl::mayWaitForCompletions() {
 }
 
 int RecordingControl::startRecording(int session, int fd) {
-    if (!validSession(session)) {
+    if (!isEngineSession(session)) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
@@ -199,7 +199,7 @@ int RecordingControl::startRecording(int session, int fd) {
 }
 
 int RecordingControl::stopRecording(int session) {
-    if (!validSession(session)) {
+    if (!isEngineSession(session)) {
         TLOG(ERROR, "no such session: %d", session);
         return -1;
     }
@@ -241,7 +241,7 @@ void RecordingControl::keepFailedRecorder(int session, CmmbRecorder* recorder) {
 }
 
 bool RecordingControl::isRecording(int session) const {
-    return validSession(session) && mIsRecording[session].load();
+    return isEngineSession(session) && mIsRecording[session].load();
 }
 
 bool RecordingControl::freeSpaceForRecording(int session, long long* freeBytes) {
@@ -261,7 +261,7 @@ bool RecordingControl::freeSpaceForRecording(int session, long long* freeBytes) 
 }
 
 void RecordingControl::dataRecording(int session, CmmbSharedBuffer* buffer) {
-    if (!validSession(session))
+    if (!isEngineSession(session))
         return;
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
 

@@ -35,14 +35,13 @@
 
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "EngineSessions.h"
 #include "TavoMBBMSEngine.h"
 
 class CmmbRecorder;
 
 class RecordingControl {
 public:
-    enum { SESSION_COUNT = 2 };
-
     // What the control needs from the engine that owns it.
     class Host {
     public:
@@ -58,7 +57,7 @@ public:
         ~Host() = default;
     };
 
-    // `flags`: the engine's per-session recording flags (SESSION_COUNT of them).
+    // `flags`: the engine's per-session recording flags (kEngineSessions of them).
     RecordingControl(Host& host, std::atomic<bool>* flags);
     // Completes any recording still queued (finishPending).
     ~RecordingControl();
@@ -89,7 +88,6 @@ private:
         int writeError = 0;  // errno of the failed write, 0 when none
     };
 
-    static bool validSession(int session) { return session >= 0 && session < SESSION_COUNT; }
     // Free space for the recording of `session`: the lesser of "/sdcard" and the file system
     // of its file. False when "/sdcard" cannot be queried.
     bool freeSpaceForRecording(int session, long long* freeBytes);
@@ -138,7 +136,7 @@ private:
     // Guarded by mLock. Recordings ended in the frame path, oldest first (allocates only
     // when a recording ends, never per frame).
     std::deque<PendingCompletion> mQueue;
-    int mCompleting[SESSION_COUNT] = {};  // completions of the session being reported now
+    int mCompleting[kEngineSessions] = {};  // completions of the session being reported now
     // The completion thread (plain pthread through the platform's Env: no thread type of the
     // standard library is instantiated inside the exported library). Guarded by mLock.
     bool mCompletionThreadStarted = false;  // mCompletionThread holds a thread to join

@@ -2,6 +2,7 @@
 // replacement of buffers abandoned by a play engine that has gone.
 #define LOG_TAG "TavoMBBMSEngine"
 #include "SharedBufferSet.h"
+#include "EngineSessions.h"
 
 #include <algorithm>
 #include <chrono>
@@ -74,13 +75,13 @@ void SharedBufferSet::publish(int session) {
 }
 
 CmmbSharedBuffer* SharedBufferSet::buffer(int session) const {
-    if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
+    if (!isEngineSession(session))
         return nullptr;
     return mAddresses[session].load(std::memory_order_acquire);
 }
 
 int SharedBufferSet::fd(int session) const {
-    if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
+    if (!isEngineSession(session))
         return -1;
     return mFds[session].load(std::memory_order_acquire);
 }
@@ -146,7 +147,7 @@ void SharedBufferSet::unlock(int session) {
 }
 
 int SharedBufferSet::readerHolds(int session) {
-    if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT))
+    if (!isEngineSession(session))
         return -1;
     Ownership& ownership = mOwnership[session];
     std::lock_guard<std::mutex> guard(ownership.mutex);

@@ -7,6 +7,7 @@
 // while the buffers exist.
 #include "BufferWriteState.h"
 #include "EngineLog.h"
+#include "EngineSessions.h"
 #include "TavoMBBMSEngineImpl.h"
 
 int TavoMBBMSEngineImpl::initSharedBuffers() {
@@ -22,7 +23,7 @@ int TavoMBBMSEngineImpl::deinitSharedBuffers() {
 
 void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
     TLOG(ENGINE, "session=%d", session);
-    if (session < 0 || session >= static_cast<int>(CMMB_SHARED_BUFFER_COUNT)) {
+    if (!isEngineSession(session)) {
         TLOG(ERROR, "no shared buffer for session=%d, reset skipped", session);
         return;
     }

@@ -330,7 +330,7 @@ TEST(RecordingEvents, FinishPendingDeliversQueuedEventsAndEndsTheCompletionThrea
         LogMask::masks[LogMask::ERROR] = LogMask::masks[LogMask::WARNING] = 1;
         FaultInjectingEnv env;
         FrameGateHost host;
-        std::atomic<bool> flags[RecordingControl::SESSION_COUNT] = {};
+        std::atomic<bool> flags[kEngineSessions] = {};
         {
             RecordingControl control(host, flags);
             EXPECT_EQ(0, threadsNamed("tavo-complete"));
