@@ -5,9 +5,13 @@
 #include "TavoMBBMSEngineImpl.h"
 
 int TavoMBBMSEngineImpl::playEngineConnectedStatus() {
-    // The link lives for the whole process; it has a client only between an accept on the
-    // command thread and the end of that connection.
-    return mPlayEngineLink.client() >= 0 ? 1 : 0;
+    // Only reads mInstance: asking must not create the engine. The server lives as long as
+    // the engine; it has a client only between an accept on the command thread and the end
+    // of that connection.
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine == nullptr)
+        return 0;
+    return engine->mCommandServer.client() >= 0 ? 1 : 0;
 }
 
 int TavoMBBMSEngineImpl::playEngineHoldsBufferStatus(int session) {

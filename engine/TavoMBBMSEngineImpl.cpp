@@ -29,8 +29,6 @@ const char kDeinit[] = "deinit";
 std::atomic<TavoMBBMSEngineImpl*> TavoMBBMSEngineImpl::mInstance{nullptr};
 std::mutex TavoMBBMSEngineImpl::mInstanceLock;
 ApplicationCallbacks TavoMBBMSEngineImpl::mCallback;
-std::atomic<bool> TavoMBBMSEngineImpl::mIsStarted{false};
-PlayEngineLink TavoMBBMSEngineImpl::mPlayEngineLink;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsRecording[2] = {{false}, {false}};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsCapturing[2] = {{false}, {false}};
 
@@ -54,13 +52,10 @@ TavoMBBMSEngineImpl::TavoMBBMSEngineImpl()
       mTS0Reported{},
       mLastEmergencyKey(kNoEmergencyKey),
       mWorkDir{},
-      mThreadCommand(),
-      mCommandThreadRunning(false),
       mSharedBuffers(),
       mFrameSink(*this) {
     LogMask::readConfigure();
     TLOG(ENGINE, "%s()", __func__);
-    mIsStarted = false;
     loadAgent(__func__);
 }
 
@@ -215,7 +210,7 @@ int TavoMBBMSEngineImpl::initLocked(TavoMBBMSEngineCallback* callback, const cha
 
 void TavoMBBMSEngineImpl::rollBackFailedInit(bool commandThreadStarted) {
     if (commandThreadStarted) {
-        mIsStarted.store(false);
+        mCommandServer.clearRunFlag();
         stopCommandThread();
     }
     deinitSharedBuffers();
@@ -260,7 +255,7 @@ bool TavoMBBMSEngineImpl::deinitLocked() {
     getModuleInfo(&scratch);
 
     mIsInitialized.store(false);
-    mIsStarted.store(false);
+    mCommandServer.clearRunFlag();
 
     // Running services are not stopped; the agent is shut down right after.
     delete mSessionManager.retire();
@@ -272,6 +267,16 @@ bool TavoMBBMSEngineImpl::deinitLocked() {
     stopCommandThread();
     deinitSharedBuffers();
     return true;
+}
+
+void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
+    TavoMBBMSEngineImpl* engine = mInstance.load();
+    if (engine == nullptr)
+        return;
+    // When init or deinit runs on another thread, it owns the command thread.
+    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
+    if (lock.owns_lock())
+        engine->mCommandServer.stopAtExit();
 }
 
 void TavoMBBMSEngineImpl::notifyEvent(EventType type, int param) {

@@ -28,7 +28,9 @@
 #include "ApplicationCallbacks.h"
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "CommandSocketServer.h"
 #include "DeferredCalls.h"
+#include "Env.h"
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
 #include "PlayEngineLink.h"
@@ -42,7 +44,8 @@ class SessionManager;
 
 class TavoMBBMSEngineImpl : public TavoMBBMSEngine,
                             public MBBMSAgentCallback,
-                            private RecordingControl::Host {
+                            private RecordingControl::Host,
+                            private CommandSocketServer::Delegate {
 public:
     static TavoMBBMSEngineImpl* getInstance();
 
@@ -115,24 +118,19 @@ public:
     const char* workDir() const { return mWorkDir; }
 
     // ---- Command socket server and play-engine commands (playengine/) ----
+    // REQUIRES: mLock held (init, deinit and a failed init's roll-back).
     int startCommandThread();
     int stopCommandThread();
-    static void* runCommandThread(void* arg);
-    static int method_onAccepted(int fd);
-    // The connected play engine has gone (command thread, no engine lock held): closes its
-    // connection, ends the snapshots it owed with EVENT_CAPTURE_FAIL and tells the buffers.
-    static void endPlayEngineConnection();
-    // With frames held off, replaces the buffers a departed reader still holds and marks the
-    // buffers as handed to a live client (command thread, before "sharebuffer"). False when
-    // the client must not receive them.
-    static bool prepareBuffersForClient();
     // Run at process exit (registered by the first startCommandThread): stops a command
     // thread that deinit has not stopped, before the objects it uses are destroyed.
     static void stopCommandThreadAtExit();
-
-    static int sendCmd(const char* cmd, int fd, int session);
-    static int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
-    static void onPlayEngineIndication(int indication, int session);
+    // A client was accepted (command thread): it is sent both "sharebuffer" commands.
+    int method_onAccepted(int fd);
+    // Any thread; 0 when the message went out, else -1.
+    int sendCmd(const char* cmd, int fd, int session);
+    int sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session);
+    // An indication of the play engine (command thread).
+    void onPlayEngineIndication(int indication, int session);
 
     // ---- Play-engine status (engine/EngineStatus.cpp, exported through
     // TavoMBBMSEngineStatus.h). Any thread, any time; neither creates the engine.
@@ -150,6 +148,16 @@ private:
     bool holdFrames() override;
     void releaseFrames(bool held) override;
     void notifyRecordingEvent(EventType type, int session) override;
+
+    // CommandSocketServer::Delegate (playengine/EngineCommandServer.cpp), command thread.
+    // With frames held off, replaces the buffers a departed reader still holds and marks the
+    // buffers as handed to a live client. False when the client must not receive them.
+    bool prepareForClient() override;
+    void clientAccepted(int fd) override;
+    // Tells the buffers and ends the snapshots the departed client owed with
+    // EVENT_CAPTURE_FAIL.
+    void clientGone(PlayEngineLink::CaptureSet owed) override;
+    void indicationReceived(int code) override;
 
     // Tells the engine of each session's frame end: a recording session records it.
     class RecordingSink : public FrameSink {
@@ -223,8 +231,6 @@ private:
     // Key of the last emergency message passed on. Agent threads; reset by init.
     std::atomic<uint64_t> mLastEmergencyKey;
     char mWorkDir[128];
-    pthread_t mThreadCommand;
-    bool mCommandThreadRunning;  // mThreadCommand holds a thread to join; guarded by mLock
     // The two sessions' shared buffers: descriptors, mappings, semaphores and the engine's
     // side of their locks. Created by init, destroyed by deinit (under mLock).
     SharedBufferSet mSharedBuffers;
@@ -240,6 +246,9 @@ private:
     // The manager through which the recording control holds frames off, between holdFrames
     // and releaseFrames. Guarded by that hold, which one thread at a time can have.
     SessionManager* mFramesHeldOffBy = nullptr;
+    // The play engine's server: the listening socket, the connected client, the command
+    // thread and its run flag. Lives as long as the engine; start and stop under mLock.
+    CommandSocketServer mCommandServer{Env::current(), *this};
 
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
@@ -247,9 +256,6 @@ private:
     // The application's callback, registered by init and closed by deinit; every call to the
     // application goes through it.
     static ApplicationCallbacks mCallback;
-    static std::atomic<bool> mIsStarted;  // run flag of the command thread
-    // The listening socket (mSocket) and the connected play engine (mFdCommand).
-    static PlayEngineLink mPlayEngineLink;
     static std::atomic<bool> mIsRecording[2];
     static std::atomic<bool> mIsCapturing[2];
 };

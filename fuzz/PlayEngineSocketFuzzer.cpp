@@ -26,6 +26,7 @@
 #include "IndicationCode.h"
 #include "OpenDescriptors.h"
 #include "PlayEngineProtocol.h"
+#include "PlayEngineWire.h"
 
 namespace {
 
@@ -110,24 +111,12 @@ public:
     }
     // Sends `size` bytes in one message with `count` (up to 3) of the caller's descriptors.
     void sendWith(const uint8_t* data, size_t size, const int* descriptors, int count) {
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(3 * sizeof(int))];
-        iovec piece = {const_cast<uint8_t*>(data), size};
-        msghdr message;
-        memset(&message, 0, sizeof(message));
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        if (count > 0) {
-            message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(count * sizeof(int));
-            cmsghdr* header = CMSG_FIRSTHDR(&message);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(count * sizeof(int));
-            memcpy(CMSG_DATA(header), descriptors, count * sizeof(int));
-        }
+        const iovec piece = {const_cast<uint8_t*>(data), size};
         // A message without bytes cannot carry descriptors on a stream socket.
-        if (size > 0 && sendmsg(mFd, &message, MSG_NOSIGNAL) < 0 && errno != EPIPE &&
-            errno != ECONNRESET)
+        if (size > 0 &&
+            PlayEngineWire::send(mFd, &piece, 1, descriptors, static_cast<size_t>(count),
+                                 MSG_NOSIGNAL) < 0 &&
+            errno != EPIPE && errno != ECONNRESET)
             fuzzFailure(std::string("sendmsg failed: ") + strerror(errno));
     }
 
@@ -158,23 +147,10 @@ private:
         if (poll(&entry, 1, kWaitMs) != 1)
             fuzzFailure("no sharebuffer command after connecting");
         PlayEngineCommandMessage command;
-        alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
-        iovec piece = {&command, sizeof(command)};
-        msghdr message;
-        memset(&message, 0, sizeof(message));
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        if (recvmsg(mFd, &message, MSG_WAITALL | MSG_CMSG_CLOEXEC) != sizeof(command))
+        PlayEngineWire::PassedDescriptors passed;  // closed when it goes out of scope
+        if (PlayEngineWire::receive(mFd, &command, sizeof(command), MSG_WAITALL, 1, &passed)
+                .bytes != sizeof(command))
             fuzzFailure("short sharebuffer command");
-        for (cmsghdr* h = CMSG_FIRSTHDR(&message); h != nullptr; h = CMSG_NXTHDR(&message, h)) {
-            if (h->cmsg_level == SOL_SOCKET && h->cmsg_type == SCM_RIGHTS) {
-                int fd;
-                memcpy(&fd, CMSG_DATA(h), sizeof(fd));
-                close(fd);
-            }
-        }
     }
 
     std::string mPath;

@@ -14,6 +14,12 @@
 
 namespace {
 
+std::chrono::nanoseconds readMonotonicClock() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
 class PlatformEnv : public Env {
 public:
     ssize_t write(int fd, const void* data, size_t size) override {
@@ -52,16 +58,15 @@ public:
     int startThread(pthread_t* thread, void* (*run)(void*), void* argument) override {
         return pthread_create(thread, nullptr, run, argument);
     }
-    std::chrono::nanoseconds monotonicNow() override {
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    }
+    std::chrono::nanoseconds monotonicNow() override { return readMonotonicClock(); }
     void sleepFor(std::chrono::nanoseconds duration) override {
         if (duration.count() <= 0)
             return;
         // An absolute deadline, so that signals neither shorten nor lengthen the sleep.
-        const std::chrono::nanoseconds until = monotonicNow() + duration;
+        // The clock is read directly, not through the virtual call: sleepFor is the back-off
+        // of threads that ran out of descriptors, where a sanitizer's check of a virtual call
+        // may itself need one.
+        const std::chrono::nanoseconds until = readMonotonicClock() + duration;
         struct timespec deadline;
         deadline.tv_sec = static_cast<time_t>(until.count() / 1000000000);
         deadline.tv_nsec = static_cast<long>(until.count() % 1000000000);

@@ -1,93 +1,46 @@
-// The command thread: a Unix-domain stream server on "/data/app/cmmb.socket" that serves one
-// play engine at a time.
-//
-// Threads: startCommandThread and stopCommandThread run under mLock (init, deinit and a
-// failed init's roll-back). The command thread alone creates, accepts, receives from and
-// decides to close the client connection; the play-engine link owns both descriptors and
-// closes them under its lock, so that senders on other threads never reach a closed one.
-// stopCommandThread shuts the listening socket down to wake the thread and closes it after
-// the join.
-//
-// Who may connect: see CommandSocketFile.h for the socket file's mode; a connecting process
-// must run under the engine's own uid, root, or a uid listed in the system property
-// "persist.mbbms.playengine.uids". Any other client is closed at once with an ERROR line;
-// the connected play engine stays.
+// The command thread's work: set-up, poll passes, accepting, receiving and closing clients.
 //
 // A play engine that goes away (it closes its end, the connection is reset, or a new client
-// pushes it out) ends the snapshots it owed with EVENT_CAPTURE_FAIL and tells the shared
-// buffers, which replace a buffer it left locked before the next frame is written into it.
-// A newly accepted client receives the descriptors only after the buffers a departed reader
-// still locks have been replaced, with frames held off meanwhile.
+// pushes it out) is reported to the delegate, which ends the snapshots it owed and tells the
+// shared buffers. A newly accepted client is reported only after the delegate has made ready
+// what it will be handed.
+//
+// Log lines of the thread name runCommandThread, those of start and stop startCommandThread
+// and stopCommandThread: the engine operations they belong to.
+#include "CommandSocketServer.h"
+
 #include <errno.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
-#include <thread>
+#include <utility>
 
 #include "AndroidPaths.h"
 #include "CommandSocketFile.h"
 #include "EngineLog.h"
 #include "Env.h"
-#include "IndicationAssembler.h"
 #include "IndicationCode.h"
-#include "TavoMBBMSEngineImpl.h"
 #include "ThreadName.h"
 
 namespace {
 
-const char kSocketPath[] = "/data/app/cmmb.socket";
+const char kThread[] = "runCommandThread";
+const char kStart[] = "startCommandThread";
+const char kStop[] = "stopCommandThread";
 const int kPollTimeoutMs = 1000;
 const int kListenBacklog = 1;
 // After an accept that failed for want of resources (EMFILE, ENFILE, ENOBUFS, ENOMEM), the
 // waiting connection is still reported, and a failed poll would fail again: the thread
 // pauses this long instead of spinning.
 const std::chrono::milliseconds kFailureBackOff(100);
-
-// Poll set of the server: entry 0 is the listening socket, entry 1 the client or -1.
-class ServerPollSet {
-public:
-    explicit ServerPollSet(int listeningFd) : mEntries{}, mCount(1) {
-        mEntries[0].fd = listeningFd;
-        mEntries[0].events = POLLRDNORM;
-        mEntries[1].fd = -1;
-        mEntries[1].events = POLLRDNORM;
-    }
-
-    // Result of poll(): 0 on a time-out. Events of an earlier pass are forgotten first, so a
-    // failed poll reports none.
-    int wait(int timeoutMs) {
-        mEntries[0].revents = 0;
-        mEntries[1].revents = 0;
-        return poll(mEntries, mCount, timeoutMs);
-    }
-
-    short listeningEvents() const { return mEntries[0].revents; }
-    short clientEvents() const { return mCount > 1 ? mEntries[1].revents : 0; }
-    int client() const { return mEntries[1].fd; }
-    bool hasClient() const { return mEntries[1].fd != -1; }
-
-    void setClient(int fd) {
-        mEntries[1].fd = fd;
-        mEntries[1].revents = 0;
-        mCount = 2;
-    }
-    void clearClient() {
-        mEntries[1].fd = -1;
-        mEntries[1].revents = 0;
-        mCount = 1;
-    }
-
-private:
-    pollfd mEntries[2];
-    nfds_t mCount;  // entries polled: 1 without a client, 2 with one
-};
+// stopAtExit waits this many steps of kExitWaitStep for the thread to end.
+const int kExitWaitSteps = 1000;
+const std::chrono::milliseconds kExitWaitStep(1);
 
 // A Unix address with room for a terminating zero after the longest path.
 union PeerAddress {
@@ -109,8 +62,9 @@ bool peerAllowed(int client, long* uid) {
 }
 
 // True when the client bound its socket to a path that exists; an unbound (or abstract)
-// client has none.
-bool peerPathExists(PeerAddress& peer, socklen_t peerLength) {
+// client has none. The length comes from accept and is bounded here.
+bool peerPathExists(const PeerAddress& accepted, socklen_t peerLength) {
+    PeerAddress peer = accepted;
     size_t pathEnd = peerLength < sizeof(peer.address) ? peerLength : sizeof(peer.address);
     if (pathEnd < offsetof(sockaddr_un, sun_path))
         pathEnd = offsetof(sockaddr_un, sun_path);
@@ -120,297 +74,250 @@ bool peerPathExists(PeerAddress& peer, socklen_t peerLength) {
     return stat(peerPath, &status) == 0;
 }
 
-// Closes descriptors a client may have passed along with an indication; the engine attaches
-// no meaning to control data.
-void closePassedDescriptors(msghdr& message) {
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
-            continue;
-        size_t bytes = header->cmsg_len - CMSG_LEN(0);
-        const unsigned char* data = CMSG_DATA(header);
-        for (size_t i = 0; i + sizeof(int) <= bytes; i += sizeof(int)) {
-            int fd;
-            memcpy(&fd, data + i, sizeof(fd));
-            UniqueFd passed(fd);  // closed at once
-        }
-    }
-}
-
-void stopCommandThreadOnExit() {
-    TavoMBBMSEngineImpl::stopCommandThreadAtExit();
-}
-
 bool acceptFailedForResources(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 }  // namespace
 
-int TavoMBBMSEngineImpl::startCommandThread() {
-    TLOG(ENGINE, "%s()", "startCommandThread");
-    // Registered after the process-wide objects the thread uses were made, so it runs
-    // before they are destroyed.
-    static const bool exitHookRegistered = std::atexit(stopCommandThreadOnExit) == 0;
-    (void)exitHookRegistered;
+CommandSocketServer::CommandSocketServer(Env* const env, Delegate& delegate, const char* socketPath)
+    : mEnv(env), mDelegate(delegate), mSocketPath(socketPath) {}
+
+CommandSocketServer::~CommandSocketServer() {
+    if (mThreadStarted) {
+        clearRunFlag();
+        stop();
+    }
+}
+
+int CommandSocketServer::start() {
     mIsStarted.store(true);
-    if (Env::current()->startThread(&mThreadCommand, runCommandThread, nullptr) != 0) {
-        TLOG(ERROR, "Can't create thread for runCommandThread");
+    if (mEnv->startThread(&mThreadCommand, runCommandThread, this) != 0) {
+        TLOG_FOR(kStart, ERROR, "Can't create thread for runCommandThread");
         mIsStarted.store(false);
         return -1;
     }
-    mCommandThreadRunning = true;
+    mThreadStarted = true;
     return 0;
 }
 
-int TavoMBBMSEngineImpl::stopCommandThread() {
-    TLOG(ENGINE, "%s()", "stopCommandThread");
+void CommandSocketServer::stop() {
     // The link shuts the socket down under its lock, so the shutdown can never reach a
     // descriptor number the thread has closed and something else reused.
-    if (mPlayEngineLink.listening()) {
-        TLOG(CMD_PATH, "Calling shutdown()");
-        const int result = mPlayEngineLink.shutdownListening();
-        TLOG(CMD_PATH, "Calling shutdown() ...Done");
+    if (mLink.listening()) {
+        TLOG_FOR(kStop, CMD_PATH, "Calling shutdown()");
+        const int result = mLink.shutdownListening();
+        TLOG_FOR(kStop, CMD_PATH, "Calling shutdown() ...Done");
         if (result == 0) {
-            TLOG(MAIN, "shutdown mSocket successfully");
+            TLOG_FOR(kStop, MAIN, "shutdown mSocket successfully");
         } else if (result < 0) {
-            TLOG(ERROR, "shutdown mSocket failed, reason: %s", strerror(errno));
+            TLOG_FOR(kStop, ERROR, "shutdown mSocket failed, reason: %s", strerror(errno));
         }
     } else {
-        TLOG(CMD_PATH, "No need to call shutdown() due to mSocket == -1");
+        TLOG_FOR(kStop, CMD_PATH, "No need to call shutdown() due to mSocket == -1");
     }
-    TLOG(CMD_PATH, "Wait mThreadCommand exit...");
-    if (mCommandThreadRunning) {
+    TLOG_FOR(kStop, CMD_PATH, "Wait mThreadCommand exit...");
+    if (mThreadStarted) {
         pthread_join(mThreadCommand, nullptr);
-        mCommandThreadRunning = false;
+        mThreadStarted = false;
     }
-    mPlayEngineLink.closeListening();  // the thread has stopped using it
-    TLOG(CMD_PATH, "Wait mThreadCommand exit...Done");
-    return 0;
+    mLink.closeListening();  // the thread has stopped using it
+    TLOG_FOR(kStop, CMD_PATH, "Wait mThreadCommand exit...Done");
 }
 
-void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
-    TavoMBBMSEngineImpl* engine = mInstance.load();
-    if (engine == nullptr)
+void CommandSocketServer::stopAtExit() {
+    // A child forked from this process has no command thread, but shares the listening
+    // socket: it must leave the socket alone.
+    if (!mLink.listeningSetUpHere() || !mThreadStarted ||
+        pthread_equal(pthread_self(), mThreadCommand))
         return;
-    // A child forked from the engine's process has no command thread, but shares the
-    // listening socket: it must leave the socket alone. When init or deinit runs on another
-    // thread, it owns the command thread.
-    if (!mPlayEngineLink.listeningSetUpHere())
-        return;
-    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
-    if (!lock.owns_lock() || !engine->mCommandThreadRunning ||
-        pthread_equal(pthread_self(), engine->mThreadCommand))
-        return;
-    mIsStarted.store(false);
-    mPlayEngineLink.shutdownListening();
+    clearRunFlag();
+    mLink.shutdownListening();
     // The thread closes the listening socket as its last step but one. The wait is bounded:
     // a thread held up by the exiting thread itself (a frame it has open) is left to the
     // exit rather than waited for.
-    for (int i = 0; i < 1000 && mPlayEngineLink.listening(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    if (mPlayEngineLink.listening())
+    for (int i = 0; i < kExitWaitSteps && mLink.listening(); ++i)
+        mEnv->sleepFor(kExitWaitStep);
+    if (mLink.listening())
         return;
-    pthread_join(engine->mThreadCommand, nullptr);
-    engine->mCommandThreadRunning = false;
+    pthread_join(mThreadCommand, nullptr);
+    mThreadStarted = false;
 }
 
-int TavoMBBMSEngineImpl::method_onAccepted(int fd) {
-    TLOG(CMD_PATH, "%s()", "method_onAccepted");
-    mPlayEngineLink.attachClient(UniqueFd(fd));  // the link owns the connection from here on
-    sendPlayEngineCommand(CMD_SHAREBUFFER, 0, 0);
-    return 0;
-}
-
-void TavoMBBMSEngineImpl::endPlayEngineConnection() {
-    const PlayEngineLink::CaptureSet owed = mPlayEngineLink.closeClient();
-    // The command thread runs only while the buffers exist (init creates them before it
-    // starts, deinit destroys them after it has been joined).
-    TavoMBBMSEngineImpl* engine = mInstance.load();
-    if (engine != nullptr)
-        engine->mSharedBuffers.readerDisconnected();
-    for (int s = 0; s < kEngineSessions; ++s) {
-        if ((owed & (1u << s)) == 0)
-            continue;
-        mIsCapturing[s].store(false);
-        TLOG(WARNING, "play engine left without answering the snapshot of session=%d", s);
-        notifyEvent(EVENT_CAPTURE_FAIL, s);
-    }
-}
-
-bool TavoMBBMSEngineImpl::prepareBuffersForClient() {
-    TavoMBBMSEngineImpl* engine = mInstance.load();
-    if (engine == nullptr)
-        return false;
-    SharedBufferSet& buffers = engine->mSharedBuffers;
-    // With frames held off no buffer is being written, so one can be replaced. Without a
-    // session manager (init has not made it yet, or deinit has deleted it) no frame is
-    // written either, but one may begin at any moment: nothing is replaced then, and a
-    // client is refused rather than handed a buffer a departed reader still locks.
-    const bool held = engine->holdFrames();
-    const bool ready =
-        held ? buffers.replaceAbandoned("runCommandThread") : !buffers.anyAbandoned();
-    if (ready)
-        buffers.readerConnected();  // from here on its buffers are not replaced under it
-    engine->releaseFrames(held);
-    return ready;
-}
-
-void* TavoMBBMSEngineImpl::runCommandThread(void*) {
+void* CommandSocketServer::runCommandThread(void* server) {
     nameCurrentThread("tavo-command");
-    TLOG(CMD_PATH, "thread of runCommandThread start");
+    TLOG_FOR(kThread, CMD_PATH, "thread of runCommandThread start");
+    static_cast<CommandSocketServer*>(server)->serve();
+    TLOG_FOR(kThread, CMD_PATH, "thread of runCommandThread exit");
+    return nullptr;
+}
 
+void CommandSocketServer::serve() {
+    if (!setUp())
+        return;
+    while (mIsStarted.load() && runPass()) {
+    }
+    tearDown();
+}
+
+bool CommandSocketServer::setUp() {
     // Non-blocking, so that a connection withdrawn between poll and accept cannot block the
     // thread in accept (accept then fails and the pass ends).
-    UniqueFd listeningSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int listening = listeningSocket.get();
-    if (listening < 0) {
-        TLOG(ERROR, "create server socket error");
-        return nullptr;
+    UniqueFd listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!listening.valid()) {
+        TLOG_FOR(kThread, ERROR, "create server socket error");
+        return false;
     }
     char path[sizeof(sockaddr_un::sun_path)];
-    if (resolveAndroidPath(kSocketPath, path, sizeof(path)) != 0 ||
-        bindCommandSocket(listening, path, commandSocketMode()) != 0) {
-        TLOG(ERROR, "bind server socket error");
-        return nullptr;
+    if (resolveAndroidPath(mSocketPath, path, sizeof(path)) != 0 ||
+        bindCommandSocket(listening.get(), path, commandSocketMode()) != 0) {
+        TLOG_FOR(kThread, ERROR, "bind server socket error");
+        return false;
     }
-    if (listen(listening, kListenBacklog) != 0) {
-        TLOG(ERROR, "listen on server socket error");
-        return nullptr;
+    if (listen(listening.get(), kListenBacklog) != 0) {
+        TLOG_FOR(kThread, ERROR, "listen on server socket error");
+        return false;
     }
+    TLOG_FOR(kThread, CMD_PATH, "server is accepting client... ... ... ...");
+    mPollSet.setListening(listening.get());
+    mLink.setListening(std::move(listening));
+    return true;
+}
 
-    TLOG(CMD_PATH, "server is accepting client... ... ... ...");
-    ServerPollSet pollSet(listening);
-    mPlayEngineLink.setListening(std::move(listeningSocket));
-    IndicationAssembler indications;  // of the connected client
-    auto endClient = [&] {
-        pollSet.clearClient();
-        endPlayEngineConnection();
-    };
-
-    while (mIsStarted.load()) {
-        const int ready = pollSet.wait(kPollTimeoutMs);
-        if (ready == 0)
-            continue;  // time-out: look at the run flag again
-        // Woken by the shutdown of stopCommandThread: the run flag is already cleared.
-        if (!mIsStarted.load())
-            break;
-        if (ready < 0) {
-            // Interrupted, or short of memory for a moment: no events to look at.
-            if (errno != EINTR)
-                std::this_thread::sleep_for(kFailureBackOff);
-            continue;
-        }
-        const short listeningEvents = pollSet.listeningEvents();
-        // POLLHUP: shut down (by another process sharing it, since the run flag is still
-        // set); accept would fail at once, for ever.
-        if (listeningEvents & (POLLERR | POLLHUP | POLLNVAL)) {
-            TLOG(ERROR, "error on listening socket");
-            break;
-        }
-
-        if (listeningEvents & POLLRDNORM) {
-            PeerAddress peer;
-            memset(&peer, 0, sizeof(peer));
-            socklen_t peerLength = sizeof(peer.address);
-            UniqueFd accepted(accept4(listening, reinterpret_cast<sockaddr*>(&peer.address),
-                                      &peerLength, SOCK_CLOEXEC));
-            if (!accepted.valid()) {
-                const int error = errno;
-                TLOG(WARNING, "accept on listening socket error");
-                if (error == EBADF || error == EINVAL || error == ENOTSOCK) {
-                    TLOG(ERROR, "error on listening socket");
-                    break;
-                }
-                if (acceptFailedForResources(error))
-                    std::this_thread::sleep_for(kFailureBackOff);
-                continue;
-            }
-            // Credentials first: a client that may not connect is closed before it can push
-            // the connected play engine out.
-            long peerUid = -1;
-            if (!peerAllowed(accepted.get(), &peerUid)) {
-                TLOG(ERROR, "client of uid %ld is not allowed to connect, closed", peerUid);
-                accepted.reset();
-            } else {
-                if (pollSet.hasClient()) {
-                    TLOG(ERROR, "only two client is allowed, now force close former one");
-                    endClient();
-                }
-                const int client = accepted.get();
-                if (!peerPathExists(peer, peerLength)) {
-                    TLOG(ERROR, "socket file not exist!");
-                    accepted.reset();
-                } else if (!prepareBuffersForClient()) {
-                    TLOG(ERROR,
-                         "buffers a departed play engine still holds cannot be replaced now, "
-                         "client %d closed",
-                         client);
-                    accepted.reset();
-                } else {
-                    TLOG(CMD_PATH, "client %d is accepted", client);
-                    indications.reset();
-                    pollSet.setClient(client);
-                    method_onAccepted(accepted.release());
-                    continue;
-                }
-            }
-        }
-
-        if (!pollSet.hasClient()) {
-            TLOG(WARNING, "no connected client yet");
-            continue;
-        }
-        const short clientEvents = pollSet.clientEvents();
-        if (clientEvents & POLLNVAL) {
-            TLOG(ERROR, "Other read error occur");
-            endClient();
-            continue;
-        }
-        if (!(clientEvents & (POLLERR | POLLHUP | POLLRDNORM)))
-            continue;
-
-        // At most the rest of the indication being assembled, so that a receive never takes
-        // bytes of the next one.
-        iovec piece = {indications.freeSpaceStart(), indications.freeSpace()};
-        // Room for one passed descriptor; received control data is discarded.
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
-        msghdr message;
-        memset(&message, 0, sizeof(message));
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        TLOG(CMD_PATH, "recvmsg ... ...");
-        const ssize_t received =
-            recvmsg(pollSet.client(), &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-        if (received > 0) {
-            closePassedDescriptors(message);
-            if (indications.received(static_cast<size_t>(received))) {
-                const PlayEngineIndicationMessage& indication = indications.message();
-                onPlayEngineIndication(
-                    parseIndicationCode(indication.code, sizeof(indication.code)), 0);
-            }
-        } else if (received == 0) {
-            TLOG(WARNING, "Connection closed by client");
-            endClient();
-        } else if (errno == ECONNRESET) {
-            TLOG(ERROR, "Connection reset by client");
-            endClient();
-        } else if (errno != EAGAIN && errno != EINTR) {
-            TLOG(ERROR, "Other read error occur");
-        }
+bool CommandSocketServer::runPass() {
+    const int ready = mPollSet.wait(kPollTimeoutMs);
+    if (ready == 0)
+        return true;  // time-out: look at the run flag again
+    // Woken by the shutdown of stop: the run flag is already cleared.
+    if (!mIsStarted.load())
+        return false;
+    if (ready < 0) {
+        // Interrupted, or short of memory for a moment: no events to look at.
+        if (errno != EINTR)
+            mEnv->sleepFor(kFailureBackOff);
+        return true;
     }
+    const short listeningEvents = mPollSet.listeningEvents();
+    // POLLHUP: shut down (by another process sharing it, since the run flag is still set);
+    // accept would fail at once, for ever.
+    if (listeningEvents & (POLLERR | POLLHUP | POLLNVAL)) {
+        TLOG_FOR(kThread, ERROR, "error on listening socket");
+        return false;
+    }
+    if (listeningEvents & POLLRDNORM) {
+        const Accepted accepted = acceptClient();
+        if (accepted == Accepted::LISTENING_FAILED)
+            return false;
+        if (accepted == Accepted::CLIENT)
+            return true;  // a new client has no events of this pass
+    }
+    if (!mPollSet.hasClient()) {
+        TLOG_FOR(kThread, WARNING, "no connected client yet");
+        return true;
+    }
+    const short clientEvents = mPollSet.clientEvents();
+    if (clientEvents & POLLNVAL) {
+        TLOG_FOR(kThread, ERROR, "Other read error occur");
+        closeClient();
+        return true;
+    }
+    if (clientEvents & (POLLERR | POLLHUP | POLLRDNORM))
+        receiveFromClient();
+    return true;
+}
 
-    mPlayEngineLink.closeListening();
+CommandSocketServer::Accepted CommandSocketServer::acceptClient() {
+    PeerAddress peer;
+    memset(&peer, 0, sizeof(peer));
+    socklen_t peerLength = sizeof(peer.address);
+    UniqueFd accepted(accept4(mPollSet.listening(), reinterpret_cast<sockaddr*>(&peer.address),
+                              &peerLength, SOCK_CLOEXEC));
+    if (!accepted.valid()) {
+        const int error = errno;
+        TLOG_FOR(kThread, WARNING, "accept on listening socket error");
+        if (error == EBADF || error == EINVAL || error == ENOTSOCK) {
+            TLOG_FOR(kThread, ERROR, "error on listening socket");
+            return Accepted::LISTENING_FAILED;
+        }
+        if (acceptFailedForResources(error))
+            mEnv->sleepFor(kFailureBackOff);
+        return Accepted::NONE;
+    }
+    // Credentials first: a client that may not connect is closed before it can push the
+    // connected play engine out.
+    long peerUid = -1;
+    if (!peerAllowed(accepted.get(), &peerUid)) {
+        TLOG_FOR(kThread, ERROR, "client of uid %ld is not allowed to connect, closed", peerUid);
+        return Accepted::NONE;
+    }
+    if (mPollSet.hasClient()) {
+        TLOG_FOR(kThread, ERROR, "only two client is allowed, now force close former one");
+        closeClient();
+    }
+    const int client = accepted.get();
+    if (!peerPathExists(peer, peerLength)) {
+        TLOG_FOR(kThread, ERROR, "socket file not exist!");
+        return Accepted::NONE;
+    }
+    if (!mDelegate.prepareForClient()) {
+        TLOG_FOR(kThread, ERROR,
+                 "buffers a departed play engine still holds cannot be replaced now, "
+                 "client %d closed",
+                 client);
+        return Accepted::NONE;
+    }
+    TLOG_FOR(kThread, CMD_PATH, "client %d is accepted", client);
+    mIndications.reset();
+    mPollSet.setClient(client);
+    mLink.attachClient(std::move(accepted));  // the link owns the connection from here on
+    mDelegate.clientAccepted(client);
+    return Accepted::CLIENT;
+}
+
+void CommandSocketServer::receiveFromClient() {
+    TLOG_FOR(kThread, CMD_PATH, "recvmsg ... ...");
+    // At most the rest of the indication being assembled, so that a receive never takes bytes
+    // of the next one.
+    const PlayEngineWire::Receipt receipt =
+        PlayEngineWire::receive(mPollSet.client(), mIndications.freeSpaceStart(),
+                                mIndications.freeSpace(), MSG_DONTWAIT, 1, &mPassed);
+    // Descriptors a client passes along mean nothing to the engine: closed at once.
+    mPassed.clear();
+    if (receipt.bytes > 0) {
+        dispatch(static_cast<size_t>(receipt.bytes));
+    } else if (receipt.bytes == 0) {
+        TLOG_FOR(kThread, WARNING, "Connection closed by client");
+        closeClient();
+    } else if (receipt.error == ECONNRESET) {
+        TLOG_FOR(kThread, ERROR, "Connection reset by client");
+        closeClient();
+    } else if (receipt.error != EAGAIN && receipt.error != EWOULDBLOCK) {
+        TLOG_FOR(kThread, ERROR, "Other read error occur");
+    }
+}
+
+void CommandSocketServer::dispatch(size_t count) {
+    if (!mIndications.received(count))
+        return;
+    const PlayEngineIndicationMessage& indication = mIndications.message();
+    mDelegate.indicationReceived(parseIndicationCode(indication.code, sizeof(indication.code)));
+}
+
+void CommandSocketServer::closeClient() {
+    mPollSet.clearClient();
+    const PlayEngineLink::CaptureSet owed = mLink.closeClient();
+    mDelegate.clientGone(owed);
+}
+
+void CommandSocketServer::tearDown() {
+    mLink.closeListening();
+    mPollSet.setListening(-1);
     // The client goes with the server: a play engine sees its connection end and can come
     // back to the next server, and no descriptor outlives the thread that owns it. Snapshots
-    // it owes are not reported here: deinit holds mLock, and the application is not called
-    // while it does.
-    if (pollSet.hasClient()) {
-        pollSet.clearClient();
-        mPlayEngineLink.closeClient();
+    // it owes are not reported here: the owner stops the thread holding its own lock, and
+    // the application is not called while it does.
+    if (mPollSet.hasClient()) {
+        mPollSet.clearClient();
+        mLink.closeClient();
     }
-    TLOG(CMD_PATH, "thread of runCommandThread exit");
-    return nullptr;
 }

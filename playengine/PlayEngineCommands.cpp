@@ -5,7 +5,7 @@
 // command thread. Each send goes out under the play-engine link's lock, so it reaches the
 // client connected at that moment or fails; it never reaches a descriptor that was closed
 // and reused.
-#include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <cstring>
 
@@ -36,29 +36,13 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
     // At most 32 bytes, zero padded; a text of 32 characters or more has no terminator.
     memcpy(command.command, cmd, strnlen(cmd, sizeof(command.command)));
 
-    // One control message carrying one descriptor; lives on the stack so that senders on
-    // different threads never share it.
-    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
-    memset(control, 0, sizeof(control));
+    // Three 32-byte pieces of one message; the descriptor, if any, goes along with them.
     iovec pieces[3] = {{command.command, 32}, {&command.reserved32, 32}, {&command.session, 32}};
-    msghdr message;
-    memset(&message, 0, sizeof(message));
-    message.msg_iov = pieces;
-    message.msg_iovlen = 3;
-
+    command.reserved32 = 0;
     if (fd >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-        command.reserved32 = 0;
         command.fdStatus = 0;
-        TLOG(CMD_PATH, "Sending fd=%d to client fd=%d", fd, mPlayEngineLink.client());
+        TLOG(CMD_PATH, "Sending fd=%d to client fd=%d", fd, mCommandServer.client());
     } else {
-        command.reserved32 = 0;
         command.fdStatus = missingDescriptorStatus(fd);
     }
 
@@ -71,7 +55,7 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
     // snapshot ends as failed.
     const int captureSession = strcmp(cmd, PLAYENGINE_CMD_TEXT_CAPTURE) == 0 ? session : -1;
     int client = -1;
-    const ssize_t sent = mPlayEngineLink.send(message, &client, captureSession);
+    const ssize_t sent = mCommandServer.send(pieces, 3, fd, &client, captureSession);
     if (sent > 0) {
         TLOG(CMD_PATH, ">>>>> sendmsg OK: cmd=%s (session=%d) to client fd=%d", cmd, session,
              client);
@@ -83,13 +67,9 @@ int TavoMBBMSEngineImpl::sendCmd(const char* cmd, int fd, int session) {
 
 int TavoMBBMSEngineImpl::sendPlayEngineCommand(PlayEngineCommand cmd, int fd, int session) {
     switch (cmd) {
-        case CMD_SHAREBUFFER: {
-            TavoMBBMSEngineImpl* engine = mInstance.load();
-            const int fd0 = engine != nullptr ? engine->mSharedBuffers.fd(0) : -1;
-            const int fd1 = engine != nullptr ? engine->mSharedBuffers.fd(1) : -1;
-            sendCmd(kCommandTexts[CMD_SHAREBUFFER], fd0, 0);
-            return sendCmd(kCommandTexts[CMD_SHAREBUFFER], fd1, 1);
-        }
+        case CMD_SHAREBUFFER:
+            sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedBuffers.fd(0), 0);
+            return sendCmd(kCommandTexts[CMD_SHAREBUFFER], mSharedBuffers.fd(1), 1);
         case CMD_CAPTURE:
             return sendCmd(kCommandTexts[CMD_CAPTURE], fd, session);
         case CMD_START_RECORD:
@@ -110,14 +90,14 @@ void TavoMBBMSEngineImpl::onPlayEngineIndication(int indication, int session) {
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: GOT_SHAREDBUFFER_FD");
             break;
         case IMAGE_CAPTURE_SUCCESS:
-            mPlayEngineLink.captureAnswered(session);
+            mCommandServer.captureAnswered(session);
             if (session == 0 || session == 1)
                 mIsCapturing[session].store(false);
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_SUCCESS");
             notifyEvent(EVENT_CAPTURE_SUCCESS, session);
             break;
         case IMAGE_CAPTURE_FAIL:
-            mPlayEngineLink.captureAnswered(session);
+            mCommandServer.captureAnswered(session);
             if (session == 0 || session == 1)
                 mIsCapturing[session].store(false);
             notifyEvent(EVENT_CAPTURE_FAIL, session);

@@ -1,5 +1,6 @@
 #include "PlayEngineLink.h"
 #include "EngineSessions.h"
+#include "PlayEngineWire.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -60,20 +61,19 @@ int PlayEngineLink::client() const {
     return mFdCommand.get();
 }
 
-ssize_t PlayEngineLink::send(const msghdr& message, int* clientFd, int captureSession) {
+ssize_t PlayEngineLink::send(const iovec* pieces, size_t pieceCount, int fd, int* clientFd,
+                             int captureSession) {
     std::lock_guard<std::mutex> guard(mLock);
     *clientFd = mFdCommand.get();
     if (!mFdCommand.valid()) {
         errno = EBADF;
         return -1;
     }
-    ssize_t sent;
-    do {
-        // Non-blocking: a play engine that stopped reading cannot hold the lock, and with it
-        // every sender and the command thread. MSG_NOSIGNAL: one that went away must not take
-        // this process with it.
-        sent = ::sendmsg(mFdCommand.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (sent < 0 && errno == EINTR);
+    // Non-blocking: a play engine that stopped reading cannot hold the lock, and with it every
+    // sender and the command thread. MSG_NOSIGNAL: one that went away must not take this
+    // process with it.
+    const ssize_t sent = PlayEngineWire::send(mFdCommand.get(), pieces, pieceCount, &fd,
+                                              fd >= 0 ? 1 : 0, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0 && isEngineSession(captureSession))
         mCapturesOwed |= 1u << captureSession;
     return sent;

@@ -8,7 +8,7 @@
 // client goes.
 //
 // Threads: the command thread creates and accepts, receives from the client and decides
-// when it goes; application threads and the command thread send; stopCommandThread shuts the
+// when it goes; application threads and the command thread send; the server's stop shuts the
 // listening socket down to wake the command thread. mLock guards both descriptors; it is
 // held only for a close, a shutdown or one non-blocking send, never while waiting.
 #ifndef TAVO_PLAYENGINE_PLAY_ENGINE_LINK_H
@@ -16,6 +16,7 @@
 
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <mutex>
 
@@ -53,11 +54,13 @@ public:
     // command thread closes or replaces the client, so the number stays valid on it.
     int client() const;
 
-    // Sends one message to the connected client without blocking; the number of bytes sent,
-    // or -1 with errno set (EBADF with no client). *clientFd receives the descriptor used.
+    // Sends one message made of `pieces` to the connected client without blocking, with `fd`
+    // passed along when it is not negative; the number of bytes sent, or -1 with errno set
+    // (EBADF with no client). *clientFd receives the descriptor used.
     // captureSession: the session of a "capture" request (the client then owes its answer),
     // or -1.
-    ssize_t send(const msghdr& message, int* clientFd, int captureSession = -1);
+    ssize_t send(const iovec* pieces, size_t pieceCount, int fd, int* clientFd,
+                 int captureSession = -1);
 
 private:
     mutable std::mutex mLock;

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "PlayEngineWire.h"
+
 namespace {
 
 bool fillAddress(const std::string& path, sockaddr_un* address, socklen_t* length) {
@@ -81,42 +83,24 @@ PlayEngineSocket::Result PlayEngineSocket::receive(PlayEngineCommandMessage* mes
     }
 
     memset(message, 0, sizeof(*message));
-    alignas(cmsghdr) unsigned char control[PLAYENGINE_FD_CONTROL_SPACE];
-    iovec piece = {message, sizeof(*message)};
-    msghdr header;
-    memset(&header, 0, sizeof(header));
-    header.msg_iov = &piece;
-    header.msg_iovlen = 1;
-    header.msg_control = control;
-    header.msg_controllen = sizeof(control);
-    ssize_t received;
-    do {
-        received = recvmsg(mSocket.get(), &header, MSG_CMSG_CLOEXEC | MSG_WAITALL);
-    } while (received < 0 && errno == EINTR);
+    PlayEngineWire::PassedDescriptors passed;
+    const PlayEngineWire::Receipt receipt =
+        PlayEngineWire::receive(mSocket.get(), message, sizeof(*message), MSG_WAITALL, 1, &passed);
     // A reset is the engine ending the connection too (it closed its end with our
     // indications still unread).
-    if (received == 0 || (received < 0 && errno == ECONNRESET)) {
+    if (receipt.bytes == 0 || (receipt.bytes < 0 && receipt.error == ECONNRESET)) {
         close();
         return CLOSED;
     }
-    if (received < 0) {
+    if (receipt.bytes < 0) {
         close();
+        errno = receipt.error;
         return FAILED;
     }
-    // Every descriptor that came is taken (and so closed) even when the message is refused.
-    for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr;
-         item = CMSG_NXTHDR(&header, item)) {
-        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_RIGHTS)
-            continue;
-        size_t bytes = item->cmsg_len - CMSG_LEN(0);
-        for (size_t at = 0; at + sizeof(int) <= bytes; at += sizeof(int)) {
-            int passed;
-            memcpy(&passed, CMSG_DATA(item) + at, sizeof(passed));
-            fd->reset(passed);  // a second descriptor replaces (closes) the first
-        }
-    }
-    if ((header.msg_flags & MSG_CTRUNC) != 0 ||
-        received != static_cast<ssize_t>(sizeof(*message))) {
+    // A command carries at most one descriptor; more cut the control data.
+    if (passed.count() > 0)
+        *fd = passed.take(0);
+    if (receipt.controlTruncated || receipt.bytes != static_cast<ssize_t>(sizeof(*message))) {
         // Descriptors were lost or the stream is out of step: start over.
         fd->reset();
         close();
@@ -131,12 +115,12 @@ bool PlayEngineSocket::sendIndication(int code) {
     PlayEngineIndicationMessage indication;
     memset(&indication, 0, sizeof(indication));
     snprintf(indication.code, sizeof(indication.code), "%d", code);
-    const char* bytes = reinterpret_cast<const char*>(&indication);
+    char* bytes = reinterpret_cast<char*>(&indication);
     size_t left = sizeof(indication);
     while (left > 0) {
-        ssize_t sent = send(mSocket.get(), bytes, left, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR)
-            continue;
+        const iovec piece = {bytes, left};
+        const ssize_t sent =
+            PlayEngineWire::send(mSocket.get(), &piece, 1, nullptr, 0, MSG_NOSIGNAL);
         if (sent <= 0)
             return false;
         bytes += sent;

@@ -208,7 +208,7 @@ TEST(PlayEngineSocket, ServesAClientAgainAfterItLeavesAndDeinitClosesTheConnecti
         ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
 
         // Without a client, a snapshot request cannot be delivered and fails at once.
-        EXPECT_EQ(-1, TavoMBBMSEngineImpl::sendPlayEngineCommand(CMD_FLUSH, -1, 0));
+        EXPECT_EQ(-1, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, -1, 0));
         EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
         EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
         EXPECT_FALSE(bench.engine->isCapturing(0));
@@ -227,7 +227,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
 
         // A command without a descriptor: status byte 1, session '0', no control data.
-        ASSERT_EQ(0, TavoMBBMSEngineImpl::sendPlayEngineCommand(CMD_FLUSH, 7, 1));
+        ASSERT_EQ(0, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, 7, 1));
         Received flush = bench.player.receive();
         ASSERT_EQ(96, flush.bytes);
         unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};

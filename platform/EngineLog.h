@@ -1,7 +1,7 @@
 // Logging of the engine, the session manager, the data path and the command thread, and the
 // guard every operation that needs an initialised engine starts with.
-#ifndef TAVO_ENGINE_ENGINE_LOG_H
-#define TAVO_ENGINE_ENGINE_LOG_H
+#ifndef TAVO_PLATFORM_ENGINE_LOG_H
+#define TAVO_PLATFORM_ENGINE_LOG_H
 
 #ifndef LOG_TAG
 #define LOG_TAG "TavoMBBMSEngine"
@@ -19,4 +19,4 @@
         }                                                          \
     } while (0)
 
-#endif  // TAVO_ENGINE_ENGINE_LOG_H
+#endif  // TAVO_PLATFORM_ENGINE_LOG_H

@@ -1,0 +1,210 @@
+// The wire codec of the play-engine socket over a socketpair: messages read in pieces,
+// several descriptors in one message, control data that does not fit, surplus descriptors
+// on the sending side, a receive interrupted by a signal, and the ends of the stream.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "OpenDescriptors.h"
+#include "PlayEngineWire.h"
+#include "UniqueHandle.h"
+
+namespace {
+
+using PlayEngineWire::PassedDescriptors;
+using PlayEngineWire::Receipt;
+
+struct SocketPair {
+    SocketPair() {
+        int ends[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+        sender.reset(ends[0]);
+        receiver.reset(ends[1]);
+    }
+    UniqueFd sender;
+    UniqueFd receiver;
+};
+
+ssize_t sendText(int socket, const std::string& text, const int* fds = nullptr, size_t count = 0) {
+    const iovec piece = {const_cast<char*>(text.data()), text.size()};
+    return PlayEngineWire::send(socket, &piece, 1, fds, count, MSG_NOSIGNAL);
+}
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+bool sameFile(int a, int b) {
+    struct stat first, second;
+    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+UniqueFd openNull() {
+    return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+TEST(PlayEngineWire, AMessageReadInPiecesKeepsItsBytesAndItsDescriptorComesWithTheFirst) {
+    SocketPair pair;
+    UniqueFd file = openNull();
+    const int fd = file.get();
+    const std::string text = "0123456789abcdefghijklmnopqrstuvwxyz";
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), sendText(pair.sender.get(), text, &fd, 1));
+
+    PassedDescriptors passed;
+    std::string got;
+    char piece[10];
+    Receipt first =
+        PlayEngineWire::receive(pair.receiver.get(), piece, sizeof(piece), 0, 1, &passed);
+    ASSERT_EQ(10, first.bytes);
+    EXPECT_FALSE(first.controlTruncated);
+    ASSERT_EQ(1u, passed.count());
+    UniqueFd arrived = passed.take(0);
+    EXPECT_TRUE(sameFile(fd, arrived.get()));
+    EXPECT_TRUE(fcntl(arrived.get(), F_GETFD) & FD_CLOEXEC);
+    got.append(piece, 10);
+    while (got.size() < text.size()) {
+        Receipt next =
+            PlayEngineWire::receive(pair.receiver.get(), piece, sizeof(piece), 0, 1, &passed);
+        ASSERT_GT(next.bytes, 0);
+        EXPECT_EQ(0u, passed.count());  // the descriptor is not handed out twice
+        got.append(piece, static_cast<size_t>(next.bytes));
+    }
+    EXPECT_EQ(text, got);
+}
+
+TEST(PlayEngineWire, SeveralDescriptorsAreEachOwnedAndClosedWithTheirHolder) {
+    SocketPair pair;
+    UniqueFd a = openNull(), b = openNull(), c = openNull();
+    const int fds[3] = {a.get(), b.get(), c.get()};
+    ASSERT_EQ(3, sendText(pair.sender.get(), "abc", fds, 3));
+
+    int arrived[3] = {-1, -1, -1};
+    {
+        PassedDescriptors passed;
+        char bytes[3];
+        Receipt receipt = PlayEngineWire::receive(pair.receiver.get(), bytes, sizeof(bytes), 0,
+                                                  PlayEngineWire::kMaxDescriptors, &passed);
+        ASSERT_EQ(3, receipt.bytes);
+        ASSERT_EQ(3u, passed.count());
+        for (size_t i = 0; i < 3; ++i) {
+            UniqueFd taken = passed.take(i);
+            arrived[i] = taken.get();
+            EXPECT_TRUE(sameFile(fds[i], arrived[i]));
+            passed.add(taken.release());  // back into the holder, which closes it
+        }
+        // An empty slot once taken.
+        EXPECT_FALSE(PassedDescriptors().take(0).valid());
+    }
+    for (int fd : arrived)
+        EXPECT_FALSE(isOpen(fd)) << fd;
+}
+
+#if !TAVO_EMULATED  // qemu-user does not report control data it had to cut (MSG_CTRUNC)
+TEST(PlayEngineWire, ControlDataThatDoesNotFitClosesEveryDescriptorThatCame) {
+    SocketPair pair;
+    UniqueFd a = openNull(), b = openNull(), c = openNull();
+    const int fds[3] = {a.get(), b.get(), c.get()};
+    const int before = openDescriptors();
+    for (size_t room : {size_t(0), size_t(1), size_t(2)}) {
+        SCOPED_TRACE(room);
+        ASSERT_EQ(4, sendText(pair.sender.get(), "data", fds, 3));
+        PassedDescriptors passed;
+        char bytes[4];
+        Receipt receipt =
+            PlayEngineWire::receive(pair.receiver.get(), bytes, sizeof(bytes), 0, room, &passed);
+        EXPECT_EQ(4, receipt.bytes);  // the bytes themselves are intact
+        EXPECT_TRUE(receipt.controlTruncated);
+        EXPECT_EQ(0u, passed.count());
+        EXPECT_EQ(before, openDescriptors());
+    }
+}
+#endif
+
+TEST(PlayEngineWire, MoreDescriptorsThanAMessageMayCarryAreNotSent) {
+    SocketPair pair;
+    UniqueFd file = openNull();
+    int fds[PlayEngineWire::kMaxDescriptors + 1];
+    for (int& fd : fds)
+        fd = file.get();
+    errno = 0;
+    EXPECT_EQ(-1, sendText(pair.sender.get(), "x", fds, PlayEngineWire::kMaxDescriptors + 1));
+    EXPECT_EQ(EINVAL, errno);
+    // Nothing went out.
+    char byte;
+    PassedDescriptors passed;
+    Receipt receipt =
+        PlayEngineWire::receive(pair.receiver.get(), &byte, 1, MSG_DONTWAIT, 1, &passed);
+    EXPECT_EQ(-1, receipt.bytes);
+    EXPECT_EQ(EAGAIN, receipt.error);
+}
+
+TEST(PlayEngineWire, TheEndOfTheStreamAndABrokenPipeAreReported) {
+    {
+        SocketPair pair;
+        pair.sender.reset();
+        PassedDescriptors passed;
+        char byte;
+        EXPECT_EQ(0, PlayEngineWire::receive(pair.receiver.get(), &byte, 1, 0, 1, &passed).bytes);
+    }
+    {
+        SocketPair pair;
+        pair.receiver.reset();
+        errno = 0;
+        EXPECT_EQ(-1, sendText(pair.sender.get(), "x"));  // no SIGPIPE with MSG_NOSIGNAL
+        EXPECT_EQ(EPIPE, errno);
+    }
+}
+
+std::atomic<int> gSignals{0};
+void countSignal(int) {
+    ++gSignals;
+}
+
+TEST(PlayEngineWire, AReceiveInterruptedByASignalGoesOnWaiting) {
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = countSignal;  // no SA_RESTART: recvmsg fails with EINTR
+    struct sigaction previous;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+
+    SocketPair pair;
+    std::atomic<bool> entered{false};
+    pthread_t receiverThread = pthread_self();
+    std::promise<pthread_t> started;
+    std::future<Receipt> result = std::async(std::launch::async, [&] {
+        started.set_value(pthread_self());
+        char bytes[4];
+        PassedDescriptors passed;
+        entered = true;
+        return PlayEngineWire::receive(pair.receiver.get(), bytes, sizeof(bytes), MSG_WAITALL, 1,
+                                       &passed);
+    });
+    receiverThread = started.get_future().get();
+    while (!entered)
+        std::this_thread::yield();
+    // Signal until one has arrived; the thread is inside or about to enter recvmsg.
+    const int before = gSignals.load();
+    while (gSignals.load() == before) {
+        pthread_kill(receiverThread, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_EQ(4, sendText(pair.sender.get(), "done"));
+    ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(5)));
+    EXPECT_EQ(4, result.get().bytes);
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+}  // namespace
