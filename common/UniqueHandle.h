@@ -6,11 +6,12 @@
 //   static Value null();                      // the value of an empty handle
 //   static bool isValid(const Value& value);  // false for every empty value
 //   static void close(const Value& value);    // releases a valid value
-// The aliases below name the handles the project uses: descriptors, mappings, stdio streams
-// and loaded shared libraries.
+// The aliases below name the handles the project uses: descriptors, mappings, stdio streams,
+// directory streams and loaded shared libraries.
 #ifndef TAVO_COMMON_UNIQUE_HANDLE_H
 #define TAVO_COMMON_UNIQUE_HANDLE_H
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -87,6 +88,15 @@ struct FileTraits {
     static void close(FILE* file) { ::fclose(file); }
 };
 using UniqueFile = UniqueHandle<FileTraits>;
+
+// A directory stream opened with opendir.
+struct DirTraits {
+    using Value = DIR*;
+    static DIR* null() { return nullptr; }
+    static bool isValid(DIR* dir) { return dir != nullptr; }
+    static void close(DIR* dir) { ::closedir(dir); }
+};
+using UniqueDir = UniqueHandle<DirTraits>;
 
 // A shared library opened with dlopen.
 struct LibraryTraits {

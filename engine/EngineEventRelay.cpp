@@ -53,7 +53,7 @@ void TavoMBBMSEngineImpl::onServiceParam(ServiceParam& param) {
     // Without an application callback the agent is not even asked for its frequency.
     if (!mCallback.registered())
         return;
-    if (ts0AlreadyReported(mAgent, mTS0Reported))
+    if (ts0AlreadyReported(mAgent.get(), mTS0Reported))
         return;
     mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onServiceParam(param); });
 }
@@ -66,7 +66,7 @@ void TavoMBBMSEngineImpl::onCaInfo(CaInfo* info, int size) {
     TLOG(ENGINE, "size=%d", size);
     if (!mCallback.registered())
         return;
-    if (ts0AlreadyReported(mAgent, mTS0Reported))
+    if (ts0AlreadyReported(mAgent.get(), mTS0Reported))
         return;
     mCallback.call([&](TavoMBBMSEngineCallback& app) { app.onCaInfo(info, size); });
 }

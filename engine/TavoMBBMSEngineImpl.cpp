@@ -46,8 +46,6 @@ TavoMBBMSEngineImpl* TavoMBBMSEngineImpl::getInstance() {
 TavoMBBMSEngineImpl::TavoMBBMSEngineImpl()
     : mPendingRequest(REQUEST_NOT_READY),
       mMode(CMMB_MODE),
-      mAgent(nullptr),
-      mAgentLib(nullptr),
       mIsInitialized(false),
       mTS0Reported{},
       mLastEmergencyKey(kNoEmergencyKey),
@@ -75,15 +73,15 @@ void TavoMBBMSEngineImpl::loadAgent(const char* caller) {
         TLOG_FOR(caller, ERROR, "Can not load library: %s", "path too long");
         return;
     }
-    mAgentLib = dlopen(path, RTLD_LAZY);
-    if (mAgentLib == nullptr) {
+    mAgentLib.reset(dlopen(path, RTLD_LAZY));
+    if (!mAgentLib) {
         TLOG_FOR(caller, ERROR, "Can not load library: %s", dlerror());
         return;
     }
     TLOG_FOR(caller, MAIN, "dynamically load so file successfully");
 
     dlerror();
-    void* symbol = dlsym(mAgentLib, "createAgent");
+    void* symbol = dlsym(mAgentLib.get(), "createAgent");
     const char* error = dlerror();
     if (error != nullptr || symbol == nullptr) {
         TLOG_FOR(caller, ERROR, "Cannot load symbol for createAgent: %s",
@@ -91,28 +89,28 @@ void TavoMBBMSEngineImpl::loadAgent(const char* caller) {
         return;  // no agent: every operation that needs it fails
     }
     CreateAgentFunc createAgent = reinterpret_cast<CreateAgentFunc>(symbol);
-    mAgent = createAgent();
+    mAgent.reset(createAgent());
 }
 
 TavoMBBMSEngineImpl::~TavoMBBMSEngineImpl() {
     TLOG(ENGINE, "%s()", "~TavoMBBMSEngineImpl");
-    if (mAgentLib == nullptr)
+    if (!mAgentLib)
         return;
     dlerror();
-    void* symbol = dlsym(mAgentLib, "destroyAgent");
+    void* symbol = dlsym(mAgentLib.get(), "destroyAgent");
     const char* error = dlerror();
     if (error != nullptr || symbol == nullptr) {
         TLOG(ERROR, "Cannot load symbol for destroyAgent: %s",
              error != nullptr ? error : "null symbol");
         // Without "destroyAgent" the agent cannot be released safely: it is left alive and
         // its library stays loaded, since closing it would unmap the agent's code.
+        mAgent.release();
+        mAgentLib.release();
         return;
     }
-    if (mAgent != nullptr)
-        reinterpret_cast<DestroyAgentFunc>(symbol)(mAgent);
-    mAgent = nullptr;
-    dlclose(mAgentLib);
-    mAgentLib = nullptr;
+    mAgent.get_deleter().destroyAgent = reinterpret_cast<DestroyAgentFunc>(symbol);
+    mAgent.reset();
+    mAgentLib.reset();
 }
 
 int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir) {
@@ -201,7 +199,8 @@ int TavoMBBMSEngineImpl::initLocked(TavoMBBMSEngineCallback* callback, const cha
     mIsInitialized.store(true);
     mPendingRequest.store(REQUEST_NONE);
 
-    mSessionManager.install(new SessionManager(&mSharedBuffers, &mFrameSink, mAgent, mWorkDir));
+    mSessionManager.install(
+        new SessionManager(&mSharedBuffers, &mFrameSink, mAgent.get(), mWorkDir));
 
     ModuleInfo scratch;
     getModuleInfo(&scratch);

@@ -23,6 +23,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 #include "ApplicationCallbacks.h"
@@ -39,8 +40,16 @@
 #include "SessionManagerSlot.h"
 #include "SharedBufferSet.h"
 #include "TavoMBBMSEngine.h"
+#include "UniqueHandle.h"
 
 class SessionManager;
+
+// Releases an agent through its library's "destroyAgent", which the engine looks up and sets
+// when it destroys the agent.
+struct AgentRelease {
+    DestroyAgentFunc destroyAgent = nullptr;
+    void operator()(MBBMSAgent* agent) const { destroyAgent(agent); }
+};
 
 class TavoMBBMSEngineImpl : public TavoMBBMSEngine,
                             public MBBMSAgentCallback,
@@ -223,8 +232,11 @@ private:
     // Owned session manager, between a successful init and deinit. The slot lets agent and
     // application threads use it without racing its deletion by deinit.
     SessionManagerSlot mSessionManager;
-    MBBMSAgent* mAgent;  // owned through the agent library; null if it could not be created
-    void* mAgentLib;     // dlopen handle; closed by the destructor
+    // The agent library, and the agent created by it (null if it could not be created). The
+    // agent is declared after the library so that it is released first, while the library's
+    // code is still mapped; the destructor releases both explicitly.
+    UniqueLibrary mAgentLib;
+    std::unique_ptr<MBBMSAgent, AgentRelease> mAgent;
     std::atomic<bool> mIsInitialized;
     // Per frequency point 0..47: TS0 reported since init. Agent threads; reset by init.
     std::atomic<bool> mTS0Reported[48];

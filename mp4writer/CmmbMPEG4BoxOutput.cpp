@@ -212,7 +212,7 @@ void CmmbMPEG4Writer::buildRepairRecords(const Chunk& chunk) {
     // The configuration goes first, and again once a track's codec data has changed (the
     // H.264 parameter sets arrive with the first video buffers).
     size_t configSize = 0;
-    for (const Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         configSize += track->codecSpecificDataSize();
     }
     if (mDescribedConfigSize == 0 || configSize != mDescribedConfigSize) {
@@ -220,7 +220,7 @@ void CmmbMPEG4Writer::buildRepairRecords(const Chunk& chunk) {
         record.u32(static_cast<uint32_t>(mTimeScale));
         record.u8(mUseNalLengthFour ? 1 : 0);
         record.u8(static_cast<uint8_t>(mTracks.size()));
-        for (const Track* track : mTracks) {
+        for (const std::unique_ptr<Track>& track : mTracks) {
             track->describeForRepair(record);
         }
         record.end();
@@ -228,7 +228,7 @@ void CmmbMPEG4Writer::buildRepairRecords(const Chunk& chunk) {
     }
 
     uint8_t trackIndex = 0;
-    while (trackIndex < mTracks.size() && mTracks[trackIndex] != chunk.mTrack) {
+    while (trackIndex < mTracks.size() && mTracks[trackIndex].get() != chunk.mTrack) {
         ++trackIndex;
     }
     const std::vector<ChunkSampleBuffer::SampleInfo>& samples = chunk.mSamples->samples();

@@ -34,7 +34,7 @@ const int32_t kDefaultMovieTimeScale = 48000;
 const char CmmbMPEG4Writer::kRepairRecordsProperty[] = "persist.mbbms.record.repair";
 
 CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
-    : mFile(fd, Env::current()),
+    : mFile(UniqueFd(fd), Env::current()),
       mWriteError(0),
       mRepairRecords(repairRecordsWanted()),
       mDescribedConfigSize(0),
@@ -55,14 +55,16 @@ CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
 
 CmmbMPEG4Writer::~CmmbMPEG4Writer() {
     stop();
-    for (Track* track : mTracks) {
-        delete track;
+    // A track still running stops while the whole track list is there to consult; the
+    // list then goes with the writer.
+    for (const std::unique_ptr<Track>& track : mTracks) {
+        track->stop();
     }
 }
 
 int CmmbMPEG4Writer::addSource(CmmbMediaSource* source) {
     std::lock_guard<std::mutex> guard(mLock);
-    mTracks.push_back(new Track(this, source));
+    mTracks.emplace_back(new Track(this, source));
     return 0;
 }
 
@@ -130,7 +132,7 @@ int CmmbMPEG4Writer::pause() {
     }
     mPaused = true;
     int result = 0;
-    for (Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         int trackResult = track->pause();
         if (trackResult != 0) {
             result = trackResult;
@@ -146,7 +148,7 @@ int CmmbMPEG4Writer::writeout(_CmmbOutBuffer* buffer) {
     if (mWriteError != 0) {
         return ERROR_WRITE_FAILED;  // no further samples after a failed write
     }
-    for (Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         int result = track->CmmbOutWrite(buffer);
         if (result != 0) {
             return result;
@@ -157,7 +159,7 @@ int CmmbMPEG4Writer::writeout(_CmmbOutBuffer* buffer) {
 
 bool CmmbMPEG4Writer::reachedEOS() {
     return std::all_of(mTracks.begin(), mTracks.end(),
-                       [](const Track* track) { return track->reachedEOS(); });
+                       [](const std::unique_ptr<Track>& track) { return track->reachedEOS(); });
 }
 
 int CmmbMPEG4Writer::setMaxFileSize(long long bytes) {
@@ -180,7 +182,7 @@ bool CmmbMPEG4Writer::exceedsFileSizeLimit() {
         return false;
     }
     int64_t estimated = 0;
-    for (const Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         estimated += track->getEstimatedTrackSizeBytes();
     }
     return estimated >= mMaxFileSizeLimitBytes * 95 / 100;
@@ -195,7 +197,7 @@ bool CmmbMPEG4Writer::exceedsFileDurationLimit() {
 long long CmmbMPEG4Writer::queryMoovLength() {
     int64_t dataBytes = 0;
     int64_t headerBytes = 0;
-    for (const Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         dataBytes += track->getEstimatedTrackSizeBytes();
         headerBytes += track->getEstimatedTrackHeaderSizeBytes();
     }
@@ -217,7 +219,7 @@ int CmmbMPEG4Writer::stop() {
     mFile.clearError();
     int result = 0;
     int64_t maxDurationTicks = 0;
-    for (Track* track : mTracks) {
+    for (const std::unique_ptr<Track>& track : mTracks) {
         int trackResult = track->stop();
         if (trackResult != 0 && result == 0) {
             result = trackResult;

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -160,7 +161,7 @@ private:
     // the recording thread then reads it without the lock. Innermost lock of the
     // recording path: nothing else is taken while it is held.
     std::mutex mLock;
-    std::vector<Track*> mTracks;  // owned
+    std::vector<std::unique_ptr<Track>> mTracks;
 };
 
 // One elementary stream of the file: turns samples into sample tables (stts, stss, stsz,

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "Env.h"
 
@@ -15,7 +16,8 @@ const size_t kBufferCapacity = 64 * 1024;
 
 }  // namespace
 
-FileOutput::FileOutput(int fd, Env* env) : mFd(fd), mEnv(env), mFilePosition(0), mError(0) {
+FileOutput::FileOutput(UniqueFd fd, Env* env)
+    : mFd(std::move(fd)), mEnv(env), mFilePosition(0), mError(0) {
     mBuffer.reserve(kBufferCapacity);
 }
 
@@ -24,7 +26,7 @@ FileOutput::~FileOutput() {
 }
 
 size_t FileOutput::write(const void* data, size_t size) {
-    if (mFd < 0 || mError != 0 || size == 0)
+    if (!isOpen() || mError != 0 || size == 0)
         return 0;
     if (mBuffer.size() + size > kBufferCapacity && !flush())
         return 0;
@@ -36,13 +38,13 @@ size_t FileOutput::write(const void* data, size_t size) {
 }
 
 bool FileOutput::writeThrough(const void* data, size_t size) {
-    if (mFd < 0 || mError != 0)
+    if (!isOpen() || mError != 0)
         return false;
     return flush() && writeAll(static_cast<const uint8_t*>(data), size);
 }
 
 bool FileOutput::patch(int64_t position, const void* data, size_t size) {
-    if (mFd < 0 || mError != 0)
+    if (!isOpen() || mError != 0)
         return false;
     const uint8_t* bytes = static_cast<const uint8_t*>(data);
     // The part that is still buffered is changed in the buffer, the rest in the file.
@@ -51,8 +53,8 @@ bool FileOutput::patch(int64_t position, const void* data, size_t size) {
         inFile = static_cast<size_t>(std::min<int64_t>(mFilePosition - position, size));
     size_t done = 0;
     while (done < inFile) {
-        ssize_t written =
-            mEnv->pwrite(mFd, bytes + done, inFile - done, static_cast<off_t>(position + done));
+        ssize_t written = mEnv->pwrite(mFd.get(), bytes + done, inFile - done,
+                                       static_cast<off_t>(position + done));
         if (written <= 0) {
             mError = written < 0 ? errno : ENOSPC;
             return false;
@@ -69,7 +71,7 @@ bool FileOutput::patch(int64_t position, const void* data, size_t size) {
 }
 
 bool FileOutput::flush() {
-    if (mFd < 0 || mError != 0)
+    if (!isOpen() || mError != 0)
         return false;
     if (mBuffer.empty())
         return true;
@@ -79,18 +81,17 @@ bool FileOutput::flush() {
 }
 
 bool FileOutput::close() {
-    if (mFd < 0)
+    if (!isOpen())
         return false;
     const bool ok = flush();
-    ::close(mFd);
-    mFd = -1;
+    mFd.reset();
     return ok;
 }
 
 bool FileOutput::writeAll(const uint8_t* data, size_t size) {
     size_t done = 0;
     while (done < size) {
-        ssize_t written = mEnv->write(mFd, data + done, size - done);
+        ssize_t written = mEnv->write(mFd.get(), data + done, size - done);
         if (written <= 0) {
             mError = written < 0 ? errno : ENOSPC;
             mFilePosition += static_cast<int64_t>(done);

@@ -13,18 +13,19 @@
 #include <cstdint>
 #include <vector>
 
+#include "UniqueHandle.h"
+
 class Env;
 
 class FileOutput {
 public:
-    // Takes ownership of fd (closed by close() or the destructor); fd < 0 gives an output
-    // that is not open.
-    FileOutput(int fd, Env* env);
+    // Closed by close() or the destructor; an empty fd gives an output that is not open.
+    FileOutput(UniqueFd fd, Env* env);
     ~FileOutput();
     FileOutput(const FileOutput&) = delete;
     FileOutput& operator=(const FileOutput&) = delete;
 
-    bool isOpen() const { return mFd >= 0; }
+    bool isOpen() const { return mFd.valid(); }
     // Appends; returns the number of bytes taken (size, or 0 after a failure).
     size_t write(const void* data, size_t size);
     // Appends and hands the bytes to the file at once (a chunk of samples). False on failure.
@@ -46,7 +47,7 @@ private:
     // (ENOSPC for a write that made no progress) and returns false.
     bool writeAll(const uint8_t* data, size_t size);
 
-    int mFd;
+    UniqueFd mFd;
     Env* const mEnv;
     int64_t mFilePosition;         // bytes handed to the file
     std::vector<uint8_t> mBuffer;  // bytes that follow them, not yet handed over

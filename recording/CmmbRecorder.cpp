@@ -43,10 +43,6 @@ CmmbRecorder::CmmbRecorder()
       mBaseTimestamp(0),
       mWaitForIdr(false),
       mAudioStarted(false),
-      mWriter(nullptr),
-      mVideoSource(nullptr),
-      mAudioSource(nullptr),
-      mOutputFd(-1),
       mMaxFileSize(kDefaultMaxFileSize),
       mSampleScratch(new _CmmbOutBuffer),
       mParameterSetScratch(new _CmmbOutBuffer) {}
@@ -56,10 +52,6 @@ CmmbRecorder::~CmmbRecorder() {
     if (mWriter != nullptr) {
         mWriter->stop();
         releaseWriter();
-    }
-    if (mOutputFd >= 0) {
-        ::close(mOutputFd);
-        mOutputFd = -1;
     }
 }
 
@@ -84,12 +76,8 @@ int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
         ALOGE("setOutputFile: offset %lld and length %lld are not supported", offset, length);
         return ERROR_INVALID;
     }
-    if (mOutputFd >= 0) {
-        ::close(mOutputFd);
-        mOutputFd = -1;
-    }
-    mOutputFd = duplicateCloseOnExec(fd);
-    if (mOutputFd < 0) {
+    mOutputFd.reset(duplicateCloseOnExec(fd));
+    if (!mOutputFd) {
         ALOGE("dup of the output descriptor failed: %s", strerror(errno));
         return ERROR_INVALID;
     }
@@ -171,20 +159,19 @@ int CmmbRecorder::stop() {
     int result = mWriter->stop();
     releaseWriter();
 
-    if (mOutputFd >= 0) {
-        if (result == 0 && Env::current()->fsync(mOutputFd) != 0) {
+    if (mOutputFd) {
+        if (result == 0 && Env::current()->fsync(mOutputFd.get()) != 0) {
             ALOGD("error reason is %s", strerror(errno));
             result = -1;
         }
-        ::close(mOutputFd);
-        mOutputFd = -1;
+        mOutputFd.reset();
     }
     return result;
 }
 
 int CmmbRecorder::outputFd() {
     std::lock_guard<std::mutex> guard(mLock);
-    return mOutputFd;
+    return mOutputFd.get();
 }
 
 int CmmbRecorder::writeError() {
@@ -203,17 +190,17 @@ int CmmbRecorder::reset() {
 }
 
 int CmmbRecorder::startMPEG4Recording() {
-    int fd = duplicateCloseOnExec(mOutputFd);
+    int fd = duplicateCloseOnExec(mOutputFd.get());
     if (fd < 0) {
         ALOGE("dup mOutputFd failed");
         return ERROR_INVALID;
     }
-    mWriter = new CmmbMPEG4Writer(fd);
+    mWriter.reset(new CmmbMPEG4Writer(fd));
 
-    mVideoSource = new CmmbMediaSource(kVideoFormat);
-    mWriter->addSource(mVideoSource);
-    mAudioSource = new CmmbMediaSource(kAudioFormat);
-    mWriter->addSource(mAudioSource);
+    mVideoSource.reset(new CmmbMediaSource(kVideoFormat));
+    mWriter->addSource(mVideoSource.get());
+    mAudioSource.reset(new CmmbMediaSource(kAudioFormat));
+    mWriter->addSource(mAudioSource.get());
 
     mWriter->setMaxFileSize(mMaxFileSize);
     _CmmbMetaData meta = startParameters();
@@ -222,12 +209,9 @@ int CmmbRecorder::startMPEG4Recording() {
 
 void CmmbRecorder::releaseWriter() {
     // The writer keeps pointers to the track descriptors: it goes first.
-    delete mWriter;
-    mWriter = nullptr;
-    delete mVideoSource;
-    mVideoSource = nullptr;
-    delete mAudioSource;
-    mAudioSource = nullptr;
+    mWriter.reset();
+    mVideoSource.reset();
+    mAudioSource.reset();
     resetManagerState();
 }
 

@@ -23,6 +23,7 @@
 #include <mutex>
 
 #include "CmmbMediaTypes.h"
+#include "UniqueHandle.h"
 
 class CmmbMPEG4Writer;
 
@@ -86,12 +87,13 @@ private:
     void resetManagerState();
 
     std::mutex mLock;
-    // Guarded by mLock.
-    CmmbMPEG4Writer* mWriter;       // owned; null when no recording is in progress
-    CmmbMediaSource* mVideoSource;  // owned; handed to the writer as track 1
-    CmmbMediaSource* mAudioSource;  // owned; handed to the writer as track 2
-    int mOutputFd;                  // owned duplicate of the caller's descriptor, or -1
-    long long mMaxFileSize;         // handed to the writer at start
+    // Guarded by mLock. The writer keeps pointers to the track descriptors: they are
+    // declared before it so that it goes first.
+    std::unique_ptr<CmmbMediaSource> mVideoSource;  // handed to the writer as track 1
+    std::unique_ptr<CmmbMediaSource> mAudioSource;  // handed to the writer as track 2
+    std::unique_ptr<CmmbMPEG4Writer> mWriter;       // null when no recording is in progress
+    UniqueFd mOutputFd;      // duplicate of the caller's descriptor, or empty
+    long long mMaxFileSize;  // handed to the writer at start
     // The sample records the recording manager fills while it holds the recorder's lock,
     // allocated once with the recorder so that no frame allocates. Two blocks of 64 KiB
     // rather than one of 128 KiB: malloc and the sanitizers' allocators give a block of

@@ -59,34 +59,29 @@ MBBMSRecManager* MBBMSRecManager::getInstance() {
     return instance;
 }
 
-MBBMSRecManager::MBBMSRecManager() : mRecorder{nullptr, nullptr} {}
+MBBMSRecManager::MBBMSRecManager() = default;
 
-MBBMSRecManager::~MBBMSRecManager() {
-    for (CmmbRecorder*& recorder : mRecorder) {
-        delete recorder;
-        recorder = nullptr;
-    }
-}
+MBBMSRecManager::~MBBMSRecManager() = default;
 
 CmmbRecorder* MBBMSRecManager::getRecorder(int session) {
     if (!isEngineSession(session))
         return nullptr;
-    return mRecorder[session];
+    return mRecorder[session].get();
 }
 
 int MBBMSRecManager::startRecording(int session, int fd) {
     logStart(session, __func__);
     if (!isEngineSession(session))
         return -1;
-    CmmbRecorder* leftover = detachLeftover(session, __func__);
+    std::unique_ptr<CmmbRecorder> leftover = detachLeftover(session, __func__);
     if (leftover != nullptr && stopAndDelete(leftover, __func__) != 0) {
-        keepFailedRecorder(session, leftover);
+        keepFailedRecorder(session, std::move(leftover));
         return -1;
     }
-    CmmbRecorder* recorder = createRecorder(fd, __func__);
+    std::unique_ptr<CmmbRecorder> recorder = createRecorder(fd, __func__);
     if (recorder == nullptr)
         return -1;
-    installRecorder(session, recorder, __func__);
+    installRecorder(session, std::move(recorder), __func__);
     return 0;
 }
 
@@ -94,9 +89,9 @@ int MBBMSRecManager::stopRecording(int session) {
     logStop(__func__);
     if (!isEngineSession(session))
         return -1;
-    CmmbRecorder* recorder = detachRecorder(session);
+    std::unique_ptr<CmmbRecorder> recorder = detachRecorder(session);
     if (recorder != nullptr && stopAndDelete(recorder, __func__) != 0) {
-        keepFailedRecorder(session, recorder);
+        keepFailedRecorder(session, std::move(recorder));
         return -1;
     }
     logStopped(__func__);
@@ -115,63 +110,59 @@ void MBBMSRecManager::logStopped(const char* operation) {
     TLOG_FOR(operation, RECORD, "exit successfully");
 }
 
-CmmbRecorder* MBBMSRecManager::detachRecorder(int session) {
+std::unique_ptr<CmmbRecorder> MBBMSRecManager::detachRecorder(int session) {
     if (!isEngineSession(session))
         return nullptr;
-    CmmbRecorder* recorder = mRecorder[session];
-    mRecorder[session] = nullptr;
-    return recorder;
+    return std::move(mRecorder[session]);
 }
 
-CmmbRecorder* MBBMSRecManager::detachLeftover(int session, const char* operation) {
-    CmmbRecorder* leftover = detachRecorder(session);
+std::unique_ptr<CmmbRecorder> MBBMSRecManager::detachLeftover(int session, const char* operation) {
+    std::unique_ptr<CmmbRecorder> leftover = detachRecorder(session);
     if (leftover != nullptr)
         TLOG_FOR(operation, WARNING, "leftover of pRecorder");
     return leftover;
 }
 
-int MBBMSRecManager::stopAndDelete(CmmbRecorder*& recorder, const char* operation) {
+int MBBMSRecManager::stopAndDelete(std::unique_ptr<CmmbRecorder>& recorder, const char* operation) {
     if (recorder->stop() != 0) {
         TLOG_FOR(operation, ERROR, "cannot stop the pRecorder!");
         return -1;
     }
-    delete recorder;
-    recorder = nullptr;
+    recorder.reset();
     return 0;
 }
 
-bool MBBMSRecManager::restoreRecorder(int session, CmmbRecorder* recorder) {
+bool MBBMSRecManager::restoreRecorder(int session, std::unique_ptr<CmmbRecorder>& recorder) {
     if (!isEngineSession(session) || mRecorder[session] != nullptr)
         return false;
-    mRecorder[session] = recorder;
+    mRecorder[session] = std::move(recorder);
     return true;
 }
 
-void MBBMSRecManager::keepFailedRecorder(int session, CmmbRecorder* recorder) {
-    // The slot was emptied by the same call: nothing else fills it here.
-    if (!restoreRecorder(session, recorder))
-        delete recorder;
+void MBBMSRecManager::keepFailedRecorder(int session, std::unique_ptr<CmmbRecorder> recorder) {
+    // The slot was emptied by the same call: nothing else fills it here. A recorder the slot
+    // does not take goes with `recorder`.
+    restoreRecorder(session, recorder);
 }
 
-CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
-    CmmbRecorder* recorder = new CmmbRecorder();
+std::unique_ptr<CmmbRecorder> MBBMSRecManager::createRecorder(int fd, const char* operation) {
+    std::unique_ptr<CmmbRecorder> recorder(new CmmbRecorder());
     recorder->init();
     if (recorder->setOutputFile(fd, 0, 0) != 0) {
         TLOG_FOR(operation, ERROR, "pRecorder->setOutputFile failed!");
-        delete recorder;
         return nullptr;
     }
     if (recorder->start() != 0) {
         TLOG_FOR(operation, ERROR, "pRecorder->start() failed!");
-        delete recorder;
         return nullptr;
     }
     return recorder;
 }
 
-void MBBMSRecManager::installRecorder(int session, CmmbRecorder* recorder, const char* operation) {
+void MBBMSRecManager::installRecorder(int session, std::unique_ptr<CmmbRecorder> recorder,
+                                      const char* operation) {
     TAVO_ASSERT(isEngineSession(session) && mRecorder[session] == nullptr);
-    mRecorder[session] = recorder;
+    mRecorder[session] = std::move(recorder);
     TLOG_FOR(operation, RECORD, "pRecorder->start() Done!");
 }
 

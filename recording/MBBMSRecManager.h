@@ -20,10 +20,11 @@
 #define TAVO_RECORDING_MBBMS_REC_MANAGER_H
 
 #include <cstdint>
+#include <memory>
 
+#include "CmmbRecorder.h"
 #include "EngineSessions.h"
 
-class CmmbRecorder;
 struct _CmmbOutBuffer;
 
 class MBBMSRecManager {
@@ -57,25 +58,26 @@ public:
     void logStop(const char* operation);
     // The last line of a stop that completed its recorder: "exit successfully".
     void logStopped(const char* operation);
-    // Empties the session's slot and returns the recorder it held (the caller owns it), or
-    // null. REQUIRES: no frame of the session in progress on another thread.
-    CmmbRecorder* detachRecorder(int session);
+    // Empties the session's slot and returns the recorder it held, or null.
+    // REQUIRES: no frame of the session in progress on another thread.
+    std::unique_ptr<CmmbRecorder> detachRecorder(int session);
     // As detachRecorder, for a start that finds a recorder in the slot: logs
     // "leftover of pRecorder" when there is one.
-    CmmbRecorder* detachLeftover(int session, const char* operation);
-    // Stops a detached recorder. On success deletes it, clears `recorder` and returns 0;
-    // otherwise logs "cannot stop the pRecorder!", returns -1 and leaves it to the caller,
-    // who puts it back with restoreRecorder.
-    static int stopAndDelete(CmmbRecorder*& recorder, const char* operation);
+    std::unique_ptr<CmmbRecorder> detachLeftover(int session, const char* operation);
+    // Stops a detached recorder. On success deletes it (`recorder` is empty afterwards) and
+    // returns 0; otherwise logs "cannot stop the pRecorder!", returns -1 and leaves it to
+    // the caller, who puts it back with restoreRecorder.
+    static int stopAndDelete(std::unique_ptr<CmmbRecorder>& recorder, const char* operation);
     // Puts a recorder whose stop failed back into the session's slot, where the next start
-    // meets it as a leftover. False (the caller keeps it) when the slot is taken meanwhile.
-    // REQUIRES: as detachRecorder.
-    bool restoreRecorder(int session, CmmbRecorder* recorder);
+    // meets it as a leftover; `recorder` is empty afterwards. False (the caller keeps it)
+    // when the slot is taken meanwhile. REQUIRES: as detachRecorder.
+    bool restoreRecorder(int session, std::unique_ptr<CmmbRecorder>& recorder);
     // A started recorder writing to fd, or null (the reason is logged).
-    static CmmbRecorder* createRecorder(int fd, const char* operation);
+    static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation);
     // Puts a recorder from createRecorder into the empty slot of the session.
     // REQUIRES: as detachRecorder.
-    void installRecorder(int session, CmmbRecorder* recorder, const char* operation);
+    void installRecorder(int session, std::unique_ptr<CmmbRecorder> recorder,
+                         const char* operation);
     // The recorder's results, or -1 when the session has no recorder.
     int setMaxFileSize(int session, long long bytes);
     long long queryCurrentMoovLength(int session);
@@ -90,14 +92,14 @@ public:
 
 private:
     // Puts back a recorder whose stop failed in startRecording or stopRecording.
-    void keepFailedRecorder(int session, CmmbRecorder* recorder);
+    void keepFailedRecorder(int session, std::unique_ptr<CmmbRecorder> recorder);
     // REQUIRES: recorder's lock held.
     int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
     int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
     void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
 
-    CmmbRecorder*
-        mRecorder[kEngineSessions];  // owned; see the class comment for who may touch them
+    // See the class comment for who may touch them.
+    std::unique_ptr<CmmbRecorder> mRecorder[kEngineSessions];
 };
 
 #endif  // TAVO_RECORDING_MBBMS_REC_MANAGER_H

@@ -169,32 +169,34 @@ int RecordingControl::startRecording(int session, int fd) {
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
     // A recording in progress, or a leftover, is detached while frames are held off and
     // stopped here, outside.
-    CmmbRecorder* leftover;
+    std::unique_ptr<CmmbRecorder> leftover;
     {
         FramesHeldOff heldOff(mHost);
         manager->logStart(session, kStartRecording);
         leftover = manager->detachLeftover(session, kStartRecording);
     }
     if (leftover != nullptr && MBBMSRecManager::stopAndDelete(leftover, kStartRecording) != 0) {
-        keepFailedRecorder(session, leftover);
+        keepFailedRecorder(session, std::move(leftover));
         return -1;
     }
 
     // The new file gets its first bytes before frames are held off again.
-    CmmbRecorder* recorder = MBBMSRecManager::createRecorder(fd, kStartRecording);
+    std::unique_ptr<CmmbRecorder> recorder = MBBMSRecManager::createRecorder(fd, kStartRecording);
     if (recorder == nullptr)
         return -1;
-    CmmbRecorder* raced;
+    std::unique_ptr<CmmbRecorder> raced;
     {
         FramesHeldOff heldOff(mHost);
         // Another thread may have started the session meanwhile, or put back a recorder
         // whose stop failed: the later start wins, as if it had come second.
         raced = manager->detachRecorder(session);
-        manager->installRecorder(session, recorder, kStartRecording);
+        manager->installRecorder(session, std::move(recorder), kStartRecording);
         mIsRecording[session].store(true);
     }
-    if (raced != nullptr && MBBMSRecManager::stopAndDelete(raced, kStartRecording) != 0)
-        delete raced;  // its slot is taken: nothing can complete it later
+    // One whose stop fails is deleted all the same: its slot is taken, nothing can complete
+    // it later.
+    if (raced != nullptr)
+        MBBMSRecManager::stopAndDelete(raced, kStartRecording);
     return 0;
 }
 
@@ -211,33 +213,34 @@ int RecordingControl::stopRecording(int session) {
     if (mayWaitForCompletions())
         waitForCompletion(session);
     MBBMSRecManager* manager = MBBMSRecManager::getInstance();
-    CmmbRecorder* recorder;
+    std::unique_ptr<CmmbRecorder> recorder;
     {
         FramesHeldOff heldOff(mHost);
         manager->logStop(kStopRecording);
         recorder = manager->detachRecorder(session);
     }
     // The file is completed outside.
-    return completeDetached(session, recorder, kStopRecording);
+    return completeDetached(session, std::move(recorder), kStopRecording);
 }
 
-int RecordingControl::completeDetached(int session, CmmbRecorder* recorder, const char* operation) {
+int RecordingControl::completeDetached(int session, std::unique_ptr<CmmbRecorder> recorder,
+                                       const char* operation) {
     if (recorder != nullptr && MBBMSRecManager::stopAndDelete(recorder, operation) != 0) {
-        keepFailedRecorder(session, recorder);
+        keepFailedRecorder(session, std::move(recorder));
         return -1;
     }
     MBBMSRecManager::getInstance()->logStopped(operation);
     return 0;
 }
 
-void RecordingControl::keepFailedRecorder(int session, CmmbRecorder* recorder) {
-    bool restored;
+void RecordingControl::keepFailedRecorder(int session, std::unique_ptr<CmmbRecorder> recorder) {
     {
         FramesHeldOff heldOff(mHost);
-        restored = MBBMSRecManager::getInstance()->restoreRecorder(session, recorder);
+        MBBMSRecManager::getInstance()->restoreRecorder(session, recorder);
     }
-    if (!restored)
-        delete recorder;  // a newer recording has the slot
+    // One the slot did not take (a newer recording has it) is deleted here, with frames
+    // flowing again.
+    recorder.reset();
 }
 
 bool RecordingControl::isRecording(int session) const {
@@ -304,7 +307,7 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
     }
     {
         std::lock_guard<std::mutex> guard(mLock);
-        mQueue.push_back(ended);
+        mQueue.push_back(std::move(ended));
         // The thread ends in finishPending (deinit); a recording that survived it and ends
         // now starts it again. One being joined is not waited for: the joiner completes
         // what it left. When none can be started, the next stop or start completes the queue.
@@ -315,7 +318,7 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
 }
 
 void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
-    const PendingCompletion ended = mQueue.front();
+    PendingCompletion ended = std::move(mQueue.front());
     mQueue.pop_front();
     ++mCompleting[ended.session];
     lock.unlock();
@@ -323,7 +326,7 @@ void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
     if (ended.reason != EndReason::NO_SDCARD) {
         // The manager's stop, as the application's stopRecording logs it.
         MBBMSRecManager::getInstance()->logStop(kStopRecording);
-        completed = completeDetached(ended.session, ended.recorder, kStopRecording);
+        completed = completeDetached(ended.session, std::move(ended.recorder), kStopRecording);
     }
     reportEnd(ended, completed);
     lock.lock();

@@ -31,6 +31,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 #include "CmmbFrameCopy.h"
@@ -82,7 +83,7 @@ private:
     enum class EndReason { NO_SDCARD, STORAGE_FULL, CHAIN_FAILURE };
     struct PendingCompletion {
         int session = 0;
-        CmmbRecorder* recorder = nullptr;  // owned while pending; null for NO_SDCARD
+        std::unique_ptr<CmmbRecorder> recorder;  // null for NO_SDCARD
         EndReason reason = EndReason::CHAIN_FAILURE;
         int recorded = 0;    // dataRecording's result for CHAIN_FAILURE
         int writeError = 0;  // errno of the failed write, 0 when none
@@ -99,9 +100,10 @@ private:
     // Stops a detached recorder (null: nothing to stop) as part of `operation`; one whose
     // stop fails goes back into the session's slot. Logs "exit successfully" on success.
     // 0 or -1.
-    int completeDetached(int session, CmmbRecorder* recorder, const char* operation);
+    int completeDetached(int session, std::unique_ptr<CmmbRecorder> recorder,
+                         const char* operation);
     // Puts a recorder whose stop failed back into the slot (deleted when the slot is taken).
-    void keepFailedRecorder(int session, CmmbRecorder* recorder);
+    void keepFailedRecorder(int session, std::unique_ptr<CmmbRecorder> recorder);
     // Logs and sends the event of a recording that ended in the frame path.
     void reportEnd(const PendingCompletion& ended, int completed);
     // Waits until no completion of the session is queued or in progress. Returns at once on

@@ -1,7 +1,6 @@
 // The scriptable fake tuner agent used by the tests: it records every call with its
 // arguments, returns what the test configures, and plays callbacks on a thread of its own.
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdio>
 #include <deque>
 #include <map>
@@ -13,6 +12,7 @@
 
 #include "FakeAgentControl.h"
 #include "FakeBroadcast.h"
+#include "FormatString.h"
 #include "MBBMSAgent.h"
 
 namespace {
@@ -25,16 +25,6 @@ FakeAgentControl* gLastAgent = nullptr;
 __attribute__((constructor)) void onLibraryLoaded() {
     std::lock_guard<std::mutex> guard(gGlobalsLock);
     ++gLoadCount;
-}
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    char buffer[512];
-    va_list args;
-    va_start(args, fmt);
-    vsnprintf(buffer, sizeof(buffer), fmt, args);
-    va_end(args);
-    return buffer;
 }
 
 // Runs queued work on one thread of the agent's own, as a vendor stack would.
@@ -145,8 +135,8 @@ public:
             std::lock_guard<std::mutex> guard(mLock);
             mCallback = cb;
         }
-        return record("init", format("init(%s, %s, %s)", cb != nullptr ? "callback" : "null",
-                                     dir ? dir : "null", dir2 ? dir2 : "null"));
+        return record("init", formatString("init(%s, %s, %s)", cb != nullptr ? "callback" : "null",
+                                           dir ? dir : "null", dir2 ? dir2 : "null"));
     }
     int deinit() override {
         if (mBroadcast)
@@ -164,15 +154,15 @@ public:
     int preInitStep2() override { return record("preInitStep2", "preInitStep2()"); }
     int setPreference(const Preference* pref) override {
         return record("setPreference",
-                      format("setPreference(%s)", pref != nullptr ? pref->apn : "null"));
+                      formatString("setPreference(%s)", pref != nullptr ? pref->apn : "null"));
     }
     int startScan(int* freqDots, int count) override {
         std::string line = "startScan(";
         for (int i = 0; freqDots != nullptr && i < count; ++i)
-            line += format("%d ", freqDots[i]);
+            line += formatString("%d ", freqDots[i]);
         if (mBroadcast)
             broadcastScan(freqDots, count);
-        return record("startScan", line + format("count=%d)", count));
+        return record("startScan", line + formatString("count=%d)", count));
     }
     int stopScan() override { return record("stopScan", "stopScan()"); }
     int setFrequency(int freqDot) override {
@@ -180,7 +170,7 @@ public:
             std::lock_guard<std::mutex> guard(mLock);
             mFrequency = freqDot;
         }
-        return record("setFrequency", format("setFrequency(%d)", freqDot));
+        return record("setFrequency", formatString("setFrequency(%d)", freqDot));
     }
     int getFrequency() override {
         int current;
@@ -195,9 +185,10 @@ public:
     }
     int startService(int* channelID, int freqDot, int start, int count, int mod,
                      IsmaPara* isma) override {
-        int result = record("startService",
-                            format("startService(%d, %d, %d, %d, serviceID=%d)", freqDot, start,
-                                   count, mod, isma != nullptr ? isma->serviceID : -1));
+        int result =
+            record("startService",
+                   formatString("startService(%d, %d, %d, %d, serviceID=%d)", freqDot, start, count,
+                                mod, isma != nullptr ? isma->serviceID : -1));
         std::lock_guard<std::mutex> guard(mLock);
         if (channelID != nullptr)
             *channelID = mHasFixedChannelID ? mFixedChannelID : mNextChannelID;
@@ -211,29 +202,29 @@ public:
     int stopService(int channelID) override {
         if (mBroadcast)
             mBroadcast->stop();
-        return record("stopService", format("stopService(%d)", channelID));
+        return record("stopService", formatString("stopService(%d)", channelID));
     }
     int startUpdateTS0(int freqDot) override {
         if (mBroadcast)
             broadcastTs0(freqDot);
-        return record("startUpdateTS0", format("startUpdateTS0(%d)", freqDot));
+        return record("startUpdateTS0", formatString("startUpdateTS0(%d)", freqDot));
     }
     int stopUpdateTS0() override { return record("stopUpdateTS0", "stopUpdateTS0()"); }
     int startUpdateESG(int freqDot, int start, int count, int mod) override {
         if (mBroadcast)
             postToAgentThread([](MBBMSAgentCallback* cb) { cb->onESGUpdated(true); });
         return record("startUpdateESG",
-                      format("startUpdateESG(%d, %d, %d, %d)", freqDot, start, count, mod));
+                      formatString("startUpdateESG(%d, %d, %d, %d)", freqDot, start, count, mod));
     }
     int stopUpdateESG() override { return record("stopUpdateESG", "stopUpdateESG()"); }
     int requestInitGBA(int force) override {
         complete([](MBBMSAgentCallback* cb) { cb->onRequestInitGBA(true); });
-        return record("requestInitGBA", format("requestInitGBA(%d)", force));
+        return record("requestInitGBA", formatString("requestInitGBA(%d)", force));
     }
     int requestUpdateSG(const char* areaName) override {
         complete([](MBBMSAgentCallback* cb) { cb->onRequestUpdateSG(true, "sg", ""); });
         return record("requestUpdateSG",
-                      format("requestUpdateSG(%s)", areaName ? areaName : "null"));
+                      formatString("requestUpdateSG(%s)", areaName ? areaName : "null"));
     }
     int requestSubscribeService(const char* const* ids, int count) override {
         complete([](MBBMSAgentCallback* cb) { cb->onRequestSubscribeService(true); });
@@ -258,7 +249,7 @@ public:
         return record("requestUpdateST", "requestUpdateST()");
     }
     int cancelMBBMSRequest(int request) override {
-        return record("cancelMBBMSRequest", format("cancelMBBMSRequest(%d)", request));
+        return record("cancelMBBMSRequest", formatString("cancelMBBMSRequest(%d)", request));
     }
 
 private:
@@ -319,7 +310,7 @@ private:
             line += ids[i] != nullptr ? ids[i] : "null";
             line += " ";
         }
-        return line + format("count=%d)", count);
+        return line + formatString("count=%d)", count);
     }
 
     std::mutex mLock;

@@ -3,22 +3,9 @@
 #include <cstdio>
 
 #include "ElementaryStreams.h"
+#include "WholeFile.h"
 
 namespace {
-
-bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes) {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
-        return false;
-    bytes->clear();
-    uint8_t chunk[16384];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), file)) > 0)
-        bytes->insert(bytes->end(), chunk, chunk + n);
-    bool ok = ferror(file) == 0;
-    fclose(file);
-    return ok;
-}
 
 bool isSliceType(int type) {
     return type == 1 || type == 5;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ProcessPaths.h"
 #include "UniqueHandle.h"
 
 namespace {
@@ -69,16 +69,6 @@ int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
     return 0;
 }
 
-std::string executableDirectory() {
-    char path[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0)
-        return ".";
-    path[length] = '\0';
-    std::string full(path);
-    return full.substr(0, full.rfind('/'));
-}
-
 }  // namespace
 
 std::string findCheckingProxy() {
@@ -86,15 +76,6 @@ std::string findCheckingProxy() {
     const std::string candidate =
         here + "/" + TAVO_AGENTCHECK_INSTALLED_PROXY_DIR + "/" + kProxyName;
     return access(candidate.c_str(), R_OK) == 0 ? candidate : "";
-}
-
-std::string absolutePath(const std::string& path) {
-    if (!path.empty() && path[0] == '/')
-        return path;
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof(cwd)) == nullptr)
-        return path;
-    return std::string(cwd) + "/" + path;
 }
 
 CheckRoot::~CheckRoot() {

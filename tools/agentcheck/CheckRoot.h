@@ -38,7 +38,5 @@ private:
 // The checking proxy beside this program, or in the installed library directory relative to
 // it; "" when there is none.
 std::string findCheckingProxy();
-// An absolute form of path.
-std::string absolutePath(const std::string& path);
 
 #endif  // TAVO_TOOLS_AGENTCHECK_CHECK_ROOT_H

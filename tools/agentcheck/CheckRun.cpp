@@ -9,6 +9,7 @@
 #include <cstring>
 #include <thread>
 
+#include "ProcessPaths.h"
 #include "UniqueHandle.h"
 
 using std::chrono::milliseconds;

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "UniqueHandle.h"
+
 namespace {
 
 const int kCommandWaitMs = 5;
@@ -20,7 +22,6 @@ FrameReader::~FrameReader() {
     mStop.store(true);
     if (mThread.joinable())
         mThread.join();
-    tavo_pe_destroy(mPlayEngine);  // also removes its own socket path
 }
 
 bool FrameReader::start(std::string* error) {
@@ -28,13 +29,13 @@ bool FrameReader::start(std::string* error) {
         *error = "socket path empty or too long";
         return false;
     }
-    const int status = tavo_pe_connect(mPlayEngine, kConnectWaitMs);
+    const int status = tavo_pe_connect(mPlayEngine.get(), kConnectWaitMs);
     if (status != TAVO_PE_OK) {
         *error = std::string("connecting to the engine: ") + tavo_pe_status_text(status);
         return false;
     }
-    mBuffersMapped.store(tavo_pe_region(mPlayEngine, 0) != nullptr &&
-                         tavo_pe_region(mPlayEngine, 1) != nullptr);
+    mBuffersMapped.store(tavo_pe_region(mPlayEngine.get(), 0) != nullptr &&
+                         tavo_pe_region(mPlayEngine.get(), 1) != nullptr);
     mThread = std::thread(&FrameReader::run, this);
     return true;
 }
@@ -47,7 +48,7 @@ void FrameReader::run() {
             continue;
         }
         tavo_pe_command command;
-        const int status = tavo_pe_next_command(mPlayEngine, &command, kCommandWaitMs);
+        const int status = tavo_pe_next_command(mPlayEngine.get(), &command, kCommandWaitMs);
         if (status == TAVO_PE_OK) {
             answer(command);
         } else if (status != TAVO_PE_TIMEOUT) {
@@ -60,20 +61,20 @@ void FrameReader::run() {
 }
 
 void FrameReader::answer(const tavo_pe_command& command) {
-    if (command.fd >= 0)
-        close(command.fd);  // nothing is written into it
+    // The passed descriptor is this reader's: nothing is written into it, it is closed here.
+    const UniqueFd passed(command.fd);
     if (command.kind == TAVO_PE_CMD_CAPTURE) {
-        tavo_pe_send_indication(mPlayEngine, IMAGE_CAPTURE_FAIL);
+        tavo_pe_send_indication(mPlayEngine.get(), IMAGE_CAPTURE_FAIL);
         mCaptures.fetch_add(1);
     }
 }
 
 void FrameReader::fetchFrame(int session) {
     tavo_pe_frame frame;
-    if (tavo_pe_wait_frame(mPlayEngine, session, 0, &frame) != TAVO_PE_OK)
+    if (tavo_pe_wait_frame(mPlayEngine.get(), session, 0, &frame) != TAVO_PE_OK)
         return;
     const bool hasData = frame.nal_count != 0 || frame.aac_count != 0;
-    tavo_pe_release_frame(mPlayEngine, &frame);
+    tavo_pe_release_frame(mPlayEngine.get(), &frame);
     if (hasData)
         mFetched[session].fetch_add(1);
 }

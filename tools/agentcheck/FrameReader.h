@@ -9,6 +9,7 @@
 #define TAVO_TOOLS_AGENTCHECK_FRAME_READER_H
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -33,7 +34,12 @@ private:
     void answer(const tavo_pe_command& command);
     void fetchFrame(int session);
 
-    tavo_pe* const mPlayEngine;  // owned; the reader thread's once started
+    // Destroying the play engine also removes its own socket path.
+    struct PlayEngineRelease {
+        void operator()(tavo_pe* playEngine) const { tavo_pe_destroy(playEngine); }
+    };
+    // The reader thread's once started; goes after the thread is joined.
+    const std::unique_ptr<tavo_pe, PlayEngineRelease> mPlayEngine;
     std::atomic<bool> mBuffersMapped{false};
     std::atomic<long> mFetched[CMMB_SHARED_BUFFER_COUNT];
     std::atomic<long> mCaptures{0};

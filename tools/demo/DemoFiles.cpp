@@ -7,10 +7,26 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 
+#include "UniqueHandle.h"
+#include "WholeFile.h"
+
 namespace demofiles {
+
+namespace {
+
+// Writes all of `bytes` to a file opened with `mode`; true when they all reached the file.
+bool writeWholeFile(const std::string& path, const char* mode, const std::string& bytes) {
+    UniqueFile out(fopen(path.c_str(), mode));
+    if (!out)
+        return false;
+    const bool written = fwrite(bytes.data(), 1, bytes.size(), out.get()) == bytes.size();
+    // Flushed here so that a failed write shows; the handle only closes the stream.
+    return fflush(out.get()) == 0 && written;
+}
+
+}  // namespace
 
 bool makeDirectories(const std::string& path) {
     std::string partial;
@@ -32,39 +48,22 @@ bool copyFile(const std::string& from, const std::string& to) {
     if (!readFile(from, &bytes))
         return false;
     std::string temporary = to + ".part";
-    FILE* out = fopen(temporary.c_str(), "wb");
-    if (out == nullptr)
+    if (!writeWholeFile(temporary, "wb", bytes))
         return false;
-    bool ok = fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
-    ok = fclose(out) == 0 && ok;
     struct stat info;
-    if (ok && stat(from.c_str(), &info) == 0)
+    if (stat(from.c_str(), &info) == 0)
         chmod(temporary.c_str(), info.st_mode & 0777);
     // Renamed into place: a library that a running process has mapped is replaced, not
     // overwritten under it.
-    return ok && rename(temporary.c_str(), to.c_str()) == 0;
+    return rename(temporary.c_str(), to.c_str()) == 0;
 }
 
 bool writeTextFile(const std::string& path, const std::string& text) {
-    FILE* out = fopen(path.c_str(), "w");
-    if (out == nullptr)
-        return false;
-    bool ok = fwrite(text.data(), 1, text.size(), out) == text.size();
-    return fclose(out) == 0 && ok;
+    return writeWholeFile(path, "w", text);
 }
 
 bool readFile(const std::string& path, std::string* bytes) {
-    FILE* in = fopen(path.c_str(), "rb");
-    if (in == nullptr)
-        return false;
-    bytes->clear();
-    char chunk[65536];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), in)) > 0)
-        bytes->append(chunk, n);
-    bool ok = ferror(in) == 0;
-    fclose(in);
-    return ok;
+    return readWholeFile(path, bytes);
 }
 
 long long fileSize(const std::string& path) {
@@ -87,37 +86,16 @@ bool isExecutable(const std::string& path) {
 
 std::vector<std::string> listDirectory(const std::string& path) {
     std::vector<std::string> names;
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr)
+    const UniqueDir dir(opendir(path.c_str()));
+    if (!dir)
         return names;
-    while (struct dirent* entry = readdir(dir)) {
+    while (struct dirent* entry = readdir(dir.get())) {
         std::string name = entry->d_name;
         if (name != "." && name != "..")
             names.push_back(name);
     }
-    closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string executableDirectory() {
-    char path[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (n <= 0)
-        return ".";
-    path[n] = '\0';
-    std::string full(path);
-    size_t slash = full.rfind('/');
-    return slash == std::string::npos ? "." : full.substr(0, slash);
-}
-
-std::string absolutePath(const std::string& path) {
-    if (!path.empty() && path[0] == '/')
-        return path;
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof(cwd)) == nullptr)
-        return path;
-    return std::string(cwd) + "/" + path;
 }
 
 }  // namespace demofiles

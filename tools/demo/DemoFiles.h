@@ -19,11 +19,6 @@ bool isDirectory(const std::string& path);
 bool isExecutable(const std::string& path);
 // Names of the entries of a directory, without "." and "..", sorted.
 std::vector<std::string> listDirectory(const std::string& path);
-// The directory of the running executable.
-std::string executableDirectory();
-// An absolute form of path (relative to the current directory).
-std::string absolutePath(const std::string& path);
-
 }  // namespace demofiles
 
 #endif  // TAVO_DEMO_FILES_H

@@ -11,6 +11,8 @@
 #include "DemoFiles.h"
 #include "ExternalTool.h"
 #include "Mp4Summary.h"
+#include "ProcessPaths.h"
+#include "UniqueHandle.h"
 
 // Paths of the simulator relative to the program's directory, in the installation and in the
 // build tree alike (the build tree keeps the installed layout).
@@ -69,7 +71,7 @@ void heading(const char* text) {
 
 DemoRun::DemoRun(const DemoOptions& options)
     : mOptions(options),
-      mOut(demofiles::absolutePath(options.outDir)),
+      mOut(absolutePath(options.outDir)),
       mRoot(mOut + "/android-root"),
       mLog(mOut + "/engine.log") {}
 
@@ -258,23 +260,21 @@ bool DemoRun::runMbbmsRound() {
 }
 
 std::string DemoRun::findSimAgent() const {
-    const std::string installed =
-        demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_AGENT;
+    const std::string installed = executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_AGENT;
     if (*TAVO_DEMO_INSTALLED_SIM_AGENT != '\0' && access(installed.c_str(), R_OK) == 0)
         return installed;
     return "";
 }
 
 std::string DemoRun::findSimContent() const {
-    const std::string installed =
-        demofiles::executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_CONTENT;
+    const std::string installed = executableDirectory() + "/" + TAVO_DEMO_INSTALLED_SIM_CONTENT;
     if (*TAVO_DEMO_INSTALLED_SIM_CONTENT != '\0' && demofiles::isDirectory(installed))
         return installed;
     return "";
 }
 
 std::string DemoRun::findPlayEngine() const {
-    const std::string candidate = demofiles::executableDirectory() + "/tavo_playengine";
+    const std::string candidate = executableDirectory() + "/tavo_playengine";
     return demofiles::isExecutable(candidate) ? candidate : "";
 }
 
@@ -328,14 +328,12 @@ bool DemoRun::startServices() {
 bool DemoRun::record() {
     heading("Recording session 0");
     mRecordingPath = mOut + "/recording-session0.3gp";
-    int fd = open(mRecordingPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
+    const UniqueFd fd(open(mRecordingPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd)
         return failed("recording", "cannot create " + mRecordingPath);
     mRecordingMark = mLog.mark();
-    if (mEngine->startRecording(0, fd) != 0) {
-        close(fd);
+    if (mEngine->startRecording(0, fd.get()) != 0)
         return failed("startRecording", "refused");
-    }
     const std::string recordedFrame = "]session=0, free space=";
     auto deadline = std::chrono::steady_clock::now() + broadcastTimeout(mOptions.seconds);
     int recorded = 0;
@@ -359,7 +357,6 @@ bool DemoRun::record() {
     bool stillRecording = mEngine->isRecording(0);
     int stopResult = mEngine->stopRecording(0);
     mRecordingEnd = mLog.mark();
-    close(fd);
     if (!stillRecording)
         return failed("recording", "it stopped by itself; see " + mLog.path());
     if (stopResult != 0)
@@ -371,12 +368,12 @@ bool DemoRun::record() {
 
 bool DemoRun::snapshot() {
     mSnapshotPath = mOut + "/snapshot-session0.png";
-    int fd = open(mSnapshotPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
+    const UniqueFd fd(open(mSnapshotPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd)
         return failed("snapshot", "cannot create " + mSnapshotPath);
     int before =
         mCallback.eventCount(EVENT_CAPTURE_SUCCESS) + mCallback.eventCount(EVENT_CAPTURE_FAIL);
-    bool ok = mEngine->captureImage(0, fd) == 0 &&
+    bool ok = mEngine->captureImage(0, fd.get()) == 0 &&
               mCallback.waitUntil(
                   [this, before] {
                       return mCallback.eventCountLocked(EVENT_CAPTURE_SUCCESS) +
@@ -385,7 +382,6 @@ bool DemoRun::snapshot() {
                   },
                   milliseconds(20000)) &&
               mCallback.eventCount(EVENT_CAPTURE_SUCCESS) > 0;
-    close(fd);
     printf("snapshot       %s\n", ok ? mSnapshotPath.c_str() : "FAILED");
     return ok || failed("snapshot", "the play engine reported no image");
 }

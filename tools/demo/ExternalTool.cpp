@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "DemoFiles.h"
+#include "UniqueHandle.h"
 
 namespace externaltool {
 
@@ -31,17 +32,16 @@ int run(const std::string& program, const std::vector<std::string>& arguments,
     int pipeFds[2];
     if (pipe(pipeFds) != 0)
         return -1;
+    UniqueFd readEnd(pipeFds[0]);
+    UniqueFd writeEnd(pipeFds[1]);
     pid_t pid = fork();
-    if (pid < 0) {
-        close(pipeFds[0]);
-        close(pipeFds[1]);
+    if (pid < 0)
         return -1;
-    }
     if (pid == 0) {
-        dup2(pipeFds[1], STDOUT_FILENO);
-        dup2(pipeFds[1], STDERR_FILENO);
-        close(pipeFds[0]);
-        close(pipeFds[1]);
+        dup2(writeEnd.get(), STDOUT_FILENO);
+        dup2(writeEnd.get(), STDERR_FILENO);
+        readEnd.reset();
+        writeEnd.reset();
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(program.c_str()));
         for (const std::string& argument : arguments)
@@ -50,11 +50,11 @@ int run(const std::string& program, const std::vector<std::string>& arguments,
         execv(program.c_str(), argv.data());
         _exit(127);
     }
-    close(pipeFds[1]);
+    writeEnd.reset();  // the output ends when the program closes its copies
     output->clear();
     char chunk[4096];
     ssize_t n;
-    while ((n = read(pipeFds[0], chunk, sizeof(chunk))) != 0) {
+    while ((n = read(readEnd.get(), chunk, sizeof(chunk))) != 0) {
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -62,7 +62,7 @@ int run(const std::string& program, const std::vector<std::string>& arguments,
         }
         output->append(chunk, static_cast<size_t>(n));
     }
-    close(pipeFds[0]);
+    readEnd.reset();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <thread>
 
+#include "UniqueHandle.h"
+
 namespace {
 
 constexpr int kStopTimeoutMs = 10000;
@@ -28,25 +30,23 @@ bool PlayEngineProcess::start(std::string* error) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
 
-    int log = open(mLogFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (log < 0) {
+    const UniqueFd log(open(mLogFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (!log) {
         *error = "cannot open " + mLogFile + ": " + strerror(errno);
         return false;
     }
     pid_t pid = fork();
     if (pid < 0) {
         *error = std::string("fork: ") + strerror(errno);
-        close(log);
         return false;
     }
     if (pid == 0) {
-        dup2(log, STDOUT_FILENO);
-        dup2(log, STDERR_FILENO);
+        dup2(log.get(), STDOUT_FILENO);
+        dup2(log.get(), STDERR_FILENO);
         execv(argv[0], argv.data());
         dprintf(STDERR_FILENO, "cannot run %s: %s\n", argv[0], strerror(errno));
         _exit(127);
     }
-    close(log);
     mPid = pid;
     return true;
 }
