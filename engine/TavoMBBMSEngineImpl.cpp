@@ -11,6 +11,7 @@
 #include "AndroidPaths.h"
 #include "EngineLog.h"
 #include "LogMask.h"
+#include "MutexLock.h"
 #include "Properties.h"
 #include "SessionManager.h"
 
@@ -27,7 +28,7 @@ const char kDeinit[] = "deinit";
 }  // namespace
 
 std::atomic<TavoMBBMSEngineImpl*> TavoMBBMSEngineImpl::mInstance{nullptr};
-std::mutex TavoMBBMSEngineImpl::mInstanceLock;
+Mutex TavoMBBMSEngineImpl::mInstanceLock;
 ApplicationCallbacks TavoMBBMSEngineImpl::mCallback;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsStarted{false};
 PlayEngineLink TavoMBBMSEngineImpl::mPlayEngineLink;
@@ -39,7 +40,7 @@ TavoMBBMSEngine* TavoMBBMSEngine::getInstance() {
 }
 
 TavoMBBMSEngineImpl* TavoMBBMSEngineImpl::getInstance() {
-    std::lock_guard<std::mutex> guard(mInstanceLock);
+    MutexLock guard(mInstanceLock);
     if (mInstance.load() == nullptr)
         mInstance.store(new TavoMBBMSEngineImpl());
     return mInstance.load();
@@ -126,7 +127,7 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     int result;
     {
         TLOG(SEMAPHORE, "wait mLock...");
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         TLOG(SEMAPHORE, "wait mLock...done");
         result = initLocked(callback, dir, &workDirError);
     }
@@ -230,12 +231,12 @@ int TavoMBBMSEngineImpl::deinit() {
         return -1;
     }
 
-    std::lock_guard<std::mutex> serialised(mDeinitLock);
+    MutexLock serialised(mDeinitLock);
     unsigned registration;
     bool wasInitialized;
     {
         TLOG(SEMAPHORE, "wait mLock...");
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         TLOG(SEMAPHORE, "wait mLock...done");
         registration = mCallback.generation();
         wasInitialized = deinitLocked();

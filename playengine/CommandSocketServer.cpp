@@ -198,7 +198,7 @@ void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
     // thread, it owns the command thread.
     if (!mPlayEngineLink.listeningSetUpHere())
         return;
-    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
+    std::unique_lock<Mutex> lock(engine->mLock, std::try_to_lock);
     if (!lock.owns_lock() || !engine->mCommandThreadRunning ||
         pthread_equal(pthread_self(), engine->mThreadCommand))
         return;

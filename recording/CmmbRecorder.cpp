@@ -2,6 +2,8 @@
 
 #include "CmmbRecorder.h"
 
+#include "MutexLock.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -52,7 +54,7 @@ CmmbRecorder::CmmbRecorder()
       mParameterSetScratch(new _CmmbOutBuffer) {}
 
 CmmbRecorder::~CmmbRecorder() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter != nullptr) {
         mWriter->stop();
         releaseWriter();
@@ -64,7 +66,7 @@ CmmbRecorder::~CmmbRecorder() {
 }
 
 int CmmbRecorder::init() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr)
         return 0;
     ALOGW("CmmbRecorder:  in init(), release old writer!");
@@ -79,7 +81,7 @@ int CmmbRecorder::setOutputFile(const char* /*path*/) {
 }
 
 int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (offset != 0 || length != 0) {
         ALOGE("setOutputFile: offset %lld and length %lld are not supported", offset, length);
         return ERROR_INVALID;
@@ -97,13 +99,13 @@ int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
 }
 
 int CmmbRecorder::setMaxFileSize(long long bytes) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mMaxFileSize = bytes;
     return 0;
 }
 
 long long CmmbRecorder::queryCurrentMoovLength() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -112,12 +114,12 @@ long long CmmbRecorder::queryCurrentMoovLength() {
 }
 
 int CmmbRecorder::prepare() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 
 int CmmbRecorder::start() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter != nullptr) {
         ALOGE("File writer is not avaialble");
         return ERROR_INVALID;
@@ -126,7 +128,7 @@ int CmmbRecorder::start() {
 }
 
 int CmmbRecorder::pause() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -135,7 +137,7 @@ int CmmbRecorder::pause() {
 }
 
 int CmmbRecorder::resume() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -164,7 +166,7 @@ int CmmbRecorder::writeout(_CmmbOutBuffer* buffer) {
 }
 
 int CmmbRecorder::stop() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr)
         return 0;
 
@@ -183,22 +185,22 @@ int CmmbRecorder::stop() {
 }
 
 int CmmbRecorder::outputFd() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mOutputFd;
 }
 
 int CmmbRecorder::writeError() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mWriter != nullptr ? mWriter->writeError() : 0;
 }
 
 int CmmbRecorder::close() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 
 int CmmbRecorder::reset() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 

@@ -21,10 +21,9 @@
 
 #include <cstdint>
 
+#include "CmmbRecorder.h"
 #include "EngineSessions.h"
-
-class CmmbRecorder;
-struct _CmmbOutBuffer;
+#include "ThreadAnnotations.h"
 
 class MBBMSRecManager {
 public:
@@ -86,15 +85,18 @@ public:
     // Records one frame copy. 0 when it was recorded or skipped, NO_RECORDER without a
     // recorder, otherwise the recorder's failure (ERROR_LIMIT_REACHED, ERROR_WRITE_FAILED...)
     // for the first sample it refused; the rest of the frame is then not recorded.
-    int dataRecording(CmmbRecorder* recorder, unsigned char* copy);
+    int dataRecording(CmmbRecorder* recorder, unsigned char* copy)
+        EXCLUDES(recorder->recorderLock());
 
 private:
     // Puts back a recorder whose stop failed in startRecording or stopRecording.
     void keepFailedRecorder(int session, CmmbRecorder* recorder);
-    // REQUIRES: recorder's lock held.
-    int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
-    int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
-    void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
+    int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp)
+        REQUIRES(recorder->recorderLock());
+    int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp)
+        REQUIRES(recorder->recorderLock());
+    void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length)
+        REQUIRES(recorder->recorderLock());
 
     CmmbRecorder*
         mRecorder[kEngineSessions];  // owned; see the class comment for who may touch them
