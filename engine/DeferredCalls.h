@@ -77,7 +77,7 @@ public:
     static bool insideBracket();
 
     // Keeps a call for the end of the bracket, with copies of `first` and `second`.
-    // REQUIRES: insideBracket().
+    // Only on the thread inside the bracket (insideBracket()).
     void defer(Kind kind, int value, int param, Bytes first = Bytes{nullptr, 0},
                Bytes second = Bytes{nullptr, 0}) EXCLUDES(mLock);
 

@@ -57,7 +57,7 @@ public:
     // The last line of a stop that completed its recorder: "exit successfully".
     void logStopped(const char* operation);
     // Empties the session's slot and returns the recorder it held (the caller owns it), or
-    // null. REQUIRES: no frame of the session in progress on another thread.
+    // null. No frame of the session may be in progress on another thread.
     CmmbRecorder* detachRecorder(int session);
     // As detachRecorder, for a start that finds a recorder in the slot: logs
     // "leftover of pRecorder" when there is one.
@@ -68,19 +68,21 @@ public:
     static int stopAndDelete(CmmbRecorder*& recorder, const char* operation);
     // Puts a recorder whose stop failed back into the session's slot, where the next start
     // meets it as a leftover. False (the caller keeps it) when the slot is taken meanwhile.
-    // REQUIRES: as detachRecorder.
+    // Called as detachRecorder.
     bool restoreRecorder(int session, CmmbRecorder* recorder);
     // A started recorder writing to fd, or null (the reason is logged).
     static CmmbRecorder* createRecorder(int fd, const char* operation);
-    // Puts a recorder from createRecorder into the empty slot of the session.
-    // REQUIRES: as detachRecorder.
+    // Puts a recorder from createRecorder into the empty slot of the session. Called as
+    // detachRecorder.
     void installRecorder(int session, CmmbRecorder* recorder, const char* operation);
     // The recorder's results, or -1 when the session has no recorder.
     int setMaxFileSize(int session, long long bytes);
     long long queryCurrentMoovLength(int session);
 
     // Writes the frame copy of a shared buffer into `copy` (at least CMMB_FRAME_COPY_MAX_SIZE
-    // bytes). REQUIRES: the buffer's mutexDataAccessable held. Returns 0.
+    // bytes). Returns 0. Called with the buffer's mutexDataAccessable held, which comes before
+    // the recorder's lock in the lock order (not an annotation: this layer does not know the
+    // buffer set).
     int read_to_new_sharedbuf(unsigned char* copy, unsigned char* sharedBuffer);
     // Records one frame copy. 0 when it was recorded or skipped, NO_RECORDER without a
     // recorder, otherwise the recorder's failure (ERROR_LIMIT_REACHED, ERROR_WRITE_FAILED...)

@@ -68,7 +68,8 @@ public:
     int startRecording(int session, int fd) EXCLUDES(mLock);
     int stopRecording(int session) EXCLUDES(mLock);
     bool isRecording(int session) const;
-    // REQUIRES: inside the frame bracket, the session's buffer locked.
+    // Inside the frame bracket, with the session's buffer lock held (taken by the frame
+    // hand-off, which the analysis cannot follow into here, so it is stated, not annotated).
     // `buffer`: the session's shared buffer (null: nothing to copy).
     void dataRecording(int session, CmmbSharedBuffer* buffer) EXCLUDES(mLock);
     // Completes every queued recording and sends its event, then ends and joins the
@@ -93,8 +94,8 @@ private:
     bool freeSpaceForRecording(int session, long long* freeBytes);
     // Ends the recording inside the frame path: clears the flag, detaches the recorder
     // (except for NO_SDCARD, where it stays until the application's next stop or start) and
-    // queues the rest for the completion thread. REQUIRES: on the frame's thread inside the
-    // frame bracket.
+    // queues the rest for the completion thread. On the frame's thread inside the frame
+    // bracket.
     void endInFramePath(int session, EndReason reason, int recorded) EXCLUDES(mLock);
     // Stops a detached recorder (null: nothing to stop) as part of `operation`; one whose
     // stop fails goes back into the session's slot. Logs "exit successfully" on success.

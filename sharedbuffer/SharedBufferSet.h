@@ -76,8 +76,8 @@ public:
 
     // Takes a session's mutexDataAccessable for this process, waiting at most
     // lockTimeoutMs() (not at all while the buffer is stalled). True when taken; false on a
-    // time-out, or when the buffer turned out abandoned while waiting. REQUIRES: the buffer
-    // exists.
+    // time-out, or when the buffer turned out abandoned while waiting. The buffer must
+    // exist.
     bool lock(int session) TRY_ACQUIRE(true, mOwnership[session].mutexDataAccessable);
     // Gives back a lock taken with lock().
     void unlock(int session) RELEASE(mOwnership[session].mutexDataAccessable);
@@ -97,7 +97,7 @@ public:
     // Replaces each abandoned buffer. When engine threads still wait for an abandoned
     // buffer, waits (briefly: they give up within one wait slice) until they have left.
     // Returns false when an abandoned buffer could not be replaced (no memory for a new
-    // region). REQUIRES: frames held off. Logs as `caller`.
+    // region). Frames must be held off. Logs as `caller`.
     bool replaceAbandoned(const char* caller);
     // True when a buffer is abandoned (nothing is changed).
     bool anyAbandoned();
