@@ -9,8 +9,9 @@
 // run on the agent's thread. mutexSessionChangable guards the tables. It is a semaphore used
 // as a lock because the frame bracket takes it in onOutputAVStart and releases it in
 // onOutputAVEnd; the NAL and AAC callbacks in between read the tables without taking it.
-// Where it stands among the engine's locks is stated on its declaration below and on the
-// others' (ACQUIRED_BEFORE); docs/foundation.md lists the whole order.
+// Inside it the frame bracket takes the attached sessions' buffer locks in ascending session
+// order. Where it stands among the engine's locks is stated on its declaration below and on
+// the others' (ACQUIRED_BEFORE); docs/foundation.md lists the whole order.
 #ifndef TAVO_SESSION_SESSION_MANAGER_H
 #define TAVO_SESSION_SESSION_MANAGER_H
 
