@@ -88,12 +88,13 @@ private:
     void releaseWriter() REQUIRES(mLock);
     void resetManagerState() REQUIRES(mLock);
 
-    // Taken before the writer's own lock (the writer takes it inside writeout and stop).
+    // Taken before the writer's own lock, which the writer takes while it writes a chunk.
     Mutex mLock ACQUIRED_BEFORE(CmmbMPEG4Writer::mLock);
     // Owned; null when no recording is in progress.
-    CmmbMPEG4Writer* mWriter GUARDED_BY(mLock);
-    CmmbMediaSource* mVideoSource GUARDED_BY(mLock);  // owned; handed to the writer as track 1
-    CmmbMediaSource* mAudioSource GUARDED_BY(mLock);  // owned; handed to the writer as track 2
+    CmmbMPEG4Writer* mWriter GUARDED_BY(mLock) PT_GUARDED_BY(mLock);
+    // Owned; handed to the writer as tracks 1 and 2.
+    CmmbMediaSource* mVideoSource GUARDED_BY(mLock) PT_GUARDED_BY(mLock);
+    CmmbMediaSource* mAudioSource GUARDED_BY(mLock) PT_GUARDED_BY(mLock);
     int mOutputFd GUARDED_BY(mLock);           // owned duplicate of the caller's descriptor, or -1
     long long mMaxFileSize GUARDED_BY(mLock);  // handed to the writer at start
     // The sample records the recording manager fills while it holds the recorder's lock,
