@@ -1,5 +1,7 @@
 #include "ApplicationCallbacks.h"
 
+#include "MutexLock.h"
+
 namespace {
 
 // Application calls the current thread is inside (nested when the application calls the
@@ -10,7 +12,7 @@ thread_local int tCallbackDepth = 0;
 
 ApplicationCallbacks::InFlight::InFlight(ApplicationCallbacks& owner)
     : mOwner(owner), mCallback(nullptr) {
-    std::lock_guard<std::mutex> guard(mOwner.mLock);
+    MutexLock guard(mOwner.mLock);
     if (!mOwner.mOpen || mOwner.mCallback == nullptr)
         return;
     mCallback = mOwner.mCallback;
@@ -22,35 +24,36 @@ ApplicationCallbacks::InFlight::~InFlight() {
     if (mCallback == nullptr)
         return;
     --tCallbackDepth;
-    std::lock_guard<std::mutex> guard(mOwner.mLock);
+    MutexLock guard(mOwner.mLock);
     if (--mOwner.mInFlight == 0)
-        mOwner.mIdle.notify_all();
+        mOwner.mIdle.notifyAll();
 }
 
 unsigned ApplicationCallbacks::open(TavoMBBMSEngineCallback* callback) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mCallback = callback;
     mOpen = true;
     ++mGeneration;
-    mIdle.notify_all();  // a close waiting for an older registration stops waiting
+    mIdle.notifyAll();  // a close waiting for an older registration stops waiting
     return mGeneration;
 }
 
 unsigned ApplicationCallbacks::generation() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mGeneration;
 }
 
 void ApplicationCallbacks::close(unsigned generation) {
-    std::unique_lock<std::mutex> lock(mLock);
+    MutexLock guard(mLock);
     if (generation != mGeneration)
         return;
     mOpen = false;
-    mIdle.wait(lock, [&] { return mInFlight == 0 || mGeneration != generation; });
+    while (mInFlight != 0 && mGeneration == generation)
+        mIdle.wait(mLock);
 }
 
 bool ApplicationCallbacks::registered() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mOpen && mCallback != nullptr;
 }
 

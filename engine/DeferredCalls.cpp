@@ -37,7 +37,7 @@ void DeferredCalls::endBracketOnThisThread() {
 }
 
 void DeferredCalls::defer(Kind kind, int value, int param, Bytes first, Bytes second) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     Queue& queue = mQueues[mFilling];
     Stored stored;
     stored.kind = kind;
@@ -50,7 +50,7 @@ void DeferredCalls::defer(Kind kind, int value, int param, Bytes first, Bytes se
 }
 
 void DeferredCalls::discard() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mQueues[mFilling].calls.clear();
     mQueues[mFilling].blocks.clear();
     mQueued.store(false, std::memory_order_release);

@@ -14,14 +14,17 @@
 // Threads: the bracket's thread defers and replays. Another agent thread may open the next
 // bracket while the previous one's calls are being replayed; its calls go to the other queue
 // and are replayed by the thread already replaying, after those, so the order holds. mLock
-// guards the queues' roles and the filling queue; it is never held during a replay.
+// is never held during a replay.
 #ifndef TAVO_ENGINE_DEFERRED_CALLS_H
 #define TAVO_ENGINE_DEFERRED_CALLS_H
 
 #include <atomic>
 #include <cstddef>
-#include <mutex>
 #include <vector>
+
+#include "Mutex.h"
+#include "MutexLock.h"
+#include "ThreadAnnotations.h"
 
 class DeferredCalls {
 public:
@@ -74,20 +77,20 @@ public:
     static bool insideBracket();
 
     // Keeps a call for the end of the bracket, with copies of `first` and `second`.
-    // REQUIRES: insideBracket().
+    // Only on the thread inside the bracket (insideBracket()).
     void defer(Kind kind, int value, int param, Bytes first = Bytes{nullptr, 0},
-               Bytes second = Bytes{nullptr, 0});
+               Bytes second = Bytes{nullptr, 0}) EXCLUDES(mLock);
 
     // Ends the bracket on the calling thread and passes every deferred call to replay(call),
     // in order, holding no lock. The bracket's locks must already be released.
     template <typename Replay>
-    void endBracket(Replay replay) {
+    void endBracket(Replay replay) EXCLUDES(mLock) {
         endBracketOnThisThread();
         // The frame path's usual case, nothing deferred, takes no lock. A false here after
         // this thread deferred calls means another thread has taken them for its replay.
         if (!mQueued.load(std::memory_order_acquire))
             return;
-        std::unique_lock<std::mutex> lock(mLock);
+        MutexLock lock(mLock);
         if (mReplaying || mQueues[mFilling].calls.empty())
             return;
         mReplaying = true;
@@ -96,17 +99,15 @@ public:
             mFilling ^= 1;
             mQueued.store(false, std::memory_order_release);
             lock.unlock();
-            for (const Stored& stored : full.calls)
-                replay(callOf(full, stored));
-            full.calls.clear();
-            full.blocks.clear();
+            // The full queue is this thread's alone while mReplaying is set.
+            replayQueue(full, replay);
             lock.lock();
         }
         mReplaying = false;
     }
 
     // Forgets the calls not yet replayed (deinit: they belong to the registration it ends).
-    void discard();
+    void discard() EXCLUDES(mLock);
 
 private:
     static const size_t kNone = static_cast<size_t>(-1);
@@ -127,14 +128,28 @@ private:
     };
 
     static void endBracketOnThisThread();
+    // Replays and empties the queue that is not filling. Only the thread that set
+    // mReplaying calls it, without mLock: the analysis cannot tell that mFilling's flip
+    // handed this queue over, so it is not checked.
+    template <typename Replay>
+    static void replayQueue(Queue& full, Replay& replay) NO_THREAD_SAFETY_ANALYSIS {
+        for (const Stored& stored : full.calls)
+            replay(callOf(full, stored));
+        full.calls.clear();
+        full.blocks.clear();
+    }
     // Copies `piece` into the queue's store; the index of its first block, or kNone.
     static size_t store(Queue& queue, Bytes piece);
     static Call callOf(Queue& queue, const Stored& stored);
 
-    std::mutex mLock;
-    Queue mQueues[2];
-    int mFilling = 0;         // guarded by mLock: the queue new calls go to
-    bool mReplaying = false;  // guarded by mLock: a thread replays the other queue
+    // Taken inside the frame bracket, under its session and buffer locks; nothing is called
+    // while it is held.
+    Mutex mLock;
+    // The filling queue (mQueues[mFilling]) is guarded by mLock; the other one belongs to
+    // the replaying thread.
+    Queue mQueues[2] GUARDED_BY(mLock);
+    int mFilling GUARDED_BY(mLock) = 0;         // the queue new calls go to
+    bool mReplaying GUARDED_BY(mLock) = false;  // a thread replays the other queue
     // Whether the filling queue holds calls; written under mLock, read without it.
     std::atomic<bool> mQueued{false};
 };

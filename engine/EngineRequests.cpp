@@ -6,6 +6,7 @@
 // completion callbacks (agent threads) set it back to REQUEST_NONE; init and deinit (under
 // mLock) set REQUEST_NONE and REQUEST_NOT_READY.
 #include "EngineLog.h"
+#include "MutexLock.h"
 #include "TavoMBBMSEngineImpl.h"
 
 namespace {
@@ -40,7 +41,7 @@ int TavoMBBMSEngineImpl::runRequest(const char* operation, MBBMSRequest request,
         // others get back the number that beat them and are refused with it below.
         if (mPendingRequest.compare_exchange_strong(pending, request)) {
             TLOG_FOR(operation, SEMAPHORE, "wait mLock...");
-            std::lock_guard<std::mutex> guard(mLock);
+            MutexLock guard(mLock);
             TLOG_FOR(operation, SEMAPHORE, "wait mLock...done");
             // A deinit that ran while this thread waited for mLock has shut the agent down
             // and forgotten the request.

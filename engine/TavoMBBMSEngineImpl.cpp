@@ -11,6 +11,7 @@
 #include "AndroidPaths.h"
 #include "EngineLog.h"
 #include "LogMask.h"
+#include "MutexLock.h"
 #include "Properties.h"
 #include "SessionManager.h"
 
@@ -27,7 +28,7 @@ const char kDeinit[] = "deinit";
 }  // namespace
 
 std::atomic<TavoMBBMSEngineImpl*> TavoMBBMSEngineImpl::mInstance{nullptr};
-std::mutex TavoMBBMSEngineImpl::mInstanceLock;
+Mutex TavoMBBMSEngineImpl::mInstanceLock;
 ApplicationCallbacks TavoMBBMSEngineImpl::mCallback;
 std::atomic<bool> TavoMBBMSEngineImpl::mIsRecording[2] = {{false}, {false}};
 std::atomic<bool> TavoMBBMSEngineImpl::mIsCapturing[2] = {{false}, {false}};
@@ -37,7 +38,7 @@ TavoMBBMSEngine* TavoMBBMSEngine::getInstance() {
 }
 
 TavoMBBMSEngineImpl* TavoMBBMSEngineImpl::getInstance() {
-    std::lock_guard<std::mutex> guard(mInstanceLock);
+    MutexLock guard(mInstanceLock);
     if (mInstance.load() == nullptr)
         mInstance.store(new TavoMBBMSEngineImpl());
     return mInstance.load();
@@ -119,7 +120,7 @@ int TavoMBBMSEngineImpl::init(TavoMBBMSEngineCallback* callback, const char* dir
     int result;
     {
         TLOG(SEMAPHORE, "wait mLock...");
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         TLOG(SEMAPHORE, "wait mLock...done");
         result = initLocked(callback, dir, &workDirError);
     }
@@ -224,12 +225,12 @@ int TavoMBBMSEngineImpl::deinit() {
         return -1;
     }
 
-    std::lock_guard<std::mutex> serialised(mDeinitLock);
+    MutexLock serialised(mDeinitLock);
     unsigned registration;
     bool wasInitialized;
     {
         TLOG(SEMAPHORE, "wait mLock...");
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         TLOG(SEMAPHORE, "wait mLock...done");
         registration = mCallback.generation();
         wasInitialized = deinitLocked();
@@ -273,9 +274,10 @@ void TavoMBBMSEngineImpl::stopCommandThreadAtExit() {
     if (engine == nullptr)
         return;
     // When init or deinit runs on another thread, it owns the command thread.
-    std::unique_lock<std::mutex> lock(engine->mLock, std::try_to_lock);
-    if (lock.owns_lock())
-        engine->mCommandServer.stopAtExit();
+    if (!engine->mLock.try_lock())
+        return;
+    engine->mCommandServer.stopAtExit();
+    engine->mLock.unlock();
 }
 
 void TavoMBBMSEngineImpl::notifyEvent(EventType type, int param) {

@@ -11,12 +11,12 @@
 // Threads: application threads call the interface operations; agent threads call the
 // MBBMSAgentCallback operations; the command thread serves the play engine; the recording
 // completion thread completes recordings that ended in the frame path.
-// Lock order: mInstanceLock, mLock, the session manager's mutexSessionChangable, each
-// attached session's mutexDataAccessable (ascending session), the recorder's mutex.
-// Every call to the application goes through mCallback (ApplicationCallbacks) and is made
-// holding none of these: results raised inside a frame bracket are deferred to its end
-// (DeferredCalls), init reports a working-directory error after releasing mLock, and deinit
-// refuses to run inside a callback and closes mCallback last.
+// Locks: the order in which they nest is stated on the lock declarations (ACQUIRED_BEFORE),
+// starting with mInstanceLock below; docs/foundation.md lists it. Every call to the application
+// goes through mCallback (ApplicationCallbacks) and is made holding none of these: results raised
+// inside a frame bracket are deferred to its end (DeferredCalls), init reports a working-directory
+// error after releasing mLock, and deinit refuses to run inside a callback and closes mCallback
+// last.
 #ifndef TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 #define TAVO_ENGINE_TAVO_MBBMS_ENGINE_IMPL_H
 
@@ -24,7 +24,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "ApplicationCallbacks.h"
 #include "CmmbFrameCopy.h"
@@ -34,12 +33,15 @@
 #include "Env.h"
 #include "FrameSink.h"
 #include "MBBMSAgent.h"
+#include "Mutex.h"
 #include "PlayEngineLink.h"
 #include "PlayEngineProtocol.h"
 #include "RecordingControl.h"
+#include "SessionManager.h"
 #include "SessionManagerSlot.h"
 #include "SharedBufferSet.h"
 #include "TavoMBBMSEngine.h"
+#include "ThreadAnnotations.h"
 #include "UniqueHandle.h"
 
 class SessionManager;
@@ -56,11 +58,11 @@ class TavoMBBMSEngineImpl : public TavoMBBMSEngine,
                             private RecordingControl::Host,
                             private CommandSocketServer::Delegate {
 public:
-    static TavoMBBMSEngineImpl* getInstance();
+    static TavoMBBMSEngineImpl* getInstance() EXCLUDES(mInstanceLock);
 
     // ---- TavoMBBMSEngine ----
-    int init(TavoMBBMSEngineCallback* callback, const char* dir) override;
-    int deinit() override;
+    int init(TavoMBBMSEngineCallback* callback, const char* dir) override EXCLUDES(mLock);
+    int deinit() override EXCLUDES(mDeinitLock, mLock);
     int setMode(Mode newMode) override;
     int getModuleInfo(ModuleInfo* info) override;
     int setPreference(const Preference* pref) override;
@@ -117,9 +119,9 @@ public:
                              MBBMSAgent::NAL_FRAGMENT_POS_IND pos) override;
 
     // ---- Shared A/V buffers (sharedbuffer/) ----
-    // REQUIRES: mLock held (init and deinit).
-    int initSharedBuffers();
-    int deinitSharedBuffers();
+    // init and deinit.
+    int initSharedBuffers() REQUIRES(mLock);
+    int deinitSharedBuffers() REQUIRES(mLock);
     // Empties one session's buffer; waits out a frame being written. Sessions 0 and 1 only.
     void resetSharedBuffer(int session);
     // The mapping of a session's buffer in this process, or null (sessions 0 and 1 only).
@@ -190,12 +192,12 @@ private:
     void loadAgent(const char* caller);
     // init's steps, under mLock. Sets *workDirError when EVENT_WORKDIR_ERROR is due; init
     // sends it once mLock is released.
-    int initLocked(TavoMBBMSEngineCallback* callback, const char* dir, bool* workDirError);
+    int initLocked(TavoMBBMSEngineCallback* callback, const char* dir, bool* workDirError)
+        REQUIRES(mLock);
     // deinit's steps, under mLock. False when the engine was not initialised.
-    bool deinitLocked();
+    bool deinitLocked() REQUIRES(mLock);
     // Undoes what a failed init had set up, so that a retry creates nothing twice.
-    // REQUIRES: mLock held.
-    void rollBackFailedInit(bool commandThreadStarted);
+    void rollBackFailedInit(bool commandThreadStarted) REQUIRES(mLock);
     // Sends an application event when a callback is registered; inside a frame bracket it is
     // deferred to the bracket's end.
     static void notifyEvent(EventType type, int param);
@@ -209,8 +211,8 @@ private:
     // Starts one MBBMS request: the checks, logged as lines of `operation`, then the agent
     // call under mLock.
     template <typename AgentCall>
-    int runRequest(const char* operation, MBBMSRequest request, bool needsMbbmsMode,
-                   AgentCall call);
+    int runRequest(const char* operation, MBBMSRequest request, bool needsMbbmsMode, AgentCall call)
+        EXCLUDES(mLock);
     // Ends whatever request is pending (completion callbacks).
     void endPendingRequest();
 
@@ -247,12 +249,13 @@ private:
     // side of their locks. Created by init, destroyed by deinit (under mLock).
     SharedBufferSet mSharedBuffers;
     RecordingSink mFrameSink;
-    // Serialises init, deinit and the agent call of each MBBMS request.
-    std::mutex mLock;
+    // Serialises init, deinit and the agent call of each MBBMS request. The session
+    // manager's lock nests inside it.
+    Mutex mLock ACQUIRED_BEFORE(SessionManager::mutexSessionChangable);
     // Serialises whole deinit calls, their steps after mLock included, so that a second
-    // deinit returns only once the first has delivered its last callback. Taken before mLock;
-    // never on a thread inside an application callback (deinit refuses to run there).
-    std::mutex mDeinitLock;
+    // deinit returns only once the first has delivered its last callback. Never taken on a
+    // thread inside an application callback (deinit refuses to run there).
+    Mutex mDeinitLock ACQUIRED_BEFORE(mLock);
     // Recording of the sessions; uses mSessionManager and mIsRecording.
     RecordingControl mRecording{*this, mIsRecording};
     // The manager through which the recording control holds frames off, between holdFrames
@@ -264,7 +267,8 @@ private:
 
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;
-    static std::mutex mInstanceLock;
+    // Singleton creation only; the outermost lock.
+    static Mutex mInstanceLock ACQUIRED_BEFORE(mDeinitLock, mLock);
     // The application's callback, registered by init and closed by deinit; every call to the
     // application goes through it.
     static ApplicationCallbacks mCallback;

@@ -8,6 +8,7 @@
 
 #include "CmmbMPEG4Writer.h"
 #include "Log.h"
+#include "MutexLock.h"
 
 unsigned long long cmmb_hton64(unsigned long long value) {
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
@@ -186,7 +187,7 @@ int32_t CmmbMPEG4Writer::addLengthPrefixedSample(_CmmbOutBuffer* buffer) {
 }
 
 bool CmmbMPEG4Writer::writeOneChunk(const Chunk& chunk) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mRepairRecords) {
         mRecordBytes.clear();
         buildRepairRecords(chunk);
@@ -254,6 +255,6 @@ void CmmbMPEG4Writer::unlock() {
 }
 
 int CmmbMPEG4Writer::numTracks() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return static_cast<int>(mTracks.size());
 }

@@ -14,6 +14,7 @@
 #include "Env.h"
 #include "Log.h"
 #include "MediaTicks.h"
+#include "MutexLock.h"
 #include "Properties.h"
 
 namespace {
@@ -63,7 +64,7 @@ CmmbMPEG4Writer::~CmmbMPEG4Writer() {
 }
 
 int CmmbMPEG4Writer::addSource(CmmbMediaSource* source) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mTracks.emplace_back(new Track(this, source));
     return 0;
 }

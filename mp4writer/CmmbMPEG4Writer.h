@@ -18,13 +18,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "ChunkSampleBuffer.h"
 #include "CmmbMediaTypes.h"
 #include "FileOutput.h"
+#include "Mutex.h"
 #include "RepairRecord.h"
+#include "ThreadAnnotations.h"
 
 // Converts a 64-bit value between host order and big-endian (network) order.
 unsigned long long cmmb_hton64(unsigned long long value);
@@ -103,8 +104,8 @@ public:
     // Writes the chunk's samples at the end of the file; false when the write failed.
     bool writeOneChunk(const Chunk& chunk);
 
-    void lock();
-    void unlock();
+    void lock() ACQUIRE(mLock);
+    void unlock() RELEASE(mLock);
 
     int32_t currentOffset() const { return mOffset; }
     // Whether chunks get repair records (RepairRecord.h); from the system property
@@ -137,16 +138,18 @@ private:
     bool noteOutputFailure();
 
     // Appends the records that go in front of the chunk to mRecordBytes.
-    void buildRepairRecords(const Chunk& chunk);
+    void buildRepairRecords(const Chunk& chunk) REQUIRES(mLock);
 
     FileOutput mFile;  // not open when the descriptor was invalid, and after stop
     int mWriteError;   // errno of the first failed write, 0 when none
     bool mRepairRecords;
-    std::vector<uint8_t> mRecordBytes;  // reused for every chunk's records
-    size_t mDescribedConfigSize;        // codec data bytes when the last config record was made
-    int32_t mOffset;                    // bytes in the file so far = position of the next write
-    int32_t mMdatOffset;                // position of the mdat header
-    std::vector<int32_t> mBoxes;        // start positions of the open boxes, innermost last
+    // Reused for every chunk's records.
+    std::vector<uint8_t> mRecordBytes GUARDED_BY(mLock);
+    // Codec data bytes when the last config record was made.
+    size_t mDescribedConfigSize GUARDED_BY(mLock);
+    int32_t mOffset;              // bytes in the file so far = position of the next write
+    int32_t mMdatOffset;          // position of the mdat header
+    std::vector<int32_t> mBoxes;  // start positions of the open boxes, innermost last
 
     int32_t mTimeScale;  // movie time scale (mvhd, tkhd)
     bool mUse32BitOffset;
@@ -157,10 +160,12 @@ private:
     bool mPaused;
     bool mStarted;
 
-    // Guards chunk output and mTracks. mTracks changes only in addSource, before start;
-    // the recording thread then reads it without the lock. Innermost lock of the
-    // recording path: nothing else is taken while it is held.
-    std::mutex mLock;
+    // Serialises chunk output. Innermost lock of the recording path: nothing else is taken
+    // while it is held. The recorder names it in its lock order.
+    friend class CmmbRecorder;
+    Mutex mLock;
+    // Written only in addSource, before start, under mLock; the recording thread then reads
+    // it without the lock, so it is not marked as guarded.
     std::vector<std::unique_ptr<Track>> mTracks;
 };
 

@@ -1,5 +1,6 @@
 #include "PlayEngineLink.h"
 #include "EngineSessions.h"
+#include "MutexLock.h"
 #include "PlayEngineWire.h"
 
 #include <errno.h>
@@ -8,41 +9,41 @@
 #include <utility>
 
 void PlayEngineLink::setListening(UniqueFd socket) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mSocket = std::move(socket);
     mListeningOwner = getpid();
 }
 
 bool PlayEngineLink::listeningSetUpHere() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mSocket.valid() && mListeningOwner == getpid();
 }
 
 int PlayEngineLink::shutdownListening() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (!mSocket.valid())
         return 1;
     return ::shutdown(mSocket.get(), SHUT_RDWR);
 }
 
 void PlayEngineLink::closeListening() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mSocket.reset();
 }
 
 bool PlayEngineLink::listening() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mSocket.valid();
 }
 
 void PlayEngineLink::attachClient(UniqueFd client) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mFdCommand = std::move(client);
     mCapturesOwed = 0;
 }
 
 PlayEngineLink::CaptureSet PlayEngineLink::closeClient() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mFdCommand.reset();
     const CaptureSet owed = mCapturesOwed;
     mCapturesOwed = 0;
@@ -52,18 +53,18 @@ PlayEngineLink::CaptureSet PlayEngineLink::closeClient() {
 void PlayEngineLink::captureAnswered(int session) {
     if (!isEngineSession(session))
         return;
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mCapturesOwed &= ~(1u << session);
 }
 
 int PlayEngineLink::client() const {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mFdCommand.get();
 }
 
 ssize_t PlayEngineLink::send(const iovec* pieces, size_t pieceCount, int fd, int* clientFd,
                              int captureSession) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     *clientFd = mFdCommand.get();
     if (!mFdCommand.valid()) {
         errno = EBADF;

@@ -18,9 +18,9 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
-#include <mutex>
-
 #include "EngineSessions.h"
+#include "Mutex.h"
+#include "ThreadAnnotations.h"
 #include "UniqueHandle.h"
 
 class PlayEngineLink {
@@ -30,29 +30,29 @@ public:
     PlayEngineLink& operator=(const PlayEngineLink&) = delete;
 
     // The listening socket, owned from here on (command thread).
-    void setListening(UniqueFd socket);
+    void setListening(UniqueFd socket) EXCLUDES(mLock);
     // True when the listening socket was set up by this process. A child forked from the
     // engine's process shares the socket itself: a shutdown there would end the engine's
     // server.
-    bool listeningSetUpHere() const;
+    bool listeningSetUpHere() const EXCLUDES(mLock);
     // Shuts the listening socket down to wake a poll on it. 1 when there is none, else the
     // result of shutdown().
-    int shutdownListening();
-    void closeListening();
-    bool listening() const;
+    int shutdownListening() EXCLUDES(mLock);
+    void closeListening() EXCLUDES(mLock);
+    bool listening() const EXCLUDES(mLock);
 
     // Sessions whose "capture" request went to a client, as a bit set (bit n: session n).
     typedef unsigned CaptureSet;
 
-    // Makes `client` the connected play engine (command thread). REQUIRES: no client.
-    void attachClient(UniqueFd client);
+    // Makes `client` the connected play engine (command thread). There must be no client.
+    void attachClient(UniqueFd client) EXCLUDES(mLock);
     // Closes the client. Returns the sessions whose snapshot it still owed.
-    CaptureSet closeClient();
+    CaptureSet closeClient() EXCLUDES(mLock);
     // The client answered a snapshot of `session`.
-    void captureAnswered(int session);
+    void captureAnswered(int session) EXCLUDES(mLock);
     // The client's descriptor for the command thread's poll and receive, or -1. Only the
     // command thread closes or replaces the client, so the number stays valid on it.
-    int client() const;
+    int client() const EXCLUDES(mLock);
 
     // Sends one message made of `pieces` to the connected client without blocking, with `fd`
     // passed along when it is not negative; the number of bytes sent, or -1 with errno set
@@ -60,14 +60,15 @@ public:
     // captureSession: the session of a "capture" request (the client then owes its answer),
     // or -1.
     ssize_t send(const iovec* pieces, size_t pieceCount, int fd, int* clientFd,
-                 int captureSession = -1);
+                 int captureSession = -1) EXCLUDES(mLock);
 
 private:
-    mutable std::mutex mLock;
-    UniqueFd mSocket;              // listening socket; guarded by mLock
-    pid_t mListeningOwner = 0;     // process that set mSocket up; guarded by mLock
-    UniqueFd mFdCommand;           // connected play engine; guarded by mLock
-    CaptureSet mCapturesOwed = 0;  // snapshots the connected client owes; guarded by mLock
+    mutable Mutex mLock;
+    UniqueFd mSocket GUARDED_BY(mLock);           // listening socket
+    pid_t mListeningOwner GUARDED_BY(mLock) = 0;  // process that set mSocket up
+    UniqueFd mFdCommand GUARDED_BY(mLock);        // connected play engine
+    // Snapshots the connected client owes.
+    CaptureSet mCapturesOwed GUARDED_BY(mLock) = 0;
 };
 
 #endif  // TAVO_PLAYENGINE_PLAY_ENGINE_LINK_H

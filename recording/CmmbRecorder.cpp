@@ -2,6 +2,8 @@
 
 #include "CmmbRecorder.h"
 
+#include "MutexLock.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -48,7 +50,7 @@ CmmbRecorder::CmmbRecorder()
       mParameterSetScratch(new _CmmbOutBuffer) {}
 
 CmmbRecorder::~CmmbRecorder() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter != nullptr) {
         mWriter->stop();
         releaseWriter();
@@ -56,7 +58,7 @@ CmmbRecorder::~CmmbRecorder() {
 }
 
 int CmmbRecorder::init() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr)
         return 0;
     ALOGW("CmmbRecorder:  in init(), release old writer!");
@@ -71,7 +73,7 @@ int CmmbRecorder::setOutputFile(const char* /*path*/) {
 }
 
 int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (offset != 0 || length != 0) {
         ALOGE("setOutputFile: offset %lld and length %lld are not supported", offset, length);
         return ERROR_INVALID;
@@ -85,13 +87,13 @@ int CmmbRecorder::setOutputFile(int fd, long long offset, long long length) {
 }
 
 int CmmbRecorder::setMaxFileSize(long long bytes) {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     mMaxFileSize = bytes;
     return 0;
 }
 
 long long CmmbRecorder::queryCurrentMoovLength() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -100,12 +102,12 @@ long long CmmbRecorder::queryCurrentMoovLength() {
 }
 
 int CmmbRecorder::prepare() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 
 int CmmbRecorder::start() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter != nullptr) {
         ALOGE("File writer is not avaialble");
         return ERROR_INVALID;
@@ -114,7 +116,7 @@ int CmmbRecorder::start() {
 }
 
 int CmmbRecorder::pause() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -123,7 +125,7 @@ int CmmbRecorder::pause() {
 }
 
 int CmmbRecorder::resume() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr) {
         ALOGE("no writer!");
         return ERROR_INVALID;
@@ -152,7 +154,7 @@ int CmmbRecorder::writeout(_CmmbOutBuffer* buffer) {
 }
 
 int CmmbRecorder::stop() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     if (mWriter == nullptr)
         return 0;
 
@@ -170,22 +172,22 @@ int CmmbRecorder::stop() {
 }
 
 int CmmbRecorder::outputFd() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mOutputFd.get();
 }
 
 int CmmbRecorder::writeError() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return mWriter != nullptr ? mWriter->writeError() : 0;
 }
 
 int CmmbRecorder::close() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 
 int CmmbRecorder::reset() {
-    std::lock_guard<std::mutex> guard(mLock);
+    MutexLock guard(mLock);
     return 0;
 }
 

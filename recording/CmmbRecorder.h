@@ -6,13 +6,12 @@
 // 22,500 as track 1, AAC at 24,000 Hz as track 2, movie time scale 24,000, 4-byte NAL length
 // prefixes and 32-bit file offsets.
 //
-// Threads and locking: mLock guards every member. Each operation takes it for its whole
-// duration, except setOutputFile(const char*) and writeout. The recording manager's data
-// thread holds it across the samples of one frame with LockRecorder()/UnlockRecorder() and
-// calls writeout only inside that bracket; control operations from other threads wait for
-// the batch to finish. The mutex is not recursive: between LockRecorder() and
-// UnlockRecorder() the same thread calls nothing but writeout. Lock order: mLock, then the
-// writer's own lock.
+// Threads and locking: each operation takes mLock for its whole duration, except
+// setOutputFile(const char*) and writeout. The recording manager's data thread holds it
+// across the samples of one frame with LockRecorder()/UnlockRecorder() and calls writeout
+// only inside that bracket; control operations from other threads wait for the batch to
+// finish. The mutex is not recursive: between LockRecorder() and UnlockRecorder() the same
+// thread calls nothing but writeout.
 //
 // Operations are virtual so that tests can observe what the manager hands over.
 #ifndef TAVO_RECORDING_CMMB_RECORDER_H
@@ -20,12 +19,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "CmmbMPEG4Writer.h"
 #include "CmmbMediaTypes.h"
+#include "Mutex.h"
+#include "ThreadAnnotations.h"
 #include "UniqueHandle.h"
-
-class CmmbMPEG4Writer;
 
 class CmmbRecorder {
 public:
@@ -35,65 +34,73 @@ public:
     CmmbRecorder& operator=(const CmmbRecorder&) = delete;
 
     // Releases a writer left from an earlier recording (stopping it first).
-    virtual int init();
+    virtual int init() EXCLUDES(mLock);
     // Recording to a path is not supported: ERROR_INVALID.
     virtual int setOutputFile(const char* path);
     // The whole of fd is the file (offset and length must be 0). The recorder keeps a
     // duplicate (close-on-exec, like the one it gives the writer); the caller keeps fd.
-    virtual int setOutputFile(int fd, long long offset, long long length);
+    virtual int setOutputFile(int fd, long long offset, long long length) EXCLUDES(mLock);
     // Takes effect at the next start.
-    virtual int setMaxFileSize(long long bytes);
+    virtual int setMaxFileSize(long long bytes) EXCLUDES(mLock);
     // Predicted size of the index that stop will append, or ERROR_INVALID without a writer.
-    virtual long long queryCurrentMoovLength();
-    virtual int prepare();
-    virtual int start();
-    virtual int pause();
+    virtual long long queryCurrentMoovLength() EXCLUDES(mLock);
+    virtual int prepare() EXCLUDES(mLock);
+    virtual int start() EXCLUDES(mLock);
+    virtual int pause() EXCLUDES(mLock);
     // Continues a paused recording; video restarts at the next IDR slice.
-    virtual int resume();
-    virtual int LockRecorder();
-    virtual int UnlockRecorder();
-    // REQUIRES: LockRecorder() held by the calling thread.
-    virtual int writeout(_CmmbOutBuffer* buffer);
+    virtual int resume() EXCLUDES(mLock);
+    virtual int LockRecorder() ACQUIRE(mLock);
+    virtual int UnlockRecorder() RELEASE(mLock);
+    virtual int writeout(_CmmbOutBuffer* buffer) REQUIRES(mLock);
+    // The lock LockRecorder() takes, for the annotations of the recorder's callers.
+    const Mutex& recorderLock() const RETURN_CAPABILITY(mLock) { return mLock; }
     // Completes the file (writer stop, fsync) and closes the recorder's descriptor.
-    virtual int stop();
-    virtual int close();
-    virtual int reset();
+    virtual int stop() EXCLUDES(mLock);
+    virtual int close() EXCLUDES(mLock);
+    virtual int reset() EXCLUDES(mLock);
 
     // The recorder's own descriptor of the output file, or -1. Set before start.
-    int outputFd();
+    int outputFd() EXCLUDES(mLock);
     // errno of the first failed write of the recording in progress, 0 when none.
-    int writeError();
+    int writeError() EXCLUDES(mLock);
 
-    // REQUIRES: LockRecorder() held. Fixed sample storage for the caller of writeout:
-    // one video access unit or one audio frame, and an SPS or a PPS.
-    _CmmbOutBuffer& sampleScratch() { return *mSampleScratch; }
-    _CmmbOutBuffer& parameterSetScratch() { return *mParameterSetScratch; }
+    // Fixed sample storage for the caller of writeout: one video access unit or one audio
+    // frame, and an SPS or a PPS.
+    _CmmbOutBuffer& sampleScratch() REQUIRES(mLock) { return *mSampleScratch; }
+    _CmmbOutBuffer& parameterSetScratch() REQUIRES(mLock) { return *mParameterSetScratch; }
 
     // Recording state kept for the recording manager, which reads and updates it while it
     // holds LockRecorder(). The recorder resets it when a writer goes away and resume() sets
     // mWaitForIdr.
-    int32_t mGotSps;          // the SPS of this recording has been handed over
-    int32_t mGotPps;          // the PPS of this recording has been handed over
-    uint32_t mBaseTimestamp;  // input time of the first SPS: timestamp 0 of the recording
-    bool mWaitForIdr;         // after a resume: skip video up to the next IDR slice
-    bool mAudioStarted;       // an audio frame of this recording has been handed over
+    // The SPS of this recording has been handed over.
+    int32_t mGotSps GUARDED_BY(mLock);
+    // The PPS of this recording has been handed over.
+    int32_t mGotPps GUARDED_BY(mLock);
+    // Input time of the first SPS: timestamp 0 of the recording.
+    uint32_t mBaseTimestamp GUARDED_BY(mLock);
+    // After a resume: skip video up to the next IDR slice.
+    bool mWaitForIdr GUARDED_BY(mLock);
+    // An audio frame of this recording has been handed over.
+    bool mAudioStarted GUARDED_BY(mLock);
 
 private:
-    // REQUIRES: mLock held.
-    int startMPEG4Recording();
+    int startMPEG4Recording() REQUIRES(mLock);
     // Destroys the writer and the track descriptors and resets the manager's state.
-    // REQUIRES: mLock held.
-    void releaseWriter();
-    void resetManagerState();
+    void releaseWriter() REQUIRES(mLock);
+    void resetManagerState() REQUIRES(mLock);
 
-    std::mutex mLock;
-    // Guarded by mLock. The writer keeps pointers to the track descriptors: they are
-    // declared before it so that it goes first.
-    std::unique_ptr<CmmbMediaSource> mVideoSource;  // handed to the writer as track 1
-    std::unique_ptr<CmmbMediaSource> mAudioSource;  // handed to the writer as track 2
-    std::unique_ptr<CmmbMPEG4Writer> mWriter;       // null when no recording is in progress
-    UniqueFd mOutputFd;      // duplicate of the caller's descriptor, or empty
-    long long mMaxFileSize;  // handed to the writer at start
+    // Taken before the writer's own lock, which the writer takes while it writes a chunk.
+    Mutex mLock ACQUIRED_BEFORE(CmmbMPEG4Writer::mLock);
+    // The writer keeps pointers to the track descriptors: they are declared before it so that
+    // it goes first.
+    std::unique_ptr<CmmbMediaSource> mVideoSource GUARDED_BY(mLock)
+        PT_GUARDED_BY(mLock);  // handed to the writer as track 1
+    std::unique_ptr<CmmbMediaSource> mAudioSource GUARDED_BY(mLock)
+        PT_GUARDED_BY(mLock);  // handed to the writer as track 2
+    // Null when no recording is in progress.
+    std::unique_ptr<CmmbMPEG4Writer> mWriter GUARDED_BY(mLock) PT_GUARDED_BY(mLock);
+    UniqueFd mOutputFd GUARDED_BY(mLock);      // duplicate of the caller's descriptor, or empty
+    long long mMaxFileSize GUARDED_BY(mLock);  // handed to the writer at start
     // The sample records the recording manager fills while it holds the recorder's lock,
     // allocated once with the recorder so that no frame allocates. Two blocks of 64 KiB
     // rather than one of 128 KiB: malloc and the sanitizers' allocators give a block of

@@ -24,6 +24,7 @@
 
 #include "CmmbRecorder.h"
 #include "EngineSessions.h"
+#include "ThreadAnnotations.h"
 
 struct _CmmbOutBuffer;
 
@@ -58,8 +59,8 @@ public:
     void logStop(const char* operation);
     // The last line of a stop that completed its recorder: "exit successfully".
     void logStopped(const char* operation);
-    // Empties the session's slot and returns the recorder it held, or null.
-    // REQUIRES: no frame of the session in progress on another thread.
+    // Empties the session's slot and returns the recorder it held, or null. No frame of the
+    // session may be in progress on another thread.
     std::unique_ptr<CmmbRecorder> detachRecorder(int session);
     // As detachRecorder, for a start that finds a recorder in the slot: logs
     // "leftover of pRecorder" when there is one.
@@ -70,12 +71,12 @@ public:
     static int stopAndDelete(std::unique_ptr<CmmbRecorder>& recorder, const char* operation);
     // Puts a recorder whose stop failed back into the session's slot, where the next start
     // meets it as a leftover; `recorder` is empty afterwards. False (the caller keeps it)
-    // when the slot is taken meanwhile. REQUIRES: as detachRecorder.
+    // when the slot is taken meanwhile. Called as detachRecorder.
     bool restoreRecorder(int session, std::unique_ptr<CmmbRecorder>& recorder);
     // A started recorder writing to fd, or null (the reason is logged).
     static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation);
-    // Puts a recorder from createRecorder into the empty slot of the session.
-    // REQUIRES: as detachRecorder.
+    // Puts a recorder from createRecorder into the empty slot of the session. Called as
+    // detachRecorder.
     void installRecorder(int session, std::unique_ptr<CmmbRecorder> recorder,
                          const char* operation);
     // The recorder's results, or -1 when the session has no recorder.
@@ -83,20 +84,25 @@ public:
     long long queryCurrentMoovLength(int session);
 
     // Writes the frame copy of a shared buffer into `copy` (at least CMMB_FRAME_COPY_MAX_SIZE
-    // bytes). REQUIRES: the buffer's mutexDataAccessable held. Returns 0.
+    // bytes). Returns 0. Called with the buffer's mutexDataAccessable held, which comes before
+    // the recorder's lock in the lock order (not an annotation: this layer does not know the
+    // buffer set).
     int read_to_new_sharedbuf(unsigned char* copy, unsigned char* sharedBuffer);
     // Records one frame copy. 0 when it was recorded or skipped, NO_RECORDER without a
     // recorder, otherwise the recorder's failure (ERROR_LIMIT_REACHED, ERROR_WRITE_FAILED...)
     // for the first sample it refused; the rest of the frame is then not recorded.
-    int dataRecording(CmmbRecorder* recorder, unsigned char* copy);
+    int dataRecording(CmmbRecorder* recorder, unsigned char* copy)
+        EXCLUDES(recorder->recorderLock());
 
 private:
     // Puts back a recorder whose stop failed in startRecording or stopRecording.
     void keepFailedRecorder(int session, std::unique_ptr<CmmbRecorder> recorder);
-    // REQUIRES: recorder's lock held.
-    int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp);
-    int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
-    void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
+    int recordVideo(CmmbRecorder* recorder, const unsigned char* copy, uint32_t* resumeTimestamp)
+        REQUIRES(recorder->recorderLock());
+    int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp)
+        REQUIRES(recorder->recorderLock());
+    void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length)
+        REQUIRES(recorder->recorderLock());
 
     // See the class comment for who may touch them.
     std::unique_ptr<CmmbRecorder> mRecorder[kEngineSessions];

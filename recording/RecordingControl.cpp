@@ -16,6 +16,7 @@
 #include "FileSystemSpace.h"
 #include "Log.h"
 #include "MBBMSRecManager.h"
+#include "MutexLock.h"
 #include "ThreadName.h"
 
 namespace {
@@ -154,9 +155,11 @@ int RecordingControl::startRecording(int session, int fd) {
         // A recording that may end in the frame path needs the thread that completes it. One
         // being joined is waited for, except where its event handlers may be waiting for this
         // thread; its joiner completes what it leaves, and the frame path starts a new one.
-        std::unique_lock<std::mutex> lock(mLock);
-        if (mayWait && !onCompletionThread())
-            mChanged.wait(lock, [&] { return !mJoining; });
+        MutexLock lock(mLock);
+        if (mayWait && !onCompletionThread()) {
+            while (mJoining)
+                mChanged.wait(mLock);
+        }
         if (!mCompletionThreadStarted && !mJoining && !startCompletionThread(kStartRecording))
             return -1;
     }
@@ -306,7 +309,7 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
         ended.writeError = ended.recorder != nullptr ? ended.recorder->writeError() : 0;
     }
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         mQueue.push_back(std::move(ended));
         // The thread ends in finishPending (deinit); a recording that survived it and ends
         // now starts it again. One being joined is not waited for: the joiner completes
@@ -314,14 +317,14 @@ void RecordingControl::endInFramePath(int session, EndReason reason, int recorde
         if (!mCompletionThreadStarted && !mJoining)
             startCompletionThread(kDataRecording);
     }
-    mChanged.notify_all();
+    mChanged.notifyAll();
 }
 
-void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
+void RecordingControl::completeNext() {
     PendingCompletion ended = std::move(mQueue.front());
     mQueue.pop_front();
     ++mCompleting[ended.session];
-    lock.unlock();
+    mLock.unlock();
     int completed = 0;
     if (ended.reason != EndReason::NO_SDCARD) {
         // The manager's stop, as the application's stopRecording logs it.
@@ -329,36 +332,37 @@ void RecordingControl::completeNext(std::unique_lock<std::mutex>& lock) {
         completed = completeDetached(ended.session, std::move(ended.recorder), kStopRecording);
     }
     reportEnd(ended, completed);
-    lock.lock();
+    mLock.lock();
     --mCompleting[ended.session];
-    mChanged.notify_all();
+    mChanged.notifyAll();
 }
 
 void RecordingControl::runCompletions() {
-    std::unique_lock<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     for (;;) {
         if (!mQueue.empty())
-            completeNext(lock);
+            completeNext();
         else if (mStopping)
             return;
         else
-            mChanged.wait(lock);
+            mChanged.wait(mLock);
     }
 }
 
 void RecordingControl::finishPending() {
-    std::unique_lock<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     if (onCompletionThread()) {
         // From a recording event: this thread cannot join itself.
         while (!mQueue.empty())
-            completeNext(lock);
+            completeNext();
         return;
     }
-    mChanged.wait(lock, [&] { return !mJoining; });
+    while (mJoining)
+        mChanged.wait(mLock);
     if (mCompletionThreadStarted) {
         mJoining = true;
         mStopping = true;
-        mChanged.notify_all();
+        mChanged.notifyAll();
         const pthread_t thread = mCompletionThread;
         lock.unlock();
         pthread_join(thread, nullptr);  // it empties the queue before it ends
@@ -366,11 +370,11 @@ void RecordingControl::finishPending() {
         mCompletionThreadStarted = false;
         mStopping = false;
         mJoining = false;
-        mChanged.notify_all();
+        mChanged.notifyAll();
     }
     // Queued while no thread ran, or after it had seen the queue empty.
     while (!mQueue.empty())
-        completeNext(lock);
+        completeNext();
 }
 
 void RecordingControl::reportEnd(const PendingCompletion& ended, int completed) {
@@ -411,7 +415,7 @@ void RecordingControl::reportEnd(const PendingCompletion& ended, int completed) 
 }
 
 void RecordingControl::waitForCompletion(int session) {
-    std::unique_lock<std::mutex> lock(mLock);
+    MutexLock lock(mLock);
     // An application stopping from the recording event runs on the completion thread, and
     // its own completion is the one in progress.
     if (onCompletionThread())
@@ -419,8 +423,8 @@ void RecordingControl::waitForCompletion(int session) {
     while (completionPending(session)) {
         // Nobody serves the queue (its thread could not be started): complete it here.
         if (!mCompletionThreadStarted && !mJoining && !mQueue.empty())
-            completeNext(lock);
+            completeNext();
         else
-            mChanged.wait(lock);
+            mChanged.wait(mLock);
     }
 }

@@ -21,23 +21,23 @@
 // while frames are held off or on the frame's own thread. A call never waits for the thread
 // it runs on: on the completion thread it does not wait for the completion queue, and on the
 // thread that holds a frame it neither holds frames off nor waits for the completion thread
-// (whose event handlers may be waiting for that frame). mLock guards the completion queue and
-// the thread's state; it is taken after the frame gate and never held while a recorder is
-// completed or an event sent.
+// (whose event handlers may be waiting for that frame). mLock is taken after the frame gate
+// and never held while a recorder is completed or an event sent.
 #ifndef TAVO_RECORDING_RECORDING_CONTROL_H
 #define TAVO_RECORDING_RECORDING_CONTROL_H
 
 #include <pthread.h>
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 
 #include "CmmbFrameCopy.h"
 #include "CmmbSharedBuffer.h"
+#include "ConditionVariable.h"
 #include "EngineSessions.h"
+#include "Mutex.h"
 #include "TavoMBBMSEngine.h"
+#include "ThreadAnnotations.h"
 
 class CmmbRecorder;
 
@@ -66,17 +66,18 @@ public:
     RecordingControl& operator=(const RecordingControl&) = delete;
 
     // The engine's operations of the same names, after its initialisation check.
-    int startRecording(int session, int fd);
-    int stopRecording(int session);
+    int startRecording(int session, int fd) EXCLUDES(mLock);
+    int stopRecording(int session) EXCLUDES(mLock);
     bool isRecording(int session) const;
-    // REQUIRES: inside the frame bracket, the session's buffer locked.
+    // Inside the frame bracket, with the session's buffer lock held (taken by the frame
+    // hand-off, which the analysis cannot follow into here, so it is stated, not annotated).
     // `buffer`: the session's shared buffer (null: nothing to copy).
-    void dataRecording(int session, CmmbSharedBuffer* buffer);
+    void dataRecording(int session, CmmbSharedBuffer* buffer) EXCLUDES(mLock);
     // Completes every queued recording and sends its event, then ends and joins the
     // completion thread. Called from a recording event (on the completion thread itself) it
     // completes the rest of the queue there and leaves the thread running.
-    // REQUIRES: not inside a frame bracket on this thread.
-    void finishPending();
+    // Not inside a frame bracket on this thread.
+    void finishPending() EXCLUDES(mLock);
 
 private:
     // Why a recording ended inside the frame path, which decides its log lines and event.
@@ -94,9 +95,9 @@ private:
     bool freeSpaceForRecording(int session, long long* freeBytes);
     // Ends the recording inside the frame path: clears the flag, detaches the recorder
     // (except for NO_SDCARD, where it stays until the application's next stop or start) and
-    // queues the rest for the completion thread. REQUIRES: on the frame's thread inside the
-    // frame bracket.
-    void endInFramePath(int session, EndReason reason, int recorded);
+    // queues the rest for the completion thread. On the frame's thread inside the frame
+    // bracket.
+    void endInFramePath(int session, EndReason reason, int recorded) EXCLUDES(mLock);
     // Stops a detached recorder (null: nothing to stop) as part of `operation`; one whose
     // stop fails goes back into the session's slot. Logs "exit successfully" on success.
     // 0 or -1.
@@ -109,18 +110,17 @@ private:
     // Waits until no completion of the session is queued or in progress. Returns at once on
     // the completion thread, whose own work that is; completes the queue itself when no
     // thread serves it.
-    void waitForCompletion(int session);
-    // Completes and reports the oldest queued recording. REQUIRES: mLock held by `lock`, the
-    // queue not empty; releases the lock meanwhile.
-    void completeNext(std::unique_lock<std::mutex>& lock);
-    void runCompletions();
+    void waitForCompletion(int session) EXCLUDES(mLock);
+    // Completes and reports the oldest queued recording; the queue must not be empty.
+    // Releases mLock meanwhile.
+    void completeNext() REQUIRES(mLock);
+    void runCompletions() EXCLUDES(mLock);
     static void* completionThreadMain(void* control);
-    // REQUIRES: mLock held.
-    bool onCompletionThread() const;
-    bool completionPending(int session) const;
+    bool onCompletionThread() const REQUIRES(mLock);
+    bool completionPending(int session) const REQUIRES(mLock);
     // Starts the completion thread (logged as part of `operation` when it cannot be started).
-    // False when it cannot be started. REQUIRES: mLock held, no thread running or joined.
-    bool startCompletionThread(const char* operation);
+    // False when it cannot be started. No thread may be running or joined.
+    bool startCompletionThread(const char* operation) REQUIRES(mLock);
     // Whether this thread may wait for the completion thread: not when it holds a frame that
     // the completion thread's event handlers may be waiting for. Waits out a frame in
     // progress on another thread. (Also false without a session manager, where not waiting
@@ -133,18 +133,20 @@ private:
     // so that no frame allocates.
     CmmbFrameCopy mCopy;
 
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    // Guarded by mLock. Recordings ended in the frame path, oldest first (allocates only
-    // when a recording ends, never per frame).
-    std::deque<PendingCompletion> mQueue;
-    int mCompleting[kEngineSessions] = {};  // completions of the session being reported now
+    Mutex mLock;
+    ConditionVariable mChanged;
+    // Recordings ended in the frame path, oldest first (allocates only when a recording
+    // ends, never per frame).
+    std::deque<PendingCompletion> mQueue GUARDED_BY(mLock);
+    // Completions of the session being reported now.
+    int mCompleting[kEngineSessions] GUARDED_BY(mLock) = {};
     // The completion thread (plain pthread through the platform's Env: no thread type of the
-    // standard library is instantiated inside the exported library). Guarded by mLock.
-    bool mCompletionThreadStarted = false;  // mCompletionThread holds a thread to join
-    bool mStopping = false;                 // the thread ends once the queue is empty
-    bool mJoining = false;                  // finishPending is joining it
-    pthread_t mCompletionThread;
+    // standard library is instantiated inside the exported library).
+    // mCompletionThread holds a thread to join.
+    bool mCompletionThreadStarted GUARDED_BY(mLock) = false;
+    bool mStopping GUARDED_BY(mLock) = false;  // the thread ends once the queue is empty
+    bool mJoining GUARDED_BY(mLock) = false;   // finishPending is joining it
+    pthread_t mCompletionThread GUARDED_BY(mLock);
 };
 
 #endif  // TAVO_RECORDING_RECORDING_CONTROL_H

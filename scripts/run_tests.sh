@@ -6,7 +6,9 @@
 #   4. a 32-bit ARM cross build, all tests under qemu-user;
 #   5. the handset backend of the platform layer, built on the host against Debian's liblog
 #      and libcutils with the engine library, and its own test;
-#   6. a Release build with g++ and one with clang++ (optimiser-only warnings);
+#   6. a Release build with g++ (optimiser-only warnings), and a Release build of the whole
+#      tree, tests included, with clang++ and its thread-safety analysis (-Wthread-safety,
+#      -Wthread-safety-beta): the lock annotations are checked; building is the check;
 #   7. the package: cmake --install into a temporary prefix, checked file by file (no build
 #      path, relative run paths, manual pages, --help and --version), the example in
 #      examples/ built against it with find_package and run, the package's components, and
@@ -67,11 +69,11 @@ run_suite "32-bit ARM under qemu-user" arm all
 configure ci-android-host-check android
 run_suite "handset backend (host check)" android "tavombbms android_backend_test"
 
-echo "==== Release builds (g++, clang++)"
+echo "==== Release builds (g++; clang++ with the lock annotations checked)"
 configure ci-release ci-release
 build ci-release all
-configure ci-clang-release ci-clang-release
-build ci-clang-release all
+configure ci-thread-safety ci-thread-safety
+build ci-thread-safety all
 
 echo "==== installed package"
 sh scripts/check_package.sh "$out/ci-release" "$out/package"

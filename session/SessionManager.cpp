@@ -47,7 +47,6 @@ SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSA
       mSink(sink),
       mAgent(agent),
       mWorkDir{},
-      mutexSessionChangable(),
       mOpenFrameSlot(NO_FRAME),
       mFrameThread(std::thread::id()),
       mFrameLocked{} {
@@ -63,7 +62,7 @@ SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSA
     for (ChannelEntry& channel : mChannel)
         clearChannel(channel);
 
-    if (sem_init(&mutexSessionChangable, 0, 1) != 0) {
+    if (!mutexSessionChangable.initialised()) {
         TLOG(ERROR, "sem_init mutexSessionChangable failed");
     } else {
         TLOG(SEMAPHORE, "sem_init mutexSessionChangable OK");
@@ -77,7 +76,7 @@ SessionManager::~SessionManager() {
     releaseAbandonedFrame();
     for (ChannelEntry& channel : mChannel)
         closeDebugFiles(channel);
-    if (sem_destroy(&mutexSessionChangable) != 0) {
+    if (!mutexSessionChangable.destroy()) {
         TLOG(ERROR, "sem_destroy mutexSessionChangable failed");
     } else {
         TLOG(SEMAPHORE, "sem_destroy mutexSessionChangable OK");
@@ -104,16 +103,22 @@ void SessionManager::releaseAbandonedFrame() {
     unlockSessions(__func__);
 }
 
+bool SessionManager::anySessionStarted() const {
+    for (int s = 0; s < mMaxSessions; ++s) {
+        if (mSession[s].started)
+            return true;
+    }
+    return false;
+}
+
 void SessionManager::lockSessions(const char* caller) {
     TLOG_FOR(caller, SEMAPHORE, "sem_wait mutexSessionChangable ...");
-    while (sem_wait(&mutexSessionChangable) != 0 && errno == EINTR) {
-        // Interrupted by a signal: wait again.
-    }
+    mutexSessionChangable.lock();
     TLOG_FOR(caller, SEMAPHORE, "mutexSessionChangable--");
 }
 
 void SessionManager::unlockSessions(const char* caller) {
-    sem_post(&mutexSessionChangable);
+    mutexSessionChangable.unlock();
     TLOG_FOR(caller, SEMAPHORE, "mutexSessionChangable++");
 }
 
@@ -144,14 +149,10 @@ int SessionManager::start(int session, int freqDot, int start, int count, int mo
         return -1;
     }
     mFreqDot = mAgent->getFrequency();
-    if (mFreqDot != -1 && mFreqDot != freqDot) {
-        for (int s = 0; s < mMaxSessions; ++s) {
-            if (mSession[s].started) {
-                TLOG(ERROR, "SessionManager::start(): working on freq=%d, can't switch to freq=%d",
-                     mFreqDot, freqDot);
-                return -1;
-            }
-        }
+    if (mFreqDot != -1 && mFreqDot != freqDot && anySessionStarted()) {
+        TLOG(ERROR, "SessionManager::start(): working on freq=%d, can't switch to freq=%d",
+             mFreqDot, freqDot);
+        return -1;
     }
 
     lockSessions(__func__);

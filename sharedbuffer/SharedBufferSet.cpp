@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Log.h"
+#include "MutexLock.h"
 #include "Properties.h"
 
 namespace {
@@ -44,7 +45,7 @@ int SharedBufferSet::create(const char* caller) {
     for (int i = 0; i < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++i) {
         int result;
         {
-            std::lock_guard<std::mutex> guard(mOwnership[i].mutex);
+            MutexLock guard(mOwnership[i].mutex);
             result = mRegions[i].create(i, caller);
             publish(i);
         }
@@ -59,7 +60,7 @@ int SharedBufferSet::create(const char* caller) {
 void SharedBufferSet::destroy(const char* caller) {
     for (int i = 0; i < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++i) {
         Ownership& ownership = mOwnership[i];
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         mRegions[i].destroy(i, caller);
         publish(i);
         ownership.engineHolds = false;
@@ -90,11 +91,12 @@ bool SharedBufferSet::lock(int session) {
     Ownership& ownership = mOwnership[session];
     CmmbSharedSemaphore* lockWord = nullptr;
     {
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         lockWord = &mRegions[session].address()->mutexDataAccessable;
         if (cmmb_sem_trywait(lockWord) == 0) {
             ownership.engineHolds = true;
             ownership.stalled = false;
+            mOwnership[session].mutexDataAccessable.taken();
             return true;
         }
         if (ownership.stalled || mLockTimeoutMs == 0)
@@ -115,11 +117,12 @@ bool SharedBufferSet::lock(int session) {
             const int slice = static_cast<int>(std::min<long long>(remaining, kWaitSliceMs));
             taken = cmmb_sem_timedwait(lockWord, slice) == 0;
         }
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         if (taken || cmmb_sem_trywait(lockWord) == 0) {
             ownership.engineWaiters -= 1;
             ownership.engineHolds = true;
             ownership.stalled = false;
+            mOwnership[session].mutexDataAccessable.taken();
             return true;
         }
         if (!ownership.readerConnected && !ownership.engineHolds &&
@@ -141,16 +144,17 @@ bool SharedBufferSet::lock(int session) {
 
 void SharedBufferSet::unlock(int session) {
     Ownership& ownership = mOwnership[session];
-    std::lock_guard<std::mutex> guard(ownership.mutex);
+    MutexLock guard(ownership.mutex);
     ownership.engineHolds = false;
     cmmb_sem_post(&mRegions[session].address()->mutexDataAccessable);
+    mOwnership[session].mutexDataAccessable.given();
 }
 
 int SharedBufferSet::readerHolds(int session) {
     if (!isEngineSession(session))
         return -1;
     Ownership& ownership = mOwnership[session];
-    std::lock_guard<std::mutex> guard(ownership.mutex);
+    MutexLock guard(ownership.mutex);
     CmmbSharedBuffer* shared = mRegions[session].address();
     if (shared == nullptr)
         return -1;
@@ -159,14 +163,14 @@ int SharedBufferSet::readerHolds(int session) {
 
 void SharedBufferSet::readerConnected() {
     for (Ownership& ownership : mOwnership) {
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         ownership.readerConnected = true;
     }
 }
 
 void SharedBufferSet::readerDisconnected() {
     for (Ownership& ownership : mOwnership) {
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         ownership.readerConnected = false;
         // The next reader gets a full wait again.
         ownership.stalled = false;
@@ -211,7 +215,7 @@ bool SharedBufferSet::replaceAbandoned(const char* caller) {
         const auto giveUp = std::chrono::steady_clock::now() + kWaiterLeaveBound;
         for (;;) {
             {
-                std::lock_guard<std::mutex> guard(ownership.mutex);
+                MutexLock guard(ownership.mutex);
                 const Verdict verdict = verdictLocked(s, ownership);
                 if (verdict == Verdict::IN_USE)
                     break;
@@ -234,7 +238,7 @@ bool SharedBufferSet::replaceAbandoned(const char* caller) {
 bool SharedBufferSet::anyAbandoned() {
     for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
         Ownership& ownership = mOwnership[s];
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         if (verdictLocked(s, ownership) != Verdict::IN_USE)
             return true;
     }
@@ -246,7 +250,7 @@ void SharedBufferSet::replacePending() {
     bool undecided = false;
     for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
         Ownership& ownership = mOwnership[s];
-        std::lock_guard<std::mutex> guard(ownership.mutex);
+        MutexLock guard(ownership.mutex);
         const Verdict verdict = verdictLocked(s, ownership);
         if (verdict == Verdict::UNDECIDED ||
             (verdict == Verdict::ABANDONED && !replaceLocked(s, ownership, "onOutputAVStart")))

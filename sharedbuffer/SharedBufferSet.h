@@ -39,16 +39,17 @@
 // manager). lock(), unlock() and the connection calls may run on any thread while the set
 // exists; replacements run on the frame thread or with frames held off, so the frame path
 // may keep a buffer's address from its frame start to its frame end. buffer() and fd() of
-// another thread read the current region atomically. Lock order: the ownership mutex of a
-// buffer is innermost; nothing waits while holding it.
+// another thread read the current region atomically. The ownership mutex of a buffer is
+// innermost; nothing waits while holding it.
 #ifndef TAVO_SHAREDBUFFER_SHARED_BUFFER_SET_H
 #define TAVO_SHAREDBUFFER_SHARED_BUFFER_SET_H
 
 #include <atomic>
-#include <mutex>
 
 #include "CmmbSharedBuffer.h"
+#include "Mutex.h"
 #include "SharedRegion.h"
+#include "ThreadAnnotations.h"
 
 class SharedBufferSet {
 public:
@@ -75,11 +76,11 @@ public:
 
     // Takes a session's mutexDataAccessable for this process, waiting at most
     // lockTimeoutMs() (not at all while the buffer is stalled). True when taken; false on a
-    // time-out, or when the buffer turned out abandoned while waiting. REQUIRES: the buffer
-    // exists.
-    bool lock(int session);
+    // time-out, or when the buffer turned out abandoned while waiting. The buffer must
+    // exist.
+    bool lock(int session) TRY_ACQUIRE(true, mOwnership[session].mutexDataAccessable);
     // Gives back a lock taken with lock().
-    void unlock(int session);
+    void unlock(int session) RELEASE(mOwnership[session].mutexDataAccessable);
 
     // Whether a reader outside the engine holds a session's buffer lock: 1 when the lock
     // word reads 0 and no engine thread holds it, 0 when the lock is free or an engine thread
@@ -96,7 +97,7 @@ public:
     // Replaces each abandoned buffer. When engine threads still wait for an abandoned
     // buffer, waits (briefly: they give up within one wait slice) until they have left.
     // Returns false when an abandoned buffer could not be replaced (no memory for a new
-    // region). REQUIRES: frames held off. Logs as `caller`.
+    // region). Frames must be held off. Logs as `caller`.
     bool replaceAbandoned(const char* caller);
     // True when a buffer is abandoned (nothing is changed).
     bool anyAbandoned();
@@ -110,30 +111,47 @@ public:
     }
 
 private:
+    // The session manager names the buffer lock in its lock order.
+    friend class SessionManager;
+
+    // The engine's side of a buffer's mutexDataAccessable as the thread-safety analysis sees
+    // it: lock() and unlock() mark taking and giving back the semaphore in the region. It
+    // has no state; Ownership::engineHolds records the hold at run time.
+    struct CAPABILITY("shared buffer lock") BufferLock {
+        void taken() ACQUIRE() {}
+        void given() RELEASE() {}
+    };
     // Per buffer, process-local: who on the engine side holds or awaits the lock, and
     // whether a live connection has the region.
     struct Ownership {
-        std::mutex mutex;              // innermost lock; guards the fields below and the region
-        bool engineHolds = false;      // an engine thread holds mutexDataAccessable
-        int engineWaiters = 0;         // engine threads waiting in lock()
-        bool stalled = false;          // the last wait timed out: only try until a success
-        bool readerConnected = false;  // a connected client received this region
+        BufferLock mutexDataAccessable;
+        // Innermost lock; also guards the buffer's entry of mRegions.
+        Mutex mutex ACQUIRED_AFTER(mutexDataAccessable);
+        // An engine thread holds mutexDataAccessable.
+        bool engineHolds GUARDED_BY(mutex) = false;
+        int engineWaiters GUARDED_BY(mutex) = 0;  // engine threads waiting in lock()
+        // The last wait timed out: only try until a success.
+        bool stalled GUARDED_BY(mutex) = false;
+        // A connected client received this region.
+        bool readerConnected GUARDED_BY(mutex) = false;
     };
     enum class Verdict { IN_USE, ABANDONED, UNDECIDED };
 
-    // REQUIRES: ownership.mutex held. Whether the buffer is abandoned; UNDECIDED when it
-    // looks abandoned but engine threads wait for it (one may just have taken the word).
-    Verdict verdictLocked(int session, const Ownership& ownership) const;
-    // REQUIRES: ownership.mutex held, the buffer abandoned with no engine waiter, frames held
-    // off. Puts a fresh region in place of the old one; false when none can be made.
-    bool replaceLocked(int session, Ownership& ownership, const char* caller);
+    // Whether the buffer is abandoned; UNDECIDED when it looks abandoned but engine threads
+    // wait for it (one may just have taken the word).
+    Verdict verdictLocked(int session, const Ownership& ownership) const REQUIRES(ownership.mutex);
+    // The buffer abandoned with no engine waiter, frames held off: puts a fresh region in
+    // place of the old one; false when none can be made.
+    bool replaceLocked(int session, Ownership& ownership, const char* caller)
+        REQUIRES(ownership.mutex);
     // The frame-start check after a connection ended; clears the pending flag once every
     // buffer is decided.
     void replacePending();
     void publish(int session);
 
-    // Owned regions, index = session; each guarded by its buffer's ownership mutex for
-    // changes. mAddresses and mFds publish the current region to readers without the mutex.
+    // Owned regions, index = session; each changes only under its buffer's ownership mutex
+    // (an array element's guard cannot be stated as an annotation). mAddresses and mFds
+    // publish the current region to readers without the mutex.
     SharedRegion mRegions[CMMB_SHARED_BUFFER_COUNT];
     std::atomic<CmmbSharedBuffer*> mAddresses[CMMB_SHARED_BUFFER_COUNT] = {};
     std::atomic<int> mFds[CMMB_SHARED_BUFFER_COUNT] = {{-1}, {-1}};

@@ -68,16 +68,16 @@ struct CapturedSample {
 // Captures every writeout, which must come while LockRecorder() is held.
 class CapturingRecorder : public CmmbRecorder {
 public:
-    int LockRecorder() override {
+    int LockRecorder() override ACQUIRE(recorderLock()) {
         const int result = CmmbRecorder::LockRecorder();
         ++lockDepth;
         return result;
     }
-    int UnlockRecorder() override {
+    int UnlockRecorder() override RELEASE(recorderLock()) {
         --lockDepth;
         return CmmbRecorder::UnlockRecorder();
     }
-    int writeout(_CmmbOutBuffer* b) override {
+    int writeout(_CmmbOutBuffer* b) override REQUIRES(recorderLock()) {
         EXPECT_EQ(1, lockDepth);
         samples.push_back(
             {b->mime, b->timestamp, Bytes(b->data, b->data + b->length), b->isSyncFrame});
@@ -151,7 +151,9 @@ TEST_F(RecManager, SpsPpsAndIdrInOneRecordStartTheRecordingAndOlderAudioIsSkippe
             EXPECT_EQ(i == 2, recorder.samples[i].isSyncFrame) << i;
         }
     }
+    recorder.LockRecorder();
     EXPECT_EQ(91800u, recorder.mBaseTimestamp);
+    recorder.UnlockRecorder();
     EXPECT_EQ(0, recorder.lockDepth);
 }
 
@@ -181,7 +183,9 @@ TEST_F(RecManager, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped)
     SharedBufferImage parameterSets;
     ASSERT_EQ(0, record(parameterSets.nal(0, 0, sps).nal(0, 0, pps)));
     recorder.samples.clear();
+    recorder.LockRecorder();
     recorder.mWaitForIdr = true;  // what resume() sets (checked with the real recorder below)
+    recorder.UnlockRecorder();
     SharedBufferImage withoutIdr;
     ASSERT_EQ(0, record(withoutIdr.nal(22500, 0, slice).aac(22500, 0, Bytes(10, 4))));
     EXPECT_TRUE(recorder.samples.empty());
@@ -199,7 +203,9 @@ TEST_F(RecManager, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped)
     EXPECT_EQ(Bytes(12, 6), recorder.samples[2].bytes);
     EXPECT_EQ(45900, recorder.samples[2].timestamp);
     EXPECT_EQ(Bytes(13, 7), recorder.samples[3].bytes);
+    recorder.LockRecorder();
     EXPECT_FALSE(recorder.mWaitForIdr);
+    recorder.UnlockRecorder();
 }
 
 TEST_F(RecManager, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
@@ -226,7 +232,9 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
         bare.UnlockRecorder();
         EXPECT_EQ(-1015, bare.pause());
         EXPECT_EQ(-1015, bare.resume());
+        bare.LockRecorder();
         EXPECT_FALSE(bare.mWaitForIdr);
+        bare.UnlockRecorder();
         EXPECT_EQ(-1015, bare.queryCurrentMoovLength());
         EXPECT_EQ(4, root.countLog("no writer!"));
         EXPECT_EQ(-1015, bare.start());  // no output yet
@@ -271,7 +279,9 @@ TEST_F(RecManager, ARecordingWithoutAudioStopsWithNoSamplesAndLeavesNoIndex) {
     EXPECT_GT(manager.queryCurrentMoovLength(0), 0);
     ASSERT_EQ(0, real->pause());
     ASSERT_EQ(0, real->resume());
+    real->LockRecorder();
     EXPECT_TRUE(real->mWaitForIdr);
+    real->UnlockRecorder();
     EXPECT_EQ(-1002, real->stop());
     EXPECT_FALSE(fileHasMoov(path("video-only.3gp")));
 }

@@ -1,0 +1,161 @@
+// The annotated lock types of common/: what each promises at run time, across threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "ConditionVariable.h"
+#include "Mutex.h"
+#include "MutexLock.h"
+#include "SemaphoreLock.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// Generous: only catches a hang.
+const auto kHangBound = std::chrono::seconds(5);
+
+// Polls `done` until it is true or the hang bound passes.
+bool eventually(const std::atomic<bool>& done) {
+    const auto giveUp = steady_clock::now() + kHangBound;
+    while (!done.load() && steady_clock::now() < giveUp)
+        std::this_thread::sleep_for(milliseconds(1));
+    return done.load();
+}
+
+// Whether another thread could take the mutex right now (it gives it back at once).
+bool freeForAnotherThread(Mutex& mutex) {
+    bool taken = false;
+    std::thread other([&]() NO_THREAD_SAFETY_ANALYSIS {
+        taken = mutex.try_lock();
+        if (taken)
+            mutex.unlock();
+    });
+    other.join();
+    return taken;
+}
+
+TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndAWaiterGoesOnOnlyThen) {
+    SemaphoreLock semaphore;
+    ASSERT_TRUE(semaphore.initialised());
+    std::atomic<bool> taken{false};
+    // Like the frame bracket: one call takes it and returns still holding it.
+    std::thread taker([&]() NO_THREAD_SAFETY_ANALYSIS {
+        semaphore.lock();
+        taken = true;
+    });
+    taker.join();
+    ASSERT_TRUE(taken.load());
+
+    std::atomic<bool> waiterIn{false};
+    std::thread waiter([&]() NO_THREAD_SAFETY_ANALYSIS {
+        semaphore.lock();
+        waiterIn = true;
+        semaphore.unlock();
+    });
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_FALSE(waiterIn.load()) << "the semaphore let a second holder in";
+    // Released by a thread that never took it.
+    [&]() NO_THREAD_SAFETY_ANALYSIS { semaphore.unlock(); }();
+    EXPECT_TRUE(eventually(waiterIn));
+    waiter.join();
+}
+
+TEST(SemaphoreLock, DestroyReportsOnceAndTheDestructorDoesNotDestroyAgain) {
+    SemaphoreLock semaphore;
+    ASSERT_TRUE(semaphore.initialised());
+    EXPECT_TRUE(semaphore.destroy());
+    EXPECT_FALSE(semaphore.initialised());
+    EXPECT_FALSE(semaphore.destroy());
+}
+
+TEST(MutexLock, UnlockGivesTheMutexUpUntilLockAndTheScopeEndReleasesOnlyWhatItHolds) {
+    Mutex mutex;
+    {
+        MutexLock lock(mutex);
+        EXPECT_FALSE(freeForAnotherThread(mutex));
+        lock.unlock();
+        EXPECT_TRUE(freeForAnotherThread(mutex));
+        lock.lock();
+        EXPECT_FALSE(freeForAnotherThread(mutex));
+    }
+    EXPECT_TRUE(freeForAnotherThread(mutex));
+    {
+        MutexLock lock(mutex);
+        lock.unlock();
+    }  // already given up: no second unlock
+    EXPECT_TRUE(freeForAnotherThread(mutex));
+}
+
+TEST(Mutex, WorksWithTheStandardLocks) {
+    Mutex mutex;
+    std::unique_lock<Mutex> held(mutex, std::try_to_lock);
+    ASSERT_TRUE(held.owns_lock());
+    EXPECT_FALSE(freeForAnotherThread(mutex));
+    held.unlock();
+    EXPECT_TRUE(freeForAnotherThread(mutex));
+}
+
+class Flag {
+public:
+    void raise() {
+        {
+            MutexLock lock(mMutex);
+            mRaised = true;
+        }
+        mChanged.notifyAll();
+    }
+    // Waits for the flag; while waiting the mutex is free for raise().
+    bool awaitRaised() {
+        MutexLock lock(mMutex);
+        const auto deadline = steady_clock::now() + kHangBound;
+        while (!mRaised) {
+            if (!mChanged.waitUntil(mMutex, deadline) && !mRaised)
+                return false;
+        }
+        mHeldAfterWait = !freeForAnotherThread(mMutex);
+        return true;
+    }
+    // Waits until `deadline` for a flag nobody raises.
+    bool awaitUntil(steady_clock::time_point deadline) {
+        MutexLock lock(mMutex);
+        const bool notified = mChanged.waitUntil(mMutex, deadline);
+        mHeldAfterWait = !freeForAnotherThread(mMutex);
+        return notified;
+    }
+    bool heldAfterWait() {
+        MutexLock lock(mMutex);
+        return mHeldAfterWait;
+    }
+
+private:
+    Mutex mMutex;
+    ConditionVariable mChanged;
+    bool mRaised GUARDED_BY(mMutex) = false;
+    bool mHeldAfterWait GUARDED_BY(mMutex) = false;
+};
+
+TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWoken) {
+    Flag flag;
+    std::atomic<bool> woken{false};
+    std::thread waiter([&] { woken = flag.awaitRaised(); });
+    std::this_thread::sleep_for(milliseconds(20));
+    flag.raise();  // takes the mutex: the waiter must have let it go
+    waiter.join();
+    EXPECT_TRUE(woken.load());
+    EXPECT_TRUE(flag.heldAfterWait());
+}
+
+TEST(ConditionVariable, WaitUntilReturnsFalseAtTheDeadlineWithTheMutexHeld) {
+    Flag flag;
+    const auto started = steady_clock::now();
+    EXPECT_FALSE(flag.awaitUntil(started + milliseconds(30)));
+    EXPECT_GE(steady_clock::now() - started, milliseconds(30));
+    EXPECT_TRUE(flag.heldAfterWait());
+}
+
+}  // namespace
