@@ -2,7 +2,11 @@
 //
 // The agent may deliver data while no session manager exists (after its init and before
 // the engine has created the manager, and while deinit deletes it); such data is dropped.
-// The slot access keeps deinit from deleting the manager under a running callback.
+// The frame start takes a data-path Access and leases the manager it found to the frame
+// bracket; the NAL and AAC calls and the frame end reach it through that lease, which costs
+// one compare-and-swap instead of an Access per call, and which deinit revokes only between
+// two calls (SessionManagerSlot.h). A call that finds no lease (outside a bracket, or after
+// a revocation) falls back to an Access of its own, as any call did before.
 //
 // The frame bracket's thread is marked from the end of onOutputAVStart to onOutputAVEnd:
 // results and events the agent raises on it meanwhile are deferred, and onOutputAVEnd passes
@@ -14,17 +18,25 @@
 void TavoMBBMSEngineImpl::onOutputAVStart(int channelID, const unsigned char* data, int length) {
     {
         SessionManagerSlot::Access manager(mSessionManager, true);
-        if (manager)
+        if (manager) {
             manager->onOutputAVStart(channelID, data, length);
+            mSessionManager.openBracket(manager.get());
+        }
     }
     DeferredCalls::beginBracket();
 }
 
 void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
     {
-        SessionManagerSlot::Access manager(mSessionManager, true);
-        if (manager)
-            manager->onOutputAVEnd(channelID, withError);
+        SessionManagerSlot::BracketCall leased(mSessionManager);
+        if (leased) {
+            leased->onOutputAVEnd(channelID, withError);
+            leased.closeBracket();
+        } else {
+            SessionManagerSlot::Access manager(mSessionManager, true);
+            if (manager)
+                manager->onOutputAVEnd(channelID, withError);
+        }
     }
     mDeferredCalls.endBracket([this](const DeferredCalls::Call& call) { replayDeferred(call); });
 }
@@ -32,6 +44,11 @@ void TavoMBBMSEngineImpl::onOutputAVEnd(int channelID, bool withError) {
 void TavoMBBMSEngineImpl::onClearAudioAacFrame(int channelID, unsigned long tsBase,
                                                unsigned long tsRelative, unsigned char* data,
                                                unsigned short length) {
+    SessionManagerSlot::BracketCall leased(mSessionManager);
+    if (leased) {
+        leased->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
+        return;
+    }
     SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onClearAudioAacFrame(channelID, tsBase, tsRelative, data, length);
@@ -41,6 +58,11 @@ void TavoMBBMSEngineImpl::onClearVideoNalData(int channelID, unsigned long tsBas
                                               unsigned long tsRelative, unsigned char* data,
                                               unsigned short length,
                                               MBBMSAgent::NAL_FRAGMENT_POS_IND pos) {
+    SessionManagerSlot::BracketCall leased(mSessionManager);
+    if (leased) {
+        leased->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);
+        return;
+    }
     SessionManagerSlot::Access manager(mSessionManager, true);
     if (manager)
         manager->onClearVideoNalData(channelID, tsBase, tsRelative, data, length, pos);

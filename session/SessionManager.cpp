@@ -50,7 +50,11 @@ SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSA
       mutexSessionChangable(),
       mOpenFrameSlot(NO_FRAME),
       mFrameThread(std::thread::id()),
-      mFrameLocked{} {
+      mFrameLocked{},
+      mFrameTargets{},
+      mFrameTargetCount(0),
+      mFrameChannelID(-1),
+      mFrameTargetsValid(false) {
     snprintf(mWorkDir, sizeof(mWorkDir), "%s", workDir != nullptr ? workDir : "");
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
@@ -99,6 +103,7 @@ void SessionManager::releaseAbandonedFrame() {
             }
         }
     }
+    mFrameTargetsValid = false;
     mOpenFrameSlot.store(NO_FRAME);
     mFrameThread.store(std::thread::id());
     unlockSessions(__func__);
