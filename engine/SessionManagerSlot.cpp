@@ -26,16 +26,18 @@ bool registerProcessBarriers() {
 SessionManagerSlot::SessionManagerSlot() : mProcessBarriers(registerProcessBarriers()) {}
 
 void SessionManagerSlot::retireBarrier() const {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
 #if defined(__NR_membarrier)
     if (mProcessBarriers) {
         // Registered at construction, so this cannot fail for lack of registration; it
-        // returns once every running thread of the process has passed a full barrier.
+        // returns once this and every other running thread of the process has passed a
+        // full barrier.
         while (syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
             nanosleep(&kPause, nullptr);
         }
     }
 #endif
+    // Without process-wide barriers the calls' read-modify-write and the sequentially
+    // consistent store and load here order the two sides.
 }
 
 SessionManager* SessionManagerSlot::retire() {
@@ -60,6 +62,6 @@ void SessionManagerSlot::revokeLease() {
     mLease.store(REVOKED, std::memory_order_seq_cst);
     retireBarrier();
     // A call that saw the lease OPEN is inside; it ends within the bound of its waits.
-    while (mInCall.load(std::memory_order_acquire))
+    while (mInCall.load(std::memory_order_seq_cst))
         nanosleep(&kPause, nullptr);
 }

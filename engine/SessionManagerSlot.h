@@ -34,7 +34,13 @@
 // the call sees REVOKED and leaves the manager alone, or retire() sees the call and waits for
 // it. The call's side of the barrier costs nothing where the kernel offers process-wide
 // barriers (membarrier): retire() then forces one on every thread of the process, and the
-// call needs only a compiler barrier. Elsewhere the call takes a full fence.
+// call needs only a compiler barrier. Elsewhere the call marks itself with a sequentially
+// consistent read-modify-write, which is a full barrier.
+//
+// mInCall has one writer, the lease's thread: a call on any other thread does not touch it.
+// The lease moves to another thread only at a frame start, which waits for the session lock
+// that the previous bracket holds until its end (or until retire() ends it, after which the
+// agent is shut down before a new manager can be leased).
 #ifndef TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 #define TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 
@@ -85,9 +91,7 @@ public:
         explicit BracketCall(SessionManagerSlot& slot) : mSlot(slot), mManager(nullptr) {
             if (mSlot.mLeaseThread.load(std::memory_order_relaxed) != std::this_thread::get_id())
                 return;
-            mSlot.mInCall.store(true, std::memory_order_relaxed);
-            mSlot.callBarrier();
-            if (mSlot.mLease.load(std::memory_order_acquire) == OPEN)
+            if (mSlot.enterCall() == OPEN)
                 mManager = mSlot.mLeasedManager;
             else
                 mSlot.mInCall.store(false, std::memory_order_release);
@@ -142,14 +146,19 @@ public:
 private:
     enum LeaseState { CLOSED = 0, OPEN = 1, REVOKED = 2 };
 
-    // A call's side of the barrier between its mInCall store and its mLease load.
-    void callBarrier() const {
-        if (mProcessBarriers)
+    // Marks the lease's thread inside a call, then reads the lease: with a compiler barrier
+    // in between where retire() forces process-wide barriers, else with both operations
+    // sequentially consistent (the read-modify-write is the full barrier).
+    int enterCall() {
+        if (mProcessBarriers) {
+            mInCall.store(true, std::memory_order_relaxed);
             std::atomic_signal_fence(std::memory_order_seq_cst);
-        else
-            std::atomic_thread_fence(std::memory_order_seq_cst);
+            return mLease.load(std::memory_order_acquire);
+        }
+        mInCall.exchange(true, std::memory_order_seq_cst);
+        return mLease.load(std::memory_order_seq_cst);
     }
-    // retire()'s side of that barrier.
+    // retire()'s side: between its store of the lease and its load of mInCall.
     void retireBarrier() const;
     // Takes an open lease away and waits until no call of the bracket is inside the
     // manager. REQUIRES: the manager removed and no data-path Access left.
