@@ -23,7 +23,9 @@ bool registerProcessBarriers() {
 
 }  // namespace
 
-SessionManagerSlot::SessionManagerSlot() : mProcessBarriers(registerProcessBarriers()) {}
+SessionManagerSlot::SessionManagerSlot(CallBarrier barrier)
+    : mProcessBarriers(barrier == CallBarrier::PROCESS_WIDE_WHERE_AVAILABLE &&
+                       registerProcessBarriers()) {}
 
 void SessionManagerSlot::retireBarrier() const {
 #if defined(__NR_membarrier)

@@ -51,7 +51,13 @@ class SessionManager;
 
 class SessionManagerSlot {
 public:
-    SessionManagerSlot();
+    // How a call of the bracket orders its mark against its read of the lease.
+    enum class CallBarrier {
+        PROCESS_WIDE_WHERE_AVAILABLE,  // a compiler barrier; retire() uses membarrier
+        PER_CALL,                      // a read-modify-write per call (where membarrier is not)
+    };
+
+    explicit SessionManagerSlot(CallBarrier barrier = CallBarrier::PROCESS_WIDE_WHERE_AVAILABLE);
     SessionManagerSlot(const SessionManagerSlot&) = delete;
     SessionManagerSlot& operator=(const SessionManagerSlot&) = delete;
 
