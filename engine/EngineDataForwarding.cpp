@@ -3,10 +3,11 @@
 // The agent may deliver data while no session manager exists (after its init and before
 // the engine has created the manager, and while deinit deletes it); such data is dropped.
 // The frame start takes a data-path Access and leases the manager it found to the frame
-// bracket; the NAL and AAC calls and the frame end reach it through that lease, which costs
-// one compare-and-swap instead of an Access per call, and which deinit revokes only between
-// two calls (SessionManagerSlot.h). A call that finds no lease (outside a bracket, or after
-// a revocation) falls back to an Access of its own, as any call did before.
+// bracket's thread; that thread's NAL and AAC calls and its frame end reach the manager
+// through the lease, which costs no atomic read-modify-write where the kernel offers
+// process-wide barriers, and which deinit revokes only between two calls
+// (SessionManagerSlot.h). A call that gets no lease (outside a bracket, on another thread,
+// or after a revocation) falls back to an Access of its own, as every call did before.
 //
 // The frame bracket's thread is marked from the end of onOutputAVStart to onOutputAVEnd:
 // results and events the agent raises on it meanwhile are deferred, and onOutputAVEnd passes
