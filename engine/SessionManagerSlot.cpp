@@ -1,20 +1,69 @@
 #include "SessionManagerSlot.h"
 
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "SessionManager.h"
+
+namespace {
+
+const struct timespec kPause = {0, 200000};
+
+// Registers the process for expedited process-wide barriers; false where the kernel (or
+// an emulator, or a system-call filter) does not offer them.
+bool registerProcessBarriers() {
+#if defined(__NR_membarrier)
+    return syscall(__NR_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+#else
+    return false;
+#endif
+}
+
+}  // namespace
+
+SessionManagerSlot::SessionManagerSlot(CallBarrier barrier)
+    : mProcessBarriers(barrier == CallBarrier::PROCESS_WIDE_WHERE_AVAILABLE &&
+                       registerProcessBarriers()) {}
+
+void SessionManagerSlot::retireBarrier() const {
+#if defined(__NR_membarrier)
+    if (mProcessBarriers) {
+        // Registered at construction, so this cannot fail for lack of registration; it
+        // returns once this and every other running thread of the process has passed a
+        // full barrier.
+        while (syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
+            nanosleep(&kPause, nullptr);
+        }
+    }
+#endif
+    // Without process-wide barriers the calls' read-modify-write and the sequentially
+    // consistent store and load here order the two sides.
+}
 
 SessionManager* SessionManagerSlot::retire() {
     SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
     if (manager == nullptr)
         return nullptr;
-    const struct timespec pause = {0, 200000};
-    // A data callback inside the manager ends within the bound of its buffer-lock waits.
+    // A data callback inside the manager ends within the bound of its buffer-lock waits. A
+    // frame start that found the manager has opened its lease once its Access is gone.
     while (mDataPathUsers.load(std::memory_order_seq_cst) != 0)
-        nanosleep(&pause, nullptr);
+        nanosleep(&kPause, nullptr);
+    revokeLease();
     // From here on no data callback reaches the manager: a frame still open is abandoned.
     manager->releaseAbandonedFrame();
     while (mUsers.load(std::memory_order_seq_cst) != 0)
-        nanosleep(&pause, nullptr);
+        nanosleep(&kPause, nullptr);
     return manager;
+}
+
+void SessionManagerSlot::revokeLease() {
+    if (mLease.load(std::memory_order_acquire) == CLOSED)
+        return;  // no frame open, and none opens for the removed manager
+    mLease.store(REVOKED, std::memory_order_seq_cst);
+    retireBarrier();
+    // A call that saw the lease OPEN is inside; it ends within the bound of its waits.
+    while (mInCall.load(std::memory_order_seq_cst))
+        nanosleep(&kPause, nullptr);
 }

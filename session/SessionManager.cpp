@@ -49,7 +49,11 @@ SessionManager::SessionManager(SharedBufferSet* buffers, FrameSink* sink, MBBMSA
       mWorkDir{},
       mOpenFrameSlot(NO_FRAME),
       mFrameThread(std::thread::id()),
-      mFrameLocked{} {
+      mFrameLocked{},
+      mFrameTargets{},
+      mFrameTargetCount(0),
+      mFrameChannelID(-1),
+      mFrameTargetsValid(false) {
     snprintf(mWorkDir, sizeof(mWorkDir), "%s", workDir != nullptr ? workDir : "");
     TLOG(SESSION, "SessionManager::%s()", "SessionManager");
     // The tables hold MAX_SESSIONS entries whatever the agent claims.
@@ -98,6 +102,7 @@ void SessionManager::releaseAbandonedFrame() {
             }
         }
     }
+    mFrameTargetsValid = false;
     mOpenFrameSlot.store(NO_FRAME);
     mFrameThread.store(std::thread::id());
     unlockSessions(__func__);

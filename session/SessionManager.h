@@ -115,6 +115,11 @@ private:
     bool anySessionStarted() const NO_THREAD_SAFETY_ANALYSIS;
     // The channel slot of a data callback, or -1 with the warning logged as `caller`.
     int dataSlot(const char* caller, int channelID) REQUIRES(mutexSessionChangable);
+    // Whether a NAL or AAC call for channelID goes to the frame's targets: the frame in
+    // progress is on that channel, which is known. Any other call takes the general path.
+    bool forFrameTargets(int channelID) const {
+        return mFrameTargetsValid && channelID == mFrameChannelID;
+    }
     // Calls deliver(buffer, writeState, session) for each session attached to slot c whose
     // buffer the current frame holds, in ascending session order, until deliver returns false
     // (a drop ends the item for the sessions after it too).
@@ -160,6 +165,15 @@ private:
     // held): what this frame has written into the buffer. Only sessions whose mFrameLocked is
     // set are used, and those have a buffer, so the index is below CMMB_SHARED_BUFFER_COUNT.
     BufferWriteState mWriteState[CMMB_SHARED_BUFFER_COUNT];
+    // The frame's targets, resolved once by the frame start so that each NAL and AAC call
+    // of the frame neither looks the channel up nor scans the sessions: the buffer, write
+    // state and session of every session whose buffer the frame holds, in ascending session
+    // order. Agent thread inside the bracket; valid while mFrameTargetsValid is set (from a
+    // frame start on a known channel to its end or abandonment), for channel mFrameChannelID.
+    FrameTarget mFrameTargets[CMMB_SHARED_BUFFER_COUNT];
+    int mFrameTargetCount;
+    int mFrameChannelID;
+    bool mFrameTargetsValid;
 };
 
 #endif  // TAVO_SESSION_SESSION_MANAGER_H

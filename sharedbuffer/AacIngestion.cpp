@@ -26,9 +26,13 @@ void writeAdtsHeader(unsigned char* out, uint32_t frameLength) {
     out[6] = 0xFC;
 }
 
-bool appendAacFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
-                    unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
-                    unsigned short length, const char* caller) {
+namespace {
+
+// The append itself, inlined into both entry points so that the per-target loop of a frame
+// costs no call per session.
+inline bool appendFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                        unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
+                        unsigned short length, const char* caller) {
     TLOG_FOR(caller, DATA_AAC, "+Raw audio AAC,session=%d, count=%d, ts=%lu+%lu , len=%lu\n",
              session, static_cast<int>(state.aacCount), tsBase, tsRelative,
              static_cast<unsigned long>(length));
@@ -64,4 +68,24 @@ bool appendAacFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int sessi
     state.aacCount += 1;
     buffer->aacCount = state.aacCount;
     return true;
+}
+
+}  // namespace
+
+bool appendAacFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                    unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
+                    unsigned short length, const char* caller) {
+    return appendFrame(buffer, state, session, tsBase, tsRelative, data, length, caller);
+}
+
+void appendAacFrameToTargets(const FrameTarget* targets, int count, unsigned long tsBase,
+                             unsigned long tsRelative, const unsigned char* data,
+                             unsigned short length, const char* caller) {
+    for (int i = 0; i < count; ++i) {
+        const FrameTarget& target = targets[i];
+        if (!appendFrame(target.buffer, *target.state, target.session, tsBase, tsRelative, data,
+                         length, caller)) {
+            return;
+        }
+    }
 }

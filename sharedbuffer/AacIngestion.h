@@ -20,4 +20,10 @@ bool appendAacFrame(CmmbSharedBuffer* buffer, BufferWriteState& state, int sessi
                     unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
                     unsigned short length, const char* caller);
 
+// Appends one frame to each of `count` targets in turn, as appendAacFrame does; a drop for
+// one target ends the frame for the targets after it too.
+void appendAacFrameToTargets(const FrameTarget* targets, int count, unsigned long tsBase,
+                             unsigned long tsRelative, const unsigned char* data,
+                             unsigned short length, const char* caller);
+
 #endif  // TAVO_SHAREDBUFFER_AAC_INGESTION_H

@@ -53,4 +53,12 @@ struct BufferWriteState {
     }
 };
 
+// One session whose buffer the frame in progress holds: where a NAL or AAC call writes for
+// it. The frame start resolves these once; each call of the frame then goes through them.
+struct FrameTarget {
+    CmmbSharedBuffer* buffer;
+    BufferWriteState* state;
+    int session;
+};
+
 #endif  // TAVO_SHAREDBUFFER_BUFFER_WRITE_STATE_H

@@ -33,6 +33,8 @@ void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, 
     mFrameThread.store(std::this_thread::get_id());
     for (bool& locked : mFrameLocked)
         locked = false;
+    mFrameTargetCount = 0;
+    mFrameTargetsValid = false;
     const int c = channelIDToIndex(channelID);
     mOpenFrameSlot = c;
     if (c < 0) {
@@ -74,7 +76,10 @@ void SessionManager::onOutputAVStart(int channelID, const unsigned char* frame, 
         state.publishCounts(buffer);
         for (CmmbNalRecord& record : buffer->nal)
             record.pos = CMMB_NAL_POS_NONE_OPEN;
+        mFrameTargets[mFrameTargetCount++] = FrameTarget{buffer, &state, s};
     }
+    mFrameChannelID = channelID;
+    mFrameTargetsValid = true;
 }
 
 void SessionManager::onOutputAVEnd(int channelID, bool withError) {
@@ -87,11 +92,13 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
     const int c = channelIDToIndex(channelID);
     if (c < 0) {
         TLOG(WARNING, "ChannelIDToIndex(%ld)=%d", static_cast<long>(channelID), -1);
+        mFrameTargetsValid = false;
         mOpenFrameSlot = NO_FRAME;
         mFrameThread.store(std::thread::id());
         unlockSessions(__func__);
         return;
     }
+    mFrameTargetsValid = false;
     ChannelEntry& channel = mChannel[c];
     for (int s = 0; s < mMaxSessions; ++s) {
         if (channel.refSession[s] != 1 || !mFrameLocked[s])

@@ -40,9 +40,14 @@ int getStartCodeLength(const unsigned char* data, int length) {
     return data[3] == 1 ? 4 : 0;
 }
 
-bool appendNalFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
-                       unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
-                       unsigned short length, int pos, const char* caller) {
+namespace {
+
+// The append itself, inlined into both entry points so that the per-target loop of a frame
+// costs no call per session.
+inline bool appendFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                           unsigned long tsBase, unsigned long tsRelative,
+                           const unsigned char* data, unsigned short length, int pos,
+                           const char* caller) {
     if (TLOG_ENABLED(DATA_NAL))
         logRawFragment(state.nalCount, session, tsBase, tsRelative, data, length, pos, caller);
     // Only the two flags count: other bits of an agent's value would otherwise reach the
@@ -126,4 +131,24 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int se
         record.pos = state.openPos;
     }
     return true;
+}
+
+}  // namespace
+
+bool appendNalFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int session,
+                       unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
+                       unsigned short length, int pos, const char* caller) {
+    return appendFragment(buffer, state, session, tsBase, tsRelative, data, length, pos, caller);
+}
+
+void appendNalFragmentToTargets(const FrameTarget* targets, int count, unsigned long tsBase,
+                                unsigned long tsRelative, const unsigned char* data,
+                                unsigned short length, int pos, const char* caller) {
+    for (int i = 0; i < count; ++i) {
+        const FrameTarget& target = targets[i];
+        if (!appendFragment(target.buffer, *target.state, target.session, tsBase, tsRelative, data,
+                            length, pos, caller)) {
+            return;
+        }
+    }
 }

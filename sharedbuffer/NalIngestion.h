@@ -25,4 +25,10 @@ bool appendNalFragment(CmmbSharedBuffer* buffer, BufferWriteState& state, int se
                        unsigned long tsBase, unsigned long tsRelative, const unsigned char* data,
                        unsigned short length, int pos, const char* caller);
 
+// Appends one fragment to each of `count` targets in turn, as appendNalFragment does; a
+// drop for one target ends the fragment for the targets after it too.
+void appendNalFragmentToTargets(const FrameTarget* targets, int count, unsigned long tsBase,
+                                unsigned long tsRelative, const unsigned char* data,
+                                unsigned short length, int pos, const char* caller);
+
 #endif  // TAVO_SHAREDBUFFER_NAL_INGESTION_H

@@ -3,13 +3,22 @@
 // agent callbacks into two sessions' shared buffers, against memcpy of the same fragments
 // into two buffers, which is the least any data path must do.
 //
+// A second row isolates the frame bracket: an empty frame (start and end only) into the
+// same two sessions, against the four posts of a 4-byte shared semaphore in a shared page
+// that every frame end makes (each session's buffer lock and its data-available signal),
+// which no data path of this buffer protocol can avoid.
+//
 //   datapath_benchmark [--smoke] [frames]
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "BenchRow.h"
+#include "CmmbSharedSemaphore.h"
 #include "EngineDataPath.h"
 
 namespace {
@@ -81,6 +90,38 @@ double memcpyMicrosPerFrame(const std::vector<Fragment>& video, const Bytes& aud
     return (bench::nowSeconds() - begin) * 1e6 / frames;
 }
 
+double emptyFrameMicros(EngineDataPath& bench, int frames) {
+    MBBMSAgentCallback* agentSide = bench.agent->callback();
+    const double begin = bench::nowSeconds();
+    for (int frame = 0; frame < frames; ++frame) {
+        agentSide->onOutputAVStart(kChannel, nullptr, 0);
+        agentSide->onOutputAVEnd(kChannel, false);
+    }
+    return (bench::nowSeconds() - begin) * 1e6 / frames;
+}
+
+// Four posts per frame on semaphores in a shared page, each taken back without waiting so
+// that the counts stay small; -1 when no shared page can be made.
+double semaphorePostMicros(int frames) {
+    const size_t pageSize = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* page = mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED)
+        return -1;
+    CmmbSharedSemaphore* sems = static_cast<CmmbSharedSemaphore*>(page);
+    for (int i = 0; i < 4; ++i)
+        cmmb_sem_init(&sems[i], 0);
+    const double begin = bench::nowSeconds();
+    for (int frame = 0; frame < frames; ++frame) {
+        for (int i = 0; i < 4; ++i) {
+            cmmb_sem_post(&sems[i]);
+            cmmb_sem_trywait(&sems[i]);
+        }
+    }
+    const double micros = (bench::nowSeconds() - begin) * 1e6 / frames;
+    munmap(page, pageSize);
+    return micros;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,5 +154,11 @@ int main(int argc, char** argv) {
     }
     bench::printRow("62.5 KB multiplex frame into two sessions", engine,
                     "memcpy of the fragments twice", baseline, "us/frame");
+
+    emptyFrameMicros(bench, frames / 10 + 1);  // warm-up
+    const double bracket = emptyFrameMicros(bench, frames);
+    const double posts = semaphorePostMicros(frames);
+    bench::printRow("empty frame into two sessions (start and end only)", bracket,
+                    "four shared-semaphore posts", posts, "us/frame");
     return 0;
 }

@@ -1,0 +1,146 @@
+// SessionManagerSlot's frame lease on its own, in both of its barrier modes (process-wide
+// barriers, and the read-modify-write per call used where the kernel has none): retire()
+// waits while a call of the bracket is inside and revokes the lease between calls, and only
+// the bracket's thread gets the lease. The manager is a real SessionManager without buffers
+// or agent; a call that reached it after retire() would be caught by the address and thread
+// sanitizers (label "tsan").
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <random>
+#include <thread>
+
+#include "FrameSink.h"
+#include "SessionManager.h"
+#include "SessionManagerSlot.h"
+#include "SharedBufferSet.h"
+
+extern "C" const char* __tsan_default_options() {
+    return "halt_on_error=1:exitcode=66";
+}
+
+namespace {
+
+using Barrier = SessionManagerSlot::CallBarrier;
+const auto kBound = std::chrono::seconds(10);
+
+class NoFrameSink : public FrameSink {
+public:
+    void onSessionFrameEnd(int) override {}
+};
+
+class LeaseSlot : public ::testing::TestWithParam<Barrier> {
+protected:
+    SessionManager* newManager() { return new SessionManager(&mBuffers, &mSink, nullptr, ""); }
+    // On the calling thread, as the frame start does.
+    void openBracket(SessionManagerSlot& slot) {
+        SessionManagerSlot::Access access(slot, true);
+        ASSERT_TRUE(access);
+        slot.openBracket(access.get());
+    }
+
+    SharedBufferSet mBuffers;  // never created: the manager only needs its address
+    NoFrameSink mSink;
+};
+
+TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) {
+    SessionManagerSlot slot(GetParam());
+    SessionManager* manager = newManager();
+    slot.install(manager);
+    std::promise<void> inside, leave;
+    std::shared_future<void> leaveSignal = leave.get_future().share();
+    std::atomic<int> laterCallGotLease{-1};
+    std::thread bracket([&] {
+        openBracket(slot);
+        {
+            SessionManagerSlot::BracketCall call(slot);
+            EXPECT_TRUE(call);
+            inside.set_value();
+            leaveSignal.wait();
+        }
+        SessionManagerSlot::BracketCall later(slot);
+        laterCallGotLease = static_cast<bool>(later) ? 1 : 0;
+    });
+    inside.get_future().wait();
+    std::future<SessionManager*> retired =
+        std::async(std::launch::async, [&] { return slot.retire(); });
+    EXPECT_EQ(std::future_status::timeout, retired.wait_for(std::chrono::milliseconds(200)))
+        << "retire() returned while a call was inside the manager";
+    leave.set_value();
+    ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
+    EXPECT_EQ(manager, retired.get());
+    bracket.join();
+    EXPECT_EQ(0, laterCallGotLease.load()) << "a call after retire() still got the manager";
+    delete manager;
+}
+
+TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
+    SessionManagerSlot slot(GetParam());
+    SessionManager* manager = newManager();
+    slot.install(manager);
+    openBracket(slot);
+    std::thread other([&] {
+        SessionManagerSlot::BracketCall call(slot);
+        EXPECT_FALSE(call);
+    });
+    other.join();
+    {
+        SessionManagerSlot::BracketCall end(slot);
+        ASSERT_TRUE(end);
+        end.closeBracket();
+    }
+    SessionManagerSlot::BracketCall afterEnd(slot);
+    EXPECT_FALSE(afterEnd);
+    // No lease is open: retire() has nothing to wait for.
+    std::future<SessionManager*> retired =
+        std::async(std::launch::async, [&] { return slot.retire(); });
+    ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
+    delete retired.get();
+}
+
+// The bracket's thread calls into the manager as fast as it can while retire() runs at a
+// random moment; once a call finds no lease, none finds it again, and the manager is
+// deleted right after retire() returns.
+TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 100; ++round) {
+        SessionManagerSlot slot(GetParam());
+        SessionManager* manager = newManager();
+        slot.install(manager);
+        std::atomic<bool> started{false};
+        std::atomic<long> callsAfterRevocation{0};
+        std::thread bracket([&] {
+            openBracket(slot);
+            bool revoked = false;
+            for (long call = 0; call < 100000; ++call) {
+                SessionManagerSlot::BracketCall leased(slot);
+                started = true;
+                if (leased) {
+                    callsAfterRevocation += revoked;
+                    leased->channelIDToIndex(static_cast<int>(call));
+                } else {
+                    revoked = true;
+                }
+            }
+        });
+        while (!started.load())
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
+        SessionManager* retired = slot.retire();
+        EXPECT_EQ(manager, retired);
+        delete retired;
+        bracket.join();
+        ASSERT_EQ(0, callsAfterRevocation.load()) << "round " << round;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothBarrierModes, LeaseSlot,
+                         ::testing::Values(Barrier::PROCESS_WIDE_WHERE_AVAILABLE,
+                                           Barrier::PER_CALL),
+                         [](const ::testing::TestParamInfo<Barrier>& mode) {
+                             return mode.param == Barrier::PER_CALL ? "PerCall" : "ProcessWide";
+                         });
+
+}  // namespace

@@ -1,0 +1,157 @@
+// The frame bracket's lease on the session manager: the NAL and AAC calls of an open frame
+// reach the manager through it, deinit revokes it between two calls, and a call that finds
+// no lease (another thread, or after the revocation) takes the counted path instead. Run in
+// child processes against the engine library and the fake agent; also under the address
+// and thread sanitizers (label "tsan"), which catch a call that uses a deleted manager.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "EngineDataPath.h"
+
+// Read by ThreadSanitizer only: a race report fails the test, also inside the child that
+// runs its body.
+extern "C" const char* __tsan_default_options() {
+    return "halt_on_error=1:exitcode=66";
+}
+
+namespace {
+
+const int kChannel = 40;
+const auto kBound = std::chrono::seconds(10);
+
+// deinit while the agent's thread delivers frames of many calls, back to back: the lease is
+// revoked between two calls, the abandoned frame is ended, the agent's later calls are
+// dropped, and after a new init frames flow again with no lock left taken.
+TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", false);
+        ASSERT_EQ("", bench.setUpError());
+        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        ASSERT_NE(nullptr, agentSide);
+        Bytes unit = nalUnit(4, 0x41, 200);
+        Bytes audio = pattern(100);
+        for (int iteration = 0; iteration < 40; ++iteration) {
+            if (iteration > 0) {
+                ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+            }
+            ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+            ASSERT_EQ(0, bench.startService(1, 7, kChannel));
+
+            std::atomic<bool> running{true};
+            std::atomic<long> frames{0};
+            AsyncCall agentThread([&] {
+                while (running.load()) {
+                    agentSide->onOutputAVStart(kChannel, nullptr, 0);
+                    for (int i = 0; i < 100; ++i) {
+                        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
+                                                       static_cast<unsigned short>(unit.size()),
+                                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+                        agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
+                                                        static_cast<unsigned short>(audio.size()));
+                    }
+                    agentSide->onOutputAVEnd(kChannel, false);
+                    frames++;
+                }
+            });
+            const auto giveUp = std::chrono::steady_clock::now() + kBound;
+            while (frames.load() < 1 + iteration % 3 && std::chrono::steady_clock::now() < giveUp)
+                std::this_thread::yield();
+            ASSERT_GT(frames.load(), 0) << "no frame went through, iteration " << iteration;
+
+            AsyncCall deinit([&] { bench.engine->deinit(); });
+            ASSERT_TRUE(deinit.endsWithin(kBound)) << "deinit hangs, iteration " << iteration;
+            // The agent goes on delivering into an engine without a session manager.
+            const long afterDeinit = frames.load();
+            while (frames.load() < afterDeinit + 2 && std::chrono::steady_clock::now() < giveUp)
+                std::this_thread::yield();
+            EXPECT_GE(frames.load(), afterDeinit + 2) << "the agent's thread is stuck";
+            running.store(false);
+            ASSERT_TRUE(agentThread.endsWithin(kBound));
+        }
+        // Most deinits met an open frame, whose end never reached the manager.
+        EXPECT_GT(bench.root.countLog("is abandoned, its buffers are unlocked"), 10);
+
+        // A working engine after all of it: sessions start, a frame goes through, they stop.
+        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+        AsyncCall frame([&] { deliverFrame(agentSide, kChannel, &unit, 1); });
+        ASSERT_TRUE(frame.endsWithin(kBound));
+        EXPECT_EQ(0, bench.engine->stopTVService(0));
+    });
+}
+
+// A frame open across deinit and a new init: the old frame's later calls and its end reach
+// no manager, not even the new one where the same channel runs again; the new manager's
+// first frame is written whole.
+TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
+    EXPECT_IN_CHILD({
+        EngineDataPath bench("ERROR,WARNING", false);
+        ASSERT_EQ("", bench.setUpError());
+        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        Bytes unit = nalUnit(4, 0x41, 64);
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+
+        agentSide->onOutputAVStart(kChannel, nullptr, 0);
+        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
+                                       static_cast<unsigned short>(unit.size()),
+                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        AsyncCall deinit([&] { bench.engine->deinit(); });
+        ASSERT_TRUE(deinit.endsWithin(kBound));
+        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        ASSERT_EQ("",
+                  bench.reader.connect(bench.serverPath(), bench.root.path() + "/lease.socket"));
+        ASSERT_EQ(0, bench.startService(0, 7, kChannel));
+
+        // Still the old frame, from the agent's point of view.
+        bench.root.clearLog();
+        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
+                                       static_cast<unsigned short>(unit.size()),
+                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        agentSide->onOutputAVEnd(kChannel, false);
+        EXPECT_EQ(0u, bench.buffer(0)->nalCount);
+        EXPECT_EQ(0u, bench.buffer(0)->dataLength);
+        EXPECT_EQ(1, bench.root.countLog("frame end without frame start"));
+        EXPECT_EQ(1, valueOf(&bench.buffer(0)->mutexDataAccessable));
+
+        Bytes units[3] = {nalUnit(4, 0x65, 80, 1), nalUnit(4, 0x41, 90, 2),
+                          nalUnit(3, 0x41, 100, 3)};
+        deliverFrame(agentSide, kChannel, units, 3);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
+        ASSERT_EQ(3u, frame.nals.size());
+        EXPECT_EQ(Bytes(units[2].begin() + 3, units[2].end()), frame.nals[2]);
+    });
+}
+
+// The calls of a frame made on another thread than its start (which the agent should not
+// do) take the counted path and are still written into the frame.
+TEST(DataPathLease, CallsFromAnotherThreadThanTheFrameStartAreStillDelivered) {
+    EXPECT_IN_CHILD({
+        SERVING_BENCH(bench, kChannel, "ERROR,WARNING");
+        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        Bytes unit = nalUnit(4, 0x41, 64, 9);
+        Bytes audio = pattern(50, 4);
+        agentSide->onOutputAVStart(kChannel, nullptr, 0);
+        std::thread other([&] {
+            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
+                                           static_cast<unsigned short>(unit.size()),
+                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
+                                            static_cast<unsigned short>(audio.size()));
+        });
+        other.join();
+        agentSide->onOutputAVEnd(kChannel, false);
+        ReadFrame frame;
+        ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
+        ASSERT_EQ(1u, frame.nals.size());
+        EXPECT_EQ(Bytes(unit.begin() + 4, unit.end()), frame.nals[0]);
+        ASSERT_EQ(1u, frame.aacs.size());
+        EXPECT_EQ(audio.size() + 7, frame.aacs[0].size());
+    });
+}
+
+}  // namespace
