@@ -12,21 +12,6 @@
 
 #include "FakeAgentAccess.h"
 
-Bytes pattern(size_t count, unsigned char seed) {
-    Bytes bytes(count);
-    for (size_t i = 0; i < count; ++i)
-        bytes[i] = static_cast<unsigned char>(seed + i * 7);
-    return bytes;
-}
-
-Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed) {
-    Bytes bytes = pattern(count, seed);
-    for (int i = 0; i < startCodeLength; ++i)
-        bytes[i] = i + 1 == startCodeLength;
-    bytes[startCodeLength] = header;
-    return bytes;
-}
-
 int valueOf(CmmbSharedSemaphore* sem) {
     int value = -1;
     cmmb_sem_getvalue(sem, &value);

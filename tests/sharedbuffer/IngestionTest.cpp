@@ -10,10 +10,9 @@
 #include "AacIngestion.h"
 #include "MBBMSAgent.h"
 #include "NalIngestion.h"
+#include "TestBytes.h"
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 const int START = MBBMSAgent::NAL_FRAGMENT_START;
 const int MIDDLE = MBBMSAgent::NAL_FRAGMENT_MIDDLE;
@@ -21,22 +20,6 @@ const int END = MBBMSAgent::NAL_FRAGMENT_END;
 const int COMPLETE = MBBMSAgent::NAL_FRAGMENT_COMPLETE;
 // The pos of the next free NAL record: none open (3), opened by START (2), had a MIDDLE (0).
 const uint32_t kNone = 3, kStarted = 2, kMiddle = 0;
-
-Bytes pattern(size_t count, unsigned char seed = 0) {
-    Bytes bytes(count);
-    for (size_t i = 0; i < count; ++i)
-        bytes[i] = static_cast<unsigned char>(seed + i);
-    return bytes;
-}
-
-// `count` bytes: a start code of startCodeLength (3 or 4), the header byte, then a pattern.
-Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed = 0) {
-    Bytes bytes = pattern(count, seed);
-    std::fill(bytes.begin(), bytes.begin() + startCodeLength - 1, 0);
-    bytes[static_cast<size_t>(startCodeLength - 1)] = 1;
-    bytes[static_cast<size_t>(startCodeLength)] = header;
-    return bytes;
-}
 
 Bytes joined(std::initializer_list<Bytes> parts) {
     Bytes all;
