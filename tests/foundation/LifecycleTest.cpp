@@ -190,7 +190,6 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         std::string tooLong = fits + "e";
         ASSERT_EQ(127u, fits.size());
         EXPECT_EQ(-1, engine->init(nullptr, tooLong.c_str()));
-        EXPECT_TRUE(root.logContains("working directory too long"));
         EXPECT_FALSE(isDirectory(tooLong));
         EXPECT_FALSE(isDirectory(fits)) << "the path was cut instead of refused";
         EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
