@@ -26,6 +26,10 @@
 using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 
 int valueOf(CmmbSharedSemaphore* sem);
+// The inode of the session's region as a descriptor of this process holds it (an engine's
+// process without a play engine holds only the engine's own), or -1. A replaced buffer is a
+// new region and so a new inode.
+long long regionInodeInThisProcess(int session);
 // One frame of complete units straight through the agent's callback, on the calling thread
 // and without allocating; unit i carries tsBase + i.
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
