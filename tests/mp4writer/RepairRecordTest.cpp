@@ -8,6 +8,7 @@
 
 #include <random>
 
+#include "CraftedRecording.h"
 #include "RecordingRepair.h"
 #include "RepairRecordWalker.h"
 #include "WriterHarness.h"
@@ -91,104 +92,74 @@ TEST(RepairRecordFormat, DamagedCutShortAndOverlongRecordsAreNotFound) {
     EXPECT_FALSE(reader.ok());
 }
 
-// A configuration of one AAC track.
-Bytes audioConfig() {
-    Bytes out;
-    RepairRecordBuilder b;
-    b.begin(&out, REPAIR_RECORD_CONFIG);
-    b.u32(1000);
-    b.u8(1);
-    b.u8(1);
-    b.u8(REPAIR_TRACK_AAC);
-    b.u16(0);
-    b.u16(0);
-    b.u32(24000);
-    b.u32(24000);
-    b.u16(0);
-    b.end();
-    return out;
-}
-
-// A chunk record of `sizes.size()` samples 960 ticks apart, followed by their bytes.
-Bytes audioChunk(const std::vector<uint32_t>& sizes, int64_t firstTicks) {
-    Bytes out;
-    RepairRecordBuilder b;
-    b.begin(&out, REPAIR_RECORD_CHUNK);
-    b.u8(0);
-    b.varint(static_cast<uint64_t>(firstTicks));
-    b.varint(sizes.size());
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        b.varint(uint64_t{sizes[i]} << 1 | 1);
-        b.varint(i + 1 < sizes.size() ? 960 : 0);
-    }
-    b.end();
-    for (uint32_t size : sizes) {
-        const Bytes sample = patternBytes(size, static_cast<uint8_t>(size));
-        out.insert(out.end(), sample.begin(), sample.end());
-    }
-    return out;
-}
-
-// Walks the records of `bytes` (from a scratch file); returns the steps taken and the
-// samples seen.
+// Walks the records of `bytes` (from a scratch file) from the end of the mdat header; returns
+// the steps taken, the samples seen and where the walk stopped.
 std::vector<RepairRecordWalker::Step> walk(const Bytes& bytes, std::vector<RepairSample>* samples,
                                            uint64_t* end) {
     char path[] = "/tmp/repair-walk-XXXXXX";
     const int fd = mkstemp(path);
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
     RepairInput input(fd, bytes.size());
-    RepairRecordWalker walker(input, 0, bytes.size());
+    RepairRecordWalker walker(input, 32, bytes.size());
     std::vector<RepairRecordWalker::Step> steps;
-    for (;;) {
+    do {
         steps.push_back(walker.next());
-        if (steps.back() == RepairRecordWalker::kEnd)
-            break;
         RepairSample sample;
-        if (steps.back() == RepairRecordWalker::kChunk)
-            while (walker.chunk().next(&sample))
-                samples->push_back(sample);
-    }
+        while (steps.back() == RepairRecordWalker::kChunk && walker.chunk().next(&sample))
+            samples->push_back(sample);
+    } while (steps.back() != RepairRecordWalker::kEnd);
     *end = walker.position();
     close(fd);
     unlink(path);
     return steps;
 }
 
-TEST(RepairRecordWalk, ChunksAreReadUpToTheFirstOneCutShort) {
-    using Step = RepairRecordWalker::Step;
-    const Bytes config = audioConfig(), first = audioChunk({100, 120}, 0),
-                second = audioChunk({90}, 1920);
-    Bytes file = config;
-    for (const Bytes* part : {&first, &second})
-        file.insert(file.end(), part->begin(), part->end());
+using Sample = CraftedRecording::Sample;
+const auto kConfig = RepairRecordWalker::kConfig;
+const auto kChunk = RepairRecordWalker::kChunk;
+const auto kEnd = RepairRecordWalker::kEnd;
+using Steps = std::vector<RepairRecordWalker::Step>;
+
+TEST(RepairRecordWalk, ChunksAreReadUpToTheFirstOneCutShortOrClaimingMoreThanTheFileHolds) {
+    CraftedRecording recording;
+    recording.config({REPAIR_TRACK_AAC});
+    const size_t firstChunk = recording.size();
+    recording.chunk(0, REPAIR_TRACK_AAC, 0, {{100, true, 960}, {120, true, 0}});
+    const size_t secondChunk = recording.size();
+    recording.chunk(0, REPAIR_TRACK_AAC, 1920, {{90, true, 0}});
     std::vector<RepairSample> samples;
     uint64_t end = 0;
-    EXPECT_EQ(std::vector<Step>({RepairRecordWalker::kConfig, RepairRecordWalker::kChunk,
-                                 RepairRecordWalker::kChunk, RepairRecordWalker::kEnd}),
-              walk(file, &samples, &end));
+    EXPECT_EQ(Steps({kConfig, kChunk, kChunk, kEnd}), walk(recording.bytes(), &samples, &end));
     ASSERT_EQ(3u, samples.size());
-    EXPECT_EQ(file.size(), end);
-    const uint64_t firstData = config.size() + first.size() - 220;
-    EXPECT_EQ(firstData, samples[0].offset);
-    EXPECT_EQ(firstData + 100, samples[1].offset);
+    EXPECT_EQ(recording.size(), end);
+    EXPECT_EQ(secondChunk - 220, samples[0].offset);
+    EXPECT_EQ(secondChunk - 120, samples[1].offset);
     EXPECT_EQ(120u, samples[1].size);
     EXPECT_EQ(960, samples[1].ticks);
     EXPECT_EQ(1920, samples[2].ticks);
     EXPECT_TRUE(samples[2].sync);
 
     // The second chunk's bytes cut short: the walk ends after the first.
-    file.resize(file.size() - 1);
+    Bytes cut = recording.bytes();
+    cut.pop_back();
     samples.clear();
-    EXPECT_EQ(std::vector<Step>({RepairRecordWalker::kConfig, RepairRecordWalker::kChunk,
-                                 RepairRecordWalker::kEnd}),
-              walk(file, &samples, &end));
+    EXPECT_EQ(Steps({kConfig, kChunk, kEnd}), walk(cut, &samples, &end));
     EXPECT_EQ(2u, samples.size());
-    EXPECT_EQ(config.size() + first.size(), end);
+    EXPECT_EQ(secondChunk, end);
 
-    // A chunk before any configuration is not accepted.
-    samples.clear();
-    EXPECT_EQ(std::vector<Step>({RepairRecordWalker::kEnd}), walk(first, &samples, &end));
-    EXPECT_EQ(0u, end);
+    // Counts and sizes that the file cannot back, and a chunk before any configuration.
+    CraftedRecording claimsMore, emptySample, noConfig;
+    claimsMore.config({REPAIR_TRACK_AAC}).chunk(0, REPAIR_TRACK_AAC, 0, {{10, true, 0}}, 1000000);
+    emptySample.config({REPAIR_TRACK_AAC}).chunk(0, REPAIR_TRACK_AAC, 0, {{0, true, 0}});
+    noConfig.chunk(0, REPAIR_TRACK_AAC, 0, {{10, true, 0}});
+    for (const CraftedRecording* bad : {&claimsMore, &emptySample, &noConfig}) {
+        samples.clear();
+        const Steps steps = walk(bad->bytes(), &samples, &end);
+        EXPECT_EQ(kEnd, steps.back());
+        EXPECT_EQ(0, std::count(steps.begin(), steps.end(), kChunk));
+        EXPECT_TRUE(samples.empty());
+        EXPECT_LE(end, firstChunk);
+    }
 }
 
 // A finished two-track recording of `seconds` with repair records; returns its bytes.
