@@ -4,13 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 #include <vector>
 
-#include "AacIngestion.h"
-#include "MBBMSAgent.h"
-#include "NalIngestion.h"
-#include "TestBytes.h"
+#include "IngestionBench.h"
 
 namespace {
 
@@ -28,41 +24,12 @@ Bytes joined(std::initializer_list<Bytes> parts) {
     return all;
 }
 
-// One session's buffer and the engine's write state for it.
-class IngestionTest : public testing::Test {
+class IngestionTest : public testing::Test, public IngestionBench {
 protected:
-    IngestionTest() : mRegion(new CmmbSharedBuffer()), b(mRegion.get()) { frameStart(); }
-
-    // What the frame hand-off does to the buffer at each frame start.
-    void frameStart() {
-        state.clear();
-        state.publishCounts(b);
-        for (CmmbNalRecord& record : b->nal)
-            record.pos = CMMB_NAL_POS_NONE_OPEN;
-    }
-    bool nal(const Bytes& data, int pos, unsigned long tsBase = 0, unsigned long tsRelative = 0) {
-        return appendNalFragment(b, state, 0, tsBase, tsRelative, data.data(),
-                                 static_cast<unsigned short>(data.size()), pos, "test");
-    }
-    bool aac(const Bytes& data, unsigned long tsBase = 0) {
-        return appendAacFrame(b, state, 0, tsBase, 0, data.data(),
-                              static_cast<unsigned short>(data.size()), "test");
-    }
     Bytes payload(uint32_t offset, uint32_t length) const {
         return Bytes(b->data + offset, b->data + offset + length);
     }
     Bytes nalPayload(int unit) const { return payload(b->nal[unit].offset, b->nal[unit].length); }
-    // Fills the payload to `length` bytes with complete units.
-    void fillPayload(uint32_t length) {
-        while (b->dataLength < length) {
-            const uint32_t missing = length - b->dataLength;
-            ASSERT_TRUE(nal(nalUnit(4, 0x65, (missing > 60000 ? 60000 : missing) + 4), COMPLETE));
-        }
-    }
-
-    std::unique_ptr<CmmbSharedBuffer> mRegion;
-    CmmbSharedBuffer* const b;
-    BufferWriteState state;
 };
 
 // Every fragment position from every state. START and COMPLETE fragments carry a 4-byte
