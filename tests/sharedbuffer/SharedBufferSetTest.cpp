@@ -7,8 +7,11 @@
 
 #include <chrono>
 #include <future>
+#include <string>
 
 #include "CmmbSharedSemaphore.h"
+#include "FaultInjectingEnv.h"
+#include "OpenDescriptors.h"
 #include "SharedBufferSet.h"
 #include "TestRoot.h"
 
@@ -143,5 +146,41 @@ TEST_F(SharedBufferSetTest, AWaiterGivesUpWhenTheReaderLeavesHoldingTheLock) {
     ASSERT_TRUE(mSet.lock(0));
     mSet.unlock(0);
 }
+
+struct SetUpFault {
+    FaultInjectingEnv::Call call;
+    int callsPerSession;  // two semaphores per buffer, one of everything else
+    const char* name;
+};
+
+class SharedBufferSetUpFault : public testing::TestWithParam<SetUpFault> {};
+
+// Every platform call of the set-up, failing for either session: creation fails at once with
+// nothing left open, and the next creation works.
+TEST_P(SharedBufferSetUpFault, CreateFailsWithNothingLeftOpenAndTheNextCreateWorks) {
+    const SetUpFault fault = GetParam();
+    TestRoot root("");
+    for (int n = 1; n <= 2 * fault.callsPerSession; ++n) {
+        FaultInjectingEnv env;
+        SharedBufferSet set;
+        const int descriptorsBefore = openDescriptors();
+        env.failNth(fault.call, n, ENOMEM);
+        EXPECT_EQ(-1, set.create("test")) << "failing call " << n;
+        EXPECT_EQ(n, env.calls(fault.call)) << "set-up went on after a failed call";
+        EXPECT_EQ(descriptorsBefore, openDescriptors()) << "failing call " << n;
+        EXPECT_EQ(nullptr, set.buffer(0));
+        EXPECT_EQ(-1, set.fd(1));
+        env.clearFaults();
+        EXPECT_EQ(0, set.create("test"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryCall, SharedBufferSetUpFault,
+    testing::Values(SetUpFault{FaultInjectingEnv::CREATE_REGION, 1, "Region"},
+                    SetUpFault{FaultInjectingEnv::MAP_REGION, 1, "Mapping"},
+                    SetUpFault{FaultInjectingEnv::PROTECT_REGION, 1, "Protection"},
+                    SetUpFault{FaultInjectingEnv::INIT_SEMAPHORE, 2, "Semaphore"}),
+    [](const testing::TestParamInfo<SetUpFault>& fault) { return std::string(fault.param.name); });
 
 }  // namespace
