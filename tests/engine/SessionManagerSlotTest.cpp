@@ -94,12 +94,15 @@ TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
     });
     frameOpened.get_future().wait();
 
+    std::promise<void> accessTaken;
     auto application = std::async(std::launch::async, [&] {
         SessionManagerSlot::Access access(mSlot);
+        accessTaken.set_value();
         const bool taken = access->beginExclusive();
         access->endExclusive(taken);
         return taken;
     });
+    accessTaken.get_future().wait();
     EXPECT_EQ(std::future_status::timeout, application.wait_for(kSettle));
 
     std::promise<void> callbackDone;
