@@ -12,21 +12,6 @@
 
 #include "FakeAgentAccess.h"
 
-Bytes pattern(size_t count, unsigned char seed) {
-    Bytes bytes(count);
-    for (size_t i = 0; i < count; ++i)
-        bytes[i] = static_cast<unsigned char>(seed + i * 7);
-    return bytes;
-}
-
-Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed) {
-    Bytes bytes = pattern(count, seed);
-    for (int i = 0; i < startCodeLength; ++i)
-        bytes[i] = i + 1 == startCodeLength;
-    bytes[startCodeLength] = header;
-    return bytes;
-}
-
 int valueOf(CmmbSharedSemaphore* sem) {
     int value = -1;
     cmmb_sem_getvalue(sem, &value);
@@ -58,26 +43,35 @@ std::string PlayEngineReader::connect(const std::string& serverPath,
     return status == TAVO_PE_OK ? "" : tavo_pe_status_text(status);
 }
 
-off_t PlayEngineReader::regionSize(int session) const {
-    // The SDK keeps the descriptor of each region it maps; its link names the region.
+// The first descriptor of this process whose link names the session's region.
+static bool statRegionDescriptor(int session, struct stat* status) {
     const std::string name = "memfd:cmmb_shared_memory_" + std::to_string(session);
     DIR* descriptors = opendir("/proc/self/fd");
     if (descriptors == nullptr)
-        return -1;
-    off_t size = -1;
+        return false;
+    bool found = false;
     while (dirent* entry = readdir(descriptors)) {
         char target[256] = {};
         const std::string link = std::string("/proc/self/fd/") + entry->d_name;
         if (readlink(link.c_str(), target, sizeof(target) - 1) <= 0 ||
             strncmp(target, ("/" + name + " ").c_str(), name.size() + 2) != 0)
             continue;
-        struct stat status;
-        if (stat(link.c_str(), &status) == 0)
-            size = status.st_size;
+        found = stat(link.c_str(), status) == 0;
         break;
     }
     closedir(descriptors);
-    return size;
+    return found;
+}
+
+off_t PlayEngineReader::regionSize(int session) const {
+    // The SDK keeps the descriptor of each region it maps.
+    struct stat status;
+    return statRegionDescriptor(session, &status) ? status.st_size : -1;
+}
+
+long long regionInodeInThisProcess(int session) {
+    struct stat status;
+    return statRegionDescriptor(session, &status) ? static_cast<long long>(status.st_ino) : -1;
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {

@@ -20,16 +20,16 @@
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngine.h"
 #include "TavoPlayEngine.h"
+#include "TestBytes.h"
 #include "TestRoot.h"
 
-using Bytes = std::vector<unsigned char>;
 using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 
-// `count` bytes of a running pattern beginning at `seed`.
-Bytes pattern(size_t count, unsigned char seed = 0);
-// `count` bytes: a 3- or 4-byte start code, the NAL header byte, then a running pattern.
-Bytes nalUnit(int startCodeLength, unsigned char header, size_t count, unsigned char seed = 0);
 int valueOf(CmmbSharedSemaphore* sem);
+// The inode of the session's region as a descriptor of this process holds it (an engine's
+// process without a play engine holds only the engine's own), or -1. A replaced buffer is a
+// new region and so a new inode.
+long long regionInodeInThisProcess(int session);
 // One frame of complete units straight through the agent's callback, on the calling thread
 // and without allocating; unit i carries tsBase + i.
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,

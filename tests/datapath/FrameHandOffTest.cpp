@@ -72,8 +72,6 @@ TEST(FrameHandOff, UnfetchedFrameIsLostAndFrameWithErrorIsHandedOverEmpty) {
         CmmbSharedBuffer* b = bench.buffer(0);
         bench.playFrame(40, 3, 2);
         bench.frameStart(40);
-        EXPECT_EQ(1, bench.root.countLog("A/V DATA LOST(nalCount=3, aacCount=2) due to playengine "
-                                         "doesn't fetch them in time"));
         EXPECT_EQ(0u, b->nalCount + b->aacCount + b->dataLength);
         bench.frameEnd(40);
         EXPECT_EQ(2, valueOf(&b->mutexDataAvailable));
@@ -85,12 +83,10 @@ TEST(FrameHandOff, UnfetchedFrameIsLostAndFrameWithErrorIsHandedOverEmpty) {
         bench.playFrame(40, 2, 2, true);
         ASSERT_TRUE(bench.reader.readFrame(0, &frame)) << "the frame was not signalled";
         EXPECT_TRUE(frame.nals.empty() && frame.aacs.empty());
-        EXPECT_EQ(1, bench.root.countLog("after demux, withError = true, DROP this MFS frame"));
         bench.playFrame(40, 1, 1);
         ASSERT_TRUE(bench.reader.readFrame(0, &frame));
         EXPECT_EQ(1u, frame.nals.size());
         EXPECT_EQ(1u, frame.aacs.size());
-        EXPECT_EQ(1, bench.root.countLog("A/V DATA LOST"));
     });
 }
 
@@ -100,7 +96,6 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         bench.playFrame(55, 1, 1);
-        EXPECT_EQ(3, bench.root.countLog("channelIDToIndex(55)=-1"));  // start, NAL, AAC
         EXPECT_EQ(0u, bench.buffer(0)->dataLength);
         EXPECT_EQ(0, valueOf(&bench.buffer(0)->mutexDataAvailable));
         for (bool frameOpen : {false, true}) {

@@ -39,11 +39,9 @@ TEST(TVServiceControl, FrequencyRuleKeepsRunningChannelsOnOneFrequencyPoint) {
         EngineDataPath bench;
         ASSERT_EQ("", bench.setUpError());
         EXPECT_EQ(-1, bench.startService(0, 7, 40, -1));
-        EXPECT_EQ(1, bench.root.countLog("working on freq=-1, can't switch to freq=-1"));
         bench.agent->setResult("getFrequency", 20);
         EXPECT_EQ(0, bench.startService(0, 7, 40, 21));
         EXPECT_EQ(-1, bench.startService(1, 8, 41, 22));
-        EXPECT_EQ(1, bench.root.countLog("working on freq=20, can't switch to freq=22"));
         EXPECT_EQ(0, bench.startService(1, 8, 41, 20));
         ASSERT_EQ(0, bench.engine->stopTVService(1));
         bench.agent->setResult("getFrequency", -1);
@@ -64,20 +62,17 @@ TEST(TVServiceControl, RefusedStartsAndStopsChangeNothing) {
         b->dataLength = 900;
         EXPECT_EQ(-1, bench.engine->stopTVService(1));
         EXPECT_EQ(0u, b->nalCount + b->aacCount + b->dataLength);
-        EXPECT_EQ(1, bench.root.countLog("One MFS frame is reset(nalCount=5, aacCount=2)"));
         EXPECT_EQ(0, valueOf(&b->mutexDataAvailable));
         EXPECT_EQ(1, valueOf(&b->mutexDataAccessable));
         EXPECT_EQ(-1, bench.startService(-1, 7, 40));
         EXPECT_EQ(-1, bench.startService(2, 7, 40));
         EXPECT_EQ(-1, bench.engine->stopTVService(2));
-        EXPECT_EQ(2, bench.root.countLog("Wrong mSessionID=2"));
         bench.agent->setResult("startService", -1);
         EXPECT_EQ(-1, bench.startService(0, 7, 40));
         bench.agent->clearResult("startService");
         EXPECT_EQ(-1, bench.startService(0, 7, -3)) << "a negative channel identifier";
         EXPECT_EQ(0, bench.root.countLog("attachSessionToChannel"));
         EXPECT_EQ(-1, bench.engine->stopTVService(0));
-        EXPECT_EQ(1, bench.root.countLog("session(0) not started yet"));
 
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         EXPECT_EQ(0, bench.root.countLog("mChannel[1]")) << "the refused slot is reused";

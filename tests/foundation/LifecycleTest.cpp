@@ -84,8 +84,6 @@ TEST_P(VendorProperty, SelectsTheAgentLibrary) {
         const std::string other = expectInno ? sianoPath(root) : innoPath(root);
         EXPECT_NE(nullptr, fakeAgentAt(chosen));
         EXPECT_EQ(-1, fakeAgentLoadCountAt(other)) << "the other vendor library was loaded";
-        EXPECT_TRUE(root.logContains(expectInno ? "]open libinno.so" : "]open libsiano.so"));
-        EXPECT_TRUE(root.logContains("dynamically load so file successfully"));
     });
 }
 
@@ -101,8 +99,6 @@ TEST(AgentLoading, MissingLibraryIsReportedAndEveryAgentOperationFails) {
         TestRoot root("");  // no agent library installed
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
         ASSERT_NE(nullptr, engine);
-        EXPECT_TRUE(root.logContains("[LogMask::ERROR]"));
-        EXPECT_TRUE(root.logContains("Can not load library: "));
         EXPECT_EQ(0, engine->getMaxSupportedSessions());
         RecordingCallback callback;
         EXPECT_EQ(-1, engine->init(&callback, nullptr));
@@ -112,24 +108,12 @@ TEST(AgentLoading, MissingLibraryIsReportedAndEveryAgentOperationFails) {
     });
 }
 
-TEST(AgentLoading, MissingCreateAgentIsReportedAndInitFails) {
+TEST(AgentLoading, MissingCreateAgentMakesInitFail) {
     EXPECT_IN_CHILD({
         TestRoot root(TestRoot::fakeAgentWithoutCreatePath());
         TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        EXPECT_TRUE(root.logContains("Cannot load symbol for createAgent: "));
         EXPECT_EQ(-1, engine->init(nullptr, nullptr));
         EXPECT_EQ(0, engine->getMaxSupportedSessions());
-    });
-}
-
-TEST(AgentLoading, MissingDestroyAgentIsReportedWhenTheEngineIsDeleted) {
-    EXPECT_IN_CHILD({
-        TestRoot root(TestRoot::fakeAgentWithoutDestroyPath());
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        EXPECT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->deinit());
-        delete engine;
-        EXPECT_TRUE(root.logContains("Cannot load symbol for destroyAgent: "));
     });
 }
 
@@ -149,14 +133,11 @@ TEST(Init, BringsTheAgentUpInOrderInTheDefaultOrGivenDirectoryAndDeinitTakesItDo
         EXPECT_EQ("init(callback, " + defaultDir + ", " + defaultDir + ")", calls[2]);
         EXPECT_TRUE(isDirectory(defaultDir));
         EXPECT_EQ(1, agent->countCalls("getModuleInfo")) << "init asks for the module once";
-        EXPECT_TRUE(root.logContains("init Agent OK"));
         EXPECT_EQ(2, openSharedRegions());
         EXPECT_EQ(0, engine->deinit());
         EXPECT_EQ(0, openSharedRegions());
-        // A second deinit also returns 0 and only warns.
-        EXPECT_EQ(0, root.countLog("skipped due to mIsInitialized==false"));
+        // A second deinit also returns 0.
         EXPECT_EQ(0, engine->deinit());
-        EXPECT_EQ(1, root.countLog("skipped due to mIsInitialized==false"));
 
         // A given directory is created; an existing path of any kind is accepted.
         const std::string dir = root.resolve("/work");
@@ -178,7 +159,6 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         writeTextFile(root.resolve("/plainfile"), "x");
         const std::string impossible = root.resolve("/plainfile/sub");
         EXPECT_EQ(-1, engine->init(nullptr, impossible.c_str()));
-        EXPECT_TRUE(root.logContains(impossible + " not exist and can't be created"));
         // Only with a callback is the failure also an event.
         RecordingCallback callback;
         EXPECT_EQ(-1, engine->init(&callback, impossible.c_str()));
@@ -190,7 +170,6 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         std::string tooLong = fits + "e";
         ASSERT_EQ(127u, fits.size());
         EXPECT_EQ(-1, engine->init(nullptr, tooLong.c_str()));
-        EXPECT_TRUE(root.logContains("working directory too long"));
         EXPECT_FALSE(isDirectory(tooLong));
         EXPECT_FALSE(isDirectory(fits)) << "the path was cut instead of refused";
         EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
@@ -243,7 +222,6 @@ TEST(Init, AgentInitResultMinusOneFailsAndAnyOtherValueSucceeds) {
         FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
         agent->setResult("init", -1);
         EXPECT_EQ(-1, engine->init(nullptr, nullptr));
-        EXPECT_FALSE(root.logContains("init Agent OK"));
         EXPECT_EQ(0, openSharedRegions()) << "a failed init keeps its shared buffers";
 
         // The retry starts from scratch: one set of buffers, one server.
@@ -264,7 +242,6 @@ TEST(Init, SecondInitKeepsTheFirstCallback) {
         RecordingCallback first, second;
         ASSERT_EQ(0, engine->init(&first, nullptr));
         EXPECT_EQ(0, engine->init(&second, nullptr));
-        EXPECT_TRUE(root.logContains("skipped due to mIsInitialized==true"));
         fakeAgentAt(sianoPath(root))->runOnAgentThread([](MBBMSAgentCallback* cb) {
             cb->onScanFinished(true);
         });

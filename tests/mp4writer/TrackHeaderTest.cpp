@@ -195,25 +195,17 @@ TEST(TrackHeaderTest, TracksTheHeaderCannotDescribeAbandonTheMoov) {
     const struct {
         const char* mime;
         bool malformedSps;
-        const char* logged;
-    } cases[] = {
-        {"video/unknown", false, "E/CmmbMPEG4Recorder: Unknown mime type 'video/unknown'."},
-        {"audio/amr", false, "E/CmmbMPEG4Recorder: Unknown mime type 'audio/amr'."},
-        {kVideoMime, true, "E/CmmbMPEG4Recorder: no AVC configuration"},
-    };
+    } cases[] = {{"video/unknown", false}, {"audio/amr", false}, {kVideoMime, true}};
     for (const auto& c : cases) {
-        LogCapture log;
         WriterHarness harness;
         harness.addSource(c.mime, 320, 240, 24000, 24000);
         ASSERT_EQ(0, harness.start());
         if (c.malformedSps) {
             EXPECT_EQ(ERROR_INVALID, harness.feed(c.mime, 0, Bytes{0x67, 0x42, 0xC0}));
-            EXPECT_EQ(1, log.count("E/CmmbMPEG4Recorder: AVC SPS parse error!Give up recording!"));
             EXPECT_EQ(0, harness.feed(c.mime, 0, kTestPps));
         }
         harness.feedRun(c.mime, 0, 900, 2, 40, true);
         EXPECT_EQ(ERROR_INVALID, harness.stop()) << c.mime;
-        EXPECT_EQ(1, log.count(c.logged)) << c.mime;
         // The mdat size is patched; the abandoned moov follows the samples.
         Bytes bytes = harness.readFile().bytes();
         uint32_t mdatSize = FieldReader(bytes, 24).u32();

@@ -53,7 +53,6 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         }
         EXPECT_EQ(0, rig.engine().stopRecording(1));           // nothing to stop
         EXPECT_EQ(-1, rig.engine().startRecording(0, 12345));  // not a descriptor
-        EXPECT_EQ(1, rig.root().countLog("fstatfs failed, error number is 9"));
 
         env.setFreeBytes(kMiB - 1);
         EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
@@ -75,7 +74,6 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         // The file's first bytes cannot be written: refused at once.
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
         EXPECT_EQ(-1, rig.startRecording("refused.3gp"));
-        EXPECT_EQ(1, rig.root().countLog("pRecorder->start() failed!"));
         EXPECT_FALSE(rig.engine().isRecording(0));
 
         // A missing card ends frame delivery; the recorder stays for the application's stop.
@@ -121,16 +119,12 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         // The file is completed off the frame path; the event follows its completion.
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));  // EVENT_RECORD_STORAGE_FULL
         EXPECT_EQ(1, rig.app().count("onEvent("));
-        // The manager's stop, logged when the completion happens.
-        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "stopRecording()"));
-        EXPECT_EQ(1, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
         env.setFreeBytes(-1);
         // The recording was completed when it stopped; later frames do not reach it.
         const long long completed = fileSize(rig.outputPath("out.3gp"));
         rig.play(feed.nextSecond());
         EXPECT_EQ(completed, fileSize(rig.outputPath("out.3gp")));
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-        EXPECT_EQ(2, rig.root().countLogLine("RECORD", "stopRecording", "exit successfully"));
         expectCleanFile(rig.outputPath("out.3gp"));
     });
 }

@@ -32,9 +32,6 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         ASSERT_GE(fd, 0);
         EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
         EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.root().countLogLine(
-                         "ERROR", "startRecording",
-                         "fd=" + std::to_string(fd) + " refused: it is in append mode"));
         close(fd);
         EXPECT_EQ(0, fileSize(appended));
 
@@ -42,7 +39,6 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         fd = rig.createOutput("offset.3gp");
         ASSERT_EQ(10, write(fd, "0123456789", 10));
         EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
-        EXPECT_EQ(1, rig.root().countLog("refused: its file offset is 10"));
         close(fd);
         EXPECT_EQ(10, fileSize(rig.outputPath("offset.3gp")));
 
@@ -54,8 +50,6 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         ASSERT_EQ(0, rig.engine().stopRecording(0));
         const long long finished = fileSize(rig.outputPath("first.3gp"));
         EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
-        EXPECT_EQ(1,
-                  rig.root().countLog("refused: its file offset is " + std::to_string(finished)));
         EXPECT_FALSE(rig.engine().isRecording(0));
         rig.playSeconds(feed, 1);
         EXPECT_EQ(0, rig.engine().stopRecording(0));

@@ -1,0 +1,130 @@
+// The slot that holds the engine's session manager, in process with threads: Accesses see the
+// manager or nothing, retire() waits for the Accesses taken before it, and it ends a frame the
+// agent left open so that application threads blocked behind that frame go on.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "SessionManager.h"
+#include "SessionManagerSlot.h"
+#include "SharedBufferSet.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// Long enough for a thread that should block to have blocked; a wrong answer only shows as a
+// missed failure, never as a false one.
+const milliseconds kSettle(100);
+
+class SessionManagerSlotTest : public testing::Test {
+protected:
+    SessionManagerSlotTest() : mManager(new SessionManager(&mBuffers, nullptr, nullptr, "")) {}
+
+    SharedBufferSet mBuffers;  // never created: the frames here are of an unknown channel
+    std::unique_ptr<SessionManager> mManager;
+    SessionManagerSlot mSlot;
+};
+
+TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
+    EXPECT_FALSE(SessionManagerSlot::Access(mSlot));
+    EXPECT_EQ(nullptr, mSlot.retire());
+    mSlot.install(mManager.get());
+    EXPECT_TRUE(mSlot.installed());
+    {
+        SessionManagerSlot::Access access(mSlot);
+        EXPECT_EQ(mManager.get(), access.get());
+        SessionManagerSlot::Access dataPath(mSlot, true);
+        EXPECT_EQ(mManager.get(), dataPath.get());
+    }
+    EXPECT_EQ(mManager.get(), mSlot.acquire());
+    mSlot.release();
+    EXPECT_EQ(mManager.get(), mSlot.retire());
+    EXPECT_FALSE(mSlot.installed());
+    EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
+    EXPECT_EQ(nullptr, mSlot.acquire());
+    mSlot.release();
+}
+
+// retire() returns only once every Access (and acquire()) taken before it has ended, while
+// Accesses taken during its wait already see no manager.
+TEST_F(SessionManagerSlotTest, RetireWaitsForTheAccessesTakenBefore) {
+    mSlot.install(mManager.get());
+    std::promise<void> done;
+    std::promise<SessionManager*> seen;
+    std::thread user([&] {
+        SessionManagerSlot::Access access(mSlot);
+        seen.set_value(access.get());
+        done.get_future().wait();
+    });
+    EXPECT_EQ(mManager.get(), seen.get_future().get());
+    SessionManager* acquired = mSlot.acquire();
+    EXPECT_EQ(mManager.get(), acquired);
+
+    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(); });
+    EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle));
+    EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
+    done.set_value();
+    user.join();
+    EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle)) << "acquire() not waited for";
+    mSlot.release();
+    ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
+    EXPECT_EQ(mManager.get(), retired.get());
+}
+
+// The agent opened a frame and will never end it. An application thread waits behind the
+// frame with an Access of its own; retire() waits for the agent's data callback in progress,
+// then ends the frame, which lets the application thread finish and retire() return.
+TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
+    mSlot.install(mManager.get());
+    // The agent's thread stays alive: a new thread could otherwise take over its id, which the
+    // manager keeps as the frame's holder.
+    std::promise<void> frameOpened, testDone;
+    std::thread agentThread([&] {
+        {
+            SessionManagerSlot::Access agent(mSlot, true);
+            agent->onOutputAVStart(99, nullptr, 0);
+        }
+        frameOpened.set_value();
+        testDone.get_future().wait();
+    });
+    frameOpened.get_future().wait();
+
+    std::promise<void> accessTaken;
+    auto application = std::async(std::launch::async, [&] {
+        SessionManagerSlot::Access access(mSlot);
+        accessTaken.set_value();
+        const bool taken = access->beginExclusive();
+        access->endExclusive(taken);
+        return taken;
+    });
+    accessTaken.get_future().wait();
+    EXPECT_EQ(std::future_status::timeout, application.wait_for(kSettle));
+
+    std::promise<void> callbackDone;
+    std::promise<void> callbackEntered;
+    std::thread callback([&] {
+        SessionManagerSlot::Access agent(mSlot, true);
+        callbackEntered.set_value();
+        callbackDone.get_future().wait();
+    });
+    callbackEntered.get_future().wait();
+    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(); });
+    EXPECT_EQ(std::future_status::timeout, application.wait_for(kSettle))
+        << "the frame was ended while a data callback could still reach the manager";
+    callbackDone.set_value();
+    callback.join();
+
+    ASSERT_EQ(std::future_status::ready, application.wait_for(seconds(20)));
+    EXPECT_TRUE(application.get());
+    ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
+    EXPECT_EQ(mManager.get(), retired.get());
+    testDone.set_value();
+    agentThread.join();
+}
+
+}  // namespace

@@ -1,0 +1,157 @@
+// The writer's output file and its per-chunk sample buffer, in process: buffering, patches of
+// earlier bytes, and what a failed or short write leaves behind. Faults come from an Env
+// handed to the output.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "ChunkSampleBuffer.h"
+#include "FaultInjectingEnv.h"
+#include "FileOutput.h"
+#include "WriterHarness.h"
+
+namespace {
+
+// A scratch file and a FileOutput on it, writing through a fault-injecting Env.
+class FileOutputTest : public testing::Test {
+protected:
+    void SetUp() override {
+        mPath = "/tmp/file-output-XXXXXX";
+        const int fd = mkstemp(&mPath[0]);
+        ASSERT_GE(fd, 0);
+        mOutput.reset(new FileOutput(fd, &mEnv));
+    }
+    void TearDown() override {
+        mOutput.reset();
+        unlink(mPath.c_str());
+    }
+    Bytes fileBytes() const {
+        std::ifstream in(mPath, std::ios::binary);
+        return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    FaultInjectingEnv mEnv;
+    std::string mPath;
+    std::unique_ptr<FileOutput> mOutput;
+};
+
+TEST_F(FileOutputTest, BuffersSmallWritesAndPatchesBytesOnBothSidesOfTheBuffer) {
+    const Bytes head = patternBytes(100, 0), tail = patternBytes(50, 100);
+    EXPECT_EQ(head.size(), mOutput->write(head.data(), head.size()));
+    EXPECT_EQ(100, mOutput->position());
+    EXPECT_EQ(0, mEnv.calls(FaultInjectingEnv::WRITE)) << "a small write went to the file";
+    ASSERT_TRUE(mOutput->flush());
+    EXPECT_EQ(head, fileBytes());
+    EXPECT_EQ(tail.size(), mOutput->write(tail.data(), tail.size()));
+
+    // 10 bytes already in the file, 10 still buffered.
+    const Bytes patch(20, 0xEE);
+    ASSERT_TRUE(mOutput->patch(90, patch.data(), patch.size()));
+    EXPECT_FALSE(mOutput->patch(145, patch.data(), patch.size())) << "patched past the end";
+    EXPECT_EQ(150, mOutput->position());
+    ASSERT_TRUE(mOutput->close());
+    EXPECT_FALSE(mOutput->isOpen());
+
+    Bytes expected = head;
+    expected.insert(expected.end(), tail.begin(), tail.end());
+    std::fill(expected.begin() + 90, expected.begin() + 110, 0xEE);
+    EXPECT_EQ(expected, fileBytes());
+}
+
+TEST_F(FileOutputTest, WritesThroughAndLargeWritesReachTheFileInOrder) {
+    const Bytes header = patternBytes(8, 1), chunk = patternBytes(1000, 7),
+                large = patternBytes(70 * 1024, 3);
+    mOutput->write(header.data(), header.size());
+    ASSERT_TRUE(mOutput->writeThrough(chunk.data(), chunk.size()));
+    EXPECT_EQ(header.size() + chunk.size(), fileBytes().size()) << "the chunk waited in the buffer";
+    EXPECT_EQ(large.size(), mOutput->write(large.data(), large.size()));
+    ASSERT_TRUE(mOutput->close());
+    Bytes expected = header;
+    for (const Bytes* part : {&chunk, &large})
+        expected.insert(expected.end(), part->begin(), part->end());
+    EXPECT_EQ(expected, fileBytes());
+}
+
+// A short write followed by a failure: the error is latched, the position counts the bytes
+// that reached the file, and nothing more is written until the error is cleared.
+TEST_F(FileOutputTest, AShortWriteThenAFailureIsLatchedUntilCleared) {
+    const Bytes chunk = patternBytes(300, 0);
+    mEnv.shortWriteNth(1, 120, ENOSPC);
+    EXPECT_FALSE(mOutput->writeThrough(chunk.data(), chunk.size()));
+    EXPECT_EQ(ENOSPC, mOutput->error());
+    EXPECT_EQ(120, mOutput->position());
+    EXPECT_EQ(0u, mOutput->write(chunk.data(), 10));
+    EXPECT_FALSE(mOutput->writeThrough(chunk.data(), 10));
+    EXPECT_FALSE(mOutput->patch(0, chunk.data(), 4));
+    EXPECT_EQ(Bytes(chunk.begin(), chunk.begin() + 120), fileBytes());
+
+    mOutput->clearError();
+    EXPECT_TRUE(mOutput->writeThrough(chunk.data(), 10));
+    EXPECT_EQ(130, mOutput->position());
+}
+
+TEST_F(FileOutputTest, AFailedFlushDropsTheBufferedBytesAndCloseReportsIt) {
+    const Bytes bytes = patternBytes(64, 0);
+    mOutput->write(bytes.data(), bytes.size());
+    mEnv.failNth(FaultInjectingEnv::WRITE, 1, EIO);
+    EXPECT_FALSE(mOutput->close());
+    EXPECT_EQ(EIO, mOutput->error());
+    EXPECT_EQ(0, mOutput->position());
+    EXPECT_FALSE(mOutput->isOpen());
+    EXPECT_TRUE(fileBytes().empty());
+}
+
+TEST_F(FileOutputTest, AFailedPatchOfFileBytesIsLatched) {
+    const Bytes bytes = patternBytes(40, 0);
+    ASSERT_TRUE(mOutput->writeThrough(bytes.data(), bytes.size()));
+    mEnv.failNth(FaultInjectingEnv::WRITE, 1, EROFS);  // pwrite counts as a write
+    EXPECT_FALSE(mOutput->patch(4, bytes.data(), 4));
+    EXPECT_EQ(EROFS, mOutput->error());
+    EXPECT_EQ(bytes, fileBytes());
+}
+
+TEST(FileOutput, WithoutADescriptorNothingIsWritten) {
+    FileOutput output(-1, Env::platform());
+    const uint8_t byte = 1;
+    EXPECT_FALSE(output.isOpen());
+    EXPECT_EQ(0u, output.write(&byte, 1));
+    EXPECT_FALSE(output.writeThrough(&byte, 1));
+    EXPECT_FALSE(output.flush());
+    EXPECT_FALSE(output.close());
+    EXPECT_EQ(0, output.position());
+}
+
+// Samples lie back to back with their length prefixes; clearing keeps the block, so a chunk
+// no larger than an earlier one is copied without the block moving.
+TEST(ChunkSampleBuffer, KeepsPrefixedSamplesBackToBackAndReusesItsBlock) {
+    ChunkSampleBuffer chunk;
+    EXPECT_TRUE(chunk.empty());
+    const uint8_t prefix[4] = {0, 0, 0, 5};
+    const Bytes first = patternBytes(5, 10), second = patternBytes(3, 40);
+    chunk.append(prefix, sizeof(prefix), first.data(), 5, 0, true);
+    chunk.append(nullptr, 0, second.data(), 3, 900, false);
+    ASSERT_EQ(2u, chunk.sampleCount());
+    EXPECT_EQ(Bytes({0, 0, 0, 5, 10, 11, 12, 13, 14, 40, 41, 42}),
+              Bytes(chunk.bytes(), chunk.bytes() + chunk.byteCount()));
+    EXPECT_EQ(9u, chunk.samples()[0].size);
+    EXPECT_TRUE(chunk.samples()[0].sync);
+    EXPECT_EQ(3u, chunk.samples()[1].size);
+    EXPECT_EQ(900, chunk.samples()[1].relativeTicks);
+    EXPECT_FALSE(chunk.samples()[1].sync);
+
+    const uint8_t* block = chunk.bytes();
+    chunk.clear();
+    EXPECT_TRUE(chunk.empty());
+    EXPECT_EQ(0u, chunk.byteCount());
+    EXPECT_TRUE(chunk.samples().empty());
+    chunk.append(prefix, sizeof(prefix), second.data(), 3, 0, false);
+    EXPECT_EQ(block, chunk.bytes());
+    EXPECT_EQ(7u, chunk.byteCount());
+}
+
+}  // namespace
