@@ -24,7 +24,7 @@ protected:
         mPath = "/tmp/file-output-XXXXXX";
         const int fd = mkstemp(&mPath[0]);
         ASSERT_GE(fd, 0);
-        mOutput.reset(new FileOutput(fd, &mEnv));
+        mOutput.reset(new FileOutput(UniqueFd(fd), &mEnv));
     }
     void TearDown() override {
         mOutput.reset();
@@ -116,7 +116,7 @@ TEST_F(FileOutputTest, AFailedPatchOfFileBytesIsLatched) {
 }
 
 TEST(FileOutput, WithoutADescriptorNothingIsWritten) {
-    FileOutput output(-1, Env::platform());
+    FileOutput output(UniqueFd(), Env::platform());
     const uint8_t byte = 1;
     EXPECT_FALSE(output.isOpen());
     EXPECT_EQ(0u, output.write(&byte, 1));
