@@ -77,7 +77,8 @@ TEST_F(SharedBufferSetTest, CreatesTwoEmptyBuffersWithFreeLocks) {
 }
 
 TEST_F(SharedBufferSetTest, TellsAnEngineHoldFromAReaderHold) {
-    ASSERT_TRUE(mSet.lock(0));
+    if (!mSet.lock(0))
+        FAIL() << "the engine could not take the buffer of session 0";
     EXPECT_EQ(0, mSet.readerHolds(0));
     EXPECT_FALSE(mSet.anyAbandoned()) << "the engine's own hold counts as abandoned";
     mSet.unlock(0);
@@ -113,7 +114,8 @@ TEST_F(SharedBufferSetTest, ABufferLeftLockedIsReplacedAtTheNextFrameStart) {
     EXPECT_NE(oldFd, mSet.fd(0));
     EXPECT_EQ(0, mSet.readerHolds(0));
     EXPECT_EQ(0u, mSet.buffer(0)->dataLength);
-    ASSERT_TRUE(mSet.lock(0));
+    if (!mSet.lock(0))
+        FAIL() << "the engine could not take the buffer of session 0";
     mSet.unlock(0);
     EXPECT_EQ(1234u, reader.get()->dataLength) << "the old region was taken from its reader";
 }
@@ -143,7 +145,8 @@ TEST_F(SharedBufferSetTest, AWaiterGivesUpWhenTheReaderLeavesHoldingTheLock) {
     EXPECT_FALSE(waiter.get());
     EXPECT_TRUE(mSet.replaceAbandoned("test"));
     EXPECT_EQ(0, mSet.readerHolds(0));
-    ASSERT_TRUE(mSet.lock(0));
+    if (!mSet.lock(0))
+        FAIL() << "the engine could not take the buffer of session 0";
     mSet.unlock(0);
 }
 
