@@ -18,6 +18,7 @@
 
 #include <atomic>
 
+class Env;
 class SessionManager;
 
 class SessionManagerSlot {
@@ -62,8 +63,9 @@ public:
     // REQUIRES: no manager installed.
     void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
 
-    // Removes the manager and waits for its current users; the caller deletes it.
-    SessionManager* retire();
+    // Removes the manager and waits for its current users, polling through `env`'s sleep; the
+    // caller deletes it.
+    SessionManager* retire(Env* env);
 
     bool installed() const { return mManager.load(std::memory_order_seq_cst) != nullptr; }
 

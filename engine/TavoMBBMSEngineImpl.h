@@ -38,6 +38,7 @@
 #include "SharedBufferSet.h"
 #include "TavoMBBMSEngine.h"
 
+class Env;
 class SessionManager;
 
 class TavoMBBMSEngineImpl : public TavoMBBMSEngine,
@@ -150,6 +151,7 @@ private:
     bool holdFrames() override;
     void releaseFrames(bool held) override;
     void notifyRecordingEvent(EventType type, int session) override;
+    Env* env() override;
 
     // Tells the engine of each session's frame end: a recording session records it.
     class RecordingSink : public FrameSink {
@@ -204,6 +206,11 @@ private:
     static const uint64_t kNoEmergencyKey = 0xFFFFFFFFFFFFull;
 
     // ---- Instance state ----
+    // The platform calls and the clock of everything the engine does, read from
+    // Env::current() once by each init and handed to every object it creates. Set under mLock
+    // before the engine is marked initialised; atomic because an operation that started
+    // before a deinit may still read it while the next init sets it.
+    std::atomic<Env*> mEnv{nullptr};
     // Pending MBBMS request; tested and set atomically (compare-and-swap) by the request
     // operations, cleared by the completion callbacks on agent threads.
     std::atomic<int> mPendingRequest;

@@ -11,7 +11,6 @@
 #include <ctime>
 
 #include "CmmbMPEG4Writer.h"
-#include "Env.h"
 #include "Log.h"
 #include "MediaTicks.h"
 #include "Properties.h"
@@ -33,8 +32,8 @@ const int32_t kDefaultMovieTimeScale = 48000;
 
 const char CmmbMPEG4Writer::kRepairRecordsProperty[] = "persist.mbbms.record.repair";
 
-CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
-    : mFile(fd, Env::current()),
+CmmbMPEG4Writer::CmmbMPEG4Writer(int fd, Env* env)
+    : mFile(fd, env),
       mWriteError(0),
       mRepairRecords(repairRecordsWanted()),
       mDescribedConfigSize(0),

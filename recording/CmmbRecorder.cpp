@@ -37,12 +37,13 @@ _CmmbMetaData startParameters() {
 
 }  // namespace
 
-CmmbRecorder::CmmbRecorder()
+CmmbRecorder::CmmbRecorder(Env* env)
     : mGotSps(0),
       mGotPps(0),
       mBaseTimestamp(0),
       mWaitForIdr(false),
       mAudioStarted(false),
+      mEnv(env),
       mWriter(nullptr),
       mVideoSource(nullptr),
       mAudioSource(nullptr),
@@ -172,7 +173,7 @@ int CmmbRecorder::stop() {
     releaseWriter();
 
     if (mOutputFd >= 0) {
-        if (result == 0 && Env::current()->fsync(mOutputFd) != 0) {
+        if (result == 0 && mEnv->fsync(mOutputFd) != 0) {
             ALOGD("error reason is %s", strerror(errno));
             result = -1;
         }
@@ -208,7 +209,7 @@ int CmmbRecorder::startMPEG4Recording() {
         ALOGE("dup mOutputFd failed");
         return ERROR_INVALID;
     }
-    mWriter = new CmmbMPEG4Writer(fd);
+    mWriter = new CmmbMPEG4Writer(fd, mEnv);
 
     mVideoSource = new CmmbMediaSource(kVideoFormat);
     mWriter->addSource(mVideoSource);

@@ -14,6 +14,9 @@
 // UnlockRecorder() the same thread calls nothing but writeout. Lock order: mLock, then the
 // writer's own lock.
 //
+// The recorder's file syncs and its writer's writes go through the Env it is created with,
+// which must outlive it.
+//
 // Operations are virtual so that tests can observe what the manager hands over.
 #ifndef TAVO_RECORDING_CMMB_RECORDER_H
 #define TAVO_RECORDING_CMMB_RECORDER_H
@@ -25,10 +28,11 @@
 #include "CmmbMediaTypes.h"
 
 class CmmbMPEG4Writer;
+class Env;
 
 class CmmbRecorder {
 public:
-    CmmbRecorder();
+    explicit CmmbRecorder(Env* env);
     virtual ~CmmbRecorder();
     CmmbRecorder(const CmmbRecorder&) = delete;
     CmmbRecorder& operator=(const CmmbRecorder&) = delete;
@@ -85,6 +89,7 @@ private:
     void releaseWriter();
     void resetManagerState();
 
+    Env* const mEnv;
     std::mutex mLock;
     // Guarded by mLock.
     CmmbMPEG4Writer* mWriter;       // owned; null when no recording is in progress

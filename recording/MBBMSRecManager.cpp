@@ -8,6 +8,7 @@
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
 #include "CmmbSharedBuffer.h"
+#include "Env.h"
 #include "Log.h"
 
 namespace {
@@ -55,11 +56,11 @@ bool isInside(uint32_t offset, uint32_t length, uint32_t limit) {
 
 MBBMSRecManager* MBBMSRecManager::getInstance() {
     // Created on first use and kept for the life of the process.
-    static MBBMSRecManager* const instance = new MBBMSRecManager();
+    static MBBMSRecManager* const instance = new MBBMSRecManager(Env::platform());
     return instance;
 }
 
-MBBMSRecManager::MBBMSRecManager() : mRecorder{nullptr, nullptr} {}
+MBBMSRecManager::MBBMSRecManager(Env* env) : mEnv(env), mRecorder{nullptr, nullptr} {}
 
 MBBMSRecManager::~MBBMSRecManager() {
     for (CmmbRecorder*& recorder : mRecorder) {
@@ -83,7 +84,7 @@ int MBBMSRecManager::startRecording(int session, int fd) {
         keepFailedRecorder(session, leftover);
         return -1;
     }
-    CmmbRecorder* recorder = createRecorder(fd, __func__);
+    CmmbRecorder* recorder = createRecorder(fd, __func__, mEnv);
     if (recorder == nullptr)
         return -1;
     installRecorder(session, recorder, __func__);
@@ -153,8 +154,8 @@ void MBBMSRecManager::keepFailedRecorder(int session, CmmbRecorder* recorder) {
         delete recorder;
 }
 
-CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation) {
-    CmmbRecorder* recorder = new CmmbRecorder();
+CmmbRecorder* MBBMSRecManager::createRecorder(int fd, const char* operation, Env* env) {
+    CmmbRecorder* recorder = new CmmbRecorder(env);
     recorder->init();
     if (recorder->setOutputFile(fd, 0, 0) != 0) {
         TLOG_FOR(operation, ERROR, "pRecorder->setOutputFile failed!");

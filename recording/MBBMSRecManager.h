@@ -14,8 +14,10 @@
 // manager's exclusive bracket) or from the agent's thread itself. dataRecording holds the
 // recorder's lock for the whole frame.
 //
-// The process-wide instance from getInstance() lives until the process ends. Other
-// instances (tests) delete the recorders they still hold when they are destroyed.
+// The process-wide instance from getInstance() lives until the process ends; its own
+// startRecording records through the platform's calls (Env::platform()). The engine makes its
+// recorders with createRecorder and the Env of its init. Other instances (tests) are given
+// their Env and delete the recorders they still hold when they are destroyed.
 #ifndef TAVO_RECORDING_MBBMS_REC_MANAGER_H
 #define TAVO_RECORDING_MBBMS_REC_MANAGER_H
 
@@ -24,6 +26,7 @@
 #include "EngineSessions.h"
 
 class CmmbRecorder;
+class Env;
 struct _CmmbOutBuffer;
 
 class MBBMSRecManager {
@@ -33,7 +36,8 @@ public:
 
     static MBBMSRecManager* getInstance();
 
-    MBBMSRecManager();
+    // `env`: the platform calls of the recorders startRecording makes; must outlive them.
+    explicit MBBMSRecManager(Env* env);
     ~MBBMSRecManager();
     MBBMSRecManager(const MBBMSRecManager&) = delete;
     MBBMSRecManager& operator=(const MBBMSRecManager&) = delete;
@@ -71,8 +75,8 @@ public:
     // meets it as a leftover. False (the caller keeps it) when the slot is taken meanwhile.
     // REQUIRES: as detachRecorder.
     bool restoreRecorder(int session, CmmbRecorder* recorder);
-    // A started recorder writing to fd, or null (the reason is logged).
-    static CmmbRecorder* createRecorder(int fd, const char* operation);
+    // A started recorder writing to fd through `env`, or null (the reason is logged).
+    static CmmbRecorder* createRecorder(int fd, const char* operation, Env* env);
     // Puts a recorder from createRecorder into the empty slot of the session.
     // REQUIRES: as detachRecorder.
     void installRecorder(int session, CmmbRecorder* recorder, const char* operation);
@@ -96,6 +100,7 @@ private:
     int recordAudio(CmmbRecorder* recorder, const unsigned char* copy, uint32_t resumeTimestamp);
     void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length);
 
+    Env* const mEnv;
     CmmbRecorder*
         mRecorder[kEngineSessions];  // owned; see the class comment for who may touch them
 };
