@@ -51,7 +51,8 @@ private:
 
 // A play engine that keeps the lock (here: this process, holding it as a reader would)
 // holds a reset up for the lock bound only; the buffer is then left as it is. The engine runs
-// on a fake clock: the bound passes without a real wait, and exactly.
+// on the fake clock installed before its init, whatever is installed later: the bound passes
+// without a real wait, and exactly.
 TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
     EXPECT_IN_CHILD({
         FakeClockEnv clock;
@@ -59,6 +60,8 @@ TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
         SERVING_BENCH(bench, 40, "ERROR,WARNING", true,
                       {{"persist.mbbms.playengine.lock_timeout_ms", "300"}});
         TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+        // The engine read its Env at init: the platform's, installed now, is not used.
+        InstalledEnv platformAgain(Env::platform());
         bench.playFrame(40, 2, 1);
         ASSERT_EQ(0, cmmb_sem_wait(&bench.buffer(0)->mutexDataAccessable));
 
