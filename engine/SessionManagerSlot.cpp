@@ -1,15 +1,18 @@
 #include "SessionManagerSlot.h"
 
+#include <errno.h>
 #include <linux/membarrier.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
+
+#include "Env.h"
 #include "SessionManager.h"
 
 namespace {
 
-const struct timespec kPause = {0, 200000};
+const std::chrono::microseconds kPause(200);
 
 // Registers the process for expedited process-wide barriers; false where the kernel (or
 // an emulator, or a system-call filter) does not offer them.
@@ -30,11 +33,11 @@ SessionManagerSlot::SessionManagerSlot(CallBarrier barrier)
 void SessionManagerSlot::retireBarrier() const {
 #if defined(__NR_membarrier)
     if (mProcessBarriers) {
-        // Registered at construction, so this cannot fail for lack of registration; it
-        // returns once this and every other running thread of the process has passed a
-        // full barrier.
-        while (syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0) {
-            nanosleep(&kPause, nullptr);
+        // Registered at construction, so this cannot fail for lack of registration (only a
+        // signal can interrupt it); it returns once this and every other running thread of
+        // the process has passed a full barrier.
+        while (syscall(__NR_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) != 0 &&
+               errno == EINTR) {
         }
     }
 #endif
@@ -42,28 +45,28 @@ void SessionManagerSlot::retireBarrier() const {
     // consistent store and load here order the two sides.
 }
 
-SessionManager* SessionManagerSlot::retire() {
+SessionManager* SessionManagerSlot::retire(Env* env) {
     SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
     if (manager == nullptr)
         return nullptr;
     // A data callback inside the manager ends within the bound of its buffer-lock waits. A
     // frame start that found the manager has opened its lease once its Access is gone.
     while (mDataPathUsers.load(std::memory_order_seq_cst) != 0)
-        nanosleep(&kPause, nullptr);
-    revokeLease();
+        env->sleepFor(kPause);
+    revokeLease(env);
     // From here on no data callback reaches the manager: a frame still open is abandoned.
     manager->releaseAbandonedFrame();
     while (mUsers.load(std::memory_order_seq_cst) != 0)
-        nanosleep(&kPause, nullptr);
+        env->sleepFor(kPause);
     return manager;
 }
 
-void SessionManagerSlot::revokeLease() {
+void SessionManagerSlot::revokeLease(Env* env) {
     if (mLease.load(std::memory_order_acquire) == CLOSED)
         return;  // no frame open, and none opens for the removed manager
     mLease.store(REVOKED, std::memory_order_seq_cst);
     retireBarrier();
     // A call that saw the lease OPEN is inside; it ends within the bound of its waits.
     while (mInCall.load(std::memory_order_seq_cst))
-        nanosleep(&kPause, nullptr);
+        env->sleepFor(kPause);
 }

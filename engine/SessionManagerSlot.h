@@ -47,6 +47,7 @@
 #include <atomic>
 #include <thread>
 
+class Env;
 class SessionManager;
 
 class SessionManagerSlot {
@@ -144,8 +145,9 @@ public:
     // REQUIRES: no manager installed.
     void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
 
-    // Removes the manager and waits for its current users; the caller deletes it.
-    SessionManager* retire();
+    // Removes the manager and waits for its current users, polling through `env`'s sleep; the
+    // caller deletes it.
+    SessionManager* retire(Env* env);
 
     bool installed() const { return mManager.load(std::memory_order_seq_cst) != nullptr; }
 
@@ -168,7 +170,7 @@ private:
     void retireBarrier() const;
     // Takes an open lease away and waits until no call of the bracket is inside the
     // manager. REQUIRES: the manager removed and no data-path Access left.
-    void revokeLease();
+    void revokeLease(Env* env);
 
     std::atomic<SessionManager*> mManager{nullptr};
     std::atomic<int> mUsers{0};

@@ -10,6 +10,7 @@
 
 #include "AndroidPaths.h"
 #include "EngineLog.h"
+#include "Env.h"
 #include "LogMask.h"
 #include "MutexLock.h"
 #include "Properties.h"
@@ -140,6 +141,8 @@ int TavoMBBMSEngineImpl::initLocked(TavoMBBMSEngineCallback* callback, const cha
 
     // From here on callbacks reach the new registration, also when init fails later on.
     mCallback.open(callback);
+    // The one read of the current Env: this init and everything it creates use it.
+    mEnv.store(Env::current());
 
     // The working directory must fit mWorkDir whole; a longer path is refused, never cut.
     const char* requested = dir;
@@ -258,7 +261,7 @@ bool TavoMBBMSEngineImpl::deinitLocked() {
     mCommandServer.clearRunFlag();
 
     // Running services are not stopped; the agent is shut down right after.
-    delete mSessionManager.retire();
+    delete mSessionManager.retire(mEnv.load());
 
     mAgent->deinit();
     // Results the agent raised inside a frame that never ended belong to this registration.

@@ -44,6 +44,7 @@
 #include "ThreadAnnotations.h"
 #include "UniqueHandle.h"
 
+class Env;
 class SessionManager;
 
 // Releases an agent through its library's "destroyAgent", which the engine looks up and sets
@@ -159,6 +160,7 @@ private:
     bool holdFrames() override;
     void releaseFrames(bool held) override;
     void notifyRecordingEvent(EventType type, int session) override;
+    Env* env() override;
 
     // CommandSocketServer::Delegate (playengine/EngineCommandServer.cpp), command thread.
     // With frames held off, replaces the buffers a departed reader still holds and marks the
@@ -223,6 +225,11 @@ private:
     static const uint64_t kNoEmergencyKey = 0xFFFFFFFFFFFFull;
 
     // ---- Instance state ----
+    // The platform calls and the clock of everything the engine does, read from
+    // Env::current() once by each init and handed to every object it creates. Set under mLock
+    // before the engine is marked initialised; atomic because an operation that started
+    // before a deinit may still read it while the next init sets it.
+    std::atomic<Env*> mEnv{nullptr};
     // Pending MBBMS request; tested and set atomically (compare-and-swap) by the request
     // operations, cleared by the completion callbacks on agent threads.
     std::atomic<int> mPendingRequest;

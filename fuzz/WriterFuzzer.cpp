@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "CmmbMPEG4Writer.h"
+#include "Env.h"
 #include "FuzzScratchFile.h"
 #include "InputBytes.h"
 #include "Mp4BoxReader.h"
@@ -78,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     _CmmbMetaData meta = {kTimeScales[scales & 7], (config & 8) != 0, (config & 16) != 0};
 
-    std::unique_ptr<CmmbMPEG4Writer> writer(new CmmbMPEG4Writer(file.openEmpty()));
+    std::unique_ptr<CmmbMPEG4Writer> writer(new CmmbMPEG4Writer(file.openEmpty(), Env::platform()));
     for (int i = 0; i < set.count; ++i)
         writer->addSource(&sources[i]);
     writer->setInterleaveDuration(kInterleaves[(audioAndInterleave >> 3) & 3]);

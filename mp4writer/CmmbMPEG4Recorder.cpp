@@ -11,7 +11,6 @@
 #include <ctime>
 
 #include "CmmbMPEG4Writer.h"
-#include "Env.h"
 #include "Log.h"
 #include "MediaTicks.h"
 #include "MutexLock.h"
@@ -34,8 +33,8 @@ const int32_t kDefaultMovieTimeScale = 48000;
 
 const char CmmbMPEG4Writer::kRepairRecordsProperty[] = "persist.mbbms.record.repair";
 
-CmmbMPEG4Writer::CmmbMPEG4Writer(int fd)
-    : mFile(UniqueFd(fd), Env::current()),
+CmmbMPEG4Writer::CmmbMPEG4Writer(int fd, Env* env)
+    : mFile(UniqueFd(fd), env),
       mWriteError(0),
       mRepairRecords(repairRecordsWanted()),
       mDescribedConfigSize(0),

@@ -43,10 +43,10 @@ public:
     };
 
     // Takes ownership of fd (closed by stop). Without a valid descriptor, start, writeout and
-    // stop return ERROR_INVALID. Every write goes through Env::current() and is checked: the
-    // first failure makes start, writeout or stop return ERROR_WRITE_FAILED, and
-    // writeError() tells its errno.
-    explicit CmmbMPEG4Writer(int fd);
+    // stop return ERROR_INVALID. Every write goes through `env` (which must outlive the
+    // writer) and is checked: the first failure makes start, writeout or stop return
+    // ERROR_WRITE_FAILED, and writeError() tells its errno.
+    CmmbMPEG4Writer(int fd, Env* env);
     virtual ~CmmbMPEG4Writer();
 
     CmmbMPEG4Writer(const CmmbMPEG4Writer&) = delete;

@@ -1,5 +1,6 @@
 // The writer's output file: a descriptor written front to back through a buffer, with
-// earlier bytes patched in place, every write going through Env::current() and checked.
+// earlier bytes patched in place, every write going through the Env the output is created
+// with (which must outlive it) and checked.
 //
 // The first failed or short write is latched: error() then holds its errno, position()
 // counts only the bytes that reached the file, and further writes are refused (they return

@@ -97,8 +97,8 @@ public:
     enum Fed { kTaken, kRefused, kFull, kWriteFailed, kInputFailed };
 
     // `config` must outlive the writer (the tracks keep pointers into it).
-    CopyWriter(int fd, RepairConfig& config, bool use32BitOffsets, uint64_t sizeLimit)
-        : mWriter(fd), mConfig(config), mUse32BitOffsets(use32BitOffsets) {
+    CopyWriter(int fd, RepairConfig& config, bool use32BitOffsets, uint64_t sizeLimit, Env* env)
+        : mWriter(fd, env), mConfig(config), mUse32BitOffsets(use32BitOffsets) {
         for (RepairTrackConfig& track : config.tracks)
             mWriter.addSource(&track.source);
         mWriter.setMaxFileSize(static_cast<long long>(sizeLimit));
@@ -219,7 +219,7 @@ uint64_t copySizeLimit(uint64_t inputSize) {
 
 }  // namespace
 
-int repairRecording(int inFd, uint64_t size, int outFd, std::string* message) {
+int repairRecording(int inFd, uint64_t size, int outFd, std::string* message, Env* env) {
     if (size > kRecordingRepairMaxInputSize)
         return fail(message, RECORDING_REPAIR_INPUT_FAILED,
                     "cannot repair the recording: it is larger than 2147483647 bytes");
@@ -243,7 +243,7 @@ int repairRecording(int inFd, uint64_t size, int outFd, std::string* message) {
     const int writerFd = dup(outFd);
     if (writerFd < 0)
         return fail(message, RECORDING_REPAIR_OUTPUT_FAILED, "cannot use the output file");
-    CopyWriter copy(writerFd, scan.config, !media.largeSize, copySizeLimit(size));
+    CopyWriter copy(writerFd, scan.config, !media.largeSize, copySizeLimit(size), env);
     const int started = copy.start(message);
     if (started != 0)
         return started;

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <string>
 
+class Env;
+
 // Results; 0 is success.
 enum {
     RECORDING_REPAIR_NOT_A_RECORDING = -1,  // no ftyp and mdat at the start
@@ -30,8 +32,9 @@ const uint64_t kRecordingRepairMaxInputSize = 2147483647;
 
 // Writes the repaired copy of the first `size` bytes of inFd (read with pread; the
 // descriptor's position is not used) to outFd, from outFd's current position, which must be
-// the start of an empty file. Both descriptors stay the caller's. `message` receives one line
-// saying what happened. May throw std::bad_alloc when memory runs out.
-int repairRecording(int inFd, uint64_t size, int outFd, std::string* message);
+// the start of an empty file, writing through `env`. Both descriptors stay the caller's.
+// `message` receives one line saying what happened. May throw std::bad_alloc when memory runs
+// out.
+int repairRecording(int inFd, uint64_t size, int outFd, std::string* message, Env* env);
 
 #endif  // TAVO_MP4WRITER_RECORDING_REPAIR_H

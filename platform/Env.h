@@ -8,7 +8,8 @@
 // object it creates keep that pointer and call through it. It is the platform's own
 // (Env::platform()) unless a test installed another with Env::install(); the shipped library never
 // installs one. A test wraps the platform's object in an EnvWrapper subclass that overrides only
-// the calls it breaks, installs it for its own duration, and puts the previous one back.
+// the calls it breaks, installs it for its own duration, and puts the previous one back; or it
+// hands its Env straight to a unit it builds, without installing anything.
 //
 // Threads: every operation may be called from any thread. install() may race with callers:
 // a caller uses either the old or the new object, so an installed object must outlive every

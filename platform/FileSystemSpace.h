@@ -1,11 +1,12 @@
-// Free-space queries of the engine (statfs and fstatfs through Env::current(), so that tests
-// can change the answers) and the one place where free space is computed from their result.
+// The one place where free space is computed from a statfs or fstatfs result. The queries
+// themselves go through the Env of whoever asks (Env::statfs, Env::fstatfs), so that tests
+// can change the answers.
 #ifndef TAVO_PLATFORM_FILE_SYSTEM_SPACE_H
 #define TAVO_PLATFORM_FILE_SYSTEM_SPACE_H
 
 #include <sys/vfs.h>
 
-int platform_statfs(const char* path, struct statfs* out);
+// fstatfs through Env::current(), for a caller that is not handed an Env.
 int platform_fstatfs(int fd, struct statfs* out);
 
 // Free bytes of a file system: block size times free blocks, in 64 bits.

@@ -39,12 +39,13 @@ _CmmbMetaData startParameters() {
 
 }  // namespace
 
-CmmbRecorder::CmmbRecorder()
+CmmbRecorder::CmmbRecorder(Env* env)
     : mGotSps(0),
       mGotPps(0),
       mBaseTimestamp(0),
       mWaitForIdr(false),
       mAudioStarted(false),
+      mEnv(env),
       mMaxFileSize(kDefaultMaxFileSize),
       mSampleScratch(new _CmmbOutBuffer),
       mParameterSetScratch(new _CmmbOutBuffer) {}
@@ -162,7 +163,7 @@ int CmmbRecorder::stop() {
     releaseWriter();
 
     if (mOutputFd) {
-        if (result == 0 && Env::current()->fsync(mOutputFd.get()) != 0) {
+        if (result == 0 && mEnv->fsync(mOutputFd.get()) != 0) {
             ALOGD("error reason is %s", strerror(errno));
             result = -1;
         }
@@ -197,7 +198,7 @@ int CmmbRecorder::startMPEG4Recording() {
         ALOGE("dup mOutputFd failed");
         return ERROR_INVALID;
     }
-    mWriter.reset(new CmmbMPEG4Writer(fd));
+    mWriter.reset(new CmmbMPEG4Writer(fd, mEnv));
 
     mVideoSource.reset(new CmmbMediaSource(kVideoFormat));
     mWriter->addSource(mVideoSource.get());

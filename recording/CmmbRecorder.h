@@ -13,6 +13,9 @@
 // finish. The mutex is not recursive: between LockRecorder() and UnlockRecorder() the same
 // thread calls nothing but writeout.
 //
+// The recorder's file syncs and its writer's writes go through the Env it is created with,
+// which must outlive it.
+//
 // Operations are virtual so that tests can observe what the manager hands over.
 #ifndef TAVO_RECORDING_CMMB_RECORDER_H
 #define TAVO_RECORDING_CMMB_RECORDER_H
@@ -26,9 +29,11 @@
 #include "ThreadAnnotations.h"
 #include "UniqueHandle.h"
 
+class Env;
+
 class CmmbRecorder {
 public:
-    CmmbRecorder();
+    explicit CmmbRecorder(Env* env);
     virtual ~CmmbRecorder();
     CmmbRecorder(const CmmbRecorder&) = delete;
     CmmbRecorder& operator=(const CmmbRecorder&) = delete;
@@ -89,6 +94,7 @@ private:
     void releaseWriter() REQUIRES(mLock);
     void resetManagerState() REQUIRES(mLock);
 
+    Env* const mEnv;
     // Taken before the writer's own lock, which the writer takes while it writes a chunk.
     Mutex mLock ACQUIRED_BEFORE(CmmbMPEG4Writer::mLock);
     // The writer keeps pointers to the track descriptors: they are declared before it so that

@@ -49,3 +49,7 @@ void TavoMBBMSEngineImpl::releaseFrames(bool held) {
 void TavoMBBMSEngineImpl::notifyRecordingEvent(EventType type, int session) {
     notifyEvent(type, session);
 }
+
+Env* TavoMBBMSEngineImpl::env() {
+    return mEnv.load();
+}

@@ -8,6 +8,7 @@
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
 #include "CmmbSharedBuffer.h"
+#include "Env.h"
 #include "Log.h"
 
 namespace {
@@ -55,11 +56,11 @@ bool isInside(uint32_t offset, uint32_t length, uint32_t limit) {
 
 MBBMSRecManager* MBBMSRecManager::getInstance() {
     // Created on first use and kept for the life of the process.
-    static MBBMSRecManager* const instance = new MBBMSRecManager();
+    static MBBMSRecManager* const instance = new MBBMSRecManager(Env::platform());
     return instance;
 }
 
-MBBMSRecManager::MBBMSRecManager() = default;
+MBBMSRecManager::MBBMSRecManager(Env* env) : mEnv(env) {}
 
 MBBMSRecManager::~MBBMSRecManager() = default;
 
@@ -78,7 +79,7 @@ int MBBMSRecManager::startRecording(int session, int fd) {
         keepFailedRecorder(session, std::move(leftover));
         return -1;
     }
-    std::unique_ptr<CmmbRecorder> recorder = createRecorder(fd, __func__);
+    std::unique_ptr<CmmbRecorder> recorder = createRecorder(fd, __func__, mEnv);
     if (recorder == nullptr)
         return -1;
     installRecorder(session, std::move(recorder), __func__);
@@ -145,8 +146,9 @@ void MBBMSRecManager::keepFailedRecorder(int session, std::unique_ptr<CmmbRecord
     restoreRecorder(session, recorder);
 }
 
-std::unique_ptr<CmmbRecorder> MBBMSRecManager::createRecorder(int fd, const char* operation) {
-    std::unique_ptr<CmmbRecorder> recorder(new CmmbRecorder());
+std::unique_ptr<CmmbRecorder> MBBMSRecManager::createRecorder(int fd, const char* operation,
+                                                             Env* env) {
+    std::unique_ptr<CmmbRecorder> recorder(new CmmbRecorder(env));
     recorder->init();
     if (recorder->setOutputFile(fd, 0, 0) != 0) {
         TLOG_FOR(operation, ERROR, "pRecorder->setOutputFile failed!");

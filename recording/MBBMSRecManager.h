@@ -14,8 +14,10 @@
 // manager's exclusive bracket) or from the agent's thread itself. dataRecording holds the
 // recorder's lock for the whole frame.
 //
-// The process-wide instance from getInstance() lives until the process ends. Other
-// instances (tests) delete the recorders they still hold when they are destroyed.
+// The process-wide instance from getInstance() lives until the process ends; its own
+// startRecording records through the platform's calls (Env::platform()). The engine makes its
+// recorders with createRecorder and the Env of its init. Other instances (tests) are given
+// their Env and delete the recorders they still hold when they are destroyed.
 #ifndef TAVO_RECORDING_MBBMS_REC_MANAGER_H
 #define TAVO_RECORDING_MBBMS_REC_MANAGER_H
 
@@ -26,6 +28,8 @@
 #include "EngineSessions.h"
 #include "ThreadAnnotations.h"
 
+
+class Env;
 struct _CmmbOutBuffer;
 
 class MBBMSRecManager {
@@ -35,7 +39,8 @@ public:
 
     static MBBMSRecManager* getInstance();
 
-    MBBMSRecManager();
+    // `env`: the platform calls of the recorders startRecording makes; must outlive them.
+    explicit MBBMSRecManager(Env* env);
     ~MBBMSRecManager();
     MBBMSRecManager(const MBBMSRecManager&) = delete;
     MBBMSRecManager& operator=(const MBBMSRecManager&) = delete;
@@ -73,8 +78,9 @@ public:
     // meets it as a leftover; `recorder` is empty afterwards. False (the caller keeps it)
     // when the slot is taken meanwhile. Called as detachRecorder.
     bool restoreRecorder(int session, std::unique_ptr<CmmbRecorder>& recorder);
-    // A started recorder writing to fd, or null (the reason is logged).
-    static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation);
+    // A started recorder writing to fd through `env`, or null (the reason is logged).
+    static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation,
+                                                        Env* env);
     // Puts a recorder from createRecorder into the empty slot of the session. Called as
     // detachRecorder.
     void installRecorder(int session, std::unique_ptr<CmmbRecorder> recorder,
@@ -104,6 +110,7 @@ private:
     void writeParameterSet(CmmbRecorder* recorder, const unsigned char* part, uint32_t length)
         REQUIRES(recorder->recorderLock());
 
+    Env* const mEnv;
     // See the class comment for who may touch them.
     std::unique_ptr<CmmbRecorder> mRecorder[kEngineSessions];
 };

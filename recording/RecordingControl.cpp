@@ -106,7 +106,7 @@ bool RecordingControl::onCompletionThread() const {
 }
 
 bool RecordingControl::startCompletionThread(const char* operation) {
-    const int error = Env::current()->startThread(&mCompletionThread, completionThreadMain, this);
+    const int error = mHost.env()->startThread(&mCompletionThread, completionThreadMain, this);
     if (error != 0) {
         TLOG_FOR(operation, ERROR, "cannot start the recording completion thread: %s",
                  strerror(error));
@@ -138,7 +138,7 @@ int RecordingControl::startRecording(int session, int fd) {
         return -1;
     }
     struct statfs status;
-    if (platform_fstatfs(fd, &status) != 0) {
+    if (mHost.env()->fstatfs(fd, &status) != 0) {
         int error = errno;
         TLOG(ERROR, "fstatfs failed, error number is %d,reason: %s", error, strerror(error));
         return -1;
@@ -184,7 +184,8 @@ int RecordingControl::startRecording(int session, int fd) {
     }
 
     // The new file gets its first bytes before frames are held off again.
-    std::unique_ptr<CmmbRecorder> recorder = MBBMSRecManager::createRecorder(fd, kStartRecording);
+    std::unique_ptr<CmmbRecorder> recorder =
+        MBBMSRecManager::createRecorder(fd, kStartRecording, mHost.env());
     if (recorder == nullptr)
         return -1;
     std::unique_ptr<CmmbRecorder> raced;
@@ -251,17 +252,18 @@ bool RecordingControl::isRecording(int session) const {
 }
 
 bool RecordingControl::freeSpaceForRecording(int session, long long* freeBytes) {
+    Env* env = mHost.env();
     char storageCard[1024];
     struct statfs status;
     if (resolveAndroidPath(kStorageCard, storageCard, sizeof(storageCard)) != 0 ||
-        platform_statfs(storageCard, &status) != 0) {
+        env->statfs(storageCard, &status) != 0) {
         return false;
     }
     *freeBytes = freeSpaceBytes(status);
     // The recording's own file system may be another one, and fill up first.
     CmmbRecorder* recorder = MBBMSRecManager::getInstance()->getRecorder(session);
     const int fd = recorder != nullptr ? recorder->outputFd() : -1;
-    if (fd >= 0 && platform_fstatfs(fd, &status) == 0)
+    if (fd >= 0 && env->fstatfs(fd, &status) == 0)
         *freeBytes = std::min(*freeBytes, freeSpaceBytes(status));
     return true;
 }

@@ -40,6 +40,7 @@
 #include "ThreadAnnotations.h"
 
 class CmmbRecorder;
+class Env;
 
 class RecordingControl {
 public:
@@ -53,6 +54,10 @@ public:
         virtual void releaseFrames(bool held) = 0;
         // Sends an application event (when a callback is registered).
         virtual void notifyRecordingEvent(EventType type, int session) = 0;
+        // The platform calls of the recording (free-space queries, the completion thread, the
+        // recorders' writes and syncs): the engine's, from its init. The control outlives
+        // init and deinit, so it asks for each use.
+        virtual Env* env() = 0;
 
     protected:
         ~Host() = default;

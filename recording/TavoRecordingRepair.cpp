@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 
+#include "Env.h"
 #include "RecordingRepair.h"
 
 static_assert(TAVO_REPAIR_MAX_INPUT_SIZE == kRecordingRepairMaxInputSize,
@@ -74,7 +75,9 @@ int tavo_repair_recording(int inFd, int outFd, char* message, size_t messageSize
             return checked;
         }
         std::string text;
-        const int result = repairRecording(inFd, size, outFd, &text);
+        // The repair is an entry point of its own, outside init: it reads the current Env
+        // once, like init does.
+        const int result = repairRecording(inFd, size, outFd, &text, Env::current());
         setMessage(message, messageSize, text.c_str());
         return result;
     } catch (const std::bad_alloc&) {

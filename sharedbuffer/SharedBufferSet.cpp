@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <thread>
 
+#include "Env.h"
 #include "Log.h"
 #include "MutexLock.h"
 #include "Properties.h"
@@ -40,13 +40,14 @@ int lockWordValue(CmmbSharedBuffer* shared) {
 
 }  // namespace
 
-int SharedBufferSet::create(const char* caller) {
+int SharedBufferSet::create(const char* caller, Env* env) {
+    mEnv = env;
     mLockTimeoutMs = readLockTimeoutMs();
     for (int i = 0; i < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++i) {
         int result;
         {
             MutexLock guard(mOwnership[i].mutex);
-            result = mRegions[i].create(i, caller);
+            result = mRegions[i].create(i, caller, mEnv);
             publish(i);
         }
         if (result != 0) {
@@ -106,16 +107,16 @@ bool SharedBufferSet::lock(int session) {
         ownership.engineWaiters += 1;
     }
 
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(mLockTimeoutMs);
+    const std::chrono::nanoseconds deadline =
+        mEnv->monotonicNow() + std::chrono::milliseconds(mLockTimeoutMs);
     for (;;) {
-        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   deadline - std::chrono::steady_clock::now())
-                                   .count();
+        const auto remaining =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - mEnv->monotonicNow())
+                .count();
         bool taken = false;
         if (remaining > 0) {
             const int slice = static_cast<int>(std::min<long long>(remaining, kWaitSliceMs));
-            taken = cmmb_sem_timedwait(lockWord, slice) == 0;
+            taken = mEnv->waitSharedSemaphore(lockWord, slice) == 0;
         }
         MutexLock guard(ownership.mutex);
         if (taken || cmmb_sem_trywait(lockWord) == 0) {
@@ -189,7 +190,7 @@ SharedBufferSet::Verdict SharedBufferSet::verdictLocked(int session,
 
 bool SharedBufferSet::replaceLocked(int session, Ownership& ownership, const char* caller) {
     SharedRegion fresh;
-    if (fresh.create(session, caller) != 0) {
+    if (fresh.create(session, caller, mEnv) != 0) {
         TLOG_FOR(caller, ERROR,
                  "the play engine that left holds the buffer of session=%d, and no new buffer "
                  "can be made",
@@ -212,7 +213,7 @@ bool SharedBufferSet::replaceAbandoned(const char* caller) {
     bool allReplaced = true;
     for (int s = 0; s < static_cast<int>(CMMB_SHARED_BUFFER_COUNT); ++s) {
         Ownership& ownership = mOwnership[s];
-        const auto giveUp = std::chrono::steady_clock::now() + kWaiterLeaveBound;
+        const std::chrono::nanoseconds giveUp = mEnv->monotonicNow() + kWaiterLeaveBound;
         for (;;) {
             {
                 MutexLock guard(ownership.mutex);
@@ -224,12 +225,12 @@ bool SharedBufferSet::replaceAbandoned(const char* caller) {
                     break;
                 }
             }
-            if (std::chrono::steady_clock::now() >= giveUp) {
+            if (mEnv->monotonicNow() >= giveUp) {
                 allReplaced = false;
                 break;
             }
             // Waiters of an abandoned buffer end their wait within one slice.
-            std::this_thread::sleep_for(kWaiterLeavePoll);
+            mEnv->sleepFor(kWaiterLeavePoll);
         }
     }
     return allReplaced;

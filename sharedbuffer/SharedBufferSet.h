@@ -34,6 +34,10 @@
 // buffer counts as stalled: later lock() calls only try the lock, without waiting, until one
 // succeeds again, so a hung reader does not slow the delivery of the other session.
 //
+// Time: every wait of the set (the bounded lock wait and its slices, the wait for waiters of
+// an abandoned buffer to leave) is measured and slept through the Env given to create(), so
+// that a test can run the set against a clock of its own.
+//
 // Threads: create() and destroy() run under the engine's mLock while no other thread uses
 // the set (before the command thread starts, after it has stopped, with no session
 // manager). lock(), unlock() and the connection calls may run on any thread while the set
@@ -51,6 +55,8 @@
 #include "SharedRegion.h"
 #include "ThreadAnnotations.h"
 
+class Env;
+
 class SharedBufferSet {
 public:
     enum { DEFAULT_LOCK_TIMEOUT_MS = 2000 };
@@ -60,9 +66,10 @@ public:
     SharedBufferSet(const SharedBufferSet&) = delete;
     SharedBufferSet& operator=(const SharedBufferSet&) = delete;
 
-    // Creates, maps and initialises both buffers, logging as `caller`. 0 on success; -1 on
-    // any failure, with nothing left behind.
-    int create(const char* caller);
+    // Creates, maps and initialises both buffers through `env`, logging as `caller`, and
+    // keeps `env` for the set's waits until destroy(). 0 on success; -1 on any failure, with
+    // nothing left behind.
+    int create(const char* caller, Env* env);
     // Destroys the semaphores, unmaps and closes both buffers; logs as `caller` when given.
     // A region descriptor of value 0 is left open.
     void destroy(const char* caller);
@@ -159,6 +166,9 @@ private:
     // Set when a client that had the buffers has gone; cleared by the frame-start check.
     std::atomic<bool> mCheckPending{false};
     int mLockTimeoutMs = DEFAULT_LOCK_TIMEOUT_MS;
+    // The platform calls and the clock of the buffers, from create(). Written only by create()
+    // while no other thread uses the set; read by every thread that uses the buffers.
+    Env* mEnv = nullptr;
 };
 
 // Name of the system property that bounds the engine's wait for a buffer lock, in ms.

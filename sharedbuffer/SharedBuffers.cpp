@@ -12,7 +12,7 @@
 
 int TavoMBBMSEngineImpl::initSharedBuffers() {
     TLOG(ENGINE, "%s()", __func__);
-    return mSharedBuffers.create(__func__);
+    return mSharedBuffers.create(__func__, mEnv.load());
 }
 
 int TavoMBBMSEngineImpl::deinitSharedBuffers() {

@@ -21,10 +21,9 @@ SharedRegion& SharedRegion::operator=(SharedRegion&& other) noexcept {
     return *this;
 }
 
-int SharedRegion::create(int session, const char* caller) {
+int SharedRegion::create(int session, const char* caller, Env* env) {
     // The platform calls that make a buffer (region, mapping, protection, semaphores) are all
     // here, in this order, made through the Env so that tests can fail each of them.
-    Env* env = Env::current();
     char name[32];
     snprintf(name, sizeof(name), CMMB_SHARED_REGION_NAME_FORMAT, session);
     mFd.reset(env->createSharedRegion(name, CMMB_SHARED_BUFFER_SIZE));

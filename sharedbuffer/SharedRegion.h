@@ -19,6 +19,8 @@
 #include "CmmbSharedBuffer.h"
 #include "UniqueHandle.h"
 
+class Env;
+
 class SharedRegion {
 public:
     SharedRegion() = default;
@@ -28,10 +30,11 @@ public:
     SharedRegion(const SharedRegion&) = delete;
     SharedRegion& operator=(const SharedRegion&) = delete;
 
-    // Creates, maps and initialises the region of `session` (name "cmmb_shared_memory_<n>"),
-    // logging each step as `caller`. 0 on success; -1 on any failure, with nothing left
-    // behind.
-    int create(int session, const char* caller);
+    // Creates, maps and initialises the region of `session` (name "cmmb_shared_memory_<n>")
+    // through `env`'s platform calls, logging each step as `caller`. 0 on success; -1 on any
+    // failure, with nothing left behind. The region keeps no Env: nothing after its creation
+    // goes through one.
+    int create(int session, const char* caller, Env* env);
     // Destroys the semaphores, then unmaps and closes; logs as `caller` when given.
     void destroy(int session, const char* caller);
     // Unmaps and closes without touching the semaphores.

@@ -13,6 +13,7 @@
 
 #include "BenchRow.h"
 #include "CmmbMPEG4Writer.h"
+#include "Env.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ double recordThroughWriter(const std::vector<Sample>& samples, _CmmbOutBuffer* b
     CmmbMediaSource video = {"video/avc", 320, 240, 25, 22500};
     CmmbMediaSource audio = {"audio/mp4a-latm", 0, 0, 24000, 24000};
     auto start = Clock::now();
-    CmmbMPEG4Writer writer(open("/dev/null", O_WRONLY));
+    CmmbMPEG4Writer writer(open("/dev/null", O_WRONLY), Env::platform());
     writer.addSource(&video);
     writer.addSource(&audio);
     _CmmbMetaData meta = {24000, true, true};

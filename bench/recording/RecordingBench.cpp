@@ -25,6 +25,7 @@
 
 #include "CmmbMPEG4Writer.h"
 #include "EngineDataPath.h"
+#include "Env.h"
 
 namespace {
 
@@ -187,7 +188,7 @@ int stopStall(int minutes, bool writtenBack) {
 long long recordedBytes(long long seconds, bool repairRecords) {
     CmmbMediaSource video = {"video/avc", 320, 240, 25, 22500};
     CmmbMediaSource audio = {"audio/mp4a-latm", 0, 0, 24000, 24000};
-    CmmbMPEG4Writer writer(open("/dev/null", O_WRONLY));
+    CmmbMPEG4Writer writer(open("/dev/null", O_WRONLY), Env::platform());
     writer.setRepairRecords(repairRecords);
     writer.addSource(&video);
     writer.addSource(&audio);

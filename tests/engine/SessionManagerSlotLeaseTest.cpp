@@ -12,6 +12,7 @@
 #include <random>
 #include <thread>
 
+#include "Env.h"
 #include "FrameSink.h"
 #include "SessionManager.h"
 #include "SessionManagerSlot.h"
@@ -66,7 +67,7 @@ TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) 
     });
     inside.get_future().wait();
     std::future<SessionManager*> retired =
-        std::async(std::launch::async, [&] { return slot.retire(); });
+        std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(std::chrono::milliseconds(200)))
         << "retire() returned while a call was inside the manager";
     leave.set_value();
@@ -96,7 +97,7 @@ TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
     EXPECT_FALSE(afterEnd);
     // No lease is open: retire() has nothing to wait for.
     std::future<SessionManager*> retired =
-        std::async(std::launch::async, [&] { return slot.retire(); });
+        std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
     ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
     delete retired.get();
 }
@@ -135,7 +136,7 @@ TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
         while (!started.load())
             std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
-        SessionManager* retired = slot.retire();
+        SessionManager* retired = slot.retire(Env::platform());
         EXPECT_EQ(manager, retired);
         delete retired;
         bracket.join();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "Env.h"
 #include "SessionManager.h"
 #include "SessionManagerSlot.h"
 #include "SharedBufferSet.h"
@@ -32,7 +33,7 @@ protected:
 
 TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
     EXPECT_FALSE(SessionManagerSlot::Access(mSlot));
-    EXPECT_EQ(nullptr, mSlot.retire());
+    EXPECT_EQ(nullptr, mSlot.retire(Env::platform()));
     mSlot.install(mManager.get());
     EXPECT_TRUE(mSlot.installed());
     {
@@ -43,7 +44,7 @@ TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
     }
     EXPECT_EQ(mManager.get(), mSlot.acquire());
     mSlot.release();
-    EXPECT_EQ(mManager.get(), mSlot.retire());
+    EXPECT_EQ(mManager.get(), mSlot.retire(Env::platform()));
     EXPECT_FALSE(mSlot.installed());
     EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
     EXPECT_EQ(nullptr, mSlot.acquire());
@@ -65,7 +66,7 @@ TEST_F(SessionManagerSlotTest, RetireWaitsForTheAccessesTakenBefore) {
     SessionManager* acquired = mSlot.acquire();
     EXPECT_EQ(mManager.get(), acquired);
 
-    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(); });
+    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(Env::platform()); });
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle));
     EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
     done.set_value();
@@ -113,7 +114,7 @@ TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
         callbackDone.get_future().wait();
     });
     callbackEntered.get_future().wait();
-    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(); });
+    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(Env::platform()); });
     EXPECT_EQ(std::future_status::timeout, application.wait_for(kSettle))
         << "the frame was ended while a data callback could still reach the manager";
     callbackDone.set_value();

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "CraftedRecording.h"
+#include "Env.h"
 #include "RecordingRepair.h"
 #include "RepairRecordWalker.h"
 #include "WriterHarness.h"
@@ -185,7 +186,7 @@ int repairBytes(const Bytes& bytes, Mp4File* copy = nullptr) {
     const int out = mkstemp(outPath);
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(in, bytes.data(), bytes.size()));
     std::string message;
-    const int result = repairRecording(in, bytes.size(), out, &message);
+    const int result = repairRecording(in, bytes.size(), out, &message, Env::current());
     EXPECT_FALSE(message.empty());
     close(in);
     close(out);

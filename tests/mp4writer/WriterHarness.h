@@ -13,6 +13,7 @@
 
 #include "AndroidLog.h"
 #include "CmmbMPEG4Writer.h"
+#include "Env.h"
 #include "LogSink.h"
 #include "Mp4BoxReader.h"
 
@@ -59,7 +60,7 @@ public:
         const char* dir = getenv("TMPDIR");
         mPath =
             std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/mp4writer-test-XXXXXX";
-        mWriter.reset(new CmmbMPEG4Writer(mkstemp(&mPath[0])));
+        mWriter.reset(new CmmbMPEG4Writer(mkstemp(&mPath[0]), Env::current()));
         // The tables and offsets checked here are those of the plain layout; repair records
         // are checked through the recording repair.
         mWriter->setRepairRecords(false);

@@ -86,7 +86,7 @@ TEST(WriterLifecycleTest, StopFinishesTheFileOnceAndDestroyingAStartedWriterStop
         ASSERT_NE(nullptr, file.find("moov/trak")) << destroy;
         EXPECT_EQ(Table(4, 10), file.table(*file.find("moov/trak"), "stsz")) << destroy;
     }
-    CmmbMPEG4Writer unopened(-1);
+    CmmbMPEG4Writer unopened(-1, Env::current());
     _CmmbMetaData meta = {24000, true, true};
     EXPECT_EQ(ERROR_INVALID, unopened.start(&meta));
     EXPECT_EQ(ERROR_INVALID, unopened.stop());

@@ -12,6 +12,7 @@
 
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
+#include "Env.h"
 #include "LogMask.h"
 #include "MBBMSRecManager.h"
 #include "OpenDescriptors.h"
@@ -68,6 +69,7 @@ struct CapturedSample {
 // Captures every writeout, which must come while LockRecorder() is held.
 class CapturingRecorder : public CmmbRecorder {
 public:
+    CapturingRecorder() : CmmbRecorder(Env::current()) {}
     int LockRecorder() override ACQUIRE(recorderLock()) {
         const int result = CmmbRecorder::LockRecorder();
         ++lockDepth;
@@ -127,7 +129,7 @@ protected:
     const Bytes pps = nalUnit(0x68, 5, 0x3C);
     const Bytes idr = nalUnit(0x65, 300, 0xA7);
     const Bytes slice = nalUnit(0x41, 120, 0x9B);
-    MBBMSRecManager manager;
+    MBBMSRecManager manager{Env::current()};
     CapturingRecorder recorder;
     TestRoot root{""};  // fresh log file
     std::unique_ptr<unsigned char[]> copy{new unsigned char[CMMB_FRAME_COPY_MAX_SIZE]};
@@ -226,7 +228,7 @@ TEST_F(RecManager, RecordsPointingOutsideThePayloadAreCopiedEmpty) {
 TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDuplicate) {
     const int baseline = openDescriptors();
     {
-        CmmbRecorder bare;
+        CmmbRecorder bare(Env::current());
         bare.LockRecorder();
         EXPECT_EQ(-1015, bare.writeout(&bare.sampleScratch()));
         bare.UnlockRecorder();
@@ -252,7 +254,7 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
     }
     EXPECT_EQ(baseline, openDescriptors());  // released by destruction
 
-    CmmbRecorder bare;
+    CmmbRecorder bare(Env::current());
     const int fd = createOutput("out.3gp");
     ASSERT_EQ(0, bare.setOutputFile(fd, 0, 0));
     close(fd);

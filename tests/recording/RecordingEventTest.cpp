@@ -315,6 +315,7 @@ public:
         return mEvents;
     }
     std::mutex& frame() { return mFrame; }
+    Env* env() override { return Env::current(); }
 
 private:
     std::mutex mFrame;

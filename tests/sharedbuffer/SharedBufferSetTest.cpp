@@ -9,6 +9,7 @@
 #include <future>
 #include <string>
 
+#include "Env.h"
 #include "CmmbSharedSemaphore.h"
 #include "FaultInjectingEnv.h"
 #include "OpenDescriptors.h"
@@ -43,7 +44,7 @@ protected:
         // A wait that ends because of the lock bound is told apart from one that ends because
         // its reader left: the bound is far above the tests' hang detectors.
         mRoot.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "600000");
-        ASSERT_EQ(0, mSet.create("test"));
+        ASSERT_EQ(0, mSet.create("test", Env::platform()));
     }
 
     TestRoot mRoot{""};
@@ -168,13 +169,13 @@ TEST_P(SharedBufferSetUpFault, CreateFailsWithNothingLeftOpenAndTheNextCreateWor
         SharedBufferSet set;
         const int descriptorsBefore = openDescriptors();
         env.failNth(fault.call, n, ENOMEM);
-        EXPECT_EQ(-1, set.create("test")) << "failing call " << n;
+        EXPECT_EQ(-1, set.create("test", &env)) << "failing call " << n;
         EXPECT_EQ(n, env.calls(fault.call)) << "set-up went on after a failed call";
         EXPECT_EQ(descriptorsBefore, openDescriptors()) << "failing call " << n;
         EXPECT_EQ(nullptr, set.buffer(0));
         EXPECT_EQ(-1, set.fd(1));
         env.clearFaults();
-        EXPECT_EQ(0, set.create("test"));
+        EXPECT_EQ(0, set.create("test", &env));
     }
 }
 

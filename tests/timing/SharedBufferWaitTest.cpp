@@ -1,0 +1,309 @@
+// The shared buffers' timed behaviour against a fake clock: the engine's bounded wait for a
+// buffer lock a reader keeps, the stall that follows a time-out, the short wait slices that
+// end a wait on an abandoned buffer, and the bound on how long a replacement waits for the
+// engine's waiters to leave. The set is built on real regions and semaphores; only time is
+// fake, so each case states exactly how much time the set let pass.
+//
+// The "reader" is this process mapping a region through its descriptor, as a play engine
+// does; its mapping outlives a replacement of the region, as another process's would.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "CmmbSharedBuffer.h"
+#include "FakeClockEnv.h"
+#include "LogMask.h"
+#include "SharedBufferSet.h"
+#include "TestRoot.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+const char kWaitEnded[] = "the play engine that left holds the buffer of session=0, wait ended";
+const char kReplaced[] = "the play engine that left holds the buffer of session=0, buffer replaced";
+
+// A reader's own mapping of one session's region, and its hold on the buffer lock.
+class ReaderMapping {
+public:
+    explicit ReaderMapping(int fd) {
+        void* address =
+            mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        mBuffer = address != MAP_FAILED ? static_cast<CmmbSharedBuffer*>(address) : nullptr;
+    }
+    ~ReaderMapping() {
+        if (mBuffer != nullptr)
+            munmap(mBuffer, CMMB_SHARED_BUFFER_SIZE);
+    }
+    ReaderMapping(const ReaderMapping&) = delete;
+    ReaderMapping& operator=(const ReaderMapping&) = delete;
+
+    bool mapped() const { return mBuffer != nullptr; }
+    bool take() { return cmmb_sem_trywait(&mBuffer->mutexDataAccessable) == 0; }
+    void giveBack() { cmmb_sem_post(&mBuffer->mutexDataAccessable); }
+    int lockValue() {
+        int value = -1;
+        cmmb_sem_getvalue(&mBuffer->mutexDataAccessable, &value);
+        return value;
+    }
+
+private:
+    CmmbSharedBuffer* mBuffer;
+};
+
+class SharedBufferWait : public testing::Test {
+protected:
+    void SetUp() override {
+        memset(LogMask::masks, 0, sizeof(LogMask::masks));
+        LogMask::masks[LogMask::ERROR] = LogMask::masks[LogMask::WARNING] = 1;
+    }
+    void TearDown() override { buffers.destroy(nullptr); }
+
+    // Creates the buffers with the lock bound `timeoutMs` (empty: the default).
+    void createWithTimeout(const std::string& timeoutMs) {
+        if (!timeoutMs.empty())
+            root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, timeoutMs);
+        ASSERT_EQ(0, buffers.create("test", &clock));
+    }
+    milliseconds elapsedSince(std::chrono::nanoseconds start) const {
+        return std::chrono::duration_cast<milliseconds>(clock.now() - start);
+    }
+
+    TestRoot root{""};
+    FakeClockEnv clock;
+    SharedBufferSet buffers;
+};
+
+// A connected reader that keeps the lock holds the engine up for exactly the configured bound,
+// in slices of at most 50 ms; a bound of 0 means no wait at all.
+TEST_F(SharedBufferWait, GivesUpAfterTheConfiguredTimeOut) {
+    createWithTimeout("300");
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.mapped());
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(300), elapsedSince(start));
+    EXPECT_EQ(std::vector<int>(6, 50), clock.waitTimeoutsMs());
+    EXPECT_EQ(1, buffers.readerHolds(0));
+    EXPECT_EQ(0, reader.lockValue()) << "a timed-out wait changed the lock";
+    EXPECT_EQ(0, root.countLog(kWaitEnded)) << "a connected reader's buffer is not abandoned";
+}
+
+TEST_F(SharedBufferWait, WithoutThePropertyTheBoundIsTwoSeconds) {
+    createWithTimeout("");
+    ASSERT_EQ(2000, buffers.lockTimeoutMs());
+    ReaderMapping reader(buffers.fd(1));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.lock(1));
+    EXPECT_EQ(milliseconds(2000), elapsedSince(start));
+}
+
+TEST_F(SharedBufferWait, ABoundOfZeroOnlyTries) {
+    createWithTimeout("0");
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(0), elapsedSince(start));
+    EXPECT_TRUE(clock.waitTimeoutsMs().empty());
+    reader.giveBack();
+    EXPECT_TRUE(buffers.lock(0));
+    buffers.unlock(0);
+}
+
+// A reader that gives the lock back while the engine waits: the engine takes it in the slice
+// in which it became free.
+class ReleasingClock : public FakeClockEnv {
+public:
+    ReleasingClock() = default;
+    void releaseAtWait(int wait, ReaderMapping* reader) {
+        mReleaseAt = wait;
+        mReader = reader;
+    }
+    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
+        if (++mWaits == mReleaseAt)
+            mReader->giveBack();
+        return FakeClockEnv::waitSharedSemaphore(semaphore, timeoutMs);
+    }
+
+private:
+    int mWaits = 0;  // the waiting thread only
+    int mReleaseAt = 0;
+    ReaderMapping* mReader = nullptr;
+};
+
+TEST(SharedBufferWaitRelease, TheLockIsTakenInTheSliceItIsGivenBack) {
+    TestRoot root{""};
+    root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "2000");
+    ReleasingClock clock;
+    SharedBufferSet buffers;
+    ASSERT_EQ(0, buffers.create("test", &clock));
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+    clock.releaseAtWait(4, &reader);
+
+    const auto start = clock.now();
+    EXPECT_TRUE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(150), std::chrono::duration_cast<milliseconds>(clock.now() - start));
+    EXPECT_EQ(0, buffers.readerHolds(0)) << "the engine's hold counts as the reader's";
+    buffers.unlock(0);
+    EXPECT_EQ(1, reader.lockValue());
+    buffers.destroy(nullptr);
+}
+
+// After one time-out the buffer is stalled: later waits only try, so a hung reader costs the
+// engine no more time; the other session is not affected. The reader giving the lock back, or
+// leaving, ends the stall, and the next hold is waited for in full again.
+TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
+    createWithTimeout("300");
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+    ASSERT_FALSE(buffers.lock(0));
+
+    clock.clearRecords();
+    auto start = clock.now();
+    for (int frame = 0; frame < 3; ++frame)
+        EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(0), elapsedSince(start));
+    EXPECT_TRUE(clock.waitTimeoutsMs().empty());
+
+    EXPECT_TRUE(buffers.lock(1)) << "the other session waited for the stalled one";
+    buffers.unlock(1);
+
+    reader.giveBack();
+    EXPECT_TRUE(buffers.lock(0));
+    buffers.unlock(0);
+
+    ASSERT_TRUE(reader.take());
+    start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(300), elapsedSince(start)) << "the stall outlived a taken lock";
+
+    // A new connection gets a full wait too.
+    buffers.readerDisconnected();
+    reader.giveBack();
+    buffers.readerConnected();
+    ASSERT_TRUE(reader.take());
+    start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(300), elapsedSince(start));
+}
+
+// The lock of a buffer whose reader's connection has ended is waited for one 50 ms slice
+// only, however long the bound: then the wait ends, and the buffer is replaced by a fresh one
+// with a free lock. The reader's own mapping keeps the old region as it was.
+TEST_F(SharedBufferWait, AnAbandonedBufferEndsTheWaitAfterOneSlice) {
+    createWithTimeout("60000");
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+    buffers.readerDisconnected();
+
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(50), elapsedSince(start));
+    EXPECT_EQ(std::vector<int>{50}, clock.waitTimeoutsMs());
+    EXPECT_EQ(1, root.countLog(kWaitEnded));
+
+    EXPECT_TRUE(buffers.anyAbandoned());
+    CmmbSharedBuffer* old = buffers.buffer(0);
+    EXPECT_TRUE(buffers.replaceAbandoned("test"));
+    EXPECT_NE(old, buffers.buffer(0));
+    EXPECT_EQ(1, root.countLog(kReplaced));
+    EXPECT_FALSE(buffers.anyAbandoned());
+
+    clock.clearRecords();
+    EXPECT_TRUE(buffers.lock(0));
+    EXPECT_TRUE(clock.waitTimeoutsMs().empty()) << "the fresh buffer's lock was not free";
+    buffers.unlock(0);
+    EXPECT_EQ(0, reader.lockValue()) << "the departed reader's region was changed";
+}
+
+// A clock whose semaphore waits block until the test opens them (a real wait, bounded), so
+// that an engine thread stays inside a wait for as long as the test needs.
+class GatedClock : public FakeClockEnv {
+public:
+    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
+        {
+            std::unique_lock<std::mutex> lock(mGate);
+            mEntered = true;
+            mChanged.notify_all();
+            mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mOpen; });
+        }
+        return FakeClockEnv::waitSharedSemaphore(semaphore, timeoutMs);
+    }
+    bool waitUntilEntered() {
+        std::unique_lock<std::mutex> lock(mGate);
+        return mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mEntered; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> lock(mGate);
+        mOpen = true;
+        mChanged.notify_all();
+    }
+
+private:
+    std::mutex mGate;
+    std::condition_variable mChanged;
+    bool mEntered = false;  // guarded by mGate
+    bool mOpen = false;     // guarded by mGate
+};
+
+// A replacement never happens while an engine thread waits for the region's lock: it waits
+// for the waiters to leave for two seconds at most, then gives up and leaves the buffer as it
+// is. Once the waiter has left, the buffer is replaced at once.
+TEST(SharedBufferWaiterLeave, ReplacementWaitsForWaitersTwoSecondsAtMost) {
+    memset(LogMask::masks, 0, sizeof(LogMask::masks));
+    LogMask::masks[LogMask::ERROR] = LogMask::masks[LogMask::WARNING] = 1;
+    TestRoot root{""};
+    root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "60000");
+    GatedClock clock;
+    SharedBufferSet buffers;
+    ASSERT_EQ(0, buffers.create("test", &clock));
+    ReaderMapping reader(buffers.fd(0));
+    ASSERT_TRUE(reader.take());
+    buffers.readerConnected();
+
+    bool waiterTook = true;
+    std::thread waiter([&] { waiterTook = buffers.lock(0); });
+    ASSERT_TRUE(clock.waitUntilEntered());
+    buffers.readerDisconnected();
+
+    CmmbSharedBuffer* old = buffers.buffer(0);
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.replaceAbandoned("test"));
+    EXPECT_EQ(milliseconds(2000), std::chrono::duration_cast<milliseconds>(clock.now() - start));
+    EXPECT_EQ(old, buffers.buffer(0)) << "replaced under a waiting engine thread";
+    EXPECT_EQ(0, root.countLog(kReplaced));
+
+    clock.open();
+    waiter.join();
+    EXPECT_FALSE(waiterTook);
+    EXPECT_EQ(1, root.countLog(kWaitEnded));
+
+    const auto again = clock.now();
+    EXPECT_TRUE(buffers.replaceAbandoned("test"));
+    EXPECT_EQ(clock.now(), again) << "no waiter left, yet the replacement waited";
+    EXPECT_NE(old, buffers.buffer(0));
+    EXPECT_EQ(1, root.countLog(kReplaced));
+    EXPECT_EQ(0, reader.lockValue());
+    buffers.destroy(nullptr);
+}
+
+}  // namespace
