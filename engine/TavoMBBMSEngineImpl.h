@@ -270,7 +270,7 @@ private:
     SessionManager* mFramesHeldOffBy = nullptr;
     // The play engine's server: the listening socket, the connected client, the command
     // thread and its run flag. Lives as long as the engine; start and stop under mLock.
-    CommandSocketServer mCommandServer{Env::current(), *this};
+    CommandSocketServer mCommandServer{*this};
 
     // ---- Process-wide state ----
     static std::atomic<TavoMBBMSEngineImpl*> mInstance;

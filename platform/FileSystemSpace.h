@@ -6,9 +6,6 @@
 
 #include <sys/vfs.h>
 
-// fstatfs through Env::current(), for a caller that is not handed an Env.
-int platform_fstatfs(int fd, struct statfs* out);
-
 // Free bytes of a file system: block size times free blocks, in 64 bits.
 inline long long freeSpaceBytes(const struct statfs& status) {
     return static_cast<long long>(static_cast<unsigned long long>(status.f_bsize) *

@@ -80,8 +80,8 @@ bool acceptFailedForResources(int error) {
 
 }  // namespace
 
-CommandSocketServer::CommandSocketServer(Env* const env, Delegate& delegate, const char* socketPath)
-    : mEnv(env), mDelegate(delegate), mSocketPath(socketPath) {}
+CommandSocketServer::CommandSocketServer(Delegate& delegate, const char* socketPath)
+    : mDelegate(delegate), mSocketPath(socketPath) {}
 
 CommandSocketServer::~CommandSocketServer() {
     if (mThreadStarted) {
@@ -90,7 +90,8 @@ CommandSocketServer::~CommandSocketServer() {
     }
 }
 
-int CommandSocketServer::start() {
+int CommandSocketServer::start(Env* env) {
+    mEnv = env;
     mIsStarted.store(true);
     if (mEnv->startThread(&mThreadCommand, runCommandThread, this) != 0) {
         TLOG_FOR(kStart, ERROR, "Can't create thread for runCommandThread");

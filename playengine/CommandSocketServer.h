@@ -57,15 +57,17 @@ public:
     };
 
     // `socketPath`: the socket's Android path, resolved when the thread binds it.
-    CommandSocketServer(Env* const env, Delegate& delegate,
-                        const char* socketPath = PLAYENGINE_SOCKET_PATH);
+    explicit CommandSocketServer(Delegate& delegate,
+                                 const char* socketPath = PLAYENGINE_SOCKET_PATH);
     // Stops a thread still running.
     ~CommandSocketServer();
     CommandSocketServer(const CommandSocketServer&) = delete;
     CommandSocketServer& operator=(const CommandSocketServer&) = delete;
 
-    // Sets the run flag and starts the command thread; 0, or -1 when it cannot be created.
-    int start();
+    // Sets the run flag and starts the command thread, which makes its system calls, sleeps
+    // and back-offs through `env` (the Env of the engine's init) until it ends; 0, or -1 when
+    // it cannot be created.
+    int start(Env* env);
     // Clears the run flag: the thread ends at its next pass at the latest.
     void clearRunFlag() { mIsStarted.store(false); }
     // Shuts the listening socket down to wake the thread, joins it and closes the socket.
@@ -108,7 +110,6 @@ private:
     // Closes both sockets as the thread ends; the delegate is not told.
     void tearDown();
 
-    Env* const mEnv;
     Delegate& mDelegate;
     const char* const mSocketPath;
 
@@ -116,7 +117,9 @@ private:
     PlayEngineLink mLink;
     std::atomic<bool> mIsStarted{false};  // run flag of the command thread
 
-    // Guarded by the owner's serialisation of start, stop and stopAtExit.
+    // Guarded by the owner's serialisation of start, stop and stopAtExit. mEnv is set by
+    // start before the thread exists and stays until the next start.
+    Env* mEnv = nullptr;
     pthread_t mThreadCommand{};
     bool mThreadStarted = false;  // mThreadCommand holds a thread to join
 

@@ -17,7 +17,7 @@ int TavoMBBMSEngineImpl::startCommandThread() {
     // they are destroyed.
     static const bool exitHookRegistered = std::atexit(stopCommandThreadAtExit) == 0;
     (void)exitHookRegistered;
-    return mCommandServer.start();
+    return mCommandServer.start(mEnv.load());
 }
 
 int TavoMBBMSEngineImpl::stopCommandThread() {

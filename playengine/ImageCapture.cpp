@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "EngineLog.h"
+#include "EngineSessions.h"
+#include "Env.h"
 #include "FileSystemSpace.h"
 #include "TavoMBBMSEngineImpl.h"
 
@@ -15,22 +17,19 @@ namespace {
 // A snapshot needs at least this much free space on the file system of its file.
 const long long kMinimumFreeKB = 100;
 
-bool isSessionNumber(int session) {
-    return session == 0 || session == 1;
-}
 
 }  // namespace
 
 int TavoMBBMSEngineImpl::captureImage(int session, int fd) {
     TLOG(ENGINE, "session=%d", session);
     RETURN_IF_NOT_INITIALIZED(-1);
-    if (!isSessionNumber(session)) {
+    if (!isEngineSession(session)) {
         TLOG(ERROR, "invalid session %d", session);
         return -1;
     }
 
     struct statfs space;
-    if (platform_fstatfs(fd, &space) != 0) {
+    if (mEnv.load()->fstatfs(fd, &space) != 0) {
         TLOG(ERROR, "fstatfs failed, reason: %s", strerror(errno));
         notifyEvent(EVENT_CAPTURE_FAIL, session);
         return 0;
@@ -52,7 +51,7 @@ int TavoMBBMSEngineImpl::captureImage(int session, int fd) {
 }
 
 bool TavoMBBMSEngineImpl::isCapturing(int session) {
-    if (!isSessionNumber(session))
+    if (!isEngineSession(session))
         return false;
     return mIsCapturing[session].load();
 }

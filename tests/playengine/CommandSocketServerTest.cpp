@@ -169,10 +169,10 @@ private:
 
 class CommandSocketServerTest : public ::testing::Test {
 protected:
-    CommandSocketServerTest() : root(""), server(Env::platform(), delegate) {}
+    CommandSocketServerTest() : root(""), server(delegate) {}
 
     void startServer() {
-        ASSERT_EQ(0, server.start());
+        ASSERT_EQ(0, server.start(Env::platform()));
         const auto deadline = std::chrono::steady_clock::now() + kBound;
         while (!server.listening() && std::chrono::steady_clock::now() < deadline)
             usleep(2000);
@@ -326,8 +326,8 @@ TEST_F(CommandSocketServerTest, AThreadThatCannotBeStartedLeavesTheServerStopped
         NoThreads() : EnvWrapper(Env::platform()) {}
         int startThread(pthread_t*, void* (*)(void*), void*) override { return EAGAIN; }
     } noThreads;
-    CommandSocketServer unstartable(&noThreads, delegate);
-    EXPECT_EQ(-1, unstartable.start());
+    CommandSocketServer unstartable(delegate);
+    EXPECT_EQ(-1, unstartable.start(&noThreads));
     EXPECT_FALSE(unstartable.listening());
     unstartable.stop();  // nothing to join
 }

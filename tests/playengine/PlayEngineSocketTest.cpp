@@ -256,6 +256,8 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
 
 TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
     EXPECT_IN_CHILD({
+        // Installed before init: the engine asks the Env it read there for the free space.
+        FaultInjectingEnv env;
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {-1, 2}) {
@@ -265,7 +267,6 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_EQ(0, bench.callback.count("onEvent("));
 
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
-        FaultInjectingEnv env;
         env.setFreeBytes(99 * 1024);
         EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
         EXPECT_EQ(1, bench.callback.count("onEvent(162, 1)"));
