@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "EngineLog.h"
+#include "EngineSessions.h"
 #include "TavoMBBMSEngineImpl.h"
 
 namespace {
@@ -91,14 +92,14 @@ void TavoMBBMSEngineImpl::onPlayEngineIndication(int indication, int session) {
             break;
         case IMAGE_CAPTURE_SUCCESS:
             mCommandServer.captureAnswered(session);
-            if (session == 0 || session == 1)
+            if (isEngineSession(session))
                 mIsCapturing[session].store(false);
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_SUCCESS");
             notifyEvent(EVENT_CAPTURE_SUCCESS, session);
             break;
         case IMAGE_CAPTURE_FAIL:
             mCommandServer.captureAnswered(session);
-            if (session == 0 || session == 1)
+            if (isEngineSession(session))
                 mIsCapturing[session].store(false);
             notifyEvent(EVENT_CAPTURE_FAIL, session);
             TLOG(CMD_PATH, "<<<<< receive PlayEngineIndication: IMAGE_CAPTURE_FAIL");

@@ -53,6 +53,12 @@ struct BufferWriteState {
     }
 };
 
+// Marks a buffer empty in the region: both counts and the payload length 0. The one way the
+// engine empties a buffer, whether it was just created, is reset or starts a frame.
+inline void publishEmpty(CmmbSharedBuffer* buffer) {
+    BufferWriteState().publishCounts(buffer);
+}
+
 // One session whose buffer the frame in progress holds: where a NAL or AAC call writes for
 // it. The frame start resolves these once; each call of the frame then goes through them.
 struct FrameTarget {

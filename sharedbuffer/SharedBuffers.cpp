@@ -53,9 +53,7 @@ void TavoMBBMSEngineImpl::resetSharedBuffer(int session) {
         TLOG(DATA_MFS, "One MFS frame is reset(nalCount=%d, aacCount=%d)",
              static_cast<int>(nalCount), static_cast<int>(aacCount));
     }
-    buffer->nalCount = 0;
-    buffer->aacCount = 0;
-    buffer->dataLength = 0;
+    publishEmpty(buffer);
     mSharedBuffers.unlock(session);
     TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)++", session);
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "BufferWriteState.h"
 #include "Env.h"
 #include "Log.h"
 
@@ -67,9 +68,7 @@ int SharedRegion::create(int session, const char* caller, Env* env) {
 
     // Records and payload stay as the fresh region holds them (zeros); each frame start marks
     // the NAL records free.
-    shared->nalCount = 0;
-    shared->aacCount = 0;
-    shared->dataLength = 0;
+    publishEmpty(shared);
     return 0;
 }
 
