@@ -130,9 +130,9 @@ public:
     const char* workDir() const { return mWorkDir; }
 
     // ---- Command socket server and play-engine commands (playengine/) ----
-    // REQUIRES: mLock held (init, deinit and a failed init's roll-back).
-    int startCommandThread();
-    int stopCommandThread();
+    // Under mLock: init, deinit and a failed init's roll-back start and stop the thread.
+    int startCommandThread() REQUIRES(mLock);
+    int stopCommandThread() REQUIRES(mLock);
     // Run at process exit (registered by the first startCommandThread): stops a command
     // thread that deinit has not stopped, before the objects it uses are destroyed.
     static void stopCommandThreadAtExit();
