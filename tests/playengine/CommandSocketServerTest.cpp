@@ -276,6 +276,18 @@ TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClo
     client.sendIndication(3, 10);  // in two pieces
     client.sendIndication(4, 63);
     client.sendIndication(2);
+    // Two in one write, then one and a half, then the other half.
+    PlayEngineIndicationMessage run[3];
+    memset(run, 0, sizeof(run));
+    for (int i = 0; i < 3; ++i) {
+        snprintf(run[i].code, sizeof(run[i].code), "%d", i + 1);
+        memset(run[i].extra, 'x', sizeof(run[i].extra));  // never read as a code
+    }
+    client.send(run, 2 * sizeof(run[0]));
+    client.send(run + 2, sizeof(run[0]) / 2);
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 5; }));
+    EXPECT_EQ(5u, delegate.codes().size()) << "half an indication was passed on";
+    client.send(reinterpret_cast<char*>(run + 2) + sizeof(run[0]) / 2, sizeof(run[0]) / 2);
     // A descriptor passed with an indication: the server closes its copy, so the other end
     // of the pair reads the end of the stream once only the server held it.
     int pair[2];
@@ -287,8 +299,8 @@ TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClo
     client.send(&marker, sizeof(marker), pair[0]);
     close(pair[0]);
 
-    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 4; }));
-    EXPECT_EQ((std::vector<int>{3, 4, 2, 0}), delegate.codes());
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 7; }));
+    EXPECT_EQ((std::vector<int>{3, 4, 2, 1, 2, 3, 0}), delegate.codes());
     pollfd entry = {watched.get(), POLLIN, 0};
     ASSERT_EQ(1, poll(&entry, 1, static_cast<int>(kBound.count() * 1000)));
     char byte;
@@ -299,7 +311,7 @@ TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClo
     Client next(root, clientPath("next.socket"));
     waitForAccepted(2);
     next.sendIndication(3);
-    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 5; }));
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 8; }));
     EXPECT_EQ(3, delegate.codes().back());
 }
 
