@@ -22,6 +22,7 @@
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
+#include "OpenDescriptors.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
@@ -406,13 +407,6 @@ int listeningSocketOf(const std::string& path) {
     return -1;
 }
 
-// True when a thread of this process is named `name`.
-bool threadNamed(const std::string& name) {
-    std::string output;
-    return runCommand("cat /proc/" + std::to_string(getpid()) + "/task/*/comm", &output) == 0 &&
-           ("\n" + output).find("\n" + name + "\n") != std::string::npos;
-}
-
 std::atomic<int> gAcceptFailures{0};
 
 void countAcceptFailures(void*, int, const char*, const char* message) {
@@ -433,7 +427,7 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
         EXPECT_IN_CHILD({
             Bench bench;
             ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-            EXPECT_TRUE(threadNamed("tavo-command"));
+            EXPECT_EQ(1, threadCount("tavo-command"));
             const int listening = listeningSocketOf(bench.serverPath());
             ASSERT_GE(listening, 0);
             if (replaced) {
@@ -447,10 +441,7 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
             EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
             EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
             // It logs its last line just before it returns.
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-            while (threadNamed("tavo-command") && std::chrono::steady_clock::now() < deadline)
-                usleep(10 * 1000);
-            EXPECT_FALSE(threadNamed("tavo-command"));
+            EXPECT_EQ(0, threadCountSettledAt(0, "tavo-command"));
             EXPECT_TRUE(bench.player.waitForClose());
         });
     }
