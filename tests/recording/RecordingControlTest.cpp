@@ -25,11 +25,6 @@ namespace {
 
 const long long kMiB = 1 << 20;
 
-long long fileSize(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
-}
-
 // Records session 0 into `name` for a second, then plays one with less than 1 MiB free,
 // which ends the recording (storage full).
 void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,

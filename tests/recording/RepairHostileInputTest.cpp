@@ -403,11 +403,6 @@ void writeInChild(const std::string& path, Make make) {
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << path;
 }
 
-off_t fileSize(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
-}
-
 // Peak resident memory of the tool on crafted inputs, against the same on a small file.
 TEST_F(RepairHostileInput, MemoryStaysWithinASmallMultipleOfTheInput) {
     mTool.measureMemory();
