@@ -35,7 +35,7 @@ void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed&
     rig.play(feed.nextSecond());
 }
 
-TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
+TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingStarts) {
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
@@ -70,19 +70,6 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
         EXPECT_EQ(-1, rig.startRecording("refused.3gp"));
         EXPECT_FALSE(rig.engine().isRecording(0));
-
-        // A missing card ends frame delivery; the recorder stays for the application's stop.
-        ASSERT_EQ(0, rig.startRecording("last.3gp"));
-        rig.playSeconds(feed, 2);
-        ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
-        rig.play(feed.nextSecond());
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        // EVENT_RECORD_NO_SDCARD, sent by the completion thread after the frame.
-        EXPECT_TRUE(rig.app().waitFor("onEvent(151, 0)"));
-        rig.play(feed.nextSecond());
-        EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("last.3gp"));
     });
 }
 
@@ -139,30 +126,6 @@ public:
 private:
     Act mAct;
 };
-
-// The event follows the completion of a recording that ended inside a multiplex frame.
-TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        int stopResult = 1;
-        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
-            record();
-            stopResult = rig.engine().stopRecording(session);
-        });
-        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
-        rig.startService();  // the engine keeps the first callback
-        ClipFeed feed;
-        recordUntilStorageFull(rig, env, feed, "out.3gp");
-        env.setFreeBytes(-1);
-        ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));  // returns once the event is handled
-        EXPECT_EQ(0, stopResult);
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        rig.play(feed.nextSecond());  // frames keep flowing afterwards
-        expectCleanFile(rig.outputPath("out.3gp"));
-    });
-}
 
 // The application records again from the first recording event and stays in it until the
 // test lets it go; the second recording ends in the frame path meanwhile: the frame goes on at
