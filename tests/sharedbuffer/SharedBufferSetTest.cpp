@@ -91,6 +91,7 @@ TEST_F(SharedBufferSetTest, ABufferLeftLockedIsReplacedAtTheNextFrameStart) {
 
     mSet.readerDisconnected();
     EXPECT_TRUE(mSet.anyAbandoned());
+    EXPECT_EQ(1, mSet.readerHolds(0)) << "left, keeping the lock";
     mSet.onFrameStart();
     EXPECT_FALSE(mSet.anyAbandoned());
     EXPECT_NE(oldFd, mSet.fd(0));
@@ -122,6 +123,7 @@ TEST_F(SharedBufferSetTest, AWaiterGivesUpWhenTheReaderLeavesHoldingTheLock) {
     ASSERT_TRUE(reader.take());
     auto waiter = std::async(std::launch::async, [&] { return mSet.lock(0); });
     EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::milliseconds(100)));
+    EXPECT_EQ(1, mSet.readerHolds(0)) << "the engine's wait counts as the reader's hold";
     mSet.readerDisconnected();
     ASSERT_EQ(std::future_status::ready, waiter.wait_for(std::chrono::seconds(20)));
     EXPECT_FALSE(waiter.get());
