@@ -111,22 +111,6 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
     });
 }
 
-// An application that acts from inside its recording events: `act` is given the session and
-// a function that records the event, which the test may be waiting for.
-class ActOnRecordingEvent : public RecordingCallback {
-public:
-    using Act = std::function<void(int session, const std::function<void()>& record)>;
-    explicit ActOnRecordingEvent(Act act) : mAct(std::move(act)) {}
-    void onEvent(EventType type, int param) override {
-        if (type < EVENT_RECORD_NO_SDCARD || type > EVENT_RECORD_ERROR)
-            return RecordingCallback::onEvent(type, param);
-        mAct(param, [&] { RecordingCallback::onEvent(type, param); });
-    }
-
-private:
-    Act mAct;
-};
-
 // The application records again from the first recording event and stays in it until the
 // test lets it go; the second recording ends in the frame path meanwhile: the frame goes on at
 // once, and the second completion and its event wait their turn behind the first event, from
@@ -140,7 +124,9 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         std::condition_variable changed;
         int events = 0, restartResult = 1, stopResult = 1;
         bool restarted = false, released = false;
-        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
+        ActOnEvent app([&](EventType type, int session, const std::function<void()>& record) {
+            if (!isRecordingEvent(type))
+                return record();
             std::unique_lock<std::mutex> hold(lock);
             if (++events > 1) {
                 stopResult = rig.engine().stopRecording(session);

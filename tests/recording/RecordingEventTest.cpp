@@ -5,7 +5,6 @@
 // thread. A call that deadlocks ends the child with a message instead of hanging the suite.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,36 +46,6 @@ void expectReturns(const char* what, const std::function<void()>& work) {
     worker.join();
 }
 
-std::string currentThreadName() {
-    char name[16] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
-}
-
-// An application that hands every event to `act` with a function that records it (so that
-// tests can wait for it) and the name of the thread it came on.
-class ActOnEvent : public RecordingCallback {
-public:
-    using Act = std::function<void(EventType type, int param, const std::function<void()>& record)>;
-    explicit ActOnEvent(Act act) : mAct(std::move(act)) {}
-    void onEvent(EventType type, int param) override {
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            mThreadNames.push_back(currentThreadName());
-        }
-        mAct(type, param, [&] { RecordingCallback::onEvent(type, param); });
-    }
-    std::vector<std::string> threadNames() {
-        std::lock_guard<std::mutex> guard(mLock);
-        return mThreadNames;
-    }
-
-private:
-    Act mAct;
-    std::mutex mLock;
-    std::vector<std::string> mThreadNames;  // guarded by mLock
-};
-
 // Plays seconds (at most four) until one of the two sessions stops recording.
 void playUntilOneStops(RecordingRig& rig, ClipFeed& feed) {
     for (int second = 0; second < 4; ++second) {
@@ -85,10 +54,6 @@ void playUntilOneStops(RecordingRig& rig, ClipFeed& feed) {
             return;
     }
     ADD_FAILURE() << "both sessions still record";
-}
-
-bool isRecordingEvent(EventType type) {
-    return type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR;
 }
 
 TEST(RecordingEvents, NoSdcardComesAfterTheFrameAndItsHandlerMayStopServiceAndRecording) {
