@@ -23,100 +23,12 @@
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
 #include "OpenDescriptors.h"
+#include "PlayEngineSocketClient.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 namespace {
-
-struct Received {
-    PlayEngineCommandMessage message;
-    int bytes = -1;  // 96 for a whole message, 0 at end of stream, -1 on time-out or error
-    int fd = -1;     // passed descriptor, closed by the client
-    bool truncated = false;
-    std::string text() const { return std::string(message.command, strnlen(message.command, 32)); }
-};
-
-// A play engine's end of the socket: binds ownPath (unless empty) and connects.
-class Client {
-public:
-    explicit Client(std::string ownPath) : mOwnPath(std::move(ownPath)) {}
-    ~Client() {
-        disconnect();
-        for (int fd : mPassed)
-            close(fd);
-    }
-
-    bool connectTo(const std::string& serverPath) {
-        sockaddr_un server = address(serverPath), own = address(mOwnPath);
-        for (int attempt = 0; attempt < 500; ++attempt) {  // while the server comes up
-            disconnect();
-            mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            unlink(mOwnPath.c_str());
-            if (!mOwnPath.empty() && bind(mFd, reinterpret_cast<sockaddr*>(&own), sizeof(own)))
-                return false;
-            if (connect(mFd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) == 0)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-    void disconnect() {
-        if (mFd >= 0)
-            close(mFd);
-        mFd = -1;
-    }
-
-    Received receive(int timeoutMs = 10000) {
-        Received command;
-        errno = 0;
-        pollfd entry = {mFd, POLLIN, 0};
-        if (poll(&entry, 1, timeoutMs) <= 0)
-            return command;
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
-        iovec piece = {&command.message, sizeof(command.message)};
-        msghdr header = {};
-        header.msg_iov = &piece;
-        header.msg_iovlen = 1;
-        header.msg_control = control;
-        header.msg_controllen = sizeof(control);
-        command.bytes = static_cast<int>(recvmsg(mFd, &header, MSG_CMSG_CLOEXEC | MSG_WAITALL));
-        command.truncated = (header.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) != 0;
-        cmsghdr* passed = command.bytes > 0 ? CMSG_FIRSTHDR(&header) : nullptr;
-        if (passed != nullptr && passed->cmsg_type == SCM_RIGHTS) {
-            memcpy(&command.fd, CMSG_DATA(passed), sizeof(int));
-            mPassed.push_back(command.fd);
-        }
-        return command;
-    }
-    // True when the engine closes the connection (within a generous bound).
-    bool waitForClose() {
-        for (int i = 0; i < 100; ++i) {
-            Received next = receive(100);
-            if (next.bytes == 0 || (next.bytes < 0 && errno == ECONNRESET))
-                return true;
-        }
-        return false;
-    }
-    bool sendIndication(const char* code) {
-        PlayEngineIndicationMessage indication = {};
-        memcpy(indication.code, code, strlen(code) + 1);
-        return send(mFd, &indication, sizeof(indication), MSG_NOSIGNAL) == sizeof(indication);
-    }
-    int fd() const { return mFd; }
-
-private:
-    static sockaddr_un address(const std::string& path) {
-        sockaddr_un result = {};
-        result.sun_family = AF_UNIX;
-        memcpy(result.sun_path, path.c_str(), std::min(path.size(), sizeof(result.sun_path) - 1));
-        return result;
-    }
-
-    std::string mOwnPath;
-    int mFd = -1;
-    std::vector<int> mPassed;
-};
 
 // An initialised engine with every log category on. The command thread calls `callback`,
 // so the engine is ended before the callback goes away.
@@ -124,7 +36,7 @@ struct Bench {
     TestRoot root;
     RecordingCallback callback;
     TavoMBBMSEngineImpl* engine = nullptr;
-    Client player{clientPath("player")};
+    PlayEngineSocketClient player{clientPath("player")};
     // Where snapshots go.
     int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
 
@@ -148,10 +60,10 @@ struct Bench {
 
     // Receives the two "sharebuffer" commands an accepted client gets and checks that each
     // descriptor maps that session's buffer of this engine.
-    void expectSharedBuffers(Client& client) {
+    void expectSharedBuffers(PlayEngineSocketClient& client) {
         for (int session = 0; session < 2; ++session) {
             SCOPED_TRACE("sharebuffer of session " + std::to_string(session));
-            Received command = client.receive();
+            ReceivedCommand command = client.receive();
             ASSERT_EQ(96, command.bytes);
             EXPECT_FALSE(command.truncated);
             EXPECT_EQ("sharebuffer", command.text());
@@ -185,15 +97,15 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         writeTextFile(bench.serverPath(), "left over");
         bench.start();
 
-        Client unbound("");
+        PlayEngineSocketClient unbound("");
         ASSERT_TRUE(unbound.connectTo(bench.serverPath()));
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
         EXPECT_TRUE(bench.root.waitForLog("socket file not exist!"));
 
-        Client former(bench.clientPath("former"));
+        PlayEngineSocketClient former(bench.clientPath("former"));
         ASSERT_TRUE(former.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(former);
-        Client newcomer(bench.clientPath("newcomer"));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
         EXPECT_TRUE(former.waitForClose());
@@ -208,7 +120,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
 
         // A command without a descriptor: status byte 1, session '0', no control data.
         ASSERT_EQ(0, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, 7, 1));
-        Received flush = bench.player.receive();
+        ReceivedCommand flush = bench.player.receive();
         ASSERT_EQ(96, flush.bytes);
         unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
         expected[33] = 1;
@@ -219,7 +131,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
 
         // A snapshot of session 1: answers are always reported for session 0.
         EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        Received capture = bench.player.receive();
+        ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
         EXPECT_TRUE(bench.engine->isCapturing(1));
@@ -259,7 +171,7 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
 
         env.setFreeBytes(100 * 1024);
         EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
-        Received request = bench.player.receive();
+        ReceivedCommand request = bench.player.receive();
         ASSERT_EQ(96, request.bytes);
         EXPECT_EQ("capture", request.text());
         EXPECT_EQ('0', request.message.session);
@@ -304,7 +216,7 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         bench.expectSharedBuffers(bench.player);
         ASSERT_EQ(0, bench.engine->captureImage(0, bench.file));
         ASSERT_EQ("capture", bench.player.receive().text());
-        Client newcomer(bench.clientPath("newcomer"));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
         ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)", 2));
@@ -353,7 +265,7 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
                 }
             });
             bench.start();
-            Client client(bench.clientPath("player"));
+            PlayEngineSocketClient client(bench.clientPath("player"));
             ASSERT_TRUE(client.connectTo(bench.serverPath()));
             watcher.join();
             close(watch);
@@ -484,7 +396,7 @@ TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
                 if (engine->init(&callback, nullptr) != 0)
                     _exit(2);
                 // Used by the flooding thread until the very end, so never destroyed.
-                static Client& player = *new Client(ownPath);
+                static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
                 if (!player.connectTo(serverPath) || player.receive().bytes != 96)
                     _exit(3);
                 std::thread([] {
