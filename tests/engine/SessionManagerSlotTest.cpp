@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "Env.h"
+#include "FakeClockEnv.h"
 #include "SessionManager.h"
 #include "SessionManagerSlot.h"
 #include "SharedBufferSet.h"
@@ -44,21 +45,28 @@ TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
     }
     EXPECT_EQ(mManager.get(), mSlot.acquire());
     mSlot.release();
-    EXPECT_EQ(mManager.get(), mSlot.retire(Env::platform()));
+    FakeClockEnv clock;
+    const auto start = clock.now();
+    EXPECT_EQ(mManager.get(), mSlot.retire(&clock));
+    EXPECT_EQ(start, clock.now()) << "retire without users waited";
     EXPECT_FALSE(mSlot.installed());
     EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
     EXPECT_EQ(nullptr, mSlot.acquire());
     mSlot.release();
 }
 
-// retire() returns only once every Access (and acquire()) taken before it has ended, while
-// Accesses taken during its wait already see no manager.
-TEST_F(SessionManagerSlotTest, RetireWaitsForTheAccessesTakenBefore) {
+// retire() returns only once every Access (and acquire()) taken before it has ended, data-path
+// and application users alike, polling through the Env it is given; Accesses taken during its
+// wait already see no manager.
+class SlotRetireWait : public SessionManagerSlotTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
+    const bool dataPath = GetParam();
     mSlot.install(mManager.get());
     std::promise<void> done;
     std::promise<SessionManager*> seen;
     std::thread user([&] {
-        SessionManagerSlot::Access access(mSlot);
+        SessionManagerSlot::Access access(mSlot, dataPath);
         seen.set_value(access.get());
         done.get_future().wait();
     });
@@ -66,16 +74,26 @@ TEST_F(SessionManagerSlotTest, RetireWaitsForTheAccessesTakenBefore) {
     SessionManager* acquired = mSlot.acquire();
     EXPECT_EQ(mManager.get(), acquired);
 
-    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(Env::platform()); });
+    FakeClockEnv clock;
+    const auto start = clock.now();
+    auto retired = std::async(std::launch::async, [&] { return mSlot.retire(&clock); });
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle));
-    EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
+    EXPECT_GT(clock.now(), start) << "retire does not poll the Env";
+    EXPECT_FALSE(mSlot.installed());
+    EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot, dataPath).get());
     done.set_value();
     user.join();
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle)) << "acquire() not waited for";
     mSlot.release();
     ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
     EXPECT_EQ(mManager.get(), retired.get());
+    EXPECT_EQ(nullptr, mSlot.retire(&clock)) << "a second retire found a manager";
 }
+
+INSTANTIATE_TEST_SUITE_P(Users, SlotRetireWait, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& user) {
+                             return user.param ? "DataPath" : "Application";
+                         });
 
 // The agent opened a frame and will never end it. An application thread waits behind the
 // frame with an Access of its own; retire() waits for the agent's data callback in progress,

@@ -3,7 +3,6 @@
 // frame are completed and reported before deinit returns, and no callback reaches the
 // application after that, also one that was in flight on another thread. Faults come through
 // the platform's Env, so this suite links the engine's objects; each test runs in a child.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -28,32 +27,6 @@ namespace {
 
 const int kChannel = 4;
 const long long kMiB = 1 << 20;
-
-// Threads of this process (its /proc/self/task entries).
-int threadCount() {
-    DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr)
-        return -1;
-    int count = 0;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.')
-            ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-// The thread count once it has settled at `expected`, or what it is after a bound: a joined
-// thread may still be listed by the system for a moment while it exits.
-int threadCountSettledAt(int expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    int count = threadCount();
-    while (count != expected && std::chrono::steady_clock::now() < deadline) {
-        usleep(1000);
-        count = threadCount();
-    }
-    return count;
-}
 
 int startService(TavoMBBMSEngine* engine, FakeAgentControl* agent, int session) {
     IsmaPara isma;

@@ -20,7 +20,7 @@
 
 #include "CommandSocketServer.h"
 #include "Env.h"
-#include "PlayEngineWire.h"
+#include "PlayEngineSocketClient.h"
 #include "TestRoot.h"
 
 namespace {
@@ -90,83 +90,6 @@ private:
     bool mReady = true;
 };
 
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address;
-    memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
-// A play engine: bound to `ownPath` (none when empty), connected to the server.
-class Client {
-public:
-    Client(const TestRoot& root, const std::string& ownPath) {
-        mFd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (!ownPath.empty()) {
-            unlink(ownPath.c_str());
-            sockaddr_un own = addressOf(ownPath);
-            EXPECT_EQ(0, bind(mFd.get(), reinterpret_cast<sockaddr*>(&own), sizeof(own)));
-        }
-        sockaddr_un server = addressOf(root.resolve(PLAYENGINE_SOCKET_PATH));
-        const auto deadline = std::chrono::steady_clock::now() + kBound;
-        while (connect(mFd.get(), reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                ADD_FAILURE() << "the server does not listen";
-                break;
-            }
-            usleep(5000);
-        }
-    }
-    int fd() const { return mFd.get(); }
-
-    void send(const void* data, size_t size, int passedFd = -1) {
-        const iovec piece = {const_cast<void*>(data), size};
-        EXPECT_EQ(static_cast<ssize_t>(size),
-                  PlayEngineWire::send(mFd.get(), &piece, 1, &passedFd, passedFd >= 0 ? 1 : 0,
-                                       MSG_NOSIGNAL));
-    }
-    void sendIndication(int code, size_t firstPiece = sizeof(PlayEngineIndicationMessage)) {
-        PlayEngineIndicationMessage message;
-        memset(&message, 0, sizeof(message));
-        snprintf(message.code, sizeof(message.code), "%d", code);
-        const char* bytes = reinterpret_cast<const char*>(&message);
-        send(bytes, firstPiece);
-        if (firstPiece < sizeof(message))
-            send(bytes + firstPiece, sizeof(message) - firstPiece);
-    }
-    // True when the server has closed its end (end of stream within the bound); what it
-    // sent before is read away.
-    bool closedByServer() {
-        for (;;) {
-            pollfd entry = {mFd.get(), POLLIN, 0};
-            if (poll(&entry, 1, static_cast<int>(kBound.count() * 1000)) != 1)
-                return false;
-            char bytes[64];
-            const ssize_t got = recv(mFd.get(), bytes, sizeof(bytes), MSG_DONTWAIT);
-            if (got == 0)
-                return true;
-            if (got < 0)
-                return errno == ECONNRESET;
-        }
-    }
-    // One message of up to `size` bytes with its descriptor, within the bound.
-    ssize_t receive(void* data, size_t size, UniqueFd* fd) {
-        pollfd entry = {mFd.get(), POLLIN, 0};
-        if (poll(&entry, 1, static_cast<int>(kBound.count() * 1000)) != 1)
-            return -1;
-        PlayEngineWire::PassedDescriptors passed;
-        const ssize_t bytes =
-            PlayEngineWire::receive(mFd.get(), data, size, MSG_WAITALL, 1, &passed).bytes;
-        if (passed.count() > 0)
-            *fd = passed.take(0);
-        return bytes;
-    }
-
-private:
-    UniqueFd mFd;
-};
-
 class CommandSocketServerTest : public ::testing::Test {
 protected:
     CommandSocketServerTest() : root(""), server(delegate) {}
@@ -179,6 +102,7 @@ protected:
         ASSERT_TRUE(server.listening());
     }
     std::string clientPath(const char* name) const { return root.path() + "/" + name; }
+    std::string serverPath() const { return root.resolve(PLAYENGINE_SOCKET_PATH); }
     // Waits until `count` clients were accepted and returns the last one's descriptor.
     int waitForAccepted(size_t count) {
         EXPECT_TRUE(delegate.waitFor([&] { return delegate.mAccepted.size() >= count; }));
@@ -193,7 +117,7 @@ protected:
 
 TEST_F(CommandSocketServerTest, AnAcceptedClientIsReportedAndReachedThroughTheServer) {
     startServer();
-    Client client(root, clientPath("pe.socket"));
+    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
     const int accepted = waitForAccepted(1);
     EXPECT_EQ(1, delegate.prepared());
     EXPECT_EQ(accepted, server.client());
@@ -202,28 +126,28 @@ TEST_F(CommandSocketServerTest, AnAcceptedClientIsReportedAndReachedThroughTheSe
     int pair[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
     UniqueFd kept(pair[0]), passedEnd(pair[1]);
-    char text[8] = "command";
-    const iovec piece = {text, sizeof(text)};
+    PlayEngineCommandMessage message = {};
+    memcpy(message.command, "command", 7);
+    const iovec piece = {&message, sizeof(message)};
     int used = -2;
-    EXPECT_EQ(static_cast<ssize_t>(sizeof(text)),
+    EXPECT_EQ(static_cast<ssize_t>(sizeof(message)),
               server.send(&piece, 1, passedEnd.get(), &used, 1));
     EXPECT_EQ(accepted, used);
-    char got[sizeof(text)] = {};
-    UniqueFd arrived;
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(text)), client.receive(got, sizeof(got), &arrived));
-    EXPECT_STREQ("command", got);
-    EXPECT_TRUE(arrived.valid());
+    const ReceivedCommand arrived = client.receive();
+    ASSERT_EQ(static_cast<int>(sizeof(message)), arrived.bytes);
+    EXPECT_EQ("command", arrived.text());
+    EXPECT_GE(arrived.fd, 0);
 }
 
 TEST_F(CommandSocketServerTest, ClientsWithoutAPathOrRefusedByTheDelegateAreClosedUnserved) {
     startServer();
-    Client unbound(root, "");
-    EXPECT_TRUE(unbound.closedByServer());
+    PlayEngineSocketClient unbound("", serverPath());
+    EXPECT_TRUE(unbound.waitForClose());
     EXPECT_EQ(0, delegate.prepared());  // refused before anything was made ready
 
     delegate.setReady(false);
-    Client refused(root, clientPath("refused.socket"));
-    EXPECT_TRUE(refused.closedByServer());
+    PlayEngineSocketClient refused(clientPath("refused.socket"), serverPath());
+    EXPECT_TRUE(refused.waitForClose());
     EXPECT_EQ(1, delegate.prepared());
     EXPECT_TRUE(delegate.accepted().empty());
     EXPECT_EQ(-1, server.client());
@@ -231,7 +155,7 @@ TEST_F(CommandSocketServerTest, ClientsWithoutAPathOrRefusedByTheDelegateAreClos
 
 TEST_F(CommandSocketServerTest, ANewcomerDisplacesTheClientWhichIsReportedGoneWithItsSnapshots) {
     startServer();
-    Client first(root, clientPath("first.socket"));
+    PlayEngineSocketClient first(clientPath("first.socket"), serverPath());
     waitForAccepted(1);
     // A "capture" of session 1 goes to the first client, which then owes its answer.
     char text[4] = "cap";
@@ -239,9 +163,9 @@ TEST_F(CommandSocketServerTest, ANewcomerDisplacesTheClientWhichIsReportedGoneWi
     int used = -1;
     ASSERT_GT(server.send(&piece, 1, -1, &used, 1), 0);
 
-    Client second(root, clientPath("second.socket"));
+    PlayEngineSocketClient second(clientPath("second.socket"), serverPath());
     const int secondFd = waitForAccepted(2);
-    EXPECT_TRUE(first.closedByServer());
+    EXPECT_TRUE(first.waitForClose());
     ASSERT_EQ(1u, delegate.gone().size());
     EXPECT_EQ(1u << 1, delegate.gone()[0]);
     EXPECT_EQ(secondFd, server.client());
@@ -250,7 +174,7 @@ TEST_F(CommandSocketServerTest, ANewcomerDisplacesTheClientWhichIsReportedGoneWi
 TEST_F(CommandSocketServerTest, ALeavingClientIsReportedAndSendsFailUntilTheNextOne) {
     startServer();
     {
-        Client client(root, clientPath("pe.socket"));
+        PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
         waitForAccepted(1);
     }
     ASSERT_TRUE(delegate.waitFor([&] { return delegate.mGone.size() == 1; }));
@@ -263,19 +187,32 @@ TEST_F(CommandSocketServerTest, ALeavingClientIsReportedAndSendsFailUntilTheNext
     EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(-1, used);
 
-    Client again(root, clientPath("pe.socket"));
+    PlayEngineSocketClient again(clientPath("pe.socket"), serverPath());
     const int accepted = waitForAccepted(2);
     EXPECT_EQ(accepted, server.client());
 }
 
 TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClosed) {
     startServer();
-    Client client(root, clientPath("pe.socket"));
+    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
     waitForAccepted(1);
 
-    client.sendIndication(3, 10);  // in two pieces
-    client.sendIndication(4, 63);
-    client.sendIndication(2);
+    EXPECT_TRUE(client.sendIndication("3", 10));  // in two pieces
+    EXPECT_TRUE(client.sendIndication("4", 63));
+    EXPECT_TRUE(client.sendIndication("2"));
+    // Two in one write, then one and a half, then the other half.
+    PlayEngineIndicationMessage run[3];
+    memset(run, 0, sizeof(run));
+    for (int i = 0; i < 3; ++i) {
+        snprintf(run[i].code, sizeof(run[i].code), "%d", i + 1);
+        memset(run[i].extra, 'x', sizeof(run[i].extra));  // never read as a code
+    }
+    EXPECT_TRUE(client.send(run, 2 * sizeof(run[0])));
+    EXPECT_TRUE(client.send(run + 2, sizeof(run[0]) / 2));
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 5; }));
+    EXPECT_EQ(5u, delegate.codes().size()) << "half an indication was passed on";
+    EXPECT_TRUE(
+        client.send(reinterpret_cast<char*>(run + 2) + sizeof(run[0]) / 2, sizeof(run[0]) / 2));
     // A descriptor passed with an indication: the server closes its copy, so the other end
     // of the pair reads the end of the stream once only the server held it.
     int pair[2];
@@ -284,39 +221,39 @@ TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClo
     PlayEngineIndicationMessage marker;
     memset(&marker, 0, sizeof(marker));
     memcpy(marker.code, "abc", 3);  // no number: code 0
-    client.send(&marker, sizeof(marker), pair[0]);
+    EXPECT_TRUE(client.send(&marker, sizeof(marker), pair[0]));
     close(pair[0]);
 
-    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 4; }));
-    EXPECT_EQ((std::vector<int>{3, 4, 2, 0}), delegate.codes());
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 7; }));
+    EXPECT_EQ((std::vector<int>{3, 4, 2, 1, 2, 3, 0}), delegate.codes());
     pollfd entry = {watched.get(), POLLIN, 0};
     ASSERT_EQ(1, poll(&entry, 1, static_cast<int>(kBound.count() * 1000)));
     char byte;
     EXPECT_EQ(0, read(watched.get(), &byte, 1));
 
     // Half an indication is lost with its connection: a new client starts afresh.
-    client.send(&marker, 20);
-    Client next(root, clientPath("next.socket"));
+    EXPECT_TRUE(client.send(&marker, 20));
+    PlayEngineSocketClient next(clientPath("next.socket"), serverPath());
     waitForAccepted(2);
-    next.sendIndication(3);
-    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 5; }));
+    EXPECT_TRUE(next.sendIndication("3"));
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 8; }));
     EXPECT_EQ(3, delegate.codes().back());
 }
 
 TEST_F(CommandSocketServerTest, StoppingEndsTheThreadClosesTheClientAndReportsNothing) {
     startServer();
-    Client client(root, clientPath("pe.socket"));
+    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
     waitForAccepted(1);
     server.clearRunFlag();
     server.stop();
     EXPECT_FALSE(server.listening());
     EXPECT_EQ(-1, server.client());
-    EXPECT_TRUE(client.closedByServer());
+    EXPECT_TRUE(client.waitForClose());
     EXPECT_TRUE(delegate.gone().empty());
 
     // It starts again on the same path, a left-over socket file notwithstanding.
     startServer();
-    Client again(root, clientPath("pe.socket"));
+    PlayEngineSocketClient again(clientPath("pe.socket"), serverPath());
     waitForAccepted(2);
 }
 

@@ -22,100 +22,13 @@
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
+#include "OpenDescriptors.h"
+#include "PlayEngineSocketClient.h"
 #include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 namespace {
-
-struct Received {
-    PlayEngineCommandMessage message;
-    int bytes = -1;  // 96 for a whole message, 0 at end of stream, -1 on time-out or error
-    int fd = -1;     // passed descriptor, closed by the client
-    bool truncated = false;
-    std::string text() const { return std::string(message.command, strnlen(message.command, 32)); }
-};
-
-// A play engine's end of the socket: binds ownPath (unless empty) and connects.
-class Client {
-public:
-    explicit Client(std::string ownPath) : mOwnPath(std::move(ownPath)) {}
-    ~Client() {
-        disconnect();
-        for (int fd : mPassed)
-            close(fd);
-    }
-
-    bool connectTo(const std::string& serverPath) {
-        sockaddr_un server = address(serverPath), own = address(mOwnPath);
-        for (int attempt = 0; attempt < 500; ++attempt) {  // while the server comes up
-            disconnect();
-            mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            unlink(mOwnPath.c_str());
-            if (!mOwnPath.empty() && bind(mFd, reinterpret_cast<sockaddr*>(&own), sizeof(own)))
-                return false;
-            if (connect(mFd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) == 0)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
-    void disconnect() {
-        if (mFd >= 0)
-            close(mFd);
-        mFd = -1;
-    }
-
-    Received receive(int timeoutMs = 10000) {
-        Received command;
-        errno = 0;
-        pollfd entry = {mFd, POLLIN, 0};
-        if (poll(&entry, 1, timeoutMs) <= 0)
-            return command;
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
-        iovec piece = {&command.message, sizeof(command.message)};
-        msghdr header = {};
-        header.msg_iov = &piece;
-        header.msg_iovlen = 1;
-        header.msg_control = control;
-        header.msg_controllen = sizeof(control);
-        command.bytes = static_cast<int>(recvmsg(mFd, &header, MSG_CMSG_CLOEXEC | MSG_WAITALL));
-        command.truncated = (header.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) != 0;
-        cmsghdr* passed = command.bytes > 0 ? CMSG_FIRSTHDR(&header) : nullptr;
-        if (passed != nullptr && passed->cmsg_type == SCM_RIGHTS) {
-            memcpy(&command.fd, CMSG_DATA(passed), sizeof(int));
-            mPassed.push_back(command.fd);
-        }
-        return command;
-    }
-    // True when the engine closes the connection (within a generous bound).
-    bool waitForClose() {
-        for (int i = 0; i < 100; ++i) {
-            Received next = receive(100);
-            if (next.bytes == 0 || (next.bytes < 0 && errno == ECONNRESET))
-                return true;
-        }
-        return false;
-    }
-    bool sendIndication(const char* code) {
-        PlayEngineIndicationMessage indication = {};
-        memcpy(indication.code, code, strlen(code) + 1);
-        return send(mFd, &indication, sizeof(indication), MSG_NOSIGNAL) == sizeof(indication);
-    }
-    int fd() const { return mFd; }
-
-private:
-    static sockaddr_un address(const std::string& path) {
-        sockaddr_un result = {};
-        result.sun_family = AF_UNIX;
-        memcpy(result.sun_path, path.c_str(), std::min(path.size(), sizeof(result.sun_path) - 1));
-        return result;
-    }
-
-    std::string mOwnPath;
-    int mFd = -1;
-    std::vector<int> mPassed;
-};
 
 // An initialised engine with every log category on. The command thread calls `callback`,
 // so the engine is ended before the callback goes away.
@@ -123,7 +36,7 @@ struct Bench {
     TestRoot root;
     RecordingCallback callback;
     TavoMBBMSEngineImpl* engine = nullptr;
-    Client player{clientPath("player")};
+    PlayEngineSocketClient player{clientPath("player")};
     // Where snapshots go.
     int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
 
@@ -147,10 +60,10 @@ struct Bench {
 
     // Receives the two "sharebuffer" commands an accepted client gets and checks that each
     // descriptor maps that session's buffer of this engine.
-    void expectSharedBuffers(Client& client) {
+    void expectSharedBuffers(PlayEngineSocketClient& client) {
         for (int session = 0; session < 2; ++session) {
             SCOPED_TRACE("sharebuffer of session " + std::to_string(session));
-            Received command = client.receive();
+            ReceivedCommand command = client.receive();
             ASSERT_EQ(96, command.bytes);
             EXPECT_FALSE(command.truncated);
             EXPECT_EQ("sharebuffer", command.text());
@@ -184,40 +97,19 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         writeTextFile(bench.serverPath(), "left over");
         bench.start();
 
-        Client unbound("");
+        PlayEngineSocketClient unbound("");
         ASSERT_TRUE(unbound.connectTo(bench.serverPath()));
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
         EXPECT_TRUE(bench.root.waitForLog("socket file not exist!"));
 
-        Client former(bench.clientPath("former"));
+        PlayEngineSocketClient former(bench.clientPath("former"));
         ASSERT_TRUE(former.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(former);
-        Client newcomer(bench.clientPath("newcomer"));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
         EXPECT_TRUE(former.waitForClose());
         EXPECT_EQ(1, bench.root.countLog("only two client is allowed, now force close former"));
-    });
-}
-
-TEST(PlayEngineSocket, ServesAClientAgainAfterItLeavesAndDeinitClosesTheConnection) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-        bench.player.disconnect();
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
-
-        // Without a client, a snapshot request cannot be delivered and fails at once.
-        EXPECT_EQ(-1, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, -1, 0));
-        EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
-        EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
-        EXPECT_FALSE(bench.engine->isCapturing(0));
-
-        ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
-        bench.expectSharedBuffers(bench.player);
-
-        EXPECT_EQ(0, bench.engine->deinit());  // a server that ignores the stop hangs here
-        EXPECT_TRUE(bench.player.waitForClose());
     });
 }
 
@@ -228,7 +120,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
 
         // A command without a descriptor: status byte 1, session '0', no control data.
         ASSERT_EQ(0, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, 7, 1));
-        Received flush = bench.player.receive();
+        ReceivedCommand flush = bench.player.receive();
         ASSERT_EQ(96, flush.bytes);
         unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
         expected[33] = 1;
@@ -239,7 +131,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
 
         // A snapshot of session 1: answers are always reported for session 0.
         EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        Received capture = bench.player.receive();
+        ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
         EXPECT_TRUE(bench.engine->isCapturing(1));
@@ -248,6 +140,11 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         EXPECT_TRUE(bench.engine->isCapturing(1));
         ASSERT_TRUE(bench.player.sendIndication("capture done"));
         ASSERT_TRUE(bench.root.waitForLog("UNKNOWN_INDICATION"));
+        // The play engine's requests for the buffers and its receipt are only logged.
+        ASSERT_TRUE(bench.player.sendIndication("1"));
+        ASSERT_TRUE(bench.root.waitForLog("REQUEST_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.player.sendIndication("2"));
+        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD"));
         ASSERT_TRUE(bench.player.sendIndication("4"));
         ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
         EXPECT_EQ(2, bench.callback.count("onEvent(16"));
@@ -274,7 +171,7 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
 
         env.setFreeBytes(100 * 1024);
         EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
-        Received request = bench.player.receive();
+        ReceivedCommand request = bench.player.receive();
         ASSERT_EQ(96, request.bytes);
         EXPECT_EQ("capture", request.text());
         EXPECT_EQ('0', request.message.session);
@@ -291,22 +188,6 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_FALSE(bench.engine->isCapturing(1));
     });
 }
-
-namespace {
-
-// Writes `bytes` to the client's socket in one write.
-bool writeRaw(Client& client, const void* bytes, size_t count) {
-    return send(client.fd(), bytes, count, MSG_NOSIGNAL) == static_cast<ssize_t>(count);
-}
-
-PlayEngineIndicationMessage indication(const char* code) {
-    PlayEngineIndicationMessage message = {};
-    memcpy(message.code, code, strlen(code) + 1);
-    memset(message.extra, 'x', sizeof(message.extra));  // never read as a code
-    return message;
-}
-
-}  // namespace
 
 // A snapshot whose play engine goes before answering ends as failed, for its own session,
 // whether the play engine closes its end or a newcomer pushes it out; one it answered does not
@@ -326,13 +207,16 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         bench.player.disconnect();
         ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine->isCapturing(1));
+        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
+        // Without a client, a command cannot be delivered.
+        EXPECT_EQ(-1, bench.engine->sendPlayEngineCommand(CMD_FLUSH, -1, 0));
         EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
 
         ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(bench.player);
         ASSERT_EQ(0, bench.engine->captureImage(0, bench.file));
         ASSERT_EQ("capture", bench.player.receive().text());
-        Client newcomer(bench.clientPath("newcomer"));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
         ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)", 2));
@@ -341,45 +225,6 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         newcomer.disconnect();  // owed nothing
         ASSERT_TRUE(bench.root.waitForLog("Connection closed by client", 2));
         EXPECT_EQ(3, bench.callback.count("onEvent("));
-    });
-}
-
-// The stream is read as consecutive 64-byte indications, however the play engine's writes
-// cut it.
-TEST(PlayEngineSocket, IndicationsAreReassembledFromTheStream) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-        const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); };
-
-        // One indication in three writes, the engine reading between them.
-        PlayEngineIndicationMessage success = indication("3");
-        const char* bytes = reinterpret_cast<const char*>(&success);
-        ASSERT_TRUE(writeRaw(bench.player, bytes, 5));
-        pause();
-        ASSERT_TRUE(writeRaw(bench.player, bytes + 5, 30));
-        pause();
-        ASSERT_TRUE(writeRaw(bench.player, bytes + 35, 29));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
-
-        // Two indications in one write.
-        PlayEngineIndicationMessage pair[2] = {indication("1"), indication("4")};
-        ASSERT_TRUE(writeRaw(bench.player, pair, sizeof(pair)));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
-        EXPECT_TRUE(bench.root.logContains("REQUEST_SHAREDBUFFER_FD"));
-
-        // One and a half, then the other half.
-        PlayEngineIndicationMessage split[2] = {indication("2"), indication("3")};
-        const char* splitBytes = reinterpret_cast<const char*>(split);
-        ASSERT_TRUE(writeRaw(bench.player, splitBytes, 96));
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD"));
-        pause();
-        EXPECT_EQ(1, bench.callback.count("onEvent(161, 0)"));
-        ASSERT_TRUE(writeRaw(bench.player, splitBytes + 96, 32));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)", 2));
-
-        EXPECT_EQ(3, bench.callback.count("onEvent("));
-        EXPECT_EQ(0, bench.root.countLog("UNKNOWN_INDICATION"));
     });
 }
 
@@ -420,7 +265,7 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
                 }
             });
             bench.start();
-            Client client(bench.clientPath("player"));
+            PlayEngineSocketClient client(bench.clientPath("player"));
             ASSERT_TRUE(client.connectTo(bench.serverPath()));
             watcher.join();
             close(watch);
@@ -456,13 +301,6 @@ int listeningSocketOf(const std::string& path) {
     return -1;
 }
 
-// True when a thread of this process is named `name`.
-bool threadNamed(const std::string& name) {
-    std::string output;
-    return runCommand("cat /proc/" + std::to_string(getpid()) + "/task/*/comm", &output) == 0 &&
-           ("\n" + output).find("\n" + name + "\n") != std::string::npos;
-}
-
 std::atomic<int> gAcceptFailures{0};
 
 void countAcceptFailures(void*, int, const char*, const char* message) {
@@ -483,7 +321,7 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
         EXPECT_IN_CHILD({
             Bench bench;
             ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-            EXPECT_TRUE(threadNamed("tavo-command"));
+            EXPECT_EQ(1, threadCount("tavo-command"));
             const int listening = listeningSocketOf(bench.serverPath());
             ASSERT_GE(listening, 0);
             if (replaced) {
@@ -497,10 +335,7 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
             EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
             EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
             // It logs its last line just before it returns.
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-            while (threadNamed("tavo-command") && std::chrono::steady_clock::now() < deadline)
-                usleep(10 * 1000);
-            EXPECT_FALSE(threadNamed("tavo-command"));
+            EXPECT_EQ(0, threadCountSettledAt(0, "tavo-command"));
             EXPECT_TRUE(bench.player.waitForClose());
         });
     }
@@ -561,7 +396,7 @@ TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
                 if (engine->init(&callback, nullptr) != 0)
                     _exit(2);
                 // Used by the flooding thread until the very end, so never destroyed.
-                static Client& player = *new Client(ownPath);
+                static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
                 if (!player.connectTo(serverPath) || player.receive().bytes != 96)
                     _exit(3);
                 std::thread([] {

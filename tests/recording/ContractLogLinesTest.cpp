@@ -72,6 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
                              ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
                          });
                          awaitRecordingEvent(rig);
+                         rig.play(feed.nextSecond());  // no longer handed frames
                      }},
         ContractLine{"StorageFull", "ERROR", "dataRecording", "storage is full",
                      [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed) {

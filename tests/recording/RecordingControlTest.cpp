@@ -25,11 +25,6 @@ namespace {
 
 const long long kMiB = 1 << 20;
 
-long long fileSize(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
-}
-
 // Records session 0 into `name` for a second, then plays one with less than 1 MiB free,
 // which ends the recording (storage full).
 void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,
@@ -40,7 +35,7 @@ void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed&
     rig.play(feed.nextSecond());
 }
 
-TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
+TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingStarts) {
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
@@ -75,19 +70,6 @@ TEST(RecordingControl, SessionsFreeSpaceAtStartAndFailuresThatEndARecording) {
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
         EXPECT_EQ(-1, rig.startRecording("refused.3gp"));
         EXPECT_FALSE(rig.engine().isRecording(0));
-
-        // A missing card ends frame delivery; the recorder stays for the application's stop.
-        ASSERT_EQ(0, rig.startRecording("last.3gp"));
-        rig.playSeconds(feed, 2);
-        ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
-        rig.play(feed.nextSecond());
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        // EVENT_RECORD_NO_SDCARD, sent by the completion thread after the frame.
-        EXPECT_TRUE(rig.app().waitFor("onEvent(151, 0)"));
-        rig.play(feed.nextSecond());
-        EXPECT_EQ(1, rig.root().countLog("sdcard not found"));  // no longer handed frames
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("last.3gp"));
     });
 }
 
@@ -129,46 +111,6 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
     });
 }
 
-// An application that acts from inside its recording events: `act` is given the session and
-// a function that records the event, which the test may be waiting for.
-class ActOnRecordingEvent : public RecordingCallback {
-public:
-    using Act = std::function<void(int session, const std::function<void()>& record)>;
-    explicit ActOnRecordingEvent(Act act) : mAct(std::move(act)) {}
-    void onEvent(EventType type, int param) override {
-        if (type < EVENT_RECORD_NO_SDCARD || type > EVENT_RECORD_ERROR)
-            return RecordingCallback::onEvent(type, param);
-        mAct(param, [&] { RecordingCallback::onEvent(type, param); });
-    }
-
-private:
-    Act mAct;
-};
-
-// The event follows the completion of a recording that ended inside a multiplex frame.
-TEST(RecordingControl, AnApplicationMayStopTheRecordingFromItsRecordingEvent) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        int stopResult = 1;
-        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
-            record();
-            stopResult = rig.engine().stopRecording(session);
-        });
-        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
-        rig.startService();  // the engine keeps the first callback
-        ClipFeed feed;
-        recordUntilStorageFull(rig, env, feed, "out.3gp");
-        env.setFreeBytes(-1);
-        ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));  // returns once the event is handled
-        EXPECT_EQ(0, stopResult);
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        rig.play(feed.nextSecond());  // frames keep flowing afterwards
-        expectCleanFile(rig.outputPath("out.3gp"));
-    });
-}
-
 // The application records again from the first recording event and stays in it until the
 // test lets it go; the second recording ends in the frame path meanwhile: the frame goes on at
 // once, and the second completion and its event wait their turn behind the first event, from
@@ -182,7 +124,9 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         std::condition_variable changed;
         int events = 0, restartResult = 1, stopResult = 1;
         bool restarted = false, released = false;
-        ActOnRecordingEvent app([&](int session, const std::function<void()>& record) {
+        ActOnEvent app([&](EventType type, int session, const std::function<void()>& record) {
+            if (!isRecordingEvent(type))
+                return record();
             std::unique_lock<std::mutex> hold(lock);
             if (++events > 1) {
                 stopResult = rig.engine().stopRecording(session);

@@ -15,11 +15,6 @@
 
 namespace {
 
-long long fileSize(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
-}
-
 TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
     EXPECT_IN_CHILD({
         RecordingRig rig;

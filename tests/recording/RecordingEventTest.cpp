@@ -3,10 +3,8 @@
 // recordings; an agent event delivered inside a frame may stop and start recordings while the
 // completion thread waits for that frame; finishPending delivers what is queued and ends the
 // thread. A call that deadlocks ends the child with a message instead of hanging the suite.
-#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +21,7 @@
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
 #include "LogMask.h"
+#include "OpenDescriptors.h"
 #include "RecordingControl.h"
 #include "RecordingRig.h"
 
@@ -47,66 +46,6 @@ void expectReturns(const char* what, const std::function<void()>& work) {
     worker.join();
 }
 
-std::string currentThreadName() {
-    char name[16] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
-}
-
-// Threads of this process with the given name.
-int threadsNamed(const std::string& name) {
-    int count = 0;
-    DIR* tasks = opendir("/proc/self/task");
-    if (tasks == nullptr)
-        return -1;
-    while (dirent* entry = readdir(tasks)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        std::string comm = readTextFile(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        if (!comm.empty() && comm.back() == '\n')
-            comm.pop_back();
-        count += comm == name;
-    }
-    closedir(tasks);
-    return count;
-}
-
-// Waits (within the bound) until `n` threads of this process have the name; whether they did.
-// A thread names itself once it runs.
-bool waitForThreadsNamed(const std::string& name, int n) {
-    const auto deadline = std::chrono::steady_clock::now() + kBound;
-    while (threadsNamed(name) != n) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
-
-// An application that hands every event to `act` with a function that records it (so that
-// tests can wait for it) and the name of the thread it came on.
-class ActOnEvent : public RecordingCallback {
-public:
-    using Act = std::function<void(EventType type, int param, const std::function<void()>& record)>;
-    explicit ActOnEvent(Act act) : mAct(std::move(act)) {}
-    void onEvent(EventType type, int param) override {
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            mThreadNames.push_back(currentThreadName());
-        }
-        mAct(type, param, [&] { RecordingCallback::onEvent(type, param); });
-    }
-    std::vector<std::string> threadNames() {
-        std::lock_guard<std::mutex> guard(mLock);
-        return mThreadNames;
-    }
-
-private:
-    Act mAct;
-    std::mutex mLock;
-    std::vector<std::string> mThreadNames;  // guarded by mLock
-};
-
 // Plays seconds (at most four) until one of the two sessions stops recording.
 void playUntilOneStops(RecordingRig& rig, ClipFeed& feed) {
     for (int second = 0; second < 4; ++second) {
@@ -115,10 +54,6 @@ void playUntilOneStops(RecordingRig& rig, ClipFeed& feed) {
             return;
     }
     ADD_FAILURE() << "both sessions still record";
-}
-
-bool isRecordingEvent(EventType type) {
-    return type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR;
 }
 
 TEST(RecordingEvents, NoSdcardComesAfterTheFrameAndItsHandlerMayStopServiceAndRecording) {
@@ -334,13 +269,13 @@ TEST(RecordingEvents, FinishPendingDeliversQueuedEventsAndEndsTheCompletionThrea
         std::atomic<bool> flags[kEngineSessions] = {};
         {
             RecordingControl control(host, flags);
-            EXPECT_EQ(0, threadsNamed("tavo-complete"));
+            EXPECT_EQ(0, threadCount("tavo-complete"));
             for (int session : {0, 1}) {
                 const int fd = createFile(root.path() + "/out" + std::to_string(session));
                 ASSERT_EQ(0, control.startRecording(session, fd));
                 close(fd);
             }
-            EXPECT_TRUE(waitForThreadsNamed("tavo-complete", 1));
+            EXPECT_EQ(1, threadCountSettledAt(1, "tavo-complete"));
             // Both recordings end in one frame: storage full.
             env.setFreeBytes(kMiB - 1);
             {
@@ -359,7 +294,7 @@ TEST(RecordingEvents, FinishPendingDeliversQueuedEventsAndEndsTheCompletionThrea
             // Files without samples cannot be completed: "sdcard not found" and 151 each.
             EXPECT_EQ((std::vector<std::string>{"151,0", "151,1"}), host.events());
             // Joined; the system may list an exiting thread a moment longer.
-            EXPECT_TRUE(waitForThreadsNamed("tavo-complete", 0));
+            EXPECT_EQ(0, threadCountSettledAt(0, "tavo-complete"));
             releaser.join();
             control.finishPending();  // nothing left: returns at once
 
@@ -367,11 +302,11 @@ TEST(RecordingEvents, FinishPendingDeliversQueuedEventsAndEndsTheCompletionThrea
             const int fd = createFile(root.path() + "/again");
             ASSERT_EQ(0, control.startRecording(0, fd));
             close(fd);
-            EXPECT_TRUE(waitForThreadsNamed("tavo-complete", 1));
+            EXPECT_EQ(1, threadCountSettledAt(1, "tavo-complete"));
             EXPECT_EQ(1, root.countLog("leftover of pRecorder"));  // the one whose stop failed
             EXPECT_EQ(-1, control.stopRecording(0));  // nothing recorded: cannot be completed
         }
-        EXPECT_TRUE(waitForThreadsNamed("tavo-complete", 0));
+        EXPECT_EQ(0, threadCountSettledAt(0, "tavo-complete"));
     });
 }
 

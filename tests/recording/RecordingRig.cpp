@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -233,4 +234,19 @@ int createFile(const std::string& path) {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     EXPECT_GE(fd, 0) << "cannot create " << path;
     return fd;
+}
+
+void ActOnEvent::onEvent(EventType type, int param) {
+    char name[16] = {0};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mThreadNames.push_back(name);
+    }
+    mAct(type, param, [&] { RecordingCallback::onEvent(type, param); });
+}
+
+std::vector<std::string> ActOnEvent::threadNames() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mThreadNames;
 }

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -73,6 +75,25 @@ int createFile(const std::string& path);
 // Types of the top-level boxes, walked by their 32-bit size headers; a box running past the
 // end of the file (or with a size below 8) is listed as "truncated".
 std::vector<std::string> topLevelBoxes(const std::string& path);
+
+inline bool isRecordingEvent(EventType type) {
+    return type >= EVENT_RECORD_NO_SDCARD && type <= EVENT_RECORD_ERROR;
+}
+
+// An application that hands every event to `act` with a function that records it (so that
+// tests can wait for it), and keeps the name of the thread each event came on.
+class ActOnEvent : public RecordingCallback {
+public:
+    using Act = std::function<void(EventType type, int param, const std::function<void()>& record)>;
+    explicit ActOnEvent(Act act) : mAct(std::move(act)) {}
+    void onEvent(EventType type, int param) override;
+    std::vector<std::string> threadNames();
+
+private:
+    Act mAct;
+    std::mutex mLock;
+    std::vector<std::string> mThreadNames;  // guarded by mLock
+};
 
 class RecordingRig {
 public:

@@ -9,34 +9,15 @@
 #include <future>
 #include <string>
 
-#include "Env.h"
 #include "CmmbSharedSemaphore.h"
+#include "Env.h"
 #include "FaultInjectingEnv.h"
 #include "OpenDescriptors.h"
+#include "ReaderMapping.h"
 #include "SharedBufferSet.h"
 #include "TestRoot.h"
 
 namespace {
-
-// A reader's own mapping of a region, as a play engine makes it from the descriptor it got.
-class ReaderMapping {
-public:
-    explicit ReaderMapping(int fd)
-        : mAddress(
-              mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)) {}
-    ~ReaderMapping() {
-        if (mAddress != MAP_FAILED)
-            munmap(mAddress, CMMB_SHARED_BUFFER_SIZE);
-    }
-    CmmbSharedBuffer* get() const {
-        return mAddress == MAP_FAILED ? nullptr : static_cast<CmmbSharedBuffer*>(mAddress);
-    }
-    // Takes the buffer lock the way a reader does.
-    void holdLock() const { ASSERT_EQ(0, cmmb_sem_wait(&get()->mutexDataAccessable)); }
-
-private:
-    void* mAddress;
-};
 
 class SharedBufferSetTest : public testing::Test {
 protected:
@@ -86,14 +67,14 @@ TEST_F(SharedBufferSetTest, TellsAnEngineHoldFromAReaderHold) {
 
     ReaderMapping reader(mSet.fd(1));
     mSet.readerConnected();
-    reader.holdLock();
+    ASSERT_TRUE(reader.take());
     EXPECT_EQ(1, mSet.readerHolds(1));
     EXPECT_EQ(0, mSet.readerHolds(0));
     EXPECT_FALSE(mSet.anyAbandoned()) << "the reader is still connected";
     const int fd = mSet.fd(1);
     EXPECT_TRUE(mSet.replaceAbandoned("test"));
     EXPECT_EQ(fd, mSet.fd(1)) << "replaced while its reader was connected";
-    cmmb_sem_post(&reader.get()->mutexDataAccessable);
+    reader.giveBack();
     EXPECT_EQ(0, mSet.readerHolds(1));
 }
 
@@ -102,7 +83,7 @@ TEST_F(SharedBufferSetTest, TellsAnEngineHoldFromAReaderHold) {
 TEST_F(SharedBufferSetTest, ABufferLeftLockedIsReplacedAtTheNextFrameStart) {
     mSet.readerConnected();
     ReaderMapping reader(mSet.fd(0));
-    reader.holdLock();
+    ASSERT_TRUE(reader.take());
     reader.get()->dataLength = 1234;
     const int oldFd = mSet.fd(0);
     mSet.onFrameStart();
@@ -110,6 +91,7 @@ TEST_F(SharedBufferSetTest, ABufferLeftLockedIsReplacedAtTheNextFrameStart) {
 
     mSet.readerDisconnected();
     EXPECT_TRUE(mSet.anyAbandoned());
+    EXPECT_EQ(1, mSet.readerHolds(0)) << "left, keeping the lock";
     mSet.onFrameStart();
     EXPECT_FALSE(mSet.anyAbandoned());
     EXPECT_NE(oldFd, mSet.fd(0));
@@ -123,7 +105,7 @@ TEST_F(SharedBufferSetTest, ABufferLeftLockedIsReplacedAtTheNextFrameStart) {
 
 TEST_F(SharedBufferSetTest, ReplaceAbandonedReplacesOnlyTheAbandonedBuffer) {
     ReaderMapping reader(mSet.fd(1));
-    reader.holdLock();  // no connection has the region: abandoned at once
+    ASSERT_TRUE(reader.take());  // no connection has the region: abandoned at once
     EXPECT_TRUE(mSet.anyAbandoned());
     const int fd0 = mSet.fd(0), fd1 = mSet.fd(1);
     EXPECT_TRUE(mSet.replaceAbandoned("test"));
@@ -138,9 +120,10 @@ TEST_F(SharedBufferSetTest, ReplaceAbandonedReplacesOnlyTheAbandonedBuffer) {
 TEST_F(SharedBufferSetTest, AWaiterGivesUpWhenTheReaderLeavesHoldingTheLock) {
     mSet.readerConnected();
     ReaderMapping reader(mSet.fd(0));
-    reader.holdLock();
+    ASSERT_TRUE(reader.take());
     auto waiter = std::async(std::launch::async, [&] { return mSet.lock(0); });
     EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::milliseconds(100)));
+    EXPECT_EQ(1, mSet.readerHolds(0)) << "the engine's wait counts as the reader's hold";
     mSet.readerDisconnected();
     ASSERT_EQ(std::future_status::ready, waiter.wait_for(std::chrono::seconds(20)));
     EXPECT_FALSE(waiter.get());

@@ -47,6 +47,11 @@ std::string readTextFile(const std::string& path) {
     return content.str();
 }
 
+long long fileSize(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
+}
+
 TestRoot::TestRoot(const std::string& agentLibrary) {
     const char* tmp = getenv("TMPDIR");
     std::string pattern =

@@ -55,5 +55,7 @@ private:
 // Writes a whole file; throws nothing, fails the test on error.
 void writeTextFile(const std::string& path, const std::string& text);
 std::string readTextFile(const std::string& path);
+// The size of the file at `path`; -1 when there is none.
+long long fileSize(const std::string& path);
 
 #endif  // TAVO_TESTS_SUPPORT_TEST_ROOT_H

@@ -3,11 +3,8 @@
 // end a wait on an abandoned buffer, and the bound on how long a replacement waits for the
 // engine's waiters to leave. The set is built on real regions and semaphores; only time is
 // fake, so each case states exactly how much time the set let pass.
-//
-// The "reader" is this process mapping a region through its descriptor, as a play engine
-// does; its mapping outlives a replacement of the region, as another process's would.
+// The "reader" is this process mapping a region through its descriptor (ReaderMapping.h).
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -19,6 +16,7 @@
 #include "CmmbSharedBuffer.h"
 #include "FakeClockEnv.h"
 #include "LogMask.h"
+#include "ReaderMapping.h"
 #include "SharedBufferSet.h"
 #include "TestRoot.h"
 #include "ThreadAnnotations.h"
@@ -35,34 +33,6 @@ using std::chrono::milliseconds;
 
 const char kWaitEnded[] = "the play engine that left holds the buffer of session=0, wait ended";
 const char kReplaced[] = "the play engine that left holds the buffer of session=0, buffer replaced";
-
-// A reader's own mapping of one session's region, and its hold on the buffer lock.
-class ReaderMapping {
-public:
-    explicit ReaderMapping(int fd) {
-        void* address =
-            mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        mBuffer = address != MAP_FAILED ? static_cast<CmmbSharedBuffer*>(address) : nullptr;
-    }
-    ~ReaderMapping() {
-        if (mBuffer != nullptr)
-            munmap(mBuffer, CMMB_SHARED_BUFFER_SIZE);
-    }
-    ReaderMapping(const ReaderMapping&) = delete;
-    ReaderMapping& operator=(const ReaderMapping&) = delete;
-
-    bool mapped() const { return mBuffer != nullptr; }
-    bool take() { return cmmb_sem_trywait(&mBuffer->mutexDataAccessable) == 0; }
-    void giveBack() { cmmb_sem_post(&mBuffer->mutexDataAccessable); }
-    int lockValue() {
-        int value = -1;
-        cmmb_sem_getvalue(&mBuffer->mutexDataAccessable, &value);
-        return value;
-    }
-
-private:
-    CmmbSharedBuffer* mBuffer;
-};
 
 class SharedBufferWait : public testing::Test {
 protected:
@@ -87,50 +57,49 @@ protected:
     SharedBufferSet buffers;
 };
 
-// A connected reader that keeps the lock holds the engine up for exactly the configured bound,
-// in slices of at most 50 ms; a bound of 0 means no wait at all.
-TEST_F(SharedBufferWait, GivesUpAfterTheConfiguredTimeOut) {
-    createWithTimeout("300");
-    ReaderMapping reader(buffers.fd(0));
+struct LockBound {
+    const char* property;  // the lock bound property; empty: not set
+    int ms;                // the bound the set keeps
+    int session;
+};
+
+void PrintTo(const LockBound& bound, std::ostream* out) {
+    *out << bound.ms << " ms";
+}
+
+class SharedBufferWaitBound : public SharedBufferWait,
+                              public testing::WithParamInterface<LockBound> {};
+
+// A connected reader that keeps the lock holds the engine up for exactly the bound, in slices
+// of 50 ms; a bound of 0 means no wait at all, and without the property the bound is two
+// seconds. Once the reader gives the lock back, the engine takes it.
+TEST_P(SharedBufferWaitBound, GivesUpAfterTheBound) {
+    const LockBound bound = GetParam();
+    createWithTimeout(bound.property);
+    EXPECT_EQ(bound.ms, buffers.lockTimeoutMs());
+    ReaderMapping reader(buffers.fd(bound.session));
     ASSERT_TRUE(reader.mapped());
     ASSERT_TRUE(reader.take());
     buffers.readerConnected();
 
     const auto start = clock.now();
-    EXPECT_FALSE(buffers.lock(0));
-    EXPECT_EQ(milliseconds(300), elapsedSince(start));
-    EXPECT_EQ(std::vector<int>(6, 50), clock.waitTimeoutsMs());
-    EXPECT_EQ(1, buffers.readerHolds(0));
+    EXPECT_FALSE(buffers.lock(bound.session));
+    EXPECT_EQ(milliseconds(bound.ms), elapsedSince(start));
+    EXPECT_EQ(std::vector<int>(bound.ms / 50, 50), clock.waitTimeoutsMs());
+    EXPECT_EQ(1, buffers.readerHolds(bound.session));
     EXPECT_EQ(0, reader.lockValue()) << "a timed-out wait changed the lock";
     EXPECT_EQ(0, root.countLog(kWaitEnded)) << "a connected reader's buffer is not abandoned";
-}
-
-TEST_F(SharedBufferWait, WithoutThePropertyTheBoundIsTwoSeconds) {
-    createWithTimeout("");
-    ASSERT_EQ(2000, buffers.lockTimeoutMs());
-    ReaderMapping reader(buffers.fd(1));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
-
-    const auto start = clock.now();
-    EXPECT_FALSE(buffers.lock(1));
-    EXPECT_EQ(milliseconds(2000), elapsedSince(start));
-}
-
-TEST_F(SharedBufferWait, ABoundOfZeroOnlyTries) {
-    createWithTimeout("0");
-    ReaderMapping reader(buffers.fd(0));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
-
-    const auto start = clock.now();
-    EXPECT_FALSE(buffers.lock(0));
-    EXPECT_EQ(milliseconds(0), elapsedSince(start));
-    EXPECT_TRUE(clock.waitTimeoutsMs().empty());
     reader.giveBack();
-    EXPECT_TRUE(buffers.lock(0));
-    release(buffers, 0);
+    EXPECT_TRUE(buffers.lock(bound.session));
+    release(buffers, bound.session);
 }
+
+INSTANTIATE_TEST_SUITE_P(Bounds, SharedBufferWaitBound,
+                         testing::Values(LockBound{"300", 300, 0}, LockBound{"", 2000, 1},
+                                         LockBound{"0", 0, 0}),
+                         [](const testing::TestParamInfo<LockBound>& bound) {
+                             return "Of" + std::to_string(bound.param.ms) + "Ms";
+                         });
 
 // A reader that gives the lock back while the engine waits: the engine takes it in the slice
 // in which it became free.
