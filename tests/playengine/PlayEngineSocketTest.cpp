@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "FakeClockEnv.h"
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
 #include "OpenDescriptors.h"
@@ -342,9 +343,14 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
 }
 
 // An accept that fails for want of descriptors leaves the connection waiting; the thread
-// tries again at a calm pace, and serves the client once descriptors are free again.
+// pauses 100 ms after each failure instead of spinning, and serves the client once
+// descriptors are free again. The pauses are taken on the engine's clock, a fake one here, so
+// the test states every pause without waiting for any.
 TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
     EXPECT_IN_CHILD({
+        // Installed before init: the engine keeps the Env it finds there.
+        FakeClockEnv clock;
+        Env* const previous = Env::install(&clock);
         Bench bench;
         tavo_log_set_sink(countAcceptFailures, nullptr);  // before the threads that log start
         bench.start();
@@ -362,19 +368,29 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         close(lowestFree);
         rlimit lowered = {static_cast<rlim_t>(lowestFree), original.rlim_max};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lowered));
+        clock.clearRecords();
         const int connected = connect(client, reinterpret_cast<sockaddr*>(&server), sizeof(server));
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        const int failures = gAcceptFailures.load();
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (gAcceptFailures.load() < 5 && std::chrono::steady_clock::now() < giveUp)
+            std::this_thread::yield();
+        const int failuresBefore = gAcceptFailures.load();
+        const std::vector<std::chrono::nanoseconds> pauses = clock.sleeps();
+        const int failuresAfter = gAcceptFailures.load();
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &original));
         ASSERT_EQ(0, connected);
-        // One try per 100 ms pause, give or take; a spinning thread makes thousands.
-        EXPECT_GE(failures, 3);
-        EXPECT_LE(failures, 30);
+        ASSERT_GE(failuresBefore, 5) << "the waiting connection was not tried again";
+        // One pause of 100 ms follows every failure (the last one may not have begun yet),
+        // and there is no pause without a failure.
+        for (const std::chrono::nanoseconds pause : pauses)
+            EXPECT_EQ(std::chrono::milliseconds(100), pause);
+        EXPECT_GE(static_cast<int>(pauses.size()), failuresBefore - 1);
+        EXPECT_LE(static_cast<int>(pauses.size()), failuresAfter);
         pollfd entry = {client, POLLIN, 0};
         EXPECT_EQ(1, poll(&entry, 1, 5000)) << "the waiting client was not served";
         close(client);
         bench.engine->deinit();
         tavo_log_set_sink(nullptr, nullptr);  // once the threads that log have ended
+        Env::install(previous);
     });
 }
 
