@@ -17,7 +17,6 @@ namespace {
 // A snapshot needs at least this much free space on the file system of its file.
 const long long kMinimumFreeKB = 100;
 
-
 }  // namespace
 
 int TavoMBBMSEngineImpl::captureImage(int session, int fd) {

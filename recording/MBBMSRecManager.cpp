@@ -147,7 +147,7 @@ void MBBMSRecManager::keepFailedRecorder(int session, std::unique_ptr<CmmbRecord
 }
 
 std::unique_ptr<CmmbRecorder> MBBMSRecManager::createRecorder(int fd, const char* operation,
-                                                             Env* env) {
+                                                              Env* env) {
     std::unique_ptr<CmmbRecorder> recorder(new CmmbRecorder(env));
     recorder->init();
     if (recorder->setOutputFile(fd, 0, 0) != 0) {

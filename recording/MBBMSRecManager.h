@@ -28,7 +28,6 @@
 #include "EngineSessions.h"
 #include "ThreadAnnotations.h"
 
-
 class Env;
 struct _CmmbOutBuffer;
 
@@ -79,8 +78,7 @@ public:
     // when the slot is taken meanwhile. Called as detachRecorder.
     bool restoreRecorder(int session, std::unique_ptr<CmmbRecorder>& recorder);
     // A started recorder writing to fd through `env`, or null (the reason is logged).
-    static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation,
-                                                        Env* env);
+    static std::unique_ptr<CmmbRecorder> createRecorder(int fd, const char* operation, Env* env);
     // Puts a recorder from createRecorder into the empty slot of the session. Called as
     // detachRecorder.
     void installRecorder(int session, std::unique_ptr<CmmbRecorder> recorder,
