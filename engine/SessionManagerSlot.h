@@ -124,9 +124,8 @@ public:
         SessionManager* mManager;
     };
 
-    // Leases `manager` to the frame bracket that the calling thread has just started.
-    // REQUIRES: called by the frame start while its data-path Access, which yielded
-    // `manager`, is still held.
+    // Leases `manager` to the frame bracket that the calling thread has just started. Called
+    // by the frame start while its data-path Access, which yielded `manager`, is still held.
     void openBracket(SessionManager* manager) {
         mLeasedManager = manager;
         mLeaseThread.store(std::this_thread::get_id(), std::memory_order_relaxed);
@@ -142,7 +141,7 @@ public:
     }
     void release() { mUsers.fetch_sub(1, std::memory_order_seq_cst); }
 
-    // REQUIRES: no manager installed.
+    // Only while no manager is installed.
     void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
 
     // Removes the manager and waits for its current users, polling through `env`'s sleep; the
@@ -169,7 +168,7 @@ private:
     // retire()'s side: between its store of the lease and its load of mInCall.
     void retireBarrier() const;
     // Takes an open lease away and waits until no call of the bracket is inside the
-    // manager. REQUIRES: the manager removed and no data-path Access left.
+    // manager. Only once the manager is removed and no data-path Access is left.
     void revokeLease(Env* env);
 
     std::atomic<SessionManager*> mManager{nullptr};
