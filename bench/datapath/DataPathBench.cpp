@@ -54,7 +54,7 @@ std::vector<Fragment> videoPieces() {
 // The agent interface takes non-const data pointers.
 double engineMicrosPerFrame(EngineDataPath& bench, std::vector<Fragment>& video, Bytes& audio,
                             int frames) {
-    MBBMSAgentCallback* agentSide = bench.agent->callback();
+    MBBMSAgentCallback* agentSide = bench.agent().callback();
     const double begin = bench::nowSeconds();
     for (int frame = 0; frame < frames; ++frame) {
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
@@ -91,7 +91,7 @@ double memcpyMicrosPerFrame(const std::vector<Fragment>& video, const Bytes& aud
 }
 
 double emptyFrameMicros(EngineDataPath& bench, int frames) {
-    MBBMSAgentCallback* agentSide = bench.agent->callback();
+    MBBMSAgentCallback* agentSide = bench.agent().callback();
     const double begin = bench::nowSeconds();
     for (int frame = 0; frame < frames; ++frame) {
         agentSide->onOutputAVStart(kChannel, nullptr, 0);

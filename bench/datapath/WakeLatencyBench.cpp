@@ -109,7 +109,7 @@ bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<doub
     int64_t* wakeTimes = shared.wakeTimes();
     const int rounds = shared.rounds();
     const std::string serverPath = bench.serverPath();
-    const std::string ownPath = bench.root.path() + "/sdk-reader.socket";
+    const std::string ownPath = bench.root().path() + "/sdk-reader.socket";
     pid_t reader;
     inChild(
         [&] {
@@ -142,7 +142,7 @@ bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<doub
         return false;
     }
 
-    MBBMSAgentCallback* agentSide = bench.agent->callback();
+    MBBMSAgentCallback* agentSide = bench.agent().callback();
     Bytes video = nalUnit(4, 0x41, 1000), audio = pattern(300);
     std::vector<int64_t> sent(static_cast<size_t>(rounds));
     bool ok = true;

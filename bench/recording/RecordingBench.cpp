@@ -73,7 +73,7 @@ FrameCall playSecond(EngineDataPath& bench, uint32_t second) {
     static Bytes scratch(2048);  // the agent's buffers are writable: each item is a fresh copy
     const uint32_t base = 45000 + second * kTicksPerSecond;
     FrameCall call;
-    bench.agent->runOnAgentThread([&](MBBMSAgentCallback* agent) {
+    bench.agent().runOnAgentThread([&](MBBMSAgentCallback* agent) {
         auto nal = [&](const Bytes& unit, unsigned long tsRelative) {
             memcpy(scratch.data(), unit.data(), unit.size());
             agent->onClearVideoNalData(kChannel, base, tsRelative, scratch.data(),
@@ -131,9 +131,9 @@ int stopStall(int minutes, bool writtenBack) {
         fprintf(stderr, "set-up failed: %s\n", bench.setUpError().c_str());
         return 1;
     }
-    const std::string path = bench.root.path() + "/long.3gp";
+    const std::string path = bench.root().path() + "/long.3gp";
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0 || bench.engine->startRecording(0, fd) != 0) {
+    if (fd < 0 || bench.engine().startRecording(0, fd) != 0) {
         fprintf(stderr, "cannot record into %s\n", path.c_str());
         return 1;
     }
@@ -151,7 +151,7 @@ int stopStall(int minutes, bool writtenBack) {
     double completionMs = 0;
     std::thread stopper([&] {
         const auto start = Clock::now();
-        bench.engine->stopRecording(0);
+        bench.engine().stopRecording(0);
         completionMs = millisecondsSince(start);
         completed = true;
     });

@@ -138,14 +138,14 @@ private:
 // Seconds from startRecording to the end of stopRecording; -1 on failure.
 double recordThroughEngine(EngineDataPath& bench, std::vector<SecondOfContent>& content,
                            const std::string& path) {
-    MBBMSAgentCallback* agentSide = bench.agent->callback();
+    MBBMSAgentCallback* agentSide = bench.agent().callback();
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0)
         return -1;
     gHeapBytes = 0;
     gCounting = true;
     const double begin = bench::nowSeconds();
-    if (bench.engine->startRecording(0, fd) != 0) {
+    if (bench.engine().startRecording(0, fd) != 0) {
         close(fd);
         return -1;
     }
@@ -163,7 +163,7 @@ double recordThroughEngine(EngineDataPath& bench, std::vector<SecondOfContent>& 
                 static_cast<unsigned short>(second.aacFrames[a].size()));
         agentSide->onOutputAVEnd(kChannel, false);
     }
-    const int stopped = bench.engine->stopRecording(0);
+    const int stopped = bench.engine().stopRecording(0);
     const double elapsed = bench::nowSeconds() - begin;
     gCounting = false;
     close(fd);
@@ -223,7 +223,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "set-up failed: %s\n", bench.setUpError().c_str());
         return 1;
     }
-    const std::string dir = bench.root.resolve("/sdcard");
+    const std::string dir = bench.root().resolve("/sdcard");
     const double engineSeconds = recordThroughEngine(bench, content, dir + "/engine.3gp");
     if (engineSeconds <= 0) {
         fprintf(stderr, "the recording failed\n");

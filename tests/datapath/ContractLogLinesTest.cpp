@@ -31,7 +31,7 @@ TEST_P(DataPathContractLine, IsLoggedUnderItsOperation) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         line.provoke(bench);
-        EXPECT_EQ(line.count, bench.root.countLogLine(line.category, line.function, line.text));
+        EXPECT_EQ(line.count, bench.root().countLogLine(line.category, line.function, line.text));
     });
 }
 
@@ -43,7 +43,7 @@ void frameWithDropsThenStop(EngineDataPath& bench) {
     bench.nal(40, pattern(10), MBBMSAgent::NAL_FRAGMENT_COMPLETE);
     bench.aac(40, pattern(20));
     bench.frameEnd(40);
-    bench.engine->stopTVService(0);
+    bench.engine().stopTVService(0);
 }
 
 void nothing(EngineDataPath&) {}
@@ -91,20 +91,20 @@ INSTANTIATE_TEST_SUITE_P(
                      [](EngineDataPath& bench) {
                          bench.buffer(1)->nalCount = 5;
                          bench.buffer(1)->aacCount = 2;
-                         bench.engine->stopTVService(1);
+                         bench.engine().stopTVService(1);
                      }},
         ContractLine{"WrongSession", "ERROR", "start", "Wrong mSessionID=2", 1,
                      [](EngineDataPath& bench) { bench.startService(2, 7, 40); }},
         ContractLine{"WrongSessionToStop", "ERROR", "stop", "Wrong mSessionID=2", 1,
-                     [](EngineDataPath& bench) { bench.engine->stopTVService(2); }},
+                     [](EngineDataPath& bench) { bench.engine().stopTVService(2); }},
         ContractLine{"OtherFrequency", "ERROR", "start",
                      "SessionManager::start(): working on freq=20, can't switch to freq=22", 1,
                      [](EngineDataPath& bench) {
-                         bench.agent->setResult("getFrequency", 20);
+                         bench.agent().setResult("getFrequency", 20);
                          bench.startService(1, 8, 41, 22);
                      }},
         ContractLine{"NotStarted", "WARNING", "stop", "session(1) not started yet", 1,
-                     [](EngineDataPath& bench) { bench.engine->stopTVService(1); }}),
+                     [](EngineDataPath& bench) { bench.engine().stopTVService(1); }}),
     [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
 
 }  // namespace

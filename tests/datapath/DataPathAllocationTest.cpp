@@ -28,7 +28,7 @@ TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
         // The default switches (ERROR, WARNING, MAIN): one log line per frame and session.
         SERVING_BENCH(bench, 40, "ERROR,WARNING,MAIN");
         ASSERT_EQ(0, bench.startService(1, 7, 40));
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         ASSERT_NE(nullptr, agentSide);
         Bytes unit = nalUnit(4, 0x65, 900), first = nalUnit(3, 0x41, 400), middle = pattern(300),
               audio = pattern(180);
@@ -63,6 +63,6 @@ TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
         EXPECT_EQ(21u, bench.buffer(0)->nalCount);
         EXPECT_EQ(10u, bench.buffer(1)->aacCount);
         // Nobody reads: every frame after the first replaces an unfetched one, per session.
-        EXPECT_EQ(400, bench.root.countLog("A/V DATA LOST(nalCount=21, aacCount=10)"));
+        EXPECT_EQ(400, bench.root().countLog("A/V DATA LOST(nalCount=21, aacCount=10)"));
     });
 }

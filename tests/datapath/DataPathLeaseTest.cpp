@@ -30,13 +30,13 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR,WARNING", false);
         ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         ASSERT_NE(nullptr, agentSide);
         Bytes unit = nalUnit(4, 0x41, 200);
         Bytes audio = pattern(100);
         for (int iteration = 0; iteration < 40; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
             ASSERT_EQ(0, bench.startService(1, 7, kChannel));
@@ -62,7 +62,7 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
                 std::this_thread::yield();
             ASSERT_GT(frames.load(), 0) << "no frame went through, iteration " << iteration;
 
-            AsyncCall deinit([&] { bench.engine->deinit(); });
+            AsyncCall deinit([&] { bench.engine().deinit(); });
             ASSERT_TRUE(deinit.endsWithin(kBound)) << "deinit hangs, iteration " << iteration;
             // The agent goes on delivering into an engine without a session manager.
             const long afterDeinit = frames.load();
@@ -73,14 +73,14 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
             ASSERT_TRUE(agentThread.endsWithin(kBound));
         }
         // Most deinits met an open frame, whose end never reached the manager.
-        EXPECT_GT(bench.root.countLog("is abandoned, its buffers are unlocked"), 10);
+        EXPECT_GT(bench.root().countLog("is abandoned, its buffers are unlocked"), 10);
 
         // A working engine after all of it: sessions start, a frame goes through, they stop.
-        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
         AsyncCall frame([&] { deliverFrame(agentSide, kChannel, &unit, 1); });
         ASSERT_TRUE(frame.endsWithin(kBound));
-        EXPECT_EQ(0, bench.engine->stopTVService(0));
+        EXPECT_EQ(0, bench.engine().stopTVService(0));
     });
 }
 
@@ -91,7 +91,7 @@ TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR,WARNING", false);
         ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         Bytes unit = nalUnit(4, 0x41, 64);
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
@@ -99,22 +99,22 @@ TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
         agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
                                        static_cast<unsigned short>(unit.size()),
                                        MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-        AsyncCall deinit([&] { bench.engine->deinit(); });
+        AsyncCall deinit([&] { bench.engine().deinit(); });
         ASSERT_TRUE(deinit.endsWithin(kBound));
-        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
         ASSERT_EQ("",
-                  bench.reader.connect(bench.serverPath(), bench.root.path() + "/lease.socket"));
+                  bench.reader.connect(bench.serverPath(), bench.root().path() + "/lease.socket"));
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
         // Still the old frame, from the agent's point of view.
-        bench.root.clearLog();
+        bench.root().clearLog();
         agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
                                        static_cast<unsigned short>(unit.size()),
                                        MBBMSAgent::NAL_FRAGMENT_COMPLETE);
         agentSide->onOutputAVEnd(kChannel, false);
         EXPECT_EQ(0u, bench.buffer(0)->nalCount);
         EXPECT_EQ(0u, bench.buffer(0)->dataLength);
-        EXPECT_EQ(1, bench.root.countLog("frame end without frame start"));
+        EXPECT_EQ(1, bench.root().countLog("frame end without frame start"));
         EXPECT_EQ(1, valueOf(&bench.buffer(0)->mutexDataAccessable));
 
         Bytes units[3] = {nalUnit(4, 0x65, 80, 1), nalUnit(4, 0x41, 90, 2),
@@ -132,7 +132,7 @@ TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
 TEST(DataPathLease, CallsFromAnotherThreadThanTheFrameStartAreStillDelivered) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING");
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         Bytes unit = nalUnit(4, 0x41, 64, 9);
         Bytes audio = pattern(50, 4);
         agentSide->onOutputAVStart(kChannel, nullptr, 0);

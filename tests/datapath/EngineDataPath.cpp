@@ -94,30 +94,26 @@ bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
 }
 
 EngineDataPath::EngineDataPath(const char* logMask, bool connectPlayEngine,
-                               const std::vector<std::pair<std::string, std::string>>& properties) {
-    setenv("TAVO_LOGMASK", logMask, 1);
-    for (const auto& property : properties)
-        root.setProperty(property.first, property.second);
-    engine = TavoMBBMSEngine::getInstance();
-    agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-    if (agent == nullptr)
+                               const Properties& properties)
+    : EngineRig(logMask, properties) {
+    if (fakeAgentAt(root().resolve("/system/lib/libsiano.so")) == nullptr)
         mError = "the fake agent is not loaded";
-    else if (engine->init(&callback, nullptr) != 0)
+    else if (init() != 0)
         mError = "init failed";
     else if (connectPlayEngine)
-        mError = reader.connect(serverPath(), root.path() + "/playengine.socket");
+        mError = reader.connect(serverPath(), root().path() + "/playengine.socket");
 }
 
 int EngineDataPath::startService(int session, int serviceID, int channelID, int freqDot) {
     IsmaPara isma;
     memset(&isma, 0, sizeof(isma));
     isma.serviceID = static_cast<uint16_t>(serviceID);
-    agent->setNextChannelID(channelID);
-    return engine->startTVService(session, freqDot, 1, 2, 3, &isma);
+    agent().setNextChannelID(channelID);
+    return engine().startTVService(session, freqDot, 1, 2, 3, &isma);
 }
 
 void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
-    agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
         cb->onOutputAVStart(channelID, multiplexFrame.empty() ? nullptr : multiplexFrame.data(),
                             static_cast<int>(multiplexFrame.size()));
     });
@@ -126,21 +122,21 @@ void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
 // The agent's buffers are writable; each call gets its own copy.
 void EngineDataPath::nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase,
                          unsigned long tsRelative) {
-    agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
         cb->onClearVideoNalData(channelID, tsBase, tsRelative, bytes.data(),
                                 static_cast<unsigned short>(bytes.size()), pos);
     });
 }
 
 void EngineDataPath::aac(int channelID, Bytes bytes, unsigned long tsBase) {
-    agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
         cb->onClearAudioAacFrame(channelID, tsBase, 0, bytes.data(),
                                  static_cast<unsigned short>(bytes.size()));
     });
 }
 
 void EngineDataPath::frameEnd(int channelID, bool withError) {
-    agent->runOnAgentThread(
+    agent().runOnAgentThread(
         [&](MBBMSAgentCallback* cb) { cb->onOutputAVEnd(channelID, withError); });
 }
 

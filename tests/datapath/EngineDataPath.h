@@ -16,12 +16,9 @@
 #include <vector>
 
 #include "CmmbSharedBuffer.h"
-#include "FakeAgentControl.h"
-#include "RecordingCallback.h"
-#include "TavoMBBMSEngine.h"
+#include "EngineRig.h"
 #include "TavoPlayEngine.h"
 #include "TestBytes.h"
-#include "TestRoot.h"
 
 using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 
@@ -84,17 +81,16 @@ private:
     std::unique_ptr<tavo_pe, Destroy> mSdk;
 };
 
-class EngineDataPath {
+// The rig with the engine initialised and, unless told otherwise, the play engine connected.
+class EngineDataPath : public EngineRig {
 public:
     // properties: system properties set before init (name, value).
-    explicit EngineDataPath(
-        const char* logMask = "all", bool connectPlayEngine = true,
-        const std::vector<std::pair<std::string, std::string>>& properties = {});
-    ~EngineDataPath() { engine->deinit(); }
+    explicit EngineDataPath(const char* logMask = "all", bool connectPlayEngine = true,
+                            const Properties& properties = {});
+    ~EngineDataPath() { engine().deinit(); }
 
     // "" when the engine is initialised (and the play engine connected); else the reason.
     const std::string& setUpError() const { return mError; }
-    std::string serverPath() const { return root.resolve("/data/app/cmmb.socket"); }
     // startTVService with an IsmaPara carrying serviceID; the agent hands out `channelID`.
     int startService(int session, int serviceID, int channelID, int freqDot = 20);
 
@@ -108,11 +104,7 @@ public:
                    const Bytes& multiplexFrame = Bytes());
     CmmbSharedBuffer* buffer(int session) { return reader.buffer(session); }
 
-    TestRoot root;
-    RecordingCallback callback;
     PlayEngineReader reader;
-    TavoMBBMSEngine* engine = nullptr;
-    FakeAgentControl* agent = nullptr;
 
 private:
     std::string mError;

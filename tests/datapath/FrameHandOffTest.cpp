@@ -35,7 +35,7 @@ TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
         bench.frameEnd(40);
         std::string playEngine = runInChild([&] {
             PlayEngineReader reader;
-            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root.path() + "/pe.socket"));
+            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root().path() + "/pe.socket"));
             for (int s = 0; s < 2; ++s)
                 EXPECT_EQ(74772, reader.regionSize(s));
             CmmbSharedBuffer* b = reader.buffer(0);
@@ -60,7 +60,7 @@ TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
         EXPECT_EQ("", playEngine);
         // The reader cleared the counts, so the next frame finds the buffer fetched.
         bench.playFrame(40, 1, 0);
-        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
     });
 }
 
@@ -113,7 +113,7 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
                 _exit(1);  // the blocked thread cannot be joined
             }
             EXPECT_EQ(0, start.get());
-            EXPECT_EQ(0, bench.engine->stopTVService(1));
+            EXPECT_EQ(0, bench.engine().stopTVService(1));
         }
     });
 }
@@ -124,7 +124,7 @@ TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         ASSERT_EQ(0, bench.startService(1, 7, 99));
-        EXPECT_EQ(1, bench.agent->countCalls("startService"));
+        EXPECT_EQ(1, bench.agent().countCalls("startService"));
         const Bytes raw = pattern(64, 11);
         bench.frameStart(40, raw);
         for (int s = 0; s < 2; ++s)
@@ -144,11 +144,11 @@ TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAvailable));
         }
         bench.playFrame(40, 1, 4, false, raw);
-        ASSERT_EQ(0, bench.engine->stopTVService(0));
-        ASSERT_EQ(0, bench.engine->stopTVService(1));  // closes the files
+        ASSERT_EQ(0, bench.engine().stopTVService(0));
+        ASSERT_EQ(0, bench.engine().stopTVService(1));  // closes the files
 
         // "frame, time, NAL units, AAC frames"; two sessions advance the frame count twice.
-        std::istringstream lines(readTextFile(bench.root.resolve("/data/app/cmmb/7.time")));
+        std::istringstream lines(readTextFile(bench.root().resolve("/data/app/cmmb/7.time")));
         std::string line, counts;
         while (std::getline(lines, line)) {
             std::smatch m;
@@ -159,11 +159,11 @@ TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
         const std::regex logFormat(
             ".*\\[LogMask::STATISTICS\\].*mFrameCount=\\d+, \\d+:\\d+, delta=\\d+ ms$");
         int matching = 0;
-        for (const std::string& logLine : bench.root.logLines())
+        for (const std::string& logLine : bench.root().logLines())
             matching += std::regex_match(logLine, logFormat);
         EXPECT_EQ(4, matching);
         const std::string once(raw.begin(), raw.end());
-        EXPECT_EQ(once + once + once + once, readTextFile(bench.root.resolve("/sdcard//7.mfs")));
+        EXPECT_EQ(once + once + once + once, readTextFile(bench.root().resolve("/sdcard//7.mfs")));
     });
 }
 

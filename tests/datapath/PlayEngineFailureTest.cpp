@@ -204,7 +204,7 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
 // then reads by `plan`.
 bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const std::string& name,
                  const ReaderPlan& plan) {
-    const std::string server = bench.serverPath(), own = bench.root.path() + "/" + name + ".socket";
+    const std::string server = bench.serverPath(), own = bench.root().path() + "/" + name + ".socket";
     return reader.fork([&](int fd) {
         PlayEngineReader engineSide;
         if (!engineSide.connect(server, own).empty())
@@ -250,8 +250,8 @@ TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
         const Regions now;
         EXPECT_EQ(heldTheLock, now.inodes[0] != first.inodes[0]);
         EXPECT_EQ(first.inodes[1], now.inodes[1]) << "session 1 was free";
-        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine->stopTVService(0); }));
-        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine->deinit(); }));
+        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().stopTVService(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().deinit(); }));
     });
 }
 
@@ -306,7 +306,7 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
 TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const std::string server = bench.serverPath(), own = bench.root.path() + "/parent.socket";
+        const std::string server = bench.serverPath(), own = bench.root().path() + "/parent.socket";
         const Regions first;
         ReportingProcess family;
         ASSERT_TRUE(family.fork([&](int fd) {
@@ -326,7 +326,7 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             _exit(0);  // the parent leaves; its connection ends
         }));
         ASSERT_EQ(kConnected, family.readReport());
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
+        ASSERT_TRUE(bench.root().waitForLog("Connection closed by client"));
 
         for (int frame = 1; frame <= 2; ++frame) {
             bench.playFrame(kChannel, 3, 2);
@@ -361,7 +361,7 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
 #endif
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const std::string server = bench.serverPath(), own = bench.root.path() + "/threads.socket";
+        const std::string server = bench.serverPath(), own = bench.root().path() + "/threads.socket";
         static int reportFd;
         static CmmbSharedBuffer* shared;
         const Regions first;
@@ -410,7 +410,7 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
         EXPECT_EQ(kDone, threads.readReport());
         EXPECT_NE(first.inodes[0], Regions().inodes[0]);
         EXPECT_EQ(first.inodes[1], Regions().inodes[1]);
-        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
     });
 }
 
@@ -468,21 +468,21 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
             ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
             EXPECT_EQ(static_cast<size_t>(nals), frame.nals.size());
         }
-        EXPECT_EQ(3, bench.root.countLog("A/V DATA LOST(session=0) due to playengine holds"));
+        EXPECT_EQ(3, bench.root().countLog("A/V DATA LOST(session=0) due to playengine holds"));
 
         FILE* recording = tmpfile();
         ASSERT_NE(nullptr, recording);
         EXPECT_TRUE(endsWithin(milliseconds(2000),
-                               [&] { bench.engine->startRecording(0, fileno(recording)); }));
-        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopRecording(0); }));
+                               [&] { bench.engine().startRecording(0, fileno(recording)); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
         fclose(recording);
-        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->stopTVService(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
-        EXPECT_EQ(0, bench.root.countLog("buffer replaced"))
+        EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
             << "a connected reader's buffer changed";
         cmmb_sem_post(&stuck->mutexDataAccessable);
         EXPECT_EQ(1, valueOf(&stuck->mutexDataAccessable));
-        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine->deinit(); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().deinit(); }));
     });
 }
 
@@ -522,8 +522,8 @@ TEST(OtherUsersClient, CannotConnectToAPrivateSocketFile) {
         ASSERT_EQ(0, stat(bench.serverPath().c_str(), &status));
         EXPECT_EQ(0660u, status.st_mode & 0777u);
         for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root.path() + directory).c_str(), 0777));
-        EXPECT_EQ('A', connectAs(4343, bench.serverPath(), bench.root.path() + "/other.socket"));
+            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
+        EXPECT_EQ('A', connectAs(4343, bench.serverPath(), bench.root().path() + "/other.socket"));
     });
 }
 
@@ -542,17 +542,17 @@ TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
         ASSERT_EQ(0, stat(server.c_str(), &status));
         EXPECT_EQ(0666u, status.st_mode & 0777u);
         for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root.path() + directory).c_str(), 0777));
+            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
 
-        EXPECT_EQ('C', connectAs(4343, server, bench.root.path() + "/other.socket"));
-        EXPECT_FALSE(bench.root.logContains("now force close former one"));
+        EXPECT_EQ('C', connectAs(4343, server, bench.root().path() + "/other.socket"));
+        EXPECT_FALSE(bench.root().logContains("now force close former one"));
 
         bench.playFrame(kChannel, 4, 1);
         ReadFrame frame;
         ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
         EXPECT_EQ(4u, frame.nals.size());
 
-        EXPECT_EQ('S', connectAs(4242, server, bench.root.path() + "/listed.socket"));
+        EXPECT_EQ('S', connectAs(4242, server, bench.root().path() + "/listed.socket"));
     });
 }
 

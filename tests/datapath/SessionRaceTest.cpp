@@ -26,7 +26,7 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR,WARNING");
         ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         ASSERT_NE(nullptr, agentSide);
         Bytes units[kUnits];
         for (int i = 0; i < kUnits; ++i)
@@ -70,8 +70,8 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
                 letFramesThrough(1);
             started += bench.startService((round + 1) % 2, 7, kChannel) == 0;
             letFramesThrough(2);
-            bench.engine->stopTVService(round % 2);
-            bench.engine->stopTVService((round + 1) % 2);
+            bench.engine().stopTVService(round % 2);
+            bench.engine().stopTVService((round + 1) % 2);
         }
         running.store(false);
         agentThread.join();
@@ -80,11 +80,11 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
         EXPECT_EQ(600, started);
         EXPECT_EQ(0, broken.load());
         EXPECT_GT(framesRead.load(), 0);
-        EXPECT_EQ(300, bench.agent->countCalls("stopService"));
+        EXPECT_EQ(300, bench.agent().countCalls("stopService"));
         for (int s = 0; s < 2; ++s)
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAccessable)) << "left locked: " << s;
         EXPECT_EQ(0, bench.startService(0, 7, kChannel));
-        EXPECT_EQ(0, bench.engine->stopTVService(0));
+        EXPECT_EQ(0, bench.engine().stopTVService(0));
     });
 }
 
@@ -95,13 +95,13 @@ TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
     EXPECT_IN_CHILD({
         EngineDataPath bench("ERROR", false);
         ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent->callback();
+        MBBMSAgentCallback* agentSide = bench.agent().callback();
         ASSERT_NE(nullptr, agentSide);
         Bytes unit = nalUnit(4, 0x41, 64);
         const auto bound = std::chrono::seconds(10);
         for (int iteration = 0; iteration < 100; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
@@ -110,14 +110,14 @@ TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
                                            static_cast<unsigned short>(unit.size()),
                                            MBBMSAgent::NAL_FRAGMENT_COMPLETE);
             std::vector<AsyncCall> waiting;
-            waiting.emplace_back([&] { bench.engine->stopTVService(0); });
+            waiting.emplace_back([&] { bench.engine().stopTVService(0); });
             waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });
-            waiting.emplace_back([&] { bench.engine->stopRecording(1); });
+            waiting.emplace_back([&] { bench.engine().stopRecording(1); });
             // Sometimes they are already blocked behind the frame, sometimes not yet.
             if (iteration % 2 == 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
 
-            AsyncCall deinit([&] { bench.engine->deinit(); });
+            AsyncCall deinit([&] { bench.engine().deinit(); });
             ASSERT_TRUE(deinit.endsWithin(bound)) << "deinit hangs, iteration " << iteration;
             for (AsyncCall& call : waiting)
                 ASSERT_TRUE(call.endsWithin(bound))

@@ -49,7 +49,7 @@ TEST(BufferReplacement, LeavingAndReleasingInAnyOrderLeavesEveryLockFree) {
             const Order order = static_cast<Order>(round % ORDERS);
             rounds[order] += 1;
             PlayEngineReader reader;
-            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root.path() + "/r.socket"));
+            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root().path() + "/r.socket"));
             CmmbSharedBuffer* held = reader.buffer(0);
             ASSERT_EQ(0, cmmb_sem_timedwait(&held->mutexDataAccessable, 5000));
             mark(held);
@@ -77,7 +77,7 @@ TEST(BufferReplacement, LeavingAndReleasingInAnyOrderLeavesEveryLockFree) {
             EXPECT_EQ(1, valueOf(&held->mutexDataAccessable));
             EXPECT_EQ(1, valueOf(&engine->sharedBuffer(0)->mutexDataAccessable));
         }
-        const int replaced = bench.root.countLog(kReplaced);
+        const int replaced = bench.root().countLog(kReplaced);
         EXPECT_GE(replaced, rounds[LEAVE_AND_KEEP]);
         EXPECT_LE(replaced, rounds[LEAVE_AND_KEEP] + rounds[LEAVE_THEN_RELEASE]);
     });

@@ -132,7 +132,7 @@ bool becomesTrueWithin(const std::function<bool()>& condition, milliseconds boun
 }
 
 std::string connectLine(const EngineDataPath& bench) {
-    return "connect " + bench.serverPath() + " " + bench.root.path() + "/playengine.socket";
+    return "connect " + bench.serverPath() + " " + bench.root().path() + "/playengine.socket";
 }
 
 }  // namespace
@@ -177,7 +177,7 @@ TEST(PlayEngineStatus, FollowsAPlayEngineProcessFromConnectionToDeparture) {
         // A second play engine is connected again; deinit ends the connection and the buffers.
         ASSERT_EQ("ok", playEngine.ask(connectLine(bench)));
         EXPECT_EQ(1, tavo_mbbms_playengine_connected());
-        ASSERT_EQ(0, bench.engine->deinit());
+        ASSERT_EQ(0, bench.engine().deinit());
         EXPECT_EQ(0, tavo_mbbms_playengine_connected());
         EXPECT_EQ(-1, tavo_mbbms_playengine_holds_buffer(0));
         EXPECT_EQ(-1, tavo_mbbms_playengine_holds_buffer(1));

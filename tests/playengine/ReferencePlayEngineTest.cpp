@@ -12,10 +12,9 @@
 #include <thread>
 
 #include "ChildProcess.h"
-#include "FakeAgentAccess.h"
+#include "EngineRig.h"
 #include "MediaFiles.h"
 #include "PlayEngineProcess.h"
-#include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
@@ -103,31 +102,26 @@ struct MediaFeed {
     }
 };
 
-class Bench {
+class Bench : public EngineRig {
 public:
-    Bench() {
-        setenv("TAVO_LOGMASK", "all", 1);
-        engine = TavoMBBMSEngineImpl::getInstance();
-        agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-    }
-    // The command thread calls `callback`: end it first.
-    ~Bench() { engine->deinit(); }
+    // The command thread calls the application: end it first.
+    ~Bench() { engine().deinit(); }
 
     bool start() {
-        if (agent == nullptr || engine->init(&callback, nullptr) != 0)
+        if (init() != 0)
             return false;
         IsmaPara isma;
         memset(&isma, 0, sizeof(isma));
         isma.serviceID = 11;
-        agent->setNextChannelID(kChannel);
-        return engine->startTVService(0, 20, 1, 2, 3, &isma) == 0;
+        agent().setNextChannelID(kChannel);
+        return engine().startTVService(0, 20, 1, 2, 3, &isma) == 0;
     }
 
     // Plays pictures [firstPicture, endPicture) and audio [firstAudio, endAudio) as one
     // multiplex frame on session 0's channel, then waits until a reader fetched it.
     bool playFrame(const MediaFeed& feed, size_t firstPicture, size_t endPicture, size_t firstAudio,
                    size_t endAudio) {
-        agent->runOnAgentThread([&](MBBMSAgentCallback* cb) {
+        agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
             cb->onOutputAVStart(kChannel, nullptr, 0);
             size_t audio = firstAudio;
             for (size_t p = firstPicture; p < endPicture; ++p) {
@@ -145,7 +139,7 @@ public:
             }
             cb->onOutputAVEnd(kChannel, false);
         });
-        CmmbSharedBuffer* buffer = engine->sharedBuffer(0);
+        CmmbSharedBuffer* buffer = static_cast<TavoMBBMSEngineImpl&>(engine()).sharedBuffer(0);
         for (int i = 0; i < 2000; ++i) {
             if (__atomic_load_n(&buffer->nalCount, __ATOMIC_ACQUIRE) == 0 &&
                 __atomic_load_n(&buffer->aacCount, __ATOMIC_ACQUIRE) == 0)
@@ -154,11 +148,6 @@ public:
         }
         return false;
     }
-
-    TestRoot root;
-    RecordingCallback callback;
-    TavoMBBMSEngineImpl* engine;
-    FakeAgentControl* agent;
 
 private:
     // One NAL unit with its start code, whole or in fragments.
@@ -192,8 +181,8 @@ TEST(ReferencePlayEngine, WritesStreamsThatFfmpegDecodes) {
         ASSERT_EQ(48u, feed.audio.size());
         ASSERT_TRUE(bench.start());
         const int kFrames = 5;
-        PlayEngine playEngine(bench.root, {"--frames", std::to_string(kFrames)});
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+        PlayEngine playEngine(bench.root(), {"--frames", std::to_string(kFrames)});
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
 
         for (int i = 0; i < kFrames; ++i) {
             ASSERT_TRUE(bench.playFrame(feed, 10 * i, 10 * (i + 1), feed.audio.size() * i / kFrames,
@@ -202,19 +191,19 @@ TEST(ReferencePlayEngine, WritesStreamsThatFfmpegDecodes) {
         }
         ASSERT_TRUE(playEngine.endsByItself()) << playEngine.log();
         ASSERT_EQ(0, playEngine.stop()) << playEngine.log();
-        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
         EXPECT_EQ("frames=5 nal=" + std::to_string(feed.nalUnitCount(0, 50)) +
                       " aac=48 empty=0 bad_records=0",
                   playEngine.countersOf(0));
         EXPECT_EQ("frames=0 nal=0 aac=0 empty=0 bad_records=0", playEngine.countersOf(1));
 
         // The video is the clip's NAL units, each behind a 4-byte start code again.
-        std::string video = bench.root.path() + "/session0.h264";
+        std::string video = bench.root().path() + "/session0.h264";
         EXPECT_TRUE(readMediaFile(video) == feed.annexB(0, 50));
         EXPECT_EQ("50\n", probe("h264", video, "nb_read_frames"));
 
         // The audio carries the clip's raw frames behind the engine's ADTS headers.
-        std::string audio = bench.root.path() + "/session0.aac";
+        std::string audio = bench.root().path() + "/session0.aac";
         AdtsStreamInfo info;
         EXPECT_TRUE(readAdtsFrames(audio, &info) == feed.audio);
         EXPECT_EQ(24000, info.sampleRate);
@@ -229,35 +218,35 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
         MediaFeed feed;
         ASSERT_EQ(50u, feed.pictures.size());
         ASSERT_TRUE(bench.start());
-        PlayEngine playEngine(bench.root, {});
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
+        PlayEngine playEngine(bench.root(), {});
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
 
         // No picture yet: the play engine answers with a failure (reported for session 0).
-        int earlyFd = open((bench.root.path() + "/early.png").c_str(), O_CREAT | O_RDWR, 0644);
-        EXPECT_EQ(0, bench.engine->captureImage(1, earlyFd));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)")) << playEngine.log();
+        int earlyFd = open((bench.root().path() + "/early.png").c_str(), O_CREAT | O_RDWR, 0644);
+        EXPECT_EQ(0, bench.engine().captureImage(1, earlyFd));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)")) << playEngine.log();
         close(earlyFd);
 
         // Pictures 0..14: the IDR picture 0 and P pictures after it.
         ASSERT_TRUE(bench.playFrame(feed, 0, 15, 0, 14)) << playEngine.log();
-        std::string snapshot = bench.root.path() + "/snapshot.png";
+        std::string snapshot = bench.root().path() + "/snapshot.png";
         int snapshotFd = open(snapshot.c_str(), O_CREAT | O_RDWR, 0644);
-        EXPECT_EQ(0, bench.engine->captureImage(0, snapshotFd));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)")) << playEngine.log();
-        EXPECT_FALSE(bench.engine->isCapturing(0));
+        EXPECT_EQ(0, bench.engine().captureImage(0, snapshotFd));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)")) << playEngine.log();
+        EXPECT_FALSE(bench.engine().isCapturing(0));
         close(snapshotFd);
         EXPECT_EQ("png,320,240,1\n", probe("", snapshot, "codec_name,width,height,nb_read_frames"));
 
         // The engine restarts: the play engine comes back to the new server and buffers.
-        ASSERT_EQ(0, bench.engine->deinit());
+        ASSERT_EQ(0, bench.engine().deinit());
         ASSERT_TRUE(bench.start());
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
         ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();
 
         EXPECT_EQ(0, playEngine.stop()) << playEngine.log();
         EXPECT_EQ("frames=2 nal=" + std::to_string(feed.nalUnitCount(0, 25)) +
                       " aac=24 empty=0 bad_records=0",
                   playEngine.countersOf(0));
-        EXPECT_EQ(0, bench.engine->deinit());
+        EXPECT_EQ(0, bench.engine().deinit());
     });
 }

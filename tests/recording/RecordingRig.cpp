@@ -12,7 +12,6 @@
 #include <sstream>
 
 #include "ChildProcess.h"
-#include "FakeAgentAccess.h"
 
 namespace {
 
@@ -153,33 +152,18 @@ std::vector<std::string> topLevelBoxes(const std::string& path) {
     return boxes;
 }
 
-RecordingRig::RecordingRig(const char* logMask) {
-    // Read by the engine's constructor, so it must be set before the first getInstance.
-    setenv("TAVO_LOGMASK", logMask, 1);
-    mEngine = TavoMBBMSEngine::getInstance();
-}
-
-FakeAgentControl& RecordingRig::agent() {
-    FakeAgentControl* agent = fakeAgentAt(mRoot.resolve("/system/lib/libsiano.so"));
-    if (agent == nullptr) {
-        ADD_FAILURE() << "the engine has no fake agent";
-        abort();
-    }
-    return *agent;
-}
-
 void RecordingRig::startService(bool bothSessions) {
-    ASSERT_EQ(0, mEngine->init(&mApp, nullptr));
+    ASSERT_EQ(0, init());
     agent().setNextChannelID(kChannel);
     IsmaPara isma = {};
     isma.serviceID = 601;
     for (int session = 0; session < (bothSessions ? 2 : 1); ++session)
-        ASSERT_EQ(0, mEngine->startTVService(session, 20, 0, 1, 0, &isma));
+        ASSERT_EQ(0, engine().startTVService(session, 20, 0, 1, 0, &isma));
 }
 
 int RecordingRig::startRecording(const std::string& name, int session) {
     const int fd = createOutput(name);
-    const int result = mEngine->startRecording(session, fd);
+    const int result = engine().startRecording(session, fd);
     close(fd);
     return result;
 }
@@ -224,7 +208,7 @@ void RecordingRig::playSeconds(ClipFeed& feed, int seconds) {
 int RecordingRig::playUntilRecordingEnds(ClipFeed& feed, int limit) {
     for (int second = 1; second <= limit; ++second) {
         play(feed.nextSecond());
-        if (!mEngine->isRecording(0))
+        if (!engine().isRecording(0))
             return second;
     }
     return limit + 1;

@@ -12,11 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "FakeAgentControl.h"
+#include "EngineRig.h"
 #include "MediaFiles.h"
-#include "RecordingCallback.h"
-#include "TavoMBBMSEngine.h"
-#include "TestRoot.h"
 
 // One multiplex frame: video NAL units (each behind a 4-byte start code), then raw AAC frames.
 struct MultiplexFrame {
@@ -95,15 +92,10 @@ private:
     std::vector<std::string> mThreadNames;  // guarded by mLock
 };
 
-class RecordingRig {
+class RecordingRig : public EngineRig {
 public:
-    // Creates the engine (the first getInstance of the process) with the given log switches.
-    explicit RecordingRig(const char* logMask = "ERROR,WARNING,MAIN,ENGINE,RECORD");
-
-    TavoMBBMSEngine& engine() { return *mEngine; }
-    RecordingCallback& app() { return mApp; }
-    const TestRoot& root() const { return mRoot; }
-    FakeAgentControl& agent();
+    explicit RecordingRig(const char* logMask = "ERROR,WARNING,MAIN,ENGINE,RECORD")
+        : EngineRig(logMask) {}
 
     // init, then the TV service on session 0 (and on session 1, same channel).
     void startService(bool bothSessions = false);
@@ -120,14 +112,9 @@ public:
     // Creates the file `name` and starts recording `session` into it (the recorder keeps its
     // own duplicate of the descriptor); the engine's result.
     int startRecording(const std::string& name, int session = 0);
-    std::string outputPath(const std::string& name) const { return mRoot.path() + "/" + name; }
+    std::string outputPath(const std::string& name) const { return root().path() + "/" + name; }
 
     static const int kChannel = 5;
-
-private:
-    TestRoot mRoot;
-    RecordingCallback mApp;
-    TavoMBBMSEngine* mEngine;
 };
 
 #endif  // TAVO_TESTS_RECORDING_RECORDING_RIG_H

@@ -81,7 +81,7 @@ class SdkClient {
 public:
     SdkClient(const EngineDataPath& bench, const char* ownName)
         : mPe(tavo_pe_create(bench.serverPath().c_str(),
-                             ownName ? (bench.root.path() + "/" + ownName).c_str() : nullptr)) {}
+                             ownName ? (bench.root().path() + "/" + ownName).c_str() : nullptr)) {}
     ~SdkClient() { tavo_pe_destroy(mPe); }
     tavo_pe* get() const { return mPe; }
 
@@ -131,9 +131,9 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
                       EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client.get(), 0, 50, &frame));
                       EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
                   }));
-        EXPECT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2));
+        EXPECT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
         bench.playFrame(40, 1, 0);
-        EXPECT_EQ(0, bench.root.countLog("A/V DATA LOST"));
+        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
     });
 }
 
@@ -220,12 +220,12 @@ TEST(SdkWithEngine, CaptureIsDeliveredAndAnswered) {
                 tavo_pe_next_command(client.get(), &command, 2000);
             });
         });
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD", 2));
-        const std::string snapshot = bench.root.path() + "/snapshot.png";
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
+        const std::string snapshot = bench.root().path() + "/snapshot.png";
         UniqueFd file(open(snapshot.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         ASSERT_TRUE(file.valid());
-        ASSERT_EQ(0, bench.engine->captureImage(0, file.get()));
-        EXPECT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
+        ASSERT_EQ(0, bench.engine().captureImage(0, file.get()));
+        EXPECT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
         EXPECT_TRUE(readerRun.endsWithin(kChildBound));
         EXPECT_EQ("", reader);
         char bytes[16] = {};
@@ -280,16 +280,16 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
         // The reader's second connection (the first one's answers may never be read: the
         // newcomer pushes it out).
         ASSERT_TRUE(connected.receive());
-        bench.engine->deinit();
-        ASSERT_EQ(0, bench.engine->init(&bench.callback, nullptr));
+        bench.engine().deinit();
+        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
         ASSERT_TRUE(connected.receive());
-        bench.agent = fakeAgentAt(bench.root.resolve("/system/lib/libsiano.so"));
-        ASSERT_NE(nullptr, bench.agent);
+        // init created a new agent; the rig finds it again.
+        ASSERT_NE(nullptr, fakeAgentAt(bench.root().resolve("/system/lib/libsiano.so")));
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         bench.playFrame(40, 2, 1);
         EXPECT_TRUE(readerRun.endsWithin(kChildBound));
         EXPECT_EQ("", reader);
-        EXPECT_EQ(0, bench.root.countLog("socket file not exist!"));
+        EXPECT_EQ(0, bench.root().countLog("socket file not exist!"));
     });
 }
 
