@@ -204,7 +204,8 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
 // then reads by `plan`.
 bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const std::string& name,
                  const ReaderPlan& plan) {
-    const std::string server = bench.serverPath(), own = bench.root().path() + "/" + name + ".socket";
+    const std::string server = bench.serverPath(),
+                      own = bench.root().path() + "/" + name + ".socket";
     return reader.fork([&](int fd) {
         PlayEngineReader engineSide;
         if (!engineSide.connect(server, own).empty())
@@ -361,7 +362,8 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
 #endif
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const std::string server = bench.serverPath(), own = bench.root().path() + "/threads.socket";
+        const std::string server = bench.serverPath(),
+                          own = bench.root().path() + "/threads.socket";
         static int reportFd;
         static CmmbSharedBuffer* shared;
         const Regions first;

@@ -13,7 +13,7 @@ TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
         ASSERT_EQ(0, bench.startService(1, 7, 41));
         EXPECT_EQ(1, bench.agent().countCalls("startService(20, 1, 2, 3, serviceID=7)"));
         EXPECT_EQ(1, bench.root().countLog("mChannel[0]: started=1, serviceID=7, refCount=2, "
-                                         "channelID=40, refSession{0 1 }"));
+                                           "channelID=40, refSession{0 1 }"));
         EXPECT_EQ(0, bench.engine().stopTVService(0));
         EXPECT_EQ(0, bench.agent().countCalls("stopService"));
         EXPECT_EQ(0, bench.engine().stopTVService(1));
@@ -21,11 +21,13 @@ TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
 
         ASSERT_EQ(0, bench.startService(0, 8, 41));
         ASSERT_EQ(0, bench.startService(1, 9, 42));
-        EXPECT_EQ(1, bench.root().countLog("attachSessionToChannel(sessionIndex=1, channelIndex=1)"));
+        EXPECT_EQ(1,
+                  bench.root().countLog("attachSessionToChannel(sessionIndex=1, channelIndex=1)"));
         ASSERT_EQ(0, bench.engine().stopTVService(0));
         bench.root().clearLog();
         ASSERT_EQ(0, bench.startService(0, 10, 43));
-        EXPECT_EQ(1, bench.root().countLog("attachSessionToChannel(sessionIndex=0, channelIndex=0)"));
+        EXPECT_EQ(1,
+                  bench.root().countLog("attachSessionToChannel(sessionIndex=0, channelIndex=0)"));
         EXPECT_EQ(1, bench.root().countLog(
                          "mChannel[1]: started=1, serviceID=9, refCount=1, channelID=42"));
         EXPECT_EQ(0, bench.root().countLog("mChannel[2]"));

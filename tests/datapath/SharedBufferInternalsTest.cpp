@@ -66,8 +66,9 @@ TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
         engine->resetSharedBuffer(0);
         EXPECT_EQ(std::chrono::milliseconds(300),
                   std::chrono::duration_cast<std::chrono::milliseconds>(clock.now() - start));
-        EXPECT_EQ(1, bench.root().countLog("playengine holds the buffer of session=0 longer than 300 "
-                                         "ms, reset skipped"));
+        EXPECT_EQ(1,
+                  bench.root().countLog("playengine holds the buffer of session=0 longer than 300 "
+                                        "ms, reset skipped"));
         EXPECT_EQ(2u, bench.buffer(0)->nalCount) << "a skipped reset changed the buffer";
         cmmb_sem_post(&bench.buffer(0)->mutexDataAccessable);
     });
