@@ -8,27 +8,7 @@
 #include "HeadersAsC.h"
 
 size_t sdk_c_layout(size_t* out, size_t capacity) {
-    const size_t layout[] = {
-        sizeof(CmmbSharedSemaphore),
-        sizeof(CmmbNalRecord),
-        sizeof(CmmbAacRecord),
-        sizeof(CmmbSharedBuffer),
-        offsetof(CmmbSharedBuffer, nalCount),
-        offsetof(CmmbSharedBuffer, dataLength),
-        offsetof(CmmbSharedBuffer, nal),
-        offsetof(CmmbSharedBuffer, aac),
-        offsetof(CmmbSharedBuffer, data),
-        sizeof(PlayEngineCommandMessage),
-        offsetof(PlayEngineCommandMessage, fdStatus),
-        offsetof(PlayEngineCommandMessage, session),
-        sizeof(PlayEngineIndicationMessage),
-        PLAYENGINE_FD_CONTROL_SPACE,
-        CMD_FLUSH,
-        IMAGE_CAPTURE_FAIL,
-        sizeof(tavo_pe_frame),
-        sizeof(tavo_pe_item),
-        sizeof(tavo_pe_command),
-    };
+    const size_t layout[] = SDK_LAYOUT_ENTRIES;
     size_t count = sizeof(layout) / sizeof(layout[0]);
     for (size_t i = 0; i < count && i < capacity; ++i)
         out[i] = layout[i];

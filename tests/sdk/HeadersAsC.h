@@ -4,6 +4,20 @@
 
 #include <stddef.h>
 
+/* The sizes, offsets and codes compared, in order: an initialiser that the C and the C++
+ * side each evaluate with their own compiler. */
+#define SDK_LAYOUT_ENTRIES                                                                     \
+    {                                                                                          \
+        sizeof(CmmbSharedSemaphore), sizeof(CmmbNalRecord), sizeof(CmmbAacRecord),             \
+            sizeof(CmmbSharedBuffer), offsetof(CmmbSharedBuffer, nalCount),                    \
+            offsetof(CmmbSharedBuffer, dataLength), offsetof(CmmbSharedBuffer, nal),           \
+            offsetof(CmmbSharedBuffer, aac), offsetof(CmmbSharedBuffer, data),                 \
+            sizeof(PlayEngineCommandMessage), offsetof(PlayEngineCommandMessage, fdStatus),    \
+            offsetof(PlayEngineCommandMessage, session), sizeof(PlayEngineIndicationMessage),  \
+            PLAYENGINE_FD_CONTROL_SPACE, CMD_FLUSH, IMAGE_CAPTURE_FAIL, sizeof(tavo_pe_frame), \
+            sizeof(tavo_pe_item), sizeof(tavo_pe_command)                                      \
+    }
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -6,27 +6,7 @@
 #include "TavoPlayEngine.h"
 
 TEST(SdkHeadersAsC, LayoutAgreesWithCxx) {
-    const size_t expected[] = {
-        sizeof(CmmbSharedSemaphore),
-        sizeof(CmmbNalRecord),
-        sizeof(CmmbAacRecord),
-        sizeof(CmmbSharedBuffer),
-        offsetof(CmmbSharedBuffer, nalCount),
-        offsetof(CmmbSharedBuffer, dataLength),
-        offsetof(CmmbSharedBuffer, nal),
-        offsetof(CmmbSharedBuffer, aac),
-        offsetof(CmmbSharedBuffer, data),
-        sizeof(PlayEngineCommandMessage),
-        offsetof(PlayEngineCommandMessage, fdStatus),
-        offsetof(PlayEngineCommandMessage, session),
-        sizeof(PlayEngineIndicationMessage),
-        PLAYENGINE_FD_CONTROL_SPACE,
-        CMD_FLUSH,
-        IMAGE_CAPTURE_FAIL,
-        sizeof(tavo_pe_frame),
-        sizeof(tavo_pe_item),
-        sizeof(tavo_pe_command),
-    };
+    const size_t expected[] = SDK_LAYOUT_ENTRIES;
     const size_t count = sizeof(expected) / sizeof(expected[0]);
     size_t fromC[count + 1];
     ASSERT_EQ(count, sdk_c_layout(fromC, count + 1));
