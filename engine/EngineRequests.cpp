@@ -5,6 +5,7 @@
 // number, so of two requests issued at the same instant exactly one reaches the agent. The
 // completion callbacks (agent threads) set it back to REQUEST_NONE; init and deinit (under
 // mLock) set REQUEST_NONE and REQUEST_NOT_READY.
+#include "EngineGuard.h"
 #include "EngineLog.h"
 #include "MutexLock.h"
 #include "TavoMBBMSEngineImpl.h"

@@ -4,6 +4,7 @@
 // None of these operations takes an engine lock; they may run while an MBBMS request holds
 // mLock. Apart from getFrequency, the agent's result is not returned: failures inside the
 // agent surface later through the relayed callbacks and events.
+#include "EngineGuard.h"
 #include "EngineLog.h"
 #include "TavoMBBMSEngineImpl.h"
 

@@ -45,9 +45,17 @@ void SessionManagerSlot::retireBarrier() const {
     // consistent store and load here order the two sides.
 }
 
-SessionManager* SessionManagerSlot::retire(Env* env) {
-    SessionManager* manager = mManager.exchange(nullptr, std::memory_order_seq_cst);
-    if (manager == nullptr)
+SessionManagerSlot::~SessionManagerSlot() {
+    delete mManager.load(std::memory_order_seq_cst);
+}
+
+void SessionManagerSlot::install(std::unique_ptr<SessionManager> manager) {
+    mManager.store(manager.release(), std::memory_order_seq_cst);
+}
+
+std::unique_ptr<SessionManager> SessionManagerSlot::retire(Env* env) {
+    std::unique_ptr<SessionManager> manager(mManager.exchange(nullptr, std::memory_order_seq_cst));
+    if (!manager)
         return nullptr;
     // A data callback inside the manager ends within the bound of its buffer-lock waits. A
     // frame start that found the manager has opened its lease once its Access is gone.

@@ -1,9 +1,10 @@
 // Holds the engine's session manager so that agent and application threads can use it while
 // deinit may be deleting it.
 //
-// Users take an Access for the duration of one call; it yields null when no manager is
-// installed. retire() removes the manager so that new Accesses see null, then waits until
-// every Access taken before has been released, and hands the manager back for deletion.
+// The slot owns the installed manager. Users take an Access for the duration of one call; it
+// yields null when no manager is installed. retire() removes the manager so that new Accesses
+// see null, then waits until every Access taken before has been released, and hands the
+// manager's ownership back to the caller.
 // Each Access costs two atomic operations and allocates nothing.
 //
 // The frame bracket. The agent delivers a frame as onOutputAVStart, many NAL and AAC calls,
@@ -45,6 +46,7 @@
 #define TAVO_ENGINE_SESSION_MANAGER_SLOT_H
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 class Env;
@@ -59,6 +61,8 @@ public:
     };
 
     explicit SessionManagerSlot(CallBarrier barrier = CallBarrier::PROCESS_WIDE_WHERE_AVAILABLE);
+    // Deletes a manager still installed; no Access may be left.
+    ~SessionManagerSlot();
     SessionManagerSlot(const SessionManagerSlot&) = delete;
     SessionManagerSlot& operator=(const SessionManagerSlot&) = delete;
 
@@ -141,12 +145,12 @@ public:
     }
     void release() { mUsers.fetch_sub(1, std::memory_order_seq_cst); }
 
-    // Only while no manager is installed.
-    void install(SessionManager* manager) { mManager.store(manager, std::memory_order_seq_cst); }
+    // Takes ownership of `manager`. Only while no manager is installed.
+    void install(std::unique_ptr<SessionManager> manager);
 
-    // Removes the manager and waits for its current users, polling through `env`'s sleep; the
-    // caller deletes it.
-    SessionManager* retire(Env* env);
+    // Removes the manager and waits for its current users, polling through `env`'s sleep;
+    // returns it (null when none was installed).
+    std::unique_ptr<SessionManager> retire(Env* env);
 
     bool installed() const { return mManager.load(std::memory_order_seq_cst) != nullptr; }
 
@@ -171,6 +175,7 @@ private:
     // manager. Only once the manager is removed and no data-path Access is left.
     void revokeLease(Env* env);
 
+    // The installed manager, owned by the slot while it is here.
     std::atomic<SessionManager*> mManager{nullptr};
     std::atomic<int> mUsers{0};
     std::atomic<int> mDataPathUsers{0};  // the part of mUsers taken by data callbacks

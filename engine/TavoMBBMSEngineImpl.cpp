@@ -204,7 +204,7 @@ int TavoMBBMSEngineImpl::initLocked(TavoMBBMSEngineCallback* callback, const cha
     mPendingRequest.store(REQUEST_NONE);
 
     mSessionManager.install(
-        new SessionManager(&mSharedBuffers, &mFrameSink, mAgent.get(), mWorkDir));
+        std::make_unique<SessionManager>(&mSharedBuffers, &mFrameSink, mAgent.get(), mWorkDir));
 
     ModuleInfo scratch;
     getModuleInfo(&scratch);
@@ -261,7 +261,7 @@ bool TavoMBBMSEngineImpl::deinitLocked() {
     mCommandServer.clearRunFlag();
 
     // Running services are not stopped; the agent is shut down right after.
-    delete mSessionManager.retire(mEnv.load());
+    mSessionManager.retire(mEnv.load()).reset();
 
     mAgent->deinit();
     // Results the agent raised inside a frame that never ended belong to this registration.

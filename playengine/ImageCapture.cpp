@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "EngineGuard.h"
 #include "EngineLog.h"
 #include "EngineSessions.h"
 #include "Env.h"

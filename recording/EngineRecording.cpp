@@ -1,5 +1,6 @@
 // The engine's recording operations: the initialisation check, then the engine's recording
 // control (RecordingControl.h), which holds frames off through the session manager.
+#include "EngineGuard.h"
 #include "EngineLog.h"
 #include "SessionManager.h"
 #include "TavoMBBMSEngineImpl.h"

@@ -3,6 +3,7 @@
 // and with frame delivery by the session manager, not by mLock.
 #include <cstdio>
 
+#include "EngineGuard.h"
 #include "EngineLog.h"
 #include "SessionManager.h"
 #include "TavoMBBMSEngineImpl.h"

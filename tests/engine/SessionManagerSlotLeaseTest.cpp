@@ -50,7 +50,7 @@ protected:
 TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) {
     SessionManagerSlot slot(GetParam());
     SessionManager* manager = newManager();
-    slot.install(manager);
+    slot.install(std::unique_ptr<SessionManager>(manager));
     std::promise<void> inside, leave;
     std::shared_future<void> leaveSignal = leave.get_future().share();
     std::atomic<int> laterCallGotLease{-1};
@@ -66,22 +66,21 @@ TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) 
         laterCallGotLease = static_cast<bool>(later) ? 1 : 0;
     });
     inside.get_future().wait();
-    std::future<SessionManager*> retired =
+    std::future<std::unique_ptr<SessionManager>> retired =
         std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(std::chrono::milliseconds(200)))
         << "retire() returned while a call was inside the manager";
     leave.set_value();
     ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
-    EXPECT_EQ(manager, retired.get());
+    EXPECT_EQ(manager, retired.get().get());
     bracket.join();
     EXPECT_EQ(0, laterCallGotLease.load()) << "a call after retire() still got the manager";
-    delete manager;
 }
 
 TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
     SessionManagerSlot slot(GetParam());
     SessionManager* manager = newManager();
-    slot.install(manager);
+    slot.install(std::unique_ptr<SessionManager>(manager));
     openBracket(slot);
     std::thread other([&] {
         SessionManagerSlot::BracketCall call(slot);
@@ -96,10 +95,10 @@ TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
     SessionManagerSlot::BracketCall afterEnd(slot);
     EXPECT_FALSE(afterEnd);
     // No lease is open: retire() has nothing to wait for.
-    std::future<SessionManager*> retired =
+    std::future<std::unique_ptr<SessionManager>> retired =
         std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
     ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
-    delete retired.get();
+    EXPECT_EQ(manager, retired.get().get());
 }
 
 // The bracket's thread calls into the manager as fast as it can while retire() runs at a
@@ -116,7 +115,7 @@ TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
     for (int round = 0; round < 100; ++round) {
         SessionManagerSlot slot(GetParam());
         SessionManager* manager = newManager();
-        slot.install(manager);
+        slot.install(std::unique_ptr<SessionManager>(manager));
         std::atomic<bool> started{false};
         std::atomic<long> callsAfterRevocation{0};
         std::thread bracket([&] {
@@ -136,9 +135,7 @@ TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
         while (!started.load())
             std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
-        SessionManager* retired = slot.retire(Env::platform());
-        EXPECT_EQ(manager, retired);
-        delete retired;
+        EXPECT_EQ(manager, slot.retire(Env::platform()).get());
         bracket.join();
         ASSERT_EQ(0, callsAfterRevocation.load()) << "round " << round;
     }

@@ -25,29 +25,28 @@ const milliseconds kSettle(100);
 
 class SessionManagerSlotTest : public testing::Test {
 protected:
-    SessionManagerSlotTest() : mManager(new SessionManager(&mBuffers, nullptr, nullptr, "")) {}
+    SessionManagerSlotTest() : mManager(new SessionManager(&mBuffers, nullptr, nullptr, "")) {
+        mSlot.install(std::unique_ptr<SessionManager>(mManager));
+    }
 
-    SharedBufferSet mBuffers;  // never created: the frames here are of an unknown channel
-    std::unique_ptr<SessionManager> mManager;
+    SharedBufferSet mBuffers;        // never created: the frames here are of an unknown channel
+    SessionManager* const mManager;  // owned by the slot, then by what retire() returns
     SessionManagerSlot mSlot;
 };
 
 TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
-    EXPECT_FALSE(SessionManagerSlot::Access(mSlot));
-    EXPECT_EQ(nullptr, mSlot.retire(Env::platform()));
-    mSlot.install(mManager.get());
     EXPECT_TRUE(mSlot.installed());
     {
         SessionManagerSlot::Access access(mSlot);
-        EXPECT_EQ(mManager.get(), access.get());
+        EXPECT_EQ(mManager, access.get());
         SessionManagerSlot::Access dataPath(mSlot, true);
-        EXPECT_EQ(mManager.get(), dataPath.get());
+        EXPECT_EQ(mManager, dataPath.get());
     }
-    EXPECT_EQ(mManager.get(), mSlot.acquire());
+    EXPECT_EQ(mManager, mSlot.acquire());
     mSlot.release();
     FakeClockEnv clock;
     const auto start = clock.now();
-    EXPECT_EQ(mManager.get(), mSlot.retire(&clock));
+    EXPECT_EQ(mManager, mSlot.retire(&clock).get());
     EXPECT_EQ(start, clock.now()) << "retire without users waited";
     EXPECT_FALSE(mSlot.installed());
     EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
@@ -62,7 +61,6 @@ class SlotRetireWait : public SessionManagerSlotTest, public testing::WithParamI
 
 TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
     const bool dataPath = GetParam();
-    mSlot.install(mManager.get());
     std::promise<void> done;
     std::promise<SessionManager*> seen;
     std::thread user([&] {
@@ -70,9 +68,9 @@ TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
         seen.set_value(access.get());
         done.get_future().wait();
     });
-    EXPECT_EQ(mManager.get(), seen.get_future().get());
+    EXPECT_EQ(mManager, seen.get_future().get());
     SessionManager* acquired = mSlot.acquire();
-    EXPECT_EQ(mManager.get(), acquired);
+    EXPECT_EQ(mManager, acquired);
 
     FakeClockEnv clock;
     const auto start = clock.now();
@@ -86,7 +84,7 @@ TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(kSettle)) << "acquire() not waited for";
     mSlot.release();
     ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
-    EXPECT_EQ(mManager.get(), retired.get());
+    EXPECT_EQ(mManager, retired.get().get());
     EXPECT_EQ(nullptr, mSlot.retire(&clock)) << "a second retire found a manager";
 }
 
@@ -99,7 +97,6 @@ INSTANTIATE_TEST_SUITE_P(Users, SlotRetireWait, testing::Bool(),
 // frame with an Access of its own; retire() waits for the agent's data callback in progress,
 // then ends the frame, which lets the application thread finish and retire() return.
 TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
-    mSlot.install(mManager.get());
     // The agent's thread stays alive: a new thread could otherwise take over its id, which the
     // manager keeps as the frame's holder.
     std::promise<void> frameOpened, testDone;
@@ -141,7 +138,7 @@ TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
     ASSERT_EQ(std::future_status::ready, application.wait_for(seconds(20)));
     EXPECT_TRUE(application.get());
     ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
-    EXPECT_EQ(mManager.get(), retired.get());
+    EXPECT_EQ(mManager, retired.get().get());
     testDone.set_value();
     agentThread.join();
 }
