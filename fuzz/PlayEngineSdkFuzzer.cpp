@@ -97,8 +97,11 @@ public:
             send(reinterpret_cast<const unsigned char*>(&message), sizeof(message), 1,
                  mRegionFds[s].get());
         }
-        if (connected.get() != TAVO_PE_OK)
+        const int status = connected.get();
+        if (status != TAVO_PE_OK) {
+            fprintf(stderr, "sdk fuzz: tavo_pe_connect returned %d\n", status);
             fail("no connection with both regions");
+        }
         char answers[2 * sizeof(PlayEngineIndicationMessage)];
         if (recv(mClient.get(), answers, sizeof(answers), MSG_WAITALL) !=
             static_cast<ssize_t>(sizeof(answers)))

@@ -147,9 +147,8 @@ void SessionManager::onOutputAVEnd(int channelID, bool withError) {
         mSink->onSessionFrameEnd(s);
 
         mFrameLocked[s] = false;
-        mBuffers->unlock(s);
+        mBuffers->unlockAnnouncingFrame(s);
         TLOG(SEMAPHORE, "mutexDataAccessable(session=%d)++", s);
-        cmmb_sem_post(&buffer->mutexDataAvailable);
         TLOG(SEMAPHORE, "mutexDataAvailable(session=%d)++", s);
     }
     mOpenFrameSlot = NO_FRAME;

@@ -12,6 +12,7 @@
 #include "Log.h"
 #include "MutexLock.h"
 #include "Properties.h"
+#include "SharedSemaphorePair.h"
 
 namespace {
 
@@ -148,6 +149,15 @@ void SharedBufferSet::unlock(int session) {
     MutexLock guard(ownership.mutex);
     ownership.engineHolds = false;
     cmmb_sem_post(&mRegions[session].address()->mutexDataAccessable);
+    mOwnership[session].mutexDataAccessable.given();
+}
+
+void SharedBufferSet::unlockAnnouncingFrame(int session) {
+    Ownership& ownership = mOwnership[session];
+    MutexLock guard(ownership.mutex);
+    ownership.engineHolds = false;
+    CmmbSharedBuffer* shared = mRegions[session].address();
+    postSemaphorePair(&shared->mutexDataAccessable, &shared->mutexDataAvailable);
     mOwnership[session].mutexDataAccessable.given();
 }
 

@@ -88,6 +88,9 @@ public:
     bool lock(int session) TRY_ACQUIRE(true, mOwnership[session].mutexDataAccessable);
     // Gives back a lock taken with lock().
     void unlock(int session) RELEASE(mOwnership[session].mutexDataAccessable);
+    // The end of a frame written under lock(): gives the lock back and counts the frame in
+    // mutexDataAvailable, both posted together (one system call on the host).
+    void unlockAnnouncingFrame(int session) RELEASE(mOwnership[session].mutexDataAccessable);
 
     // Whether a reader outside the engine holds a session's buffer lock: 1 when the lock
     // word reads 0 and no engine thread holds it, 0 when the lock is free or an engine thread

@@ -1,11 +1,13 @@
 // What every benchmark program shares: the result line that scripts/run_benchmarks.sh
-// collects, the --smoke switch, percentiles and a steady clock.
+// collects, the --smoke switch, percentiles, a steady clock and the calling thread's CPU clock.
 //
 // A result row is one line on standard output:
 //   bench-row|<what is measured>|<engine figure>|<baseline name>|<baseline figure>|<unit>
 // Lower is better unless the unit ends in "/s".
 #ifndef TAVO_BENCH_COMMON_BENCH_ROW_H
 #define TAVO_BENCH_COMMON_BENCH_ROW_H
+
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -33,6 +35,14 @@ inline bool isSmoke(int argc, char** argv) {
 inline double nowSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+
+// CPU time of the calling thread, user and system: for work that never waits, it leaves out
+// the time other processes on the machine take, so that runs under load stay comparable.
+inline double threadCpuSeconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 // The p-th percentile (0..100) of `values`, which it sorts; 0 when empty.

@@ -8,6 +8,7 @@
 
 #include "CmmbSharedSemaphore.h"
 #include "SemaphoreWaits.h"
+#include "SharedSemaphorePair.h"
 
 // Other C libraries (the host check of this backend) have a larger sem_t: there the file is
 // only compiled, never run.
@@ -39,4 +40,11 @@ int cmmb_sem_post(CmmbSharedSemaphore* sem) {
 }
 int cmmb_sem_getvalue(CmmbSharedSemaphore* sem, int* value) {
     return sem_getvalue(asSem(sem), value);
+}
+
+// bionic posts each semaphore with its own call, and wakes only when a reader sleeps.
+int postSemaphorePair(CmmbSharedSemaphore* first, CmmbSharedSemaphore* second) {
+    const int firstPosted = sem_post(asSem(first));
+    const int secondPosted = sem_post(asSem(second));
+    return firstPosted == 0 && secondPosted == 0 ? 0 : -1;
 }

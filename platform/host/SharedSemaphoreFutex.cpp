@@ -11,6 +11,7 @@
 #include <climits>
 
 #include "CmmbSharedSemaphore.h"
+#include "SharedSemaphorePair.h"
 
 namespace {
 
@@ -27,6 +28,14 @@ long futexWait(uint32_t* word, uint32_t expected, const struct timespec* relativ
 
 long futexWake(uint32_t* word, int count) {
     return syscall(SYS_futex, word, FUTEX_WAKE, count, nullptr, nullptr, 0);
+}
+
+// Adds 1 to *second in the kernel, then wakes one sleeper on `first` and, since the old
+// value of *second is at least 0, one on `second`. The wake count for `second` travels in
+// the timeout argument.
+long futexWakeBothIncrementingSecond(uint32_t* first, uint32_t* second) {
+    return syscall(SYS_futex, first, FUTEX_WAKE_OP, 1, reinterpret_cast<void*>(1), second,
+                   FUTEX_OP(FUTEX_OP_ADD, 1, FUTEX_OP_CMP_GE, 0));
 }
 
 bool tryDecrement(CmmbSharedSemaphore* sem) {
@@ -106,6 +115,25 @@ int cmmb_sem_post(CmmbSharedSemaphore* sem) {
     // Always wake one sleeper: a waiter may have seen 0 just before the increment.
     futexWake(&sem->word, 1);
     return 0;
+}
+
+int postSemaphorePair(CmmbSharedSemaphore* first, CmmbSharedSemaphore* second) {
+    uint32_t previous = counter(first).fetch_add(1, std::memory_order_release);
+    if (previous == static_cast<uint32_t>(INT_MAX)) {
+        counter(first).fetch_sub(1, std::memory_order_relaxed);
+        cmmb_sem_post(second);
+        errno = EOVERFLOW;
+        return -1;
+    }
+    // The kernel's add cannot stop at the maximum, so a count at it takes the two ordinary
+    // posts. Readers only take from `second`; one that writes the word itself can push it
+    // past the maximum between this check and the add, which harms only its own buffer.
+    if (counter(second).load(std::memory_order_relaxed) < static_cast<uint32_t>(INT_MAX) &&
+        futexWakeBothIncrementingSecond(&first->word, &second->word) >= 0) {
+        return 0;
+    }
+    futexWake(&first->word, 1);
+    return cmmb_sem_post(second);
 }
 
 int cmmb_sem_getvalue(CmmbSharedSemaphore* sem, int* value) {
