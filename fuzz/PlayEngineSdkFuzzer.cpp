@@ -8,6 +8,7 @@
 //
 // Input: the region bytes (up to kRegionBytes), then operations (see the switch below).
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -88,7 +89,13 @@ public:
         mClient.reset();
         std::future<int> connected =
             std::async(std::launch::async, [this] { return tavo_pe_connect(mPe, 5000); });
-        mClient.reset(accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        // libFuzzer's timer signal (every -timeout/2 s, without SA_RESTART) may land in any
+        // of these waits.
+        int client;
+        do {
+            client = accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC);
+        } while (client < 0 && errno == EINTR);
+        mClient.reset(client);
         for (int s = 0; s < 2; ++s) {
             PlayEngineCommandMessage message;
             memset(&message, 0, sizeof(message));
@@ -103,9 +110,15 @@ public:
             fail("no connection with both regions");
         }
         char answers[2 * sizeof(PlayEngineIndicationMessage)];
-        if (recv(mClient.get(), answers, sizeof(answers), MSG_WAITALL) !=
-            static_cast<ssize_t>(sizeof(answers)))
-            fail("both regions not acknowledged");
+        size_t received = 0;
+        while (received < sizeof(answers)) {
+            const ssize_t got =
+                recv(mClient.get(), answers + received, sizeof(answers) - received, MSG_WAITALL);
+            if (got > 0)
+                received += static_cast<size_t>(got);
+            else if (got == 0 || errno != EINTR)
+                fail("both regions not acknowledged");
+        }
     }
 
     CmmbSharedBuffer* region(int session) const { return mRegions[session]; }

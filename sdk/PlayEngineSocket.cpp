@@ -4,8 +4,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -21,6 +23,28 @@ bool fillAddress(const std::string& path, sockaddr_un* address, socklen_t* lengt
     memcpy(address->sun_path, path.c_str(), path.size());
     *length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + 1);
     return true;
+}
+
+int64_t monotonicMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until `fd` is readable or `timeoutMs` (negative: no limit) has passed on the
+// monotonic clock; a signal does not cut the wait short. poll's result.
+int pollRestarting(int fd, int timeoutMs) {
+    const int64_t deadline = monotonicMs() + timeoutMs;
+    for (;;) {
+        pollfd entry = {fd, POLLIN, 0};
+        const int ready = poll(&entry, 1, timeoutMs);
+        if (ready >= 0 || errno != EINTR)
+            return ready;
+        if (timeoutMs > 0) {
+            const int64_t left = deadline - monotonicMs();
+            timeoutMs = left > 0 ? static_cast<int>(left) : 0;
+        }
+    }
 }
 
 }  // namespace
@@ -73,9 +97,8 @@ PlayEngineSocket::Result PlayEngineSocket::receive(PlayEngineCommandMessage* mes
     fd->reset();
     if (!mSocket.valid())
         return CLOSED;
-    pollfd entry = {mSocket.get(), POLLIN, 0};
-    int ready = poll(&entry, 1, timeoutMs);
-    if (ready == 0 || (ready < 0 && errno == EINTR))
+    const int ready = pollRestarting(mSocket.get(), timeoutMs);
+    if (ready == 0)
         return NOTHING_YET;
     if (ready < 0) {
         close();
