@@ -18,13 +18,23 @@ int valueOf(CmmbSharedSemaphore* sem) {
     return value;
 }
 
+void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit, Pos pos,
+             unsigned long tsBase) {
+    agentSide->onClearVideoNalData(channelID, tsBase, 0, unit.data(),
+                                   static_cast<unsigned short>(unit.size()), pos);
+}
+
+void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigned long tsBase,
+             unsigned long tsRelative) {
+    agentSide->onClearAudioAacFrame(channelID, tsBase, tsRelative, frame.data(),
+                                    static_cast<unsigned short>(frame.size()));
+}
+
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
                   unsigned long tsBase) {
     agentSide->onOutputAVStart(channelID, nullptr, 0);
     for (int i = 0; i < count; ++i)
-        agentSide->onClearVideoNalData(channelID, tsBase + i, 0, units[i].data(),
-                                       static_cast<unsigned short>(units[i].size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, channelID, units[i], MBBMSAgent::NAL_FRAGMENT_COMPLETE, tsBase + i);
     agentSide->onOutputAVEnd(channelID, false);
 }
 
@@ -43,24 +53,28 @@ std::string PlayEngineReader::connect(const std::string& serverPath,
     return status == TAVO_PE_OK ? "" : tavo_pe_status_text(status);
 }
 
-// The first descriptor of this process whose link names the session's region.
-static bool statRegionDescriptor(int session, struct stat* status) {
-    const std::string name = "memfd:cmmb_shared_memory_" + std::to_string(session);
+std::vector<int> regionDescriptors(int session) {
+    const std::string name =
+        "/memfd:cmmb_shared_memory_" + (session < 0 ? "" : std::to_string(session) + " ");
+    std::vector<int> fds;
     DIR* descriptors = opendir("/proc/self/fd");
     if (descriptors == nullptr)
-        return false;
-    bool found = false;
+        return fds;
     while (dirent* entry = readdir(descriptors)) {
         char target[256] = {};
-        const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(link.c_str(), target, sizeof(target) - 1) <= 0 ||
-            strncmp(target, ("/" + name + " ").c_str(), name.size() + 2) != 0)
-            continue;
-        found = stat(link.c_str(), status) == 0;
-        break;
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(descriptors) &&
+            readlinkat(dirfd(descriptors), entry->d_name, target, sizeof(target) - 1) > 0 &&
+            strncmp(target, name.c_str(), name.size()) == 0)
+            fds.push_back(atoi(entry->d_name));
     }
     closedir(descriptors);
-    return found;
+    return fds;
+}
+
+// The status of the first descriptor of this process that refers to the session's region.
+static bool statRegionDescriptor(int session, struct stat* status) {
+    const std::vector<int> fds = regionDescriptors(session);
+    return !fds.empty() && fstat(fds[0], status) == 0;
 }
 
 off_t PlayEngineReader::regionSize(int session) const {

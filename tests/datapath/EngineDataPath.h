@@ -27,8 +27,14 @@ int valueOf(CmmbSharedSemaphore* sem);
 // process without a play engine holds only the engine's own), or -1. A replaced buffer is a
 // new region and so a new inode.
 long long regionInodeInThisProcess(int session);
-// One frame of complete units straight through the agent's callback, on the calling thread
-// and without allocating; unit i carries tsBase + i.
+// The descriptors of this process that refer to the region of `session` (-1: of either).
+std::vector<int> regionDescriptors(int session = -1);
+// Straight through the agent's callback, on the calling thread and without allocating: one NAL
+// fragment, one audio frame, and one frame of complete units (unit i carries tsBase + i).
+void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit,
+             Pos pos = MBBMSAgent::NAL_FRAGMENT_COMPLETE, unsigned long tsBase = 0);
+void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigned long tsBase = 0,
+             unsigned long tsRelative = 0);
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
                   unsigned long tsBase = 0);
 

@@ -10,14 +10,13 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -35,14 +34,18 @@ using std::chrono::milliseconds;
 
 const int kChannel = 40;
 const char kLockTimeoutProperty[] = "persist.mbbms.playengine.lock_timeout_ms";
-// The engine's regions now, to be compared after a step that may replace one of them.
-struct Regions {
-    Regions() : inodes{regionInodeInThisProcess(0), regionInodeInThisProcess(1)} {}
-    bool operator==(const Regions& other) const {
-        return inodes[0] == other.inodes[0] && inodes[1] == other.inodes[1];
-    }
-    long long inodes[2];
-};
+// The engine's regions (their inodes) now, to be compared after a step that may replace one.
+using Regions = std::array<long long, 2>;
+
+Regions regions() {
+    return {regionInodeInThisProcess(0), regionInodeInThisProcess(1)};
+}
+
+// Session 0 showing service 7, with a lock bound far beyond the checks here: only replacing a
+// buffer can let the agent go on in time.
+#define PATIENT_BENCH(bench, connectPlayEngine)                        \
+    SERVING_BENCH(bench, kChannel, "ERROR,WARNING", connectPlayEngine, \
+                  {{kLockTimeoutProperty, "60000"}})
 
 // Reports of a reader process, one byte each. A frame read is reported as kFrame plus its
 // number of NAL units (at most 25).
@@ -55,6 +58,10 @@ char frameReport(int nals) {
 
 bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
     return AsyncCall(fn).endsWithin(bound);
+}
+
+bool playsWithin(EngineDataPath& bench, int nals, milliseconds bound = milliseconds(1000)) {
+    return endsWithin(bound, [&] { bench.playFrame(kChannel, nals, 1); });
 }
 
 void sendReport(int fd, char what) {
@@ -95,18 +102,14 @@ public:
             return 0;
         return report;
     }
-    // True when `wanted` comes within the bound, after at most a few other frame reports.
+    // True when `wanted` comes, each report before it within the bound, after other frame
+    // reports only.
     bool reportsWithin(char wanted, int timeoutMs) {
-        const auto end = std::chrono::steady_clock::now() + milliseconds(timeoutMs);
-        for (;;) {
-            const auto left =
-                std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
-            const char report = readReport(static_cast<int>(std::max<long long>(left.count(), 0)));
-            if (report == wanted)
-                return true;
-            if (report == 0 || report == kMarkerBroken || report == kLockAboveOne)
-                return false;
+        char report = 0;
+        while ((report = readReport(timeoutMs)) != 0 && report != wanted &&
+               report != kMarkerBroken && report != kLockAboveOne) {
         }
+        return report == wanted;
     }
     void kill(int signal) {
         if (mPid <= 0)
@@ -136,13 +139,9 @@ void markBuffer(CmmbSharedBuffer* b) {
 }
 
 bool markIntact(const CmmbSharedBuffer* b) {
-    if (b->dataLength != kMark || b->nal[CMMB_NAL_RECORD_SLOTS - 1].pos != kMark)
-        return false;
-    for (size_t i = CMMB_PAYLOAD_SIZE - 64; i < CMMB_PAYLOAD_SIZE; ++i) {
-        if (b->data[i] != 0x5A)
-            return false;
-    }
-    return true;
+    const unsigned char* tail = b->data + CMMB_PAYLOAD_SIZE - 64;
+    return b->dataLength == kMark && b->nal[CMMB_NAL_RECORD_SLOTS - 1].pos == kMark &&
+           std::all_of(tail, tail + 64, [](unsigned char byte) { return byte == 0x5A; });
 }
 
 // Where a reader stops in its contract for a frame of session 0.
@@ -157,6 +156,10 @@ struct ReaderPlan {
     int holdMs = 0;
     int frames = -1;  // frames to read before reporting kDone and exiting; -1: no end
 };
+
+ReaderPlan holding(int holdFrom, int holdMs, int frames) {
+    return ReaderPlan{Step::NONE, holdFrom, holdMs, frames};
+}
 
 // Follows the reader contract on session 0 by `plan`, reporting every frame read.
 void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
@@ -216,9 +219,30 @@ bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const st
 }
 
 ReaderPlan stoppingAt(Step step) {
-    ReaderPlan plan;
-    plan.stopAt = step;
-    return plan;
+    return ReaderPlan{step};
+}
+
+// A new play engine connects while another holds or kept session 0's lock: its first frame
+// goes through at once.
+void expectNewcomerServed(EngineDataPath& bench, ReportingProcess& next) {
+    ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
+    ASSERT_TRUE(playsWithin(bench, 5));
+    EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
+}
+
+// Session 0's buffer was replaced since `first`, session 1's was not.
+void expectSession0Replaced(const Regions& first) {
+    const Regions now = regions();
+    EXPECT_NE(first[0], now[0]);
+    EXPECT_EQ(first[1], now[1]) << "session 1 was free";
+}
+
+// A reader pushed out while it held the lock gives it back with its buffer untouched,
+// reports its frame of `nals` units and ends.
+void expectHolderFinishes(ReportingProcess& holder, int nals) {
+    EXPECT_EQ(kReleased, holder.readReport()) << "the buffer was written under the reader";
+    EXPECT_EQ(frameReport(nals), holder.readReport());
+    EXPECT_EQ(kDone, holder.readReport());
 }
 
 class ReaderDies : public ::testing::TestWithParam<Step> {};
@@ -228,10 +252,8 @@ class ReaderDies : public ::testing::TestWithParam<Step> {};
 // frame at once.
 TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
     EXPECT_IN_CHILD({
-        // With a lock bound far beyond the checks below, only replacing the buffer can let
-        // the agent go on in time.
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const Regions first;
+        PATIENT_BENCH(bench, false);
+        const Regions first = regions();
         ReportingProcess dying;
         ASSERT_TRUE(startReader(dying, bench, "dying", stoppingAt(GetParam())));
         bench.playFrame(kChannel, 3, 2);
@@ -243,29 +265,24 @@ TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
         ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
 
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-
-        const bool heldTheLock = GetParam() != Step::AFTER_AVAILABLE;
-        const Regions now;
-        EXPECT_EQ(heldTheLock, now.inodes[0] != first.inodes[0]);
-        EXPECT_EQ(first.inodes[1], now.inodes[1]) << "session 1 was free";
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        if (GetParam() != Step::AFTER_AVAILABLE)
+            expectSession0Replaced(first);
+        else
+            EXPECT_EQ(first, regions()) << "replaced though the reader never held the lock";
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().deinit(); }));
     });
 }
 
-std::string stepName(const ::testing::TestParamInfo<Step>& step) {
-    static const char* const kNames[] = {"None", "AfterDataAvailable", "HoldingTheLock", "MidRead",
-                                         "AfterClearingTheCounts"};
-    return kNames[static_cast<int>(step.param)];
-}
-
 INSTANTIATE_TEST_SUITE_P(AtEachStep, ReaderDies,
                          ::testing::Values(Step::AFTER_AVAILABLE, Step::HOLDING_LOCK,
                                            Step::MID_READ, Step::COUNTS_CLEARED),
-                         stepName);
+                         [](const ::testing::TestParamInfo<Step>& step) {
+                             return std::vector<std::string>{
+                                 "None", "AfterDataAvailable", "HoldingTheLock", "MidRead",
+                                 "AfterClearingTheCounts"}[static_cast<size_t>(step.param)];
+                         });
 
 // Under an emulator every process start costs seconds, so fewer cycles are run there.
 const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
@@ -273,7 +290,7 @@ const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
 // Each cycle replaces session 0's buffer; the old regions' descriptors and mappings go.
 TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        PATIENT_BENCH(bench, false);
         int before = -1;
         std::set<long long> handedOut;
         for (int cycle = 0; cycle <= kConnectAndKillCycles; ++cycle) {
@@ -289,8 +306,7 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
             ASSERT_EQ(kStopped, reader.readReport()) << "cycle " << cycle;
             reader.kill(SIGKILL);
             ASSERT_TRUE(frame.endsWithin(milliseconds(1000))) << "cycle " << cycle;
-            ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 2, 1); }))
-                << "cycle " << cycle;
+            ASSERT_TRUE(playsWithin(bench, 2)) << "cycle " << cycle;
         }
         // The command thread may still be closing the last connection.
         for (int i = 0; i < 100 && openDescriptors() != before; ++i)
@@ -306,9 +322,9 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
 // gets a fresh buffer, and nothing is written into the child's.
 TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        PATIENT_BENCH(bench, false);
         const std::string server = bench.serverPath(), own = bench.root().path() + "/parent.socket";
-        const Regions first;
+        const Regions first = regions();
         ReportingProcess family;
         ASSERT_TRUE(family.fork([&](int fd) {
             PlayEngineReader engineSide;
@@ -317,11 +333,7 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             const pid_t child = ::fork();
             if (child == 0) {
                 engineSide.hangUp();  // the child's copy of the connection
-                ReaderPlan plan;
-                plan.holdFrom = 3;
-                plan.holdMs = 1000;
-                plan.frames = 3;
-                readFrames(engineSide.buffer(0), fd, plan);
+                readFrames(engineSide.buffer(0), fd, holding(3, 1000, 3));
             }
             sendReport(fd, child > 0 ? kConnected : 'E');
             _exit(0);  // the parent leaves; its connection ends
@@ -333,19 +345,14 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             bench.playFrame(kChannel, 3, 2);
             EXPECT_EQ(frameReport(3), family.readReport()) << "frame " << frame;
         }
-        EXPECT_TRUE(first == Regions()) << "a buffer whose lock was free changed";
+        EXPECT_EQ(first, regions()) << "a buffer whose lock was free changed";
 
         bench.playFrame(kChannel, 4, 2);
         ASSERT_EQ(kHolding, family.readReport());
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-        EXPECT_EQ(kReleased, family.readReport()) << "the child's buffer was written";
-        EXPECT_EQ(frameReport(4), family.readReport());
-        EXPECT_EQ(kDone, family.readReport());
-        EXPECT_NE(first.inodes[0], Regions().inodes[0]);
-        EXPECT_EQ(first.inodes[1], Regions().inodes[1]);
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        expectHolderFinishes(family, 4);
+        expectSession0Replaced(first);
     });
 }
 
@@ -361,12 +368,12 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
     GTEST_SKIP() << "qemu-user aborts when a child forked from threads starts a thread";
 #endif
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        PATIENT_BENCH(bench, false);
         const std::string server = bench.serverPath(),
                           own = bench.root().path() + "/threads.socket";
         static int reportFd;
         static CmmbSharedBuffer* shared;
-        const Regions first;
+        const Regions first = regions();
         ReportingProcess threads;
         ASSERT_TRUE(threads.fork([&](int fd) {
             static PlayEngineReader engineSide;  // outlives the main thread
@@ -376,11 +383,7 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
             shared = engineSide.buffer(0);
             pthread_t reader;
             auto run = [](void*) -> void* {
-                ReaderPlan plan;
-                plan.holdFrom = 1;
-                plan.holdMs = 500;
-                plan.frames = 2;
-                readFrames(shared, reportFd, plan);
+                readFrames(shared, reportFd, holding(1, 500, 2));
                 return nullptr;
             };
             if (pthread_create(&reader, nullptr, run, nullptr) != 0)
@@ -400,18 +403,13 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
         EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
         EXPECT_EQ(frameReport(3), threads.readReport());
         ASSERT_TRUE(second.endsWithin(milliseconds(5000)));
-        EXPECT_TRUE(first == Regions()) << "the buffer of a connected reader was replaced";
+        EXPECT_EQ(first, regions()) << "the buffer of a connected reader was replaced";
 
         ASSERT_EQ(kHolding, threads.readReport());
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-        EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
-        EXPECT_EQ(frameReport(4), threads.readReport());
-        EXPECT_EQ(kDone, threads.readReport());
-        EXPECT_NE(first.inodes[0], Regions().inodes[0]);
-        EXPECT_EQ(first.inodes[1], Regions().inodes[1]);
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        expectHolderFinishes(threads, 4);
+        expectSession0Replaced(first);
         EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
     });
 }
@@ -421,8 +419,8 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
 // buffer at once, and killing the hung reader afterwards changes nothing.
 TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const Regions first;
+        PATIENT_BENCH(bench, false);
+        const Regions first = regions();
         ReportingProcess hung;
         ASSERT_TRUE(startReader(hung, bench, "hung", stoppingAt(Step::MID_READ)));
         bench.playFrame(kChannel, 3, 2);
@@ -433,18 +431,15 @@ TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
         EXPECT_FALSE(blockedFrame.endsWithin(milliseconds(0))) << "the frame did not wait";
 
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
         ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-        const Regions replaced;
-        EXPECT_NE(first.inodes[0], replaced.inodes[0]);
-        EXPECT_EQ(first.inodes[1], replaced.inodes[1]);
+        expectSession0Replaced(first);
 
+        const Regions replaced = regions();
         hung.kill(SIGKILL);
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 4, 1); }));
+        ASSERT_TRUE(playsWithin(bench, 4));
         EXPECT_TRUE(next.reportsWithin(frameReport(4), 1000));
-        EXPECT_TRUE(replaced == Regions()) << "killing the hung reader replaced a buffer again";
+        EXPECT_EQ(replaced, regions()) << "killing the hung reader replaced a buffer again";
     });
 }
 
@@ -465,20 +460,21 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
         ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
 
         for (int nals = 4; nals <= 6; ++nals) {
-            ASSERT_TRUE(
-                endsWithin(milliseconds(5000), [&] { bench.playFrame(kChannel, nals, 1); }));
+            ASSERT_TRUE(playsWithin(bench, nals, milliseconds(5000)));
             ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
             EXPECT_EQ(static_cast<size_t>(nals), frame.nals.size());
         }
         EXPECT_EQ(3, bench.root().countLog("A/V DATA LOST(session=0) due to playengine holds"));
 
+        // Recording control and the stop reset the held buffer: each waits the bound at most.
         FILE* recording = tmpfile();
         ASSERT_NE(nullptr, recording);
-        EXPECT_TRUE(endsWithin(milliseconds(2000),
-                               [&] { bench.engine().startRecording(0, fileno(recording)); }));
-        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
+        for (const std::function<void()>& control : std::vector<std::function<void()>>{
+                 [&] { bench.engine().startRecording(0, fileno(recording)); },
+                 [&] { bench.engine().stopRecording(0); },
+                 [&] { bench.engine().stopTVService(0); }})
+            EXPECT_TRUE(endsWithin(milliseconds(2000), control));
         fclose(recording);
-        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
         EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
             << "a connected reader's buffer changed";
@@ -512,50 +508,39 @@ char connectAs(uid_t uid, const std::string& server, const std::string& own) {
     return client.readReport(30000);
 }
 
-// Another user's process may not take over the play engine's connection and its buffers,
-// even with umask 0 and directories open to everyone: the socket file is 0660.
-TEST(OtherUsersClient, CannotConnectToAPrivateSocketFile) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to run clients under other uids";
-    EXPECT_IN_CHILD({
-        umask(0);
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true);
-        struct stat status;
-        ASSERT_EQ(0, stat(bench.serverPath().c_str(), &status));
-        EXPECT_EQ(0660u, status.st_mode & 0777u);
-        for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
-        EXPECT_EQ('A', connectAs(4343, bench.serverPath(), bench.root().path() + "/other.socket"));
-    });
-}
-
-// A uid listed in the property is served though it shares no group with the engine: the
-// socket file is then open to all (0666) and the credentials decide, so any other uid is
-// still refused and the connected play engine keeps its frames.
+// Another user's process may not take over the play engine's connection and its buffers, even
+// with umask 0 and directories open to everyone: without listed uids the socket file keeps it
+// out; with a list (the file then open to all) the credentials refuse any uid not listed while
+// a listed one is served. Either way the connected play engine keeps its frames.
 TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to run clients under other uids";
-    EXPECT_IN_CHILD({
-        umask(0);
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true,
-                      {{"persist.mbbms.playengine.uids", "4243, 4242"}});
-        const std::string server = bench.serverPath();
-        struct stat status;
-        ASSERT_EQ(0, stat(server.c_str(), &status));
-        EXPECT_EQ(0666u, status.st_mode & 0777u);
-        for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
+    struct Case {
+        const char* listedUids;
+        char otherGets;
+    };
+    for (const Case& listing : {Case{"", 'A'}, Case{"4243, 4242", 'C'}}) {
+        SCOPED_TRACE(std::string("listed uids: '") + listing.listedUids + "'");
+        EXPECT_IN_CHILD({
+            umask(0);
+            EngineRig::Properties properties;
+            if (listing.listedUids[0] != '\0')
+                properties = {{"persist.mbbms.playengine.uids", listing.listedUids}};
+            SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, properties);
+            const std::string server = bench.serverPath(), root = bench.root().path();
+            for (const char* directory : {"", "/data", "/data/app"})
+                ASSERT_EQ(0, chmod((root + directory).c_str(), 0777));
 
-        EXPECT_EQ('C', connectAs(4343, server, bench.root().path() + "/other.socket"));
-        EXPECT_FALSE(bench.root().logContains("now force close former one"));
-
-        bench.playFrame(kChannel, 4, 1);
-        ReadFrame frame;
-        ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
-        EXPECT_EQ(4u, frame.nals.size());
-
-        EXPECT_EQ('S', connectAs(4242, server, bench.root().path() + "/listed.socket"));
-    });
+            EXPECT_EQ(listing.otherGets, connectAs(4343, server, root + "/other.socket"));
+            EXPECT_FALSE(bench.root().logContains("now force close former one"));
+            bench.playFrame(kChannel, 4, 1);
+            ReadFrame frame;
+            ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
+            EXPECT_EQ(4u, frame.nals.size());
+            if (listing.listedUids[0] != '\0')
+                EXPECT_EQ('S', connectAs(4242, server, root + "/listed.socket"));
+        });
+    }
 }
 
 }  // namespace
