@@ -35,16 +35,12 @@ TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
         auto frame = [&](int index) {
             agentSide->onOutputAVStart(40, nullptr, 0);
             for (int i = 0; i < 20; ++i)
-                agentSide->onClearVideoNalData(40, index, 0, unit.data(), unit.size(),
-                                               MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            agentSide->onClearVideoNalData(40, index, 0, first.data(), first.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_START);
-            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_MIDDLE);
-            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_END);
+                sendNal(agentSide, 40, unit, MBBMSAgent::NAL_FRAGMENT_COMPLETE, index);
+            sendNal(agentSide, 40, first, MBBMSAgent::NAL_FRAGMENT_START, index);
+            sendNal(agentSide, 40, middle, MBBMSAgent::NAL_FRAGMENT_MIDDLE, index);
+            sendNal(agentSide, 40, middle, MBBMSAgent::NAL_FRAGMENT_END, index);
             for (int i = 0; i < 10; ++i)
-                agentSide->onClearAudioAacFrame(40, index, i, audio.data(), audio.size());
+                sendAac(agentSide, 40, audio, index, i);
             agentSide->onOutputAVEnd(40, false);
         };
         frame(0);  // anything done once, lazily, happens here

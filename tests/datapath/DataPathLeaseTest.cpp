@@ -36,7 +36,7 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
         Bytes audio = pattern(100);
         for (int iteration = 0; iteration < 40; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+                ASSERT_EQ(0, bench.init());
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
             ASSERT_EQ(0, bench.startService(1, 7, kChannel));
@@ -47,11 +47,8 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
                 while (running.load()) {
                     agentSide->onOutputAVStart(kChannel, nullptr, 0);
                     for (int i = 0; i < 100; ++i) {
-                        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                                       static_cast<unsigned short>(unit.size()),
-                                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-                        agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
-                                                        static_cast<unsigned short>(audio.size()));
+                        sendNal(agentSide, kChannel, unit);
+                        sendAac(agentSide, kChannel, audio);
                     }
                     agentSide->onOutputAVEnd(kChannel, false);
                     frames++;
@@ -76,7 +73,7 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
         EXPECT_GT(bench.root().countLog("is abandoned, its buffers are unlocked"), 10);
 
         // A working engine after all of it: sessions start, a frame goes through, they stop.
-        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+        ASSERT_EQ(0, bench.init());
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
         AsyncCall frame([&] { deliverFrame(agentSide, kChannel, &unit, 1); });
         ASSERT_TRUE(frame.endsWithin(kBound));
@@ -96,21 +93,17 @@ TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
-        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                       static_cast<unsigned short>(unit.size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, kChannel, unit);
         AsyncCall deinit([&] { bench.engine().deinit(); });
         ASSERT_TRUE(deinit.endsWithin(kBound));
-        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+        ASSERT_EQ(0, bench.init());
         ASSERT_EQ("",
                   bench.reader.connect(bench.serverPath(), bench.root().path() + "/lease.socket"));
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
         // Still the old frame, from the agent's point of view.
         bench.root().clearLog();
-        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                       static_cast<unsigned short>(unit.size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, kChannel, unit);
         agentSide->onOutputAVEnd(kChannel, false);
         EXPECT_EQ(0u, bench.buffer(0)->nalCount);
         EXPECT_EQ(0u, bench.buffer(0)->dataLength);
@@ -137,11 +130,8 @@ TEST(DataPathLease, CallsFromAnotherThreadThanTheFrameStartAreStillDelivered) {
         Bytes audio = pattern(50, 4);
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
         std::thread other([&] {
-            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                           static_cast<unsigned short>(unit.size()),
-                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
-                                            static_cast<unsigned short>(audio.size()));
+            sendNal(agentSide, kChannel, unit);
+            sendAac(agentSide, kChannel, audio);
         });
         other.join();
         agentSide->onOutputAVEnd(kChannel, false);

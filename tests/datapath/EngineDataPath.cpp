@@ -19,8 +19,8 @@ int valueOf(CmmbSharedSemaphore* sem) {
 }
 
 void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit, Pos pos,
-             unsigned long tsBase) {
-    agentSide->onClearVideoNalData(channelID, tsBase, 0, unit.data(),
+             unsigned long tsBase, unsigned long tsRelative) {
+    agentSide->onClearVideoNalData(channelID, tsBase, tsRelative, unit.data(),
                                    static_cast<unsigned short>(unit.size()), pos);
 }
 
@@ -127,31 +127,25 @@ int EngineDataPath::startService(int session, int serviceID, int channelID, int 
 }
 
 void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onOutputAVStart(channelID, multiplexFrame.empty() ? nullptr : multiplexFrame.data(),
-                            static_cast<int>(multiplexFrame.size()));
+    fromAgent([&](MBBMSAgentCallback& cb) {
+        cb.onOutputAVStart(channelID, multiplexFrame.empty() ? nullptr : multiplexFrame.data(),
+                           static_cast<int>(multiplexFrame.size()));
     });
 }
 
 // The agent's buffers are writable; each call gets its own copy.
 void EngineDataPath::nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase,
                          unsigned long tsRelative) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearVideoNalData(channelID, tsBase, tsRelative, bytes.data(),
-                                static_cast<unsigned short>(bytes.size()), pos);
-    });
+    fromAgent(
+        [&](MBBMSAgentCallback& cb) { sendNal(&cb, channelID, bytes, pos, tsBase, tsRelative); });
 }
 
 void EngineDataPath::aac(int channelID, Bytes bytes, unsigned long tsBase) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearAudioAacFrame(channelID, tsBase, 0, bytes.data(),
-                                 static_cast<unsigned short>(bytes.size()));
-    });
+    fromAgent([&](MBBMSAgentCallback& cb) { sendAac(&cb, channelID, bytes, tsBase); });
 }
 
 void EngineDataPath::frameEnd(int channelID, bool withError) {
-    agent().runOnAgentThread(
-        [&](MBBMSAgentCallback* cb) { cb->onOutputAVEnd(channelID, withError); });
+    fromAgent([&](MBBMSAgentCallback& cb) { cb.onOutputAVEnd(channelID, withError); });
 }
 
 void EngineDataPath::playFrame(int channelID, int nals, int aacs, bool withError,

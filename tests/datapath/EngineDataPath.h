@@ -32,7 +32,8 @@ std::vector<int> regionDescriptors(int session = -1);
 // Straight through the agent's callback, on the calling thread and without allocating: one NAL
 // fragment, one audio frame, and one frame of complete units (unit i carries tsBase + i).
 void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit,
-             Pos pos = MBBMSAgent::NAL_FRAGMENT_COMPLETE, unsigned long tsBase = 0);
+             Pos pos = MBBMSAgent::NAL_FRAGMENT_COMPLETE, unsigned long tsBase = 0,
+             unsigned long tsRelative = 0);
 void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigned long tsBase = 0,
              unsigned long tsRelative = 0);
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
-#include <future>
 #include <regex>
 #include <sstream>
 
@@ -101,18 +101,14 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
         for (bool frameOpen : {false, true}) {
             if (frameOpen)
                 bench.frameStart(40);
-            auto start =
-                std::async(std::launch::async, [&] { return bench.startService(1, 8, 41); });
-            EXPECT_EQ(frameOpen, start.wait_for(std::chrono::milliseconds(200)) ==
-                                     std::future_status::timeout);
+            std::atomic<int> started{-2};
+            AsyncCall start([&] { started = bench.startService(1, 8, 41); });
+            EXPECT_EQ(!frameOpen, start.endsWithin(std::chrono::milliseconds(200)));
             if (frameOpen)
                 bench.frameEnd(40);
-            if (start.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
-                ADD_FAILURE() << "start did not return: the session lock is still taken";
-                fflush(nullptr);
-                _exit(1);  // the blocked thread cannot be joined
-            }
-            EXPECT_EQ(0, start.get());
+            ASSERT_TRUE(start.endsWithin(std::chrono::seconds(20)))
+                << "start did not return: the session lock is still taken";
+            EXPECT_EQ(0, started.load());
             EXPECT_EQ(0, bench.engine().stopTVService(1));
         }
     });

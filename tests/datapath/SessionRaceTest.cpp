@@ -101,14 +101,12 @@ TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
         const auto bound = std::chrono::seconds(10);
         for (int iteration = 0; iteration < 100; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+                ASSERT_EQ(0, bench.init());
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
             agentSide->onOutputAVStart(kChannel, nullptr, 0);
-            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                           static_cast<unsigned short>(unit.size()),
-                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            sendNal(agentSide, kChannel, unit);
             std::vector<AsyncCall> waiting;
             waiting.emplace_back([&] { bench.engine().stopTVService(0); });
             waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });
