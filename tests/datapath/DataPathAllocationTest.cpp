@@ -26,10 +26,9 @@ extern "C" void* realloc(void* pointer, size_t size) {
 TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
     EXPECT_IN_CHILD({
         // The default switches (ERROR, WARNING, MAIN): one log line per frame and session.
-        SERVING_BENCH(bench, 40, "ERROR,WARNING,MAIN");
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING,MAIN");
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
         ASSERT_EQ(0, bench.startService(1, 7, 40));
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
         Bytes unit = nalUnit(4, 0x65, 900), first = nalUnit(3, 0x41, 400), middle = pattern(300),
               audio = pattern(180);
         auto frame = [&](int index) {

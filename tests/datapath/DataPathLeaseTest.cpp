@@ -28,10 +28,7 @@ const auto kBound = std::chrono::seconds(10);
 // dropped, and after a new init frames flow again with no lock left taken.
 TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", false);
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING", false);
         Bytes unit = nalUnit(4, 0x41, 200);
         Bytes audio = pattern(100);
         for (int iteration = 0; iteration < 40; ++iteration) {
@@ -54,18 +51,15 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
                     frames++;
                 }
             });
-            const auto giveUp = std::chrono::steady_clock::now() + kBound;
-            while (frames.load() < 1 + iteration % 3 && std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::yield();
-            ASSERT_GT(frames.load(), 0) << "no frame went through, iteration " << iteration;
+            ASSERT_TRUE(holdsWithin(kBound, [&] { return frames.load() > iteration % 3; }))
+                << "no frame went through, iteration " << iteration;
 
             AsyncCall deinit([&] { bench.engine().deinit(); });
             ASSERT_TRUE(deinit.endsWithin(kBound)) << "deinit hangs, iteration " << iteration;
             // The agent goes on delivering into an engine without a session manager.
             const long afterDeinit = frames.load();
-            while (frames.load() < afterDeinit + 2 && std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::yield();
-            EXPECT_GE(frames.load(), afterDeinit + 2) << "the agent's thread is stuck";
+            EXPECT_TRUE(holdsWithin(kBound, [&] { return frames.load() >= afterDeinit + 2; }))
+                << "the agent's thread is stuck";
             running.store(false);
             ASSERT_TRUE(agentThread.endsWithin(kBound));
         }
@@ -86,9 +80,7 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
 // first frame is written whole.
 TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", false);
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING", false);
         Bytes unit = nalUnit(4, 0x41, 64);
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 

@@ -11,11 +11,19 @@
 #include <utility>
 
 #include "FakeAgentAccess.h"
+#include "UniqueHandle.h"
 
 int valueOf(CmmbSharedSemaphore* sem) {
     int value = -1;
     cmmb_sem_getvalue(sem, &value);
     return value;
+}
+
+bool holdsWithin(std::chrono::milliseconds bound, const std::function<bool()>& condition) {
+    const auto giveUp = std::chrono::steady_clock::now() + bound;
+    while (!condition() && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::yield();
+    return condition();
 }
 
 void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit, Pos pos,
@@ -57,17 +65,17 @@ std::vector<int> regionDescriptors(int session) {
     const std::string name =
         "/memfd:cmmb_shared_memory_" + (session < 0 ? "" : std::to_string(session) + " ");
     std::vector<int> fds;
-    DIR* descriptors = opendir("/proc/self/fd");
-    if (descriptors == nullptr)
+    const UniqueDir descriptors(opendir("/proc/self/fd"));
+    if (!descriptors)
         return fds;
-    while (dirent* entry = readdir(descriptors)) {
+    const int listing = dirfd(descriptors.get());
+    while (dirent* entry = readdir(descriptors.get())) {
         char target[256] = {};
-        if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(descriptors) &&
-            readlinkat(dirfd(descriptors), entry->d_name, target, sizeof(target) - 1) > 0 &&
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != listing &&
+            readlinkat(listing, entry->d_name, target, sizeof(target) - 1) > 0 &&
             strncmp(target, name.c_str(), name.size()) == 0)
             fds.push_back(atoi(entry->d_name));
     }
-    closedir(descriptors);
     return fds;
 }
 

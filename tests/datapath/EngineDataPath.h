@@ -39,6 +39,9 @@ void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigne
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
                   unsigned long tsBase = 0);
 
+// Whether `condition` holds within `bound`, polled while yielding.
+bool holdsWithin(std::chrono::milliseconds bound, const std::function<bool()>& condition);
+
 // Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
 // not end in time is left behind: the test has failed and its process ends soon after.
 class AsyncCall {
@@ -123,5 +126,13 @@ private:
     EngineDataPath bench{__VA_ARGS__};     \
     ASSERT_EQ("", bench.setUpError());     \
     ASSERT_EQ(0, bench.startService(0, 7, channel))
+
+// Declares `bench` (built from the arguments after `agentSide`), set up, and `agentSide`, the
+// engine's callback the agent holds, for calls straight from the test's own threads.
+#define AGENT_BENCH(bench, agentSide, ...)                    \
+    EngineDataPath bench{__VA_ARGS__};                        \
+    ASSERT_EQ("", bench.setUpError());                        \
+    MBBMSAgentCallback* agentSide = bench.agent().callback(); \
+    ASSERT_NE(nullptr, agentSide)
 
 #endif  // TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H

@@ -25,6 +25,7 @@
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 #include "OpenDescriptors.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -82,23 +83,20 @@ public:
         int fds[2];
         if (pipe(fds) != 0)
             return false;
+        mPipe.reset(fds[0]);
         mPid = ::fork();
         if (mPid == 0) {
-            close(fds[0]);
             body(fds[1]);
             _exit(1);
         }
         close(fds[1]);
-        mPipe = fds[0];
         return mPid > 0;
     }
     // The next report, or 0 when none comes within the bound.
     char readReport(int timeoutMs = 20000) {
-        pollfd entry = {mPipe, POLLIN, 0};
+        pollfd entry = {mPipe.get(), POLLIN, 0};
         char report = 0;
-        if (poll(&entry, 1, timeoutMs) != 1 || read(mPipe, &report, 1) != 1)
-            return 0;
-        return report;
+        return poll(&entry, 1, timeoutMs) == 1 && read(mPipe.get(), &report, 1) == 1 ? report : 0;
     }
     // True when `wanted` comes, each report before it within the bound, after other frame
     // reports only.
@@ -116,14 +114,12 @@ public:
         if (signal == SIGKILL) {
             waitpid(mPid, nullptr, 0);
             mPid = -1;
-            close(mPipe);
-            mPipe = -1;
         }
     }
 
 private:
     pid_t mPid = -1;
-    int mPipe = -1;
+    UniqueFd mPipe;
 };
 
 // The fields of a buffer that every frame start writes, marked by a reader that holds the
@@ -145,33 +141,21 @@ bool markIntact(const CmmbSharedBuffer* b) {
 // Where a reader stops in its contract for a frame of session 0.
 enum class Step { NONE, AFTER_AVAILABLE, HOLDING_LOCK, MID_READ, COUNTS_CLEARED };
 
-// How a reader reads: where it stops for good, and how long it keeps the lock of its
-// `holdFrom`th frame (counted from 1) and every later one, reporting kHolding and then
-// kReleased.
-struct ReaderPlan {
-    Step stopAt = Step::NONE;
-    int holdFrom = 0;
-    int holdMs = 0;
-    int frames = -1;  // frames to read before reporting kDone and exiting; -1: no end
-};
-
-ReaderPlan holding(int holdFrom, int holdMs, int frames) {
-    return ReaderPlan{Step::NONE, holdFrom, holdMs, frames};
-}
-
-// Follows the reader contract on session 0 by `plan`, reporting every frame read.
-void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
-    auto stopAt = [&](Step here) {
-        if (here == plan.stopAt)
+// Follows the reader contract on session 0, reporting every frame read, and stops for good at
+// `stopAt`. With `frames`, it reports kDone and exits after that many, keeping the lock of the
+// last one for `holdLastMs` (reporting kHolding, then kReleased).
+void readFrames(CmmbSharedBuffer* b, int fd, Step stopAt, int frames = -1, int holdLastMs = 0) {
+    auto stopHere = [&](Step here) {
+        if (here == stopAt)
             reportAndWait(fd, kStopped);
     };
-    for (int frame = 1; plan.frames < 0 || frame <= plan.frames; ++frame) {
+    for (int frame = 1; frames < 0 || frame <= frames; ++frame) {
         if (cmmb_sem_timedwait(&b->mutexDataAvailable, 30000) != 0)
             _exit(6);
-        stopAt(Step::AFTER_AVAILABLE);
+        stopHere(Step::AFTER_AVAILABLE);
         if (cmmb_sem_timedwait(&b->mutexDataAccessable, 30000) != 0)
             _exit(7);
-        stopAt(Step::HOLDING_LOCK);
+        stopHere(Step::HOLDING_LOCK);
         const int nals = static_cast<int>(std::min<uint32_t>(b->nalCount, 25));
         unsigned sum = 0;
         for (int i = 0; i < nals; ++i)
@@ -179,17 +163,17 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
         if (sum == ~0u)  // keeps the reads from being left out
             _exit(5);
         markBuffer(b);
-        stopAt(Step::MID_READ);
-        const bool hold = plan.holdFrom > 0 && frame >= plan.holdFrom;
+        stopHere(Step::MID_READ);
+        const bool hold = holdLastMs > 0 && frame == frames;
         if (hold) {
             sendReport(fd, kHolding);
-            usleep(plan.holdMs * 1000);
+            usleep(holdLastMs * 1000);
         }
         if (!markIntact(b))
             reportAndWait(fd, kMarkerBroken);
         b->nalCount = 0;
         b->aacCount = 0;
-        stopAt(Step::COUNTS_CLEARED);
+        stopHere(Step::COUNTS_CLEARED);
         cmmb_sem_post(&b->mutexDataAccessable);
         if (valueOf(&b->mutexDataAccessable) > 1)
             reportAndWait(fd, kLockAboveOne);
@@ -202,9 +186,9 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
 }
 
 // A play engine process: connects from `name`.socket, maps the buffers, reports kConnected,
-// then reads by `plan`.
+// then reads until it stops at `stopAt`.
 bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const std::string& name,
-                 const ReaderPlan& plan) {
+                 Step stopAt = Step::NONE) {
     const std::string server = bench.serverPath(),
                       own = bench.root().path() + "/" + name + ".socket";
     return reader.fork([&](int fd) {
@@ -212,18 +196,14 @@ bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const st
         if (!engineSide.connect(server, own).empty())
             _exit(2);
         sendReport(fd, kConnected);
-        readFrames(engineSide.buffer(0), fd, plan);
+        readFrames(engineSide.buffer(0), fd, stopAt);
     }) && reader.readReport() == kConnected;
-}
-
-ReaderPlan stoppingAt(Step step) {
-    return ReaderPlan{step};
 }
 
 // A new play engine connects while another holds or kept session 0's lock: its first frame
 // goes through at once.
 void expectNewcomerServed(EngineDataPath& bench, ReportingProcess& next) {
-    ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
+    ASSERT_TRUE(startReader(next, bench, "next"));
     ASSERT_TRUE(playsWithin(bench, 5));
     EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
 }
@@ -245,7 +225,7 @@ TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
         PATIENT_BENCH(bench, false);
         const Regions first = regions();
         ReportingProcess dying;
-        ASSERT_TRUE(startReader(dying, bench, "dying", stoppingAt(GetParam())));
+        ASSERT_TRUE(startReader(dying, bench, "dying", GetParam()));
         bench.playFrame(kChannel, 3, 2);
         ASSERT_EQ(kStopped, dying.readReport());
         // The agent's thread is blocked in a frame start when the reader holds the lock.
@@ -289,7 +269,7 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
             if (cycle == 1)
                 before = openDescriptors();  // after the first connection has set up
             ReportingProcess reader;
-            ASSERT_TRUE(startReader(reader, bench, "cycle", stoppingAt(Step::MID_READ)));
+            ASSERT_TRUE(startReader(reader, bench, "cycle", Step::MID_READ));
             // Each reader is handed a fresh region: the one before it was left locked.
             handedOut.insert(regionInodeInThisProcess(0));
             // The reader may take the lock for a frame signalled earlier, before this frame
@@ -301,9 +281,8 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
             ASSERT_TRUE(playsWithin(bench, 2)) << "cycle " << cycle;
         }
         // The command thread may still be closing the last connection.
-        for (int i = 0; i < 100 && openDescriptors() != before; ++i)
-            std::this_thread::sleep_for(milliseconds(10));
-        EXPECT_EQ(before, openDescriptors());
+        EXPECT_TRUE(holdsWithin(milliseconds(1000), [&] { return openDescriptors() == before; }))
+            << openDescriptors() << " descriptors open, " << before << " before";
         EXPECT_EQ(static_cast<size_t>(kConnectAndKillCycles + 1), handedOut.size());
     });
 }
@@ -325,7 +304,7 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             const pid_t child = ::fork();
             if (child == 0) {
                 engineSide.hangUp();  // the child's copy of the connection
-                readFrames(engineSide.buffer(0), fd, holding(3, 1000, 3));
+                readFrames(engineSide.buffer(0), fd, Step::NONE, 3, 1000);
             }
             sendReport(fd, child > 0 ? kConnected : 'E');
             _exit(0);  // the parent leaves; its connection ends
@@ -358,7 +337,7 @@ TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
         PATIENT_BENCH(bench, false);
         const Regions first = regions();
         ReportingProcess hung;
-        ASSERT_TRUE(startReader(hung, bench, "hung", stoppingAt(Step::MID_READ)));
+        ASSERT_TRUE(startReader(hung, bench, "hung", Step::MID_READ));
         bench.playFrame(kChannel, 3, 2);
         ASSERT_EQ(kStopped, hung.readReport());
         hung.kill(SIGSTOP);
@@ -402,15 +381,12 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
         }
         EXPECT_EQ(3, bench.root().countLog("A/V DATA LOST(session=0) due to playengine holds"));
 
-        // Recording control and the stop reset the held buffer: each waits the bound at most.
-        FILE* recording = tmpfile();
-        ASSERT_NE(nullptr, recording);
-        for (const std::function<void()>& control : std::vector<std::function<void()>>{
-                 [&] { bench.engine().startRecording(0, fileno(recording)); },
-                 [&] { bench.engine().stopRecording(0); },
-                 [&] { bench.engine().stopTVService(0); }})
-            EXPECT_TRUE(endsWithin(milliseconds(2000), control));
-        fclose(recording);
+        UniqueFile recording(tmpfile());
+        ASSERT_TRUE(recording);
+        EXPECT_TRUE(endsWithin(milliseconds(2000),
+                               [&] { bench.engine().startRecording(0, fileno(recording.get())); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
+        EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
         EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
             << "a connected reader's buffer changed";
