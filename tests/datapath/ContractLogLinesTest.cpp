@@ -3,31 +3,18 @@
 // line, each a child with its own engine (session 0 showing a service on channel 40).
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-
 #include "ChildProcess.h"
+#include "ContractLineTable.h"
 #include "EngineDataPath.h"
 
 namespace {
 
-struct ContractLine {
-    const char* name;
-    const char* category;
-    const char* function;
-    const char* text;
-    int count;
-    std::function<void(EngineDataPath&)> provoke;
-};
+using Line = ContractLine<EngineDataPath>;
 
-void PrintTo(const ContractLine& line, std::ostream* out) {
-    *out << line.name;
-}
-
-class DataPathContractLine : public testing::TestWithParam<ContractLine> {};
+class DataPathContractLine : public testing::TestWithParam<Line> {};
 
 TEST_P(DataPathContractLine, IsLoggedUnderItsOperation) {
-    const ContractLine line = GetParam();
+    const Line line = GetParam();
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         line.provoke(bench);
@@ -46,11 +33,13 @@ void frameWithDropsThenStop(EngineDataPath& bench) {
     bench.engine().stopTVService(0);
 }
 
-void nothing(EngineDataPath&) {}
+Line scenarioLine(const char* name, const char* category, const char* function, const char* text) {
+    return Line{name, category, function, text, frameWithDropsThenStop};
+}
 
-ContractLine scenarioLine(const char* name, const char* category, const char* function,
-                          const char* text, int count = 1) {
-    return ContractLine{name, category, function, text, count, frameWithDropsThenStop};
+// A frame on channel 55, which no session shows.
+void unknownChannel(EngineDataPath& bench) {
+    bench.playFrame(55, 1, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -65,46 +54,42 @@ INSTANTIATE_TEST_SUITE_P(
         scenarioLine("StopReleases", "SEMAPHORE", "stop", "mutexSessionChangable++"),
         scenarioLine("FrameStartTakes", "SEMAPHORE", "onOutputAVStart", "mutexSessionChangable--"),
         scenarioLine("FrameEndReleases", "SEMAPHORE", "onOutputAVEnd", "mutexSessionChangable++"),
-        ContractLine{"Mapped", "ENGINE", "initSharedBuffers", "mmap is ok, size=74772", 2, nothing},
-        ContractLine{"FrameNotFetched", "WARNING", "onOutputAVStart",
-                     "A/V DATA LOST(nalCount=3, aacCount=2) due to playengine doesn't fetch them "
-                     "in time",
-                     1,
-                     [](EngineDataPath& bench) {
-                         bench.playFrame(40, 3, 2);
-                         bench.playFrame(40, 1, 1);
-                     }},
-        ContractLine{"FrameWithError", "WARNING", "onOutputAVEnd",
-                     "after demux, withError = true, DROP this MFS frame", 1,
-                     [](EngineDataPath& bench) { bench.playFrame(40, 2, 2, true); }},
-        ContractLine{"UnknownChannelAtStart", "WARNING", "onOutputAVStart",
-                     "channelIDToIndex(55)=-1", 1,
-                     [](EngineDataPath& bench) { bench.playFrame(55, 1, 1); }},
-        ContractLine{"UnknownChannelOfNal", "WARNING", "onClearVideoNalData",
-                     "channelIDToIndex(55)=-1", 1,
-                     [](EngineDataPath& bench) { bench.playFrame(55, 1, 1); }},
-        ContractLine{"UnknownChannelOfAac", "WARNING", "onClearAudioAacFrame",
-                     "channelIDToIndex(55)=-1", 1,
-                     [](EngineDataPath& bench) { bench.playFrame(55, 1, 1); }},
-        ContractLine{"FrameReset", "DATA_MFS", "resetSharedBuffer",
-                     "One MFS frame is reset(nalCount=5, aacCount=2)", 1,
-                     [](EngineDataPath& bench) {
-                         bench.buffer(1)->nalCount = 5;
-                         bench.buffer(1)->aacCount = 2;
-                         bench.engine().stopTVService(1);
-                     }},
-        ContractLine{"WrongSession", "ERROR", "start", "Wrong mSessionID=2", 1,
-                     [](EngineDataPath& bench) { bench.startService(2, 7, 40); }},
-        ContractLine{"WrongSessionToStop", "ERROR", "stop", "Wrong mSessionID=2", 1,
-                     [](EngineDataPath& bench) { bench.engine().stopTVService(2); }},
-        ContractLine{"OtherFrequency", "ERROR", "start",
-                     "SessionManager::start(): working on freq=20, can't switch to freq=22", 1,
-                     [](EngineDataPath& bench) {
-                         bench.agent().setResult("getFrequency", 20);
-                         bench.startService(1, 8, 41, 22);
-                     }},
-        ContractLine{"NotStarted", "WARNING", "stop", "session(1) not started yet", 1,
-                     [](EngineDataPath& bench) { bench.engine().stopTVService(1); }}),
-    [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
+        Line{"Mapped", "ENGINE", "initSharedBuffers", "mmap is ok, size=74772",
+             [](EngineDataPath&) {}, 2},
+        Line{"FrameNotFetched", "WARNING", "onOutputAVStart",
+             "A/V DATA LOST(nalCount=3, aacCount=2) due to playengine doesn't fetch them in time",
+             [](EngineDataPath& bench) {
+                 bench.playFrame(40, 3, 2);
+                 bench.playFrame(40, 1, 1);
+             }},
+        Line{"FrameWithError", "WARNING", "onOutputAVEnd",
+             "after demux, withError = true, DROP this MFS frame",
+             [](EngineDataPath& bench) { bench.playFrame(40, 2, 2, true); }},
+        Line{"UnknownChannelAtStart", "WARNING", "onOutputAVStart", "channelIDToIndex(55)=-1",
+             unknownChannel},
+        Line{"UnknownChannelOfNal", "WARNING", "onClearVideoNalData", "channelIDToIndex(55)=-1",
+             unknownChannel},
+        Line{"UnknownChannelOfAac", "WARNING", "onClearAudioAacFrame", "channelIDToIndex(55)=-1",
+             unknownChannel},
+        Line{"FrameReset", "DATA_MFS", "resetSharedBuffer",
+             "One MFS frame is reset(nalCount=5, aacCount=2)",
+             [](EngineDataPath& bench) {
+                 bench.buffer(1)->nalCount = 5;
+                 bench.buffer(1)->aacCount = 2;
+                 bench.engine().stopTVService(1);
+             }},
+        Line{"WrongSession", "ERROR", "start", "Wrong mSessionID=2",
+             [](EngineDataPath& bench) { bench.startService(2, 7, 40); }},
+        Line{"WrongSessionToStop", "ERROR", "stop", "Wrong mSessionID=2",
+             [](EngineDataPath& bench) { bench.engine().stopTVService(2); }},
+        Line{"OtherFrequency", "ERROR", "start",
+             "SessionManager::start(): working on freq=20, can't switch to freq=22",
+             [](EngineDataPath& bench) {
+                 bench.agent().setResult("getFrequency", 20);
+                 bench.startService(1, 8, 41, 22);
+             }},
+        Line{"NotStarted", "WARNING", "stop", "session(1) not started yet",
+             [](EngineDataPath& bench) { bench.engine().stopTVService(1); }}),
+    ContractLineName());
 
 }  // namespace

@@ -26,25 +26,20 @@ extern "C" void* realloc(void* pointer, size_t size) {
 TEST(DataPathAllocation, BurstOfFramesAllocatesNothing) {
     EXPECT_IN_CHILD({
         // The default switches (ERROR, WARNING, MAIN): one log line per frame and session.
-        SERVING_BENCH(bench, 40, "ERROR,WARNING,MAIN");
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING,MAIN");
+        ASSERT_EQ(0, bench.startService(0, 7, 40));
         ASSERT_EQ(0, bench.startService(1, 7, 40));
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
         Bytes unit = nalUnit(4, 0x65, 900), first = nalUnit(3, 0x41, 400), middle = pattern(300),
               audio = pattern(180);
         auto frame = [&](int index) {
             agentSide->onOutputAVStart(40, nullptr, 0);
             for (int i = 0; i < 20; ++i)
-                agentSide->onClearVideoNalData(40, index, 0, unit.data(), unit.size(),
-                                               MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            agentSide->onClearVideoNalData(40, index, 0, first.data(), first.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_START);
-            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_MIDDLE);
-            agentSide->onClearVideoNalData(40, index, 0, middle.data(), middle.size(),
-                                           MBBMSAgent::NAL_FRAGMENT_END);
+                sendNal(agentSide, 40, unit, MBBMSAgent::NAL_FRAGMENT_COMPLETE, index);
+            sendNal(agentSide, 40, first, MBBMSAgent::NAL_FRAGMENT_START, index);
+            sendNal(agentSide, 40, middle, MBBMSAgent::NAL_FRAGMENT_MIDDLE, index);
+            sendNal(agentSide, 40, middle, MBBMSAgent::NAL_FRAGMENT_END, index);
             for (int i = 0; i < 10; ++i)
-                agentSide->onClearAudioAacFrame(40, index, i, audio.data(), audio.size());
+                sendAac(agentSide, 40, audio, index, i);
             agentSide->onOutputAVEnd(40, false);
         };
         frame(0);  // anything done once, lazily, happens here

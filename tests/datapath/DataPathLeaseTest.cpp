@@ -28,15 +28,12 @@ const auto kBound = std::chrono::seconds(10);
 // dropped, and after a new init frames flow again with no lock left taken.
 TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", false);
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING", false);
         Bytes unit = nalUnit(4, 0x41, 200);
         Bytes audio = pattern(100);
         for (int iteration = 0; iteration < 40; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+                ASSERT_EQ(0, bench.init());
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
             ASSERT_EQ(0, bench.startService(1, 7, kChannel));
@@ -47,28 +44,22 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
                 while (running.load()) {
                     agentSide->onOutputAVStart(kChannel, nullptr, 0);
                     for (int i = 0; i < 100; ++i) {
-                        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                                       static_cast<unsigned short>(unit.size()),
-                                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-                        agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
-                                                        static_cast<unsigned short>(audio.size()));
+                        sendNal(agentSide, kChannel, unit);
+                        sendAac(agentSide, kChannel, audio);
                     }
                     agentSide->onOutputAVEnd(kChannel, false);
                     frames++;
                 }
             });
-            const auto giveUp = std::chrono::steady_clock::now() + kBound;
-            while (frames.load() < 1 + iteration % 3 && std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::yield();
-            ASSERT_GT(frames.load(), 0) << "no frame went through, iteration " << iteration;
+            ASSERT_TRUE(holdsWithin(kBound, [&] { return frames.load() > iteration % 3; }))
+                << "no frame went through, iteration " << iteration;
 
             AsyncCall deinit([&] { bench.engine().deinit(); });
             ASSERT_TRUE(deinit.endsWithin(kBound)) << "deinit hangs, iteration " << iteration;
             // The agent goes on delivering into an engine without a session manager.
             const long afterDeinit = frames.load();
-            while (frames.load() < afterDeinit + 2 && std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::yield();
-            EXPECT_GE(frames.load(), afterDeinit + 2) << "the agent's thread is stuck";
+            EXPECT_TRUE(holdsWithin(kBound, [&] { return frames.load() >= afterDeinit + 2; }))
+                << "the agent's thread is stuck";
             running.store(false);
             ASSERT_TRUE(agentThread.endsWithin(kBound));
         }
@@ -76,7 +67,7 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
         EXPECT_GT(bench.root().countLog("is abandoned, its buffers are unlocked"), 10);
 
         // A working engine after all of it: sessions start, a frame goes through, they stop.
-        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+        ASSERT_EQ(0, bench.init());
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
         AsyncCall frame([&] { deliverFrame(agentSide, kChannel, &unit, 1); });
         ASSERT_TRUE(frame.endsWithin(kBound));
@@ -89,28 +80,22 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
 // first frame is written whole.
 TEST(DataPathLease, ARevokedFrameDoesNotReachTheNextSessionManager) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING", false);
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING", false);
         Bytes unit = nalUnit(4, 0x41, 64);
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
-        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                       static_cast<unsigned short>(unit.size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, kChannel, unit);
         AsyncCall deinit([&] { bench.engine().deinit(); });
         ASSERT_TRUE(deinit.endsWithin(kBound));
-        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+        ASSERT_EQ(0, bench.init());
         ASSERT_EQ("",
                   bench.reader.connect(bench.serverPath(), bench.root().path() + "/lease.socket"));
         ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
         // Still the old frame, from the agent's point of view.
         bench.root().clearLog();
-        agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                       static_cast<unsigned short>(unit.size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, kChannel, unit);
         agentSide->onOutputAVEnd(kChannel, false);
         EXPECT_EQ(0u, bench.buffer(0)->nalCount);
         EXPECT_EQ(0u, bench.buffer(0)->dataLength);
@@ -137,11 +122,8 @@ TEST(DataPathLease, CallsFromAnotherThreadThanTheFrameStartAreStillDelivered) {
         Bytes audio = pattern(50, 4);
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
         std::thread other([&] {
-            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                           static_cast<unsigned short>(unit.size()),
-                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            agentSide->onClearAudioAacFrame(kChannel, 0, 0, audio.data(),
-                                            static_cast<unsigned short>(audio.size()));
+            sendNal(agentSide, kChannel, unit);
+            sendAac(agentSide, kChannel, audio);
         });
         other.join();
         agentSide->onOutputAVEnd(kChannel, false);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "FakeAgentAccess.h"
+#include "UniqueHandle.h"
 
 int valueOf(CmmbSharedSemaphore* sem) {
     int value = -1;
@@ -18,13 +19,30 @@ int valueOf(CmmbSharedSemaphore* sem) {
     return value;
 }
 
+bool holdsWithin(std::chrono::milliseconds bound, const std::function<bool()>& condition) {
+    const auto giveUp = std::chrono::steady_clock::now() + bound;
+    while (!condition() && std::chrono::steady_clock::now() < giveUp)
+        std::this_thread::yield();
+    return condition();
+}
+
+void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit, Pos pos,
+             unsigned long tsBase, unsigned long tsRelative) {
+    agentSide->onClearVideoNalData(channelID, tsBase, tsRelative, unit.data(),
+                                   static_cast<unsigned short>(unit.size()), pos);
+}
+
+void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigned long tsBase,
+             unsigned long tsRelative) {
+    agentSide->onClearAudioAacFrame(channelID, tsBase, tsRelative, frame.data(),
+                                    static_cast<unsigned short>(frame.size()));
+}
+
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
                   unsigned long tsBase) {
     agentSide->onOutputAVStart(channelID, nullptr, 0);
     for (int i = 0; i < count; ++i)
-        agentSide->onClearVideoNalData(channelID, tsBase + i, 0, units[i].data(),
-                                       static_cast<unsigned short>(units[i].size()),
-                                       MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+        sendNal(agentSide, channelID, units[i], MBBMSAgent::NAL_FRAGMENT_COMPLETE, tsBase + i);
     agentSide->onOutputAVEnd(channelID, false);
 }
 
@@ -43,24 +61,28 @@ std::string PlayEngineReader::connect(const std::string& serverPath,
     return status == TAVO_PE_OK ? "" : tavo_pe_status_text(status);
 }
 
-// The first descriptor of this process whose link names the session's region.
-static bool statRegionDescriptor(int session, struct stat* status) {
-    const std::string name = "memfd:cmmb_shared_memory_" + std::to_string(session);
-    DIR* descriptors = opendir("/proc/self/fd");
-    if (descriptors == nullptr)
-        return false;
-    bool found = false;
-    while (dirent* entry = readdir(descriptors)) {
+std::vector<int> regionDescriptors(int session) {
+    const std::string name =
+        "/memfd:cmmb_shared_memory_" + (session < 0 ? "" : std::to_string(session) + " ");
+    std::vector<int> fds;
+    const UniqueDir descriptors(opendir("/proc/self/fd"));
+    if (!descriptors)
+        return fds;
+    const int listing = dirfd(descriptors.get());
+    while (dirent* entry = readdir(descriptors.get())) {
         char target[256] = {};
-        const std::string link = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(link.c_str(), target, sizeof(target) - 1) <= 0 ||
-            strncmp(target, ("/" + name + " ").c_str(), name.size() + 2) != 0)
-            continue;
-        found = stat(link.c_str(), status) == 0;
-        break;
+        if (entry->d_name[0] != '.' && atoi(entry->d_name) != listing &&
+            readlinkat(listing, entry->d_name, target, sizeof(target) - 1) > 0 &&
+            strncmp(target, name.c_str(), name.size()) == 0)
+            fds.push_back(atoi(entry->d_name));
     }
-    closedir(descriptors);
-    return found;
+    return fds;
+}
+
+// The status of the first descriptor of this process that refers to the session's region.
+static bool statRegionDescriptor(int session, struct stat* status) {
+    const std::vector<int> fds = regionDescriptors(session);
+    return !fds.empty() && fstat(fds[0], status) == 0;
 }
 
 off_t PlayEngineReader::regionSize(int session) const {
@@ -113,31 +135,25 @@ int EngineDataPath::startService(int session, int serviceID, int channelID, int 
 }
 
 void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onOutputAVStart(channelID, multiplexFrame.empty() ? nullptr : multiplexFrame.data(),
-                            static_cast<int>(multiplexFrame.size()));
+    fromAgent([&](MBBMSAgentCallback& cb) {
+        cb.onOutputAVStart(channelID, multiplexFrame.empty() ? nullptr : multiplexFrame.data(),
+                           static_cast<int>(multiplexFrame.size()));
     });
 }
 
 // The agent's buffers are writable; each call gets its own copy.
 void EngineDataPath::nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase,
                          unsigned long tsRelative) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearVideoNalData(channelID, tsBase, tsRelative, bytes.data(),
-                                static_cast<unsigned short>(bytes.size()), pos);
-    });
+    fromAgent(
+        [&](MBBMSAgentCallback& cb) { sendNal(&cb, channelID, bytes, pos, tsBase, tsRelative); });
 }
 
 void EngineDataPath::aac(int channelID, Bytes bytes, unsigned long tsBase) {
-    agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-        cb->onClearAudioAacFrame(channelID, tsBase, 0, bytes.data(),
-                                 static_cast<unsigned short>(bytes.size()));
-    });
+    fromAgent([&](MBBMSAgentCallback& cb) { sendAac(&cb, channelID, bytes, tsBase); });
 }
 
 void EngineDataPath::frameEnd(int channelID, bool withError) {
-    agent().runOnAgentThread(
-        [&](MBBMSAgentCallback* cb) { cb->onOutputAVEnd(channelID, withError); });
+    fromAgent([&](MBBMSAgentCallback& cb) { cb.onOutputAVEnd(channelID, withError); });
 }
 
 void EngineDataPath::playFrame(int channelID, int nals, int aacs, bool withError,

@@ -27,10 +27,20 @@ int valueOf(CmmbSharedSemaphore* sem);
 // process without a play engine holds only the engine's own), or -1. A replaced buffer is a
 // new region and so a new inode.
 long long regionInodeInThisProcess(int session);
-// One frame of complete units straight through the agent's callback, on the calling thread
-// and without allocating; unit i carries tsBase + i.
+// The descriptors of this process that refer to the region of `session` (-1: of either).
+std::vector<int> regionDescriptors(int session = -1);
+// Straight through the agent's callback, on the calling thread and without allocating: one NAL
+// fragment, one audio frame, and one frame of complete units (unit i carries tsBase + i).
+void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit,
+             Pos pos = MBBMSAgent::NAL_FRAGMENT_COMPLETE, unsigned long tsBase = 0,
+             unsigned long tsRelative = 0);
+void sendAac(MBBMSAgentCallback* agentSide, int channelID, Bytes& frame, unsigned long tsBase = 0,
+             unsigned long tsRelative = 0);
 void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, int count,
                   unsigned long tsBase = 0);
+
+// Whether `condition` holds within `bound`, polled while yielding.
+bool holdsWithin(std::chrono::milliseconds bound, const std::function<bool()>& condition);
 
 // Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
 // not end in time is left behind: the test has failed and its process ends soon after.
@@ -116,5 +126,13 @@ private:
     EngineDataPath bench{__VA_ARGS__};     \
     ASSERT_EQ("", bench.setUpError());     \
     ASSERT_EQ(0, bench.startService(0, 7, channel))
+
+// Declares `bench` (built from the arguments after `agentSide`), set up, and `agentSide`, the
+// engine's callback the agent holds, for calls straight from the test's own threads.
+#define AGENT_BENCH(bench, agentSide, ...)                    \
+    EngineDataPath bench{__VA_ARGS__};                        \
+    ASSERT_EQ("", bench.setUpError());                        \
+    MBBMSAgentCallback* agentSide = bench.agent().callback(); \
+    ASSERT_NE(nullptr, agentSide)
 
 #endif  // TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H

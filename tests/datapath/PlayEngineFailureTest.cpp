@@ -8,16 +8,13 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -28,6 +25,7 @@
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 #include "OpenDescriptors.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -35,14 +33,18 @@ using std::chrono::milliseconds;
 
 const int kChannel = 40;
 const char kLockTimeoutProperty[] = "persist.mbbms.playengine.lock_timeout_ms";
-// The engine's regions now, to be compared after a step that may replace one of them.
-struct Regions {
-    Regions() : inodes{regionInodeInThisProcess(0), regionInodeInThisProcess(1)} {}
-    bool operator==(const Regions& other) const {
-        return inodes[0] == other.inodes[0] && inodes[1] == other.inodes[1];
-    }
-    long long inodes[2];
-};
+// The engine's regions (their inodes) now, to be compared after a step that may replace one.
+using Regions = std::array<long long, 2>;
+
+Regions regions() {
+    return {regionInodeInThisProcess(0), regionInodeInThisProcess(1)};
+}
+
+// Session 0 showing service 7, with a lock bound far beyond the checks here: only replacing a
+// buffer can let the agent go on in time.
+#define PATIENT_BENCH(bench, connectPlayEngine)                        \
+    SERVING_BENCH(bench, kChannel, "ERROR,WARNING", connectPlayEngine, \
+                  {{kLockTimeoutProperty, "60000"}})
 
 // Reports of a reader process, one byte each. A frame read is reported as kFrame plus its
 // number of NAL units (at most 25).
@@ -55,6 +57,10 @@ char frameReport(int nals) {
 
 bool endsWithin(milliseconds bound, const std::function<void()>& fn) {
     return AsyncCall(fn).endsWithin(bound);
+}
+
+bool playsWithin(EngineDataPath& bench, int nals, milliseconds bound = milliseconds(1000)) {
+    return endsWithin(bound, [&] { bench.playFrame(kChannel, nals, 1); });
 }
 
 void sendReport(int fd, char what) {
@@ -77,36 +83,29 @@ public:
         int fds[2];
         if (pipe(fds) != 0)
             return false;
+        mPipe.reset(fds[0]);
         mPid = ::fork();
         if (mPid == 0) {
-            close(fds[0]);
             body(fds[1]);
             _exit(1);
         }
         close(fds[1]);
-        mPipe = fds[0];
         return mPid > 0;
     }
     // The next report, or 0 when none comes within the bound.
     char readReport(int timeoutMs = 20000) {
-        pollfd entry = {mPipe, POLLIN, 0};
+        pollfd entry = {mPipe.get(), POLLIN, 0};
         char report = 0;
-        if (poll(&entry, 1, timeoutMs) != 1 || read(mPipe, &report, 1) != 1)
-            return 0;
-        return report;
+        return poll(&entry, 1, timeoutMs) == 1 && read(mPipe.get(), &report, 1) == 1 ? report : 0;
     }
-    // True when `wanted` comes within the bound, after at most a few other frame reports.
+    // True when `wanted` comes, each report before it within the bound, after other frame
+    // reports only.
     bool reportsWithin(char wanted, int timeoutMs) {
-        const auto end = std::chrono::steady_clock::now() + milliseconds(timeoutMs);
-        for (;;) {
-            const auto left =
-                std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
-            const char report = readReport(static_cast<int>(std::max<long long>(left.count(), 0)));
-            if (report == wanted)
-                return true;
-            if (report == 0 || report == kMarkerBroken || report == kLockAboveOne)
-                return false;
+        char report = 0;
+        while ((report = readReport(timeoutMs)) != 0 && report != wanted &&
+               report != kMarkerBroken && report != kLockAboveOne) {
         }
+        return report == wanted;
     }
     void kill(int signal) {
         if (mPid <= 0)
@@ -115,14 +114,12 @@ public:
         if (signal == SIGKILL) {
             waitpid(mPid, nullptr, 0);
             mPid = -1;
-            close(mPipe);
-            mPipe = -1;
         }
     }
 
 private:
     pid_t mPid = -1;
-    int mPipe = -1;
+    UniqueFd mPipe;
 };
 
 // The fields of a buffer that every frame start writes, marked by a reader that holds the
@@ -136,41 +133,29 @@ void markBuffer(CmmbSharedBuffer* b) {
 }
 
 bool markIntact(const CmmbSharedBuffer* b) {
-    if (b->dataLength != kMark || b->nal[CMMB_NAL_RECORD_SLOTS - 1].pos != kMark)
-        return false;
-    for (size_t i = CMMB_PAYLOAD_SIZE - 64; i < CMMB_PAYLOAD_SIZE; ++i) {
-        if (b->data[i] != 0x5A)
-            return false;
-    }
-    return true;
+    const unsigned char* tail = b->data + CMMB_PAYLOAD_SIZE - 64;
+    return b->dataLength == kMark && b->nal[CMMB_NAL_RECORD_SLOTS - 1].pos == kMark &&
+           std::all_of(tail, tail + 64, [](unsigned char byte) { return byte == 0x5A; });
 }
 
 // Where a reader stops in its contract for a frame of session 0.
 enum class Step { NONE, AFTER_AVAILABLE, HOLDING_LOCK, MID_READ, COUNTS_CLEARED };
 
-// How a reader reads: where it stops for good, and how long it keeps the lock of its
-// `holdFrom`th frame (counted from 1) and every later one, reporting kHolding and then
-// kReleased.
-struct ReaderPlan {
-    Step stopAt = Step::NONE;
-    int holdFrom = 0;
-    int holdMs = 0;
-    int frames = -1;  // frames to read before reporting kDone and exiting; -1: no end
-};
-
-// Follows the reader contract on session 0 by `plan`, reporting every frame read.
-void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
-    auto stopAt = [&](Step here) {
-        if (here == plan.stopAt)
+// Follows the reader contract on session 0, reporting every frame read, and stops for good at
+// `stopAt`. With `frames`, it reports kDone and exits after that many, keeping the lock of the
+// last one for `holdLastMs` (reporting kHolding, then kReleased).
+void readFrames(CmmbSharedBuffer* b, int fd, Step stopAt, int frames = -1, int holdLastMs = 0) {
+    auto stopHere = [&](Step here) {
+        if (here == stopAt)
             reportAndWait(fd, kStopped);
     };
-    for (int frame = 1; plan.frames < 0 || frame <= plan.frames; ++frame) {
+    for (int frame = 1; frames < 0 || frame <= frames; ++frame) {
         if (cmmb_sem_timedwait(&b->mutexDataAvailable, 30000) != 0)
             _exit(6);
-        stopAt(Step::AFTER_AVAILABLE);
+        stopHere(Step::AFTER_AVAILABLE);
         if (cmmb_sem_timedwait(&b->mutexDataAccessable, 30000) != 0)
             _exit(7);
-        stopAt(Step::HOLDING_LOCK);
+        stopHere(Step::HOLDING_LOCK);
         const int nals = static_cast<int>(std::min<uint32_t>(b->nalCount, 25));
         unsigned sum = 0;
         for (int i = 0; i < nals; ++i)
@@ -178,17 +163,17 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
         if (sum == ~0u)  // keeps the reads from being left out
             _exit(5);
         markBuffer(b);
-        stopAt(Step::MID_READ);
-        const bool hold = plan.holdFrom > 0 && frame >= plan.holdFrom;
+        stopHere(Step::MID_READ);
+        const bool hold = holdLastMs > 0 && frame == frames;
         if (hold) {
             sendReport(fd, kHolding);
-            usleep(plan.holdMs * 1000);
+            usleep(holdLastMs * 1000);
         }
         if (!markIntact(b))
             reportAndWait(fd, kMarkerBroken);
         b->nalCount = 0;
         b->aacCount = 0;
-        stopAt(Step::COUNTS_CLEARED);
+        stopHere(Step::COUNTS_CLEARED);
         cmmb_sem_post(&b->mutexDataAccessable);
         if (valueOf(&b->mutexDataAccessable) > 1)
             reportAndWait(fd, kLockAboveOne);
@@ -201,9 +186,9 @@ void readFrames(CmmbSharedBuffer* b, int fd, const ReaderPlan& plan) {
 }
 
 // A play engine process: connects from `name`.socket, maps the buffers, reports kConnected,
-// then reads by `plan`.
+// then reads until it stops at `stopAt`.
 bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const std::string& name,
-                 const ReaderPlan& plan) {
+                 Step stopAt = Step::NONE) {
     const std::string server = bench.serverPath(),
                       own = bench.root().path() + "/" + name + ".socket";
     return reader.fork([&](int fd) {
@@ -211,14 +196,23 @@ bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const st
         if (!engineSide.connect(server, own).empty())
             _exit(2);
         sendReport(fd, kConnected);
-        readFrames(engineSide.buffer(0), fd, plan);
+        readFrames(engineSide.buffer(0), fd, stopAt);
     }) && reader.readReport() == kConnected;
 }
 
-ReaderPlan stoppingAt(Step step) {
-    ReaderPlan plan;
-    plan.stopAt = step;
-    return plan;
+// A new play engine connects while another holds or kept session 0's lock: its first frame
+// goes through at once.
+void expectNewcomerServed(EngineDataPath& bench, ReportingProcess& next) {
+    ASSERT_TRUE(startReader(next, bench, "next"));
+    ASSERT_TRUE(playsWithin(bench, 5));
+    EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
+}
+
+// Session 0's buffer was replaced since `first`, session 1's was not.
+void expectSession0Replaced(const Regions& first) {
+    const Regions now = regions();
+    EXPECT_NE(first[0], now[0]);
+    EXPECT_EQ(first[1], now[1]) << "session 1 was free";
 }
 
 class ReaderDies : public ::testing::TestWithParam<Step> {};
@@ -228,12 +222,10 @@ class ReaderDies : public ::testing::TestWithParam<Step> {};
 // frame at once.
 TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
     EXPECT_IN_CHILD({
-        // With a lock bound far beyond the checks below, only replacing the buffer can let
-        // the agent go on in time.
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const Regions first;
+        PATIENT_BENCH(bench, false);
+        const Regions first = regions();
         ReportingProcess dying;
-        ASSERT_TRUE(startReader(dying, bench, "dying", stoppingAt(GetParam())));
+        ASSERT_TRUE(startReader(dying, bench, "dying", GetParam()));
         bench.playFrame(kChannel, 3, 2);
         ASSERT_EQ(kStopped, dying.readReport());
         // The agent's thread is blocked in a frame start when the reader holds the lock.
@@ -243,14 +235,11 @@ TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
         ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
 
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-
-        const bool heldTheLock = GetParam() != Step::AFTER_AVAILABLE;
-        const Regions now;
-        EXPECT_EQ(heldTheLock, now.inodes[0] != first.inodes[0]);
-        EXPECT_EQ(first.inodes[1], now.inodes[1]) << "session 1 was free";
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        if (GetParam() != Step::AFTER_AVAILABLE)
+            expectSession0Replaced(first);
+        else
+            EXPECT_EQ(first, regions()) << "replaced though the reader never held the lock";
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().deinit(); }));
     });
@@ -273,14 +262,14 @@ const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
 // Each cycle replaces session 0's buffer; the old regions' descriptors and mappings go.
 TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        PATIENT_BENCH(bench, false);
         int before = -1;
         std::set<long long> handedOut;
         for (int cycle = 0; cycle <= kConnectAndKillCycles; ++cycle) {
             if (cycle == 1)
                 before = openDescriptors();  // after the first connection has set up
             ReportingProcess reader;
-            ASSERT_TRUE(startReader(reader, bench, "cycle", stoppingAt(Step::MID_READ)));
+            ASSERT_TRUE(startReader(reader, bench, "cycle", Step::MID_READ));
             // Each reader is handed a fresh region: the one before it was left locked.
             handedOut.insert(regionInodeInThisProcess(0));
             // The reader may take the lock for a frame signalled earlier, before this frame
@@ -289,13 +278,11 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
             ASSERT_EQ(kStopped, reader.readReport()) << "cycle " << cycle;
             reader.kill(SIGKILL);
             ASSERT_TRUE(frame.endsWithin(milliseconds(1000))) << "cycle " << cycle;
-            ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 2, 1); }))
-                << "cycle " << cycle;
+            ASSERT_TRUE(playsWithin(bench, 2)) << "cycle " << cycle;
         }
         // The command thread may still be closing the last connection.
-        for (int i = 0; i < 100 && openDescriptors() != before; ++i)
-            std::this_thread::sleep_for(milliseconds(10));
-        EXPECT_EQ(before, openDescriptors());
+        EXPECT_TRUE(holdsWithin(milliseconds(1000), [&] { return openDescriptors() == before; }))
+            << openDescriptors() << " descriptors open, " << before << " before";
         EXPECT_EQ(static_cast<size_t>(kConnectAndKillCycles + 1), handedOut.size());
     });
 }
@@ -306,9 +293,9 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
 // gets a fresh buffer, and nothing is written into the child's.
 TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
+        PATIENT_BENCH(bench, false);
         const std::string server = bench.serverPath(), own = bench.root().path() + "/parent.socket";
-        const Regions first;
+        const Regions first = regions();
         ReportingProcess family;
         ASSERT_TRUE(family.fork([&](int fd) {
             PlayEngineReader engineSide;
@@ -317,11 +304,7 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             const pid_t child = ::fork();
             if (child == 0) {
                 engineSide.hangUp();  // the child's copy of the connection
-                ReaderPlan plan;
-                plan.holdFrom = 3;
-                plan.holdMs = 1000;
-                plan.frames = 3;
-                readFrames(engineSide.buffer(0), fd, plan);
+                readFrames(engineSide.buffer(0), fd, Step::NONE, 3, 1000);
             }
             sendReport(fd, child > 0 ? kConnected : 'E');
             _exit(0);  // the parent leaves; its connection ends
@@ -333,86 +316,16 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
             bench.playFrame(kChannel, 3, 2);
             EXPECT_EQ(frameReport(3), family.readReport()) << "frame " << frame;
         }
-        EXPECT_TRUE(first == Regions()) << "a buffer whose lock was free changed";
+        EXPECT_EQ(first, regions()) << "a buffer whose lock was free changed";
 
         bench.playFrame(kChannel, 4, 2);
         ASSERT_EQ(kHolding, family.readReport());
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
         EXPECT_EQ(kReleased, family.readReport()) << "the child's buffer was written";
         EXPECT_EQ(frameReport(4), family.readReport());
         EXPECT_EQ(kDone, family.readReport());
-        EXPECT_NE(first.inodes[0], Regions().inodes[0]);
-        EXPECT_EQ(first.inodes[1], Regions().inodes[1]);
-    });
-}
-
-// A play engine whose main thread has ended while its reader thread reads on is still
-// connected: the engine waits for the thread's lock and the buffer stays. When a new play
-// engine pushes it out while the thread holds the lock, the newcomer gets a fresh buffer and
-// nothing is written into the thread's.
-TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer cannot start a thread in a child forked from threads";
-#endif
-#if TAVO_EMULATED
-    GTEST_SKIP() << "qemu-user aborts when a child forked from threads starts a thread";
-#endif
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const std::string server = bench.serverPath(),
-                          own = bench.root().path() + "/threads.socket";
-        static int reportFd;
-        static CmmbSharedBuffer* shared;
-        const Regions first;
-        ReportingProcess threads;
-        ASSERT_TRUE(threads.fork([&](int fd) {
-            static PlayEngineReader engineSide;  // outlives the main thread
-            if (!engineSide.connect(server, own).empty())
-                _exit(2);
-            reportFd = fd;
-            shared = engineSide.buffer(0);
-            pthread_t reader;
-            auto run = [](void*) -> void* {
-                ReaderPlan plan;
-                plan.holdFrom = 1;
-                plan.holdMs = 500;
-                plan.frames = 2;
-                readFrames(shared, reportFd, plan);
-                return nullptr;
-            };
-            if (pthread_create(&reader, nullptr, run, nullptr) != 0)
-                _exit(3);
-            sendReport(fd, kConnected);
-            // Ends the main thread alone, without unwinding: the objects of the engine's
-            // process that this fork copied are not to be destroyed here.
-            syscall(SYS_exit, 0);
-            _exit(8);
-        }));
-        ASSERT_EQ(kConnected, threads.readReport());
-
-        bench.playFrame(kChannel, 3, 2);
-        ASSERT_EQ(kHolding, threads.readReport());
-        // Waits for the reader thread's lock, and ends once the thread gives it back.
-        AsyncCall second([&] { bench.playFrame(kChannel, 4, 2); });
-        EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
-        EXPECT_EQ(frameReport(3), threads.readReport());
-        ASSERT_TRUE(second.endsWithin(milliseconds(5000)));
-        EXPECT_TRUE(first == Regions()) << "the buffer of a connected reader was replaced";
-
-        ASSERT_EQ(kHolding, threads.readReport());
-        ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-        EXPECT_EQ(kReleased, threads.readReport()) << "the buffer was written under the reader";
-        EXPECT_EQ(frameReport(4), threads.readReport());
-        EXPECT_EQ(kDone, threads.readReport());
-        EXPECT_NE(first.inodes[0], Regions().inodes[0]);
-        EXPECT_EQ(first.inodes[1], Regions().inodes[1]);
-        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
+        expectSession0Replaced(first);
     });
 }
 
@@ -421,10 +334,10 @@ TEST(ReaderMainThreadEnds, TheReaderThreadKeepsItsBuffer) {
 // buffer at once, and killing the hung reader afterwards changes nothing.
 TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
     EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false, {{kLockTimeoutProperty, "60000"}});
-        const Regions first;
+        PATIENT_BENCH(bench, false);
+        const Regions first = regions();
         ReportingProcess hung;
-        ASSERT_TRUE(startReader(hung, bench, "hung", stoppingAt(Step::MID_READ)));
+        ASSERT_TRUE(startReader(hung, bench, "hung", Step::MID_READ));
         bench.playFrame(kChannel, 3, 2);
         ASSERT_EQ(kStopped, hung.readReport());
         hung.kill(SIGSTOP);
@@ -433,18 +346,15 @@ TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
         EXPECT_FALSE(blockedFrame.endsWithin(milliseconds(0))) << "the frame did not wait";
 
         ReportingProcess next;
-        ASSERT_TRUE(startReader(next, bench, "next", ReaderPlan()));
+        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
         ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 5, 1); }));
-        EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
-        const Regions replaced;
-        EXPECT_NE(first.inodes[0], replaced.inodes[0]);
-        EXPECT_EQ(first.inodes[1], replaced.inodes[1]);
+        expectSession0Replaced(first);
 
+        const Regions replaced = regions();
         hung.kill(SIGKILL);
-        ASSERT_TRUE(endsWithin(milliseconds(1000), [&] { bench.playFrame(kChannel, 4, 1); }));
+        ASSERT_TRUE(playsWithin(bench, 4));
         EXPECT_TRUE(next.reportsWithin(frameReport(4), 1000));
-        EXPECT_TRUE(replaced == Regions()) << "killing the hung reader replaced a buffer again";
+        EXPECT_EQ(replaced, regions()) << "killing the hung reader replaced a buffer again";
     });
 }
 
@@ -465,19 +375,17 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
         ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
 
         for (int nals = 4; nals <= 6; ++nals) {
-            ASSERT_TRUE(
-                endsWithin(milliseconds(5000), [&] { bench.playFrame(kChannel, nals, 1); }));
+            ASSERT_TRUE(playsWithin(bench, nals, milliseconds(5000)));
             ASSERT_TRUE(bench.reader.readFrame(1, &frame, 5000));
             EXPECT_EQ(static_cast<size_t>(nals), frame.nals.size());
         }
         EXPECT_EQ(3, bench.root().countLog("A/V DATA LOST(session=0) due to playengine holds"));
 
-        FILE* recording = tmpfile();
-        ASSERT_NE(nullptr, recording);
+        UniqueFile recording(tmpfile());
+        ASSERT_TRUE(recording);
         EXPECT_TRUE(endsWithin(milliseconds(2000),
-                               [&] { bench.engine().startRecording(0, fileno(recording)); }));
+                               [&] { bench.engine().startRecording(0, fileno(recording.get())); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
-        fclose(recording);
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
         EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
@@ -512,50 +420,40 @@ char connectAs(uid_t uid, const std::string& server, const std::string& own) {
     return client.readReport(30000);
 }
 
-// Another user's process may not take over the play engine's connection and its buffers,
-// even with umask 0 and directories open to everyone: the socket file is 0660.
-TEST(OtherUsersClient, CannotConnectToAPrivateSocketFile) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to run clients under other uids";
-    EXPECT_IN_CHILD({
-        umask(0);
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true);
-        struct stat status;
-        ASSERT_EQ(0, stat(bench.serverPath().c_str(), &status));
-        EXPECT_EQ(0660u, status.st_mode & 0777u);
-        for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
-        EXPECT_EQ('A', connectAs(4343, bench.serverPath(), bench.root().path() + "/other.socket"));
-    });
-}
-
-// A uid listed in the property is served though it shares no group with the engine: the
-// socket file is then open to all (0666) and the credentials decide, so any other uid is
-// still refused and the connected play engine keeps its frames.
+// Another user's process may not take over the play engine's connection and its buffers, even
+// with umask 0 and directories open to everyone: without listed uids the socket file keeps it
+// out; with a list (the file then open to all) the credentials refuse any uid not listed while
+// a listed one is served. Either way the connected play engine keeps its frames.
 TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to run clients under other uids";
-    EXPECT_IN_CHILD({
-        umask(0);
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true,
-                      {{"persist.mbbms.playengine.uids", "4243, 4242"}});
-        const std::string server = bench.serverPath();
-        struct stat status;
-        ASSERT_EQ(0, stat(server.c_str(), &status));
-        EXPECT_EQ(0666u, status.st_mode & 0777u);
-        for (const char* directory : {"", "/data", "/data/app"})
-            ASSERT_EQ(0, chmod((bench.root().path() + directory).c_str(), 0777));
+    struct Case {
+        const char* listedUids;
+        char otherGets;
+    };
+    for (const Case& listing : {Case{"", 'A'}, Case{"4243, 4242", 'C'}}) {
+        SCOPED_TRACE(std::string("listed uids: '") + listing.listedUids + "'");
+        EXPECT_IN_CHILD({
+            umask(0);
+            EngineRig::Properties properties;
+            if (listing.listedUids[0] != '\0')
+                properties = {{"persist.mbbms.playengine.uids", listing.listedUids}};
+            SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, properties);
+            const std::string server = bench.serverPath(), root = bench.root().path();
+            for (const char* directory : {"", "/data", "/data/app"})
+                ASSERT_EQ(0, chmod((root + directory).c_str(), 0777));
 
-        EXPECT_EQ('C', connectAs(4343, server, bench.root().path() + "/other.socket"));
-        EXPECT_FALSE(bench.root().logContains("now force close former one"));
-
-        bench.playFrame(kChannel, 4, 1);
-        ReadFrame frame;
-        ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
-        EXPECT_EQ(4u, frame.nals.size());
-
-        EXPECT_EQ('S', connectAs(4242, server, bench.root().path() + "/listed.socket"));
-    });
+            EXPECT_EQ(listing.otherGets, connectAs(4343, server, root + "/other.socket"));
+            EXPECT_FALSE(bench.root().logContains("now force close former one"));
+            bench.playFrame(kChannel, 4, 1);
+            ReadFrame frame;
+            ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
+            EXPECT_EQ(4u, frame.nals.size());
+            if (listing.listedUids[0] != '\0') {
+                EXPECT_EQ('S', connectAs(4242, server, root + "/listed.socket"));
+            }
+        });
+    }
 }
 
 }  // namespace

@@ -24,10 +24,7 @@ const int kUnits = 6;
 
 TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR,WARNING");
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
+        AGENT_BENCH(bench, agentSide, "ERROR,WARNING");
         Bytes units[kUnits];
         for (int i = 0; i < kUnits; ++i)
             units[i] = nalUnit(4, 0x41, 64 + i, static_cast<unsigned char>(i));
@@ -59,9 +56,7 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
         // Lets frames through while sessions are attached (bounded: a stuck agent fails).
         auto letFramesThrough = [&](long count) {
             const long target = framesDelivered.load() + count;
-            const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-            while (framesDelivered.load() < target && std::chrono::steady_clock::now() < giveUp)
-                std::this_thread::yield();
+            holdsWithin(std::chrono::seconds(20), [&] { return framesDelivered.load() >= target; });
         };
         int started = 0;
         for (int round = 0; round < 300; ++round) {
@@ -93,22 +88,17 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
 // and nothing is used after deinit freed it (ThreadSanitizer and AddressSanitizer builds).
 TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
     EXPECT_IN_CHILD({
-        EngineDataPath bench("ERROR", false);
-        ASSERT_EQ("", bench.setUpError());
-        MBBMSAgentCallback* agentSide = bench.agent().callback();
-        ASSERT_NE(nullptr, agentSide);
+        AGENT_BENCH(bench, agentSide, "ERROR", false);
         Bytes unit = nalUnit(4, 0x41, 64);
         const auto bound = std::chrono::seconds(10);
         for (int iteration = 0; iteration < 100; ++iteration) {
             if (iteration > 0) {
-                ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
+                ASSERT_EQ(0, bench.init());
             }
             ASSERT_EQ(0, bench.startService(0, 7, kChannel));
 
             agentSide->onOutputAVStart(kChannel, nullptr, 0);
-            agentSide->onClearVideoNalData(kChannel, 0, 0, unit.data(),
-                                           static_cast<unsigned short>(unit.size()),
-                                           MBBMSAgent::NAL_FRAGMENT_COMPLETE);
+            sendNal(agentSide, kChannel, unit);
             std::vector<AsyncCall> waiting;
             waiting.emplace_back([&] { bench.engine().stopTVService(0); });
             waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "IngestionBench.h"
@@ -17,10 +18,11 @@ const int COMPLETE = MBBMSAgent::NAL_FRAGMENT_COMPLETE;
 // The pos of the next free NAL record: none open (3), opened by START (2), had a MIDDLE (0).
 const uint32_t kNone = 3, kStarted = 2, kMiddle = 0;
 
-Bytes joined(std::initializer_list<Bytes> parts) {
+// The parts one after the other; the first without its 4-byte start code.
+Bytes stored(std::initializer_list<Bytes> parts) {
     Bytes all;
     for (const Bytes& part : parts)
-        all.insert(all.end(), part.begin(), part.end());
+        all.insert(all.end(), part.begin() + (all.empty() ? 4 : 0), part.end());
     return all;
 }
 
@@ -75,15 +77,13 @@ TEST_F(IngestionTest, FragmentStateTable) {
     const uint32_t offsets[] = {0, 6, 52, 60, 85}, lengths[] = {6, 46, 8, 25, 7};
     const unsigned firstStep[] = {2, 3, 7, 8, 16};
     for (int u = 0; u < 5; ++u) {
-        EXPECT_EQ(offsets[u], b->nal[u].offset) << "unit " << u;
-        EXPECT_EQ(lengths[u], b->nal[u].length) << "unit " << u;
-        EXPECT_EQ(kNone, b->nal[u].pos) << "unit " << u;
-        EXPECT_EQ(1000 + firstStep[u], b->nal[u].tsBase) << "unit " << u;
-        EXPECT_EQ(firstStep[u], b->nal[u].tsRelative) << "unit " << u;
+        const CmmbNalRecord& r = b->nal[u];
+        EXPECT_EQ(std::make_tuple(offsets[u], lengths[u], kNone, 1000 + firstStep[u], firstStep[u]),
+                  std::make_tuple(r.offset, r.length, r.pos, r.tsBase, r.tsRelative))
+            << "unit " << u;
     }
-    EXPECT_EQ(joined({Bytes(sent[8].begin() + 4, sent[8].end()), sent[9], sent[10], sent[11]}),
-              nalPayload(3));
-    EXPECT_EQ(Bytes(sent[16].begin() + 4, sent[16].end()), nalPayload(4));
+    EXPECT_EQ(stored({sent[8], sent[9], sent[10], sent[11]}), nalPayload(3));
+    EXPECT_EQ(stored({sent[16]}), nalPayload(4));
 }
 
 // A first fragment without a 3- or 4-byte start code is dropped; an open unit is released
@@ -145,8 +145,8 @@ TEST_F(IngestionTest, AudioBetweenFragmentsKeepsBothItemsWhole) {
     nal(next, COMPLETE);
 
     ASSERT_EQ(2u, b->nalCount);
-    EXPECT_EQ(joined({Bytes(first.begin() + 4, first.end()), middle, last}), nalPayload(0));
-    EXPECT_EQ(Bytes(next.begin() + 4, next.end()), nalPayload(1));
+    EXPECT_EQ(stored({first, middle, last}), nalPayload(0));
+    EXPECT_EQ(stored({next}), nalPayload(1));
     ASSERT_EQ(2u, b->aacCount);
     for (int i = 0; i < 2; ++i) {
         ASSERT_EQ(7 + audio.size(), b->aac[i].length);
@@ -256,7 +256,7 @@ TEST_F(IngestionTest, RegionRewrittenBetweenFragmentsIsIgnored) {
     EXPECT_EQ(unitOffset, b->nal[0].offset);
     EXPECT_EQ(unitLength, b->nal[0].length);
     EXPECT_EQ(kNone, b->nal[0].pos);
-    EXPECT_EQ(joined({Bytes(first.begin() + 4, first.end()), middle, last}), nalPayload(0));
+    EXPECT_EQ(stored({first, middle, last}), nalPayload(0));
     EXPECT_EQ(audio, payload(66 + 7, 50));
 }
 
