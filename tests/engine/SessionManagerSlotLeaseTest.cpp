@@ -101,13 +101,13 @@ TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
     EXPECT_EQ(manager, retired.get().get());
 }
 
-// The bracket's thread calls into the manager as fast as it can while retire() runs at a
 // Reads the manager as a data callback would, without the frame's locks: the race under test
 // is only about whether the object is still alive.
 int touch(SessionManager* manager, int channelID) NO_THREAD_SAFETY_ANALYSIS {
     return manager->channelIDToIndex(channelID);
 }
 
+// The bracket's thread calls into the manager as fast as it can while retire() runs at a
 // random moment; once a call finds no lease, none finds it again, and the manager is
 // deleted right after retire() returns.
 TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
