@@ -14,7 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -22,7 +21,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -98,36 +96,32 @@ public:
     // memory, the tool runs with a small one so that the figure is the repair's own.
     void measureMemory() { mMeasuresMemory = true; }
 
-    // Starts the tool with `arguments` under `mask`; wait() collects it.
+    // Starts the tool (behind an emulator if any) with `arguments` under `mask`.
     pid_t start(const std::vector<std::string>& arguments, mode_t mask = 022) {
         std::vector<std::string> command;
-        std::istringstream words(TAVO_REPAIR_TOOL);  // the tool, behind an emulator if any
+        std::istringstream words(TAVO_REPAIR_TOOL);
         for (std::string word; words >> word;)
             command.push_back(word);
         command.insert(command.end(), arguments.begin(), arguments.end());
-        const std::string outPath = outputPath("out"), errPath = outputPath("err");
         const pid_t child = fork();
-        if (child == 0) {
-            umask(mask);
-            if (mMeasuresMemory) {
-                const char* options = getenv("ASAN_OPTIONS");
-                setenv("ASAN_OPTIONS",
-                       (std::string(options != nullptr ? options : "") + ":quarantine_size_mb=1")
-                           .c_str(),
-                       1);
-            }
-            const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
-                _exit(126);
-            std::vector<char*> argv;
-            for (std::string& word : command)
-                argv.push_back(&word[0]);
-            argv.push_back(nullptr);
-            execvp(argv[0], argv.data());
-            _exit(127);
+        if (child != 0)
+            return child;
+        umask(mask);
+        if (mMeasuresMemory) {
+            const char* options = getenv("ASAN_OPTIONS");
+            const std::string existing = options != nullptr ? options : "";
+            setenv("ASAN_OPTIONS", (existing + ":quarantine_size_mb=1").c_str(), 1);
         }
-        return child;
+        const int out = open(streamPath("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int err = open(streamPath("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
+            _exit(126);
+        std::vector<char*> argv;
+        for (std::string& word : command)
+            argv.push_back(&word[0]);
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
     }
 
     ToolRun wait(pid_t child) {
@@ -139,8 +133,8 @@ public:
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         run.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
         run.maxRssKb = usage.ru_maxrss;
-        run.out = readTextFile(outputPath("out"));
-        run.err = readTextFile(outputPath("err"));
+        run.out = readTextFile(streamPath("out"));
+        run.err = readTextFile(streamPath("err"));
         return run;
     }
 
@@ -149,34 +143,26 @@ public:
     }
 
 private:
-    // The tool's captured streams live beside the test directory, not in it, so that they
-    // never show up in its listing.
-    std::string outputPath(const std::string& stream) const { return mDirectory + "." + stream; }
+    // Beside the test directory, not in it, so that they never show up in its listing.
+    std::string streamPath(const std::string& stream) const { return mDirectory + "." + stream; }
 
     std::string mDirectory;
     bool mMeasuresMemory = false;
 };
 
-// The names in a directory; false when it cannot be read. readdir64: directory offsets
-// need not fit 32 bits.
-bool readDirectory(const std::string& path, std::set<std::string>* names) {
-    DIR* directory = opendir(path.c_str());
-    if (directory == nullptr)
-        return false;
-    errno = 0;
-    while (const dirent64* entry = readdir64(directory)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            names->insert(name);
-    }
-    const bool complete = errno == 0;
-    closedir(directory);
-    return complete;
-}
-
+// The names in a directory (readdir64: directory offsets need not fit 32 bits).
 std::set<std::string> listDirectory(const std::string& path) {
     std::set<std::string> names;
-    EXPECT_TRUE(readDirectory(path, &names)) << path << ": " << strerror(errno);
+    DIR* directory = opendir(path.c_str());
+    if (directory == nullptr) {
+        ADD_FAILURE() << path << ": " << strerror(errno);
+        return names;
+    }
+    while (const dirent64* entry = readdir64(directory)) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+            names.insert(entry->d_name);
+    }
+    closedir(directory);
     return names;
 }
 
@@ -185,23 +171,16 @@ void waitUntilOpen(pid_t pid, const std::string& path) {
     char* real = realpath(path.c_str(), nullptr);
     const std::string target = real != nullptr ? real : path;
     free(real);
-    const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
-    for (int wait = 0; wait < 50000; ++wait) {
-        std::set<std::string> names;
-        readDirectory(fds, &names);
-        for (const std::string& name : names) {
+    for (int wait = 0; wait < 20000; ++wait) {
+        for (int fd = 0; fd < 256; ++fd) {
             char link[4096];
-            const ssize_t size = readlink((fds + "/" + name).c_str(), link, sizeof(link));
-            if (size > 0 && std::string(link, static_cast<size_t>(size)) == target)
+            const std::string name = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+            const ssize_t size = readlink(name.c_str(), link, sizeof(link));
+            if (size > 0 && target == std::string(link, static_cast<size_t>(size)))
                 return;
         }
         usleep(200);
     }
-}
-
-bool exists(const std::string& path) {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
 }
 
 class RepairHostileInput : public ::testing::Test {
@@ -325,41 +304,6 @@ TEST_F(RepairHostileInput, RunningOutOfMemoryIsAResultNotAnException) {
     });
 }
 
-TEST_F(RepairHostileInput, ARecordingThatShrinksWhileItIsReadFailsCleanly) {
-    // In a child: a fault on a vanished page would end it, and show here as a failure.
-    EXPECT_IN_CHILD({
-        const CraftedRecording recording = plausibleRecording(600);  // about 24 MB
-        const std::string in = path("shrinking.3gp");
-        int shrank = 0;
-        for (int attempt = 0; attempt < 12; ++attempt) {
-            ASSERT_TRUE(recording.writeTo(in));
-            const int inFd = open(in.c_str(), O_RDONLY);
-            const int outFd = open(path("shrinking.out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-            std::atomic<bool> started{false};
-            std::thread shrinker([&] {
-                while (!started)
-                    std::this_thread::yield();
-                usleep(static_cast<useconds_t>(attempt * 2000));
-                EXPECT_EQ(0, truncate(in.c_str(),
-                                      static_cast<off_t>(recording.size() / (2 + attempt % 3))));
-            });
-            started = true;
-            std::string message;
-            const int result = repairFds(inFd, outFd, &message);
-            shrinker.join();
-            close(inFd);
-            close(outFd);
-            // Finished before the cut, cut before the first record was read, or refused.
-            EXPECT_TRUE(result == TAVO_REPAIR_OK || result == TAVO_REPAIR_INPUT_FAILED) << message;
-            if (result == TAVO_REPAIR_INPUT_FAILED) {
-                EXPECT_NE(std::string::npos, message.find("shrank")) << message;
-                ++shrank;
-            }
-        }
-        EXPECT_GT(shrank, 0) << "no attempt cut the file while it was read";
-    });
-}
-
 TEST_F(RepairHostileInput, TheToolFailsCleanlyWhenAnotherProcessShrinksItsInput) {
     const CraftedRecording recording = plausibleRecording(600);
     const std::string in = path("shrinking.3gp");
@@ -471,7 +415,7 @@ TEST_F(RepairHostileInput, OutputsThatAreNotRegularFilesAreNeverTouched) {
         }
     }
     EXPECT_EQ("precious\n", readTextFile(path("victim")));
-    EXPECT_FALSE(exists(path("nowhere")));
+    EXPECT_NE(0, access(path("nowhere").c_str(), F_OK));
     EXPECT_EQ(before, listDirectory(path("")));
 }
 
