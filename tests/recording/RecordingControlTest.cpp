@@ -71,7 +71,7 @@ TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingS
         rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(0));
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
 
         // The file's first bytes cannot be written: refused at once.
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
@@ -110,7 +110,7 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         rig.play(feed.nextSecond());
         EXPECT_EQ(completed, fileSize(rig.outputPath("out.3gp")));
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
     });
 }
 
@@ -168,8 +168,8 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
         EXPECT_EQ(0, stopResult);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("first.3gp"));
-        expectCleanFile(rig.outputPath("second.3gp"));
+        expectPlayableRecording(rig.outputPath("first.3gp"));
+        expectPlayableRecording(rig.outputPath("second.3gp"));
     });
 }
 
@@ -188,7 +188,7 @@ TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
         recordUntilStorageFull(rig, env, feed, "out.3gp");  // the next start tries again
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         env.setFreeBytes(-1);
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
     });
 }
 

@@ -55,13 +55,14 @@ struct ProbedPacket {
     long long pts;
     int size;
     bool key;
+    bool operator==(const ProbedPacket& other) const {
+        return pts == other.pts && size == other.size && key == other.key;
+    }
 };
 
-// Fails the test unless ffprobe -v error and ffmpeg -xerror read the whole file silently and
-// GStreamer plays both tracks without a warning (expectPlaysInGStreamer).
-void expectCleanFile(const std::string& path);
-// The whole outside gate: expectCleanFile, ffmpeg -map 0 silent, the video's nb_frames
-// equal to its nb_read_packets, and mediainfo naming AVC and AAC.
+// The outside gate: ffprobe -v error and ffmpeg -xerror (default streams and -map 0) read the
+// whole file silently, GStreamer plays both tracks without a warning (expectPlaysInGStreamer),
+// the video's nb_frames equals its nb_read_packets, and mediainfo names AVC and AAC.
 void expectPlayableRecording(const std::string& path);
 std::vector<ProbedPacket> probePackets(const std::string& path, int stream);
 // A stream's duration in seconds as ffprobe reports it; negative when unknown.
