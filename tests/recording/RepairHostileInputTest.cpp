@@ -34,17 +34,15 @@ using Sample = CraftedRecording::Sample;
 
 // Two tracks with a few seconds of plausible samples: 25 pictures (the first of each second
 // a key frame) and 23 audio frames a second, one chunk per track and second.
-CraftedRecording plausibleRecording(int seconds, uint64_t pictureSize = 1500,
-                                    uint64_t frameSize = 200) {
+CraftedRecording plausibleRecording(int seconds) {
     CraftedRecording recording;
     recording.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC});
     for (int second = 0; second < seconds; ++second) {
         std::vector<Sample> pictures, frames;
         for (int n = 0; n < 25; ++n)
-            pictures.push_back(
-                {pictureSize + static_cast<uint64_t>(n), n == 0, n == 24 ? 0u : 900u});
+            pictures.push_back({1500u + n, n == 0, n == 24 ? 0u : 900u});
         for (int n = 0; n < 23; ++n)
-            frames.push_back({frameSize, true, n == 22 ? 0u : 960u});
+            frames.push_back({200, true, n == 22 ? 0u : 960u});
         recording.chunk(0, REPAIR_TRACK_AVC, second * 22500ull, pictures);
         recording.chunk(1, REPAIR_TRACK_AAC, second * 22500ull, frames);
     }
@@ -96,32 +94,23 @@ public:
     // memory, the tool runs with a small one so that the figure is the repair's own.
     void measureMemory() { mMeasuresMemory = true; }
 
-    // Starts the tool (behind an emulator if any) with `arguments` under `mask`.
+    // Starts the tool (behind an emulator if any) with `arguments` under `mask`; the shell
+    // execs it, so that the child is the tool itself.
     pid_t start(const std::vector<std::string>& arguments, mode_t mask = 022) {
-        std::vector<std::string> command;
-        std::istringstream words(TAVO_REPAIR_TOOL);
-        for (std::string word; words >> word;)
-            command.push_back(word);
-        command.insert(command.end(), arguments.begin(), arguments.end());
+        std::string command = "exec ";
+        if (mMeasuresMemory)
+            command += "env ASAN_OPTIONS=\"$ASAN_OPTIONS:quarantine_size_mb=1\" ";
+        command += TAVO_REPAIR_TOOL;
+        for (const std::string& argument : arguments)
+            command += " '" + argument + "'";
+        command += " >'" + streamPath("out") + "' 2>'" + streamPath("err") + "'";
         const pid_t child = fork();
-        if (child != 0)
-            return child;
-        umask(mask);
-        if (mMeasuresMemory) {
-            const char* options = getenv("ASAN_OPTIONS");
-            const std::string existing = options != nullptr ? options : "";
-            setenv("ASAN_OPTIONS", (existing + ":quarantine_size_mb=1").c_str(), 1);
+        if (child == 0) {
+            umask(mask);
+            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
         }
-        const int out = open(streamPath("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int err = open(streamPath("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
-            _exit(126);
-        std::vector<char*> argv;
-        for (std::string& word : command)
-            argv.push_back(&word[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
+        return child;
     }
 
     ToolRun wait(pid_t child) {
