@@ -350,31 +350,17 @@ TEST_F(RepairHostileInput, MemoryStaysWithinASmallMultipleOfTheInput) {
     EXPECT_LT(growth, 6.0);
 }
 
-TEST_F(RepairHostileInput, AnExistingOutputIsKeptUnlessReplacingIsForced) {
-    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
+// Runs the tool refuses end with status 1 and the reason on standard error, and leave the
+// directory as it was: no output, no temporary file, no existing file truncated, followed or
+// replaced, not even with --force.
+TEST_F(RepairHostileInput, RefusedRunsLeaveEveryFileAsItWas) {
+    const std::string in = path("in.3gp");
+    ASSERT_TRUE(plausibleRecording(2).writeTo(in));
+    ASSERT_TRUE(CraftedRecording()
+                    .config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC})
+                    .writeTo(path("header-only.3gp")));
+    writeTextFile(path("notes.txt"), "not a recording\n");
     writeTextFile(path("out.3gp"), "keep me\n");
-    ToolRun run = mTool.run({path("in.3gp"), path("out.3gp")});
-    EXPECT_EQ(1, run.status);
-    EXPECT_NE(std::string::npos, run.err.find("use --force")) << run.err;
-    EXPECT_EQ("keep me\n", readTextFile(path("out.3gp")));
-
-    run = mTool.run({"--force", path("in.3gp"), path("out.3gp")}, 027);
-    EXPECT_EQ(0, run.status) << run.err;
-    EXPECT_NE(std::string::npos, run.out.find("repaired: 96 samples")) << run.out;
-    struct stat status;
-    ASSERT_EQ(0, stat(path("out.3gp").c_str(), &status));
-    EXPECT_EQ(0640u, status.st_mode & 0777) << "the umask decides the mode";
-
-    // Never the input itself, not even forced.
-    const std::string input = readTextFile(path("in.3gp"));
-    run = mTool.run({"-f", path("in.3gp"), path("in.3gp")});
-    EXPECT_EQ(1, run.status);
-    EXPECT_EQ(input, readTextFile(path("in.3gp")));
-    EXPECT_EQ((std::set<std::string>{"in.3gp", "out.3gp"}), listDirectory(path("")));
-}
-
-TEST_F(RepairHostileInput, OutputsThatAreNotRegularFilesAreNeverTouched) {
-    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
     writeTextFile(path("victim"), "precious\n");
     ASSERT_EQ(0, symlink(path("victim").c_str(), path("link").c_str()));
     ASSERT_EQ(0, symlink(path("nowhere").c_str(), path("dangling").c_str()));
@@ -382,57 +368,51 @@ TEST_F(RepairHostileInput, OutputsThatAreNotRegularFilesAreNeverTouched) {
     ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
     ASSERT_EQ(0, mkdir(path("directory").c_str(), 0755));
     const std::set<std::string> before = listDirectory(path(""));
-    struct Target {
-        const char* name;
-        mode_t type;
-    } targets[] = {{"link", S_IFLNK},
-                   {"dangling", S_IFLNK},
-                   {"null", S_IFCHR},
-                   {"fifo", S_IFIFO},
-                   {"directory", S_IFDIR}};
-    for (const Target& target : targets) {
-        for (bool force : {false, true}) {
-            std::vector<std::string> arguments = {path("in.3gp"), path(target.name)};
-            if (force)
-                arguments.insert(arguments.begin(), "--force");
-            const ToolRun run = mTool.run(arguments);
-            EXPECT_EQ(1, run.status) << target.name << " " << force;
-            EXPECT_NE(std::string::npos, run.err.find("not a regular file")) << run.err;
-            struct stat status;
-            ASSERT_EQ(0, lstat(path(target.name).c_str(), &status)) << target.name;
-            EXPECT_EQ(target.type, status.st_mode & S_IFMT) << target.name;
-        }
+    const std::string input = readTextFile(in);
+
+    std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+        {{in, path("out.3gp")}, "use --force"},
+        {{"-f", in, in}, ""},  // never the input itself
+        {{path("notes.txt"), path("new.3gp")}, "not a recording"},
+        {{path("header-only.3gp"), path("new.3gp")}, "no complete chunk"},
+        {{path("fifo"), path("new.3gp")}, "not a regular file"},  // at once, without waiting
+        {{path("missing.3gp"), path("new.3gp")}, "No such file"}};
+    const std::pair<const char*, mode_t> targets[] = {{"link", S_IFLNK},
+                                                      {"dangling", S_IFLNK},
+                                                      {"null", S_IFCHR},
+                                                      {"fifo", S_IFIFO},
+                                                      {"directory", S_IFDIR}};
+    for (const auto& target : targets) {
+        refusals.push_back({{in, path(target.first)}, "not a regular file"});
+        refusals.push_back({{"--force", in, path(target.first)}, "not a regular file"});
+    }
+    for (const auto& refusal : refusals) {
+        const ToolRun run = mTool.run(refusal.first);
+        EXPECT_EQ(1, run.status) << refusal.first.back();
+        EXPECT_NE(std::string::npos, run.err.find(refusal.second)) << run.err;
+        EXPECT_EQ(before, listDirectory(path(""))) << refusal.first.back();
+    }
+    for (const auto& target : targets) {
+        struct stat status;
+        ASSERT_EQ(0, lstat(path(target.first).c_str(), &status)) << target.first;
+        EXPECT_EQ(target.second, status.st_mode & S_IFMT) << target.first;
     }
     EXPECT_EQ("precious\n", readTextFile(path("victim")));
-    EXPECT_NE(0, access(path("nowhere").c_str(), F_OK));
-    EXPECT_EQ(before, listDirectory(path("")));
-}
+    EXPECT_EQ("keep me\n", readTextFile(path("out.3gp")));
+    EXPECT_EQ(input, readTextFile(in));
 
-TEST_F(RepairHostileInput, AFailedRepairLeavesNoOutputAndNoTemporaryFile) {
-    writeTextFile(path("notes.txt"), "not a recording\n");
-    CraftedRecording unrepairable;
-    unrepairable.config({REPAIR_TRACK_AVC, REPAIR_TRACK_AAC});
-    ASSERT_TRUE(unrepairable.writeTo(path("header-only.3gp")));
-    ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
-    const std::set<std::string> before = listDirectory(path(""));
-    struct Case {
-        const char* input;
-        const char* said;
-    } cases[] = {{"notes.txt", "not a recording"},
-                 {"header-only.3gp", "no complete chunk"},
-                 {"fifo", "not a regular file"},  // refused at once, without waiting
-                 {"missing.3gp", "No such file"}};
-    for (const Case& test : cases) {
-        const ToolRun run = mTool.run({path(test.input), path("out.3gp")});
-        EXPECT_EQ(1, run.status) << test.input;
-        EXPECT_NE(std::string::npos, run.err.find(test.said)) << run.err;
-        EXPECT_EQ(before, listDirectory(path(""))) << test.input;
-    }
     // Into a directory that cannot be written: the temporary file cannot be made.
-    ASSERT_TRUE(plausibleRecording(2).writeTo(path("in.3gp")));
-    const ToolRun run = mTool.run({path("in.3gp"), "/proc/out.3gp"});
+    ToolRun run = mTool.run({in, "/proc/out.3gp"});
     EXPECT_EQ(1, run.status);
     EXPECT_FALSE(run.err.empty());
+
+    // Forced, an existing regular file is replaced; the umask decides the mode.
+    run = mTool.run({"--force", in, path("out.3gp")}, 027);
+    EXPECT_EQ(0, run.status) << run.err;
+    EXPECT_NE(std::string::npos, run.out.find("repaired: 96 samples")) << run.out;
+    struct stat status;
+    ASSERT_EQ(0, stat(path("out.3gp").c_str(), &status));
+    EXPECT_EQ(0640u, status.st_mode & 0777);
 }
 
 TEST_F(RepairHostileInput, TheToolAnswersHelpVersionAndBadUsage) {
