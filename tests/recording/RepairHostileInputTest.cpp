@@ -318,28 +318,17 @@ TEST_F(RepairHostileInput, TheToolFailsCleanlyWhenAnotherProcessShrinksItsInput)
     EXPECT_GT(shrank, 0) << "no attempt cut the file while the tool read it";
 }
 
-// Writes the recording that `make` builds to `path` in a child process, so that the test
-// process stays small: a child forked from it starts with its resident memory, and the
-// tool's peak measured below would include that.
-template <typename Make>
-void writeInChild(const std::string& path, Make make) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(make().writeTo(path) ? 0 : 1);
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << path;
-}
-
 // Peak resident memory of the tool on crafted inputs, against the same on a small file.
 TEST_F(RepairHostileInput, MemoryStaysWithinASmallMultipleOfTheInput) {
     mTool.measureMemory();
-    writeInChild(path("small.3gp"), [] { return plausibleRecording(2); });
+    // The inputs are made in children, so that this process stays small: a child forked from
+    // it starts with its resident memory, and the tool's peak would include that.
+    EXPECT_IN_CHILD({ ASSERT_TRUE(plausibleRecording(2).writeTo(path("small.3gp"))); });
     const ToolRun baseline = mTool.run({path("small.3gp"), path("small.out")});
     ASSERT_EQ(0, baseline.status) << baseline.err;
 
     const size_t inputSize = 8 << 20;
-    writeInChild(path("tiny.3gp"), [&] { return tinySamplesRecording(inputSize); });
+    EXPECT_IN_CHILD({ ASSERT_TRUE(tinySamplesRecording(inputSize).writeTo(path("tiny.3gp"))); });
     const ToolRun run = mTool.run({path("tiny.3gp"), path("tiny.out")});
     EXPECT_EQ(0, run.status) << run.err;
     const double growth = static_cast<double>(run.maxRssKb - baseline.maxRssKb) * 1024.0 /
