@@ -2,7 +2,6 @@
 // earlier bytes, and what a failed or short write leaves behind. Faults come from an Env
 // handed to the output.
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

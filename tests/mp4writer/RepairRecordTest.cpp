@@ -1,9 +1,7 @@
 // The writer's repair records (built, found and read back; damaged and cut short), the walk
 // over them, and the repair built on them, on files cut short and damaged (run under ASan and
 // UBSan too: no input may make the repair read out of bounds).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <random>

@@ -1,6 +1,5 @@
 // The recording manager turning shared-buffer frames into recorder samples, observed through
 // a recorder that captures what it is handed, and the recorder with and without a writer.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -4,7 +4,6 @@
 // test installs its own), so this suite links the engine's objects; every test runs in a child
 // because the engine is one object per process.
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>

@@ -4,7 +4,6 @@
 // engine's own duplicates of it are not inherited by programs started meanwhile.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>

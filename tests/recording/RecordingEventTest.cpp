@@ -5,7 +5,6 @@
 // instead of hanging the suite.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
