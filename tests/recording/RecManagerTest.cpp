@@ -171,7 +171,6 @@ TEST_F(RecManager, NothingIsRecordedBeforeTheFirstSpsAndTheSlicesOfOneRecordMake
     early.nal(1000, 0, idr).nal(1000, 900, pps).nal(1000, 1800, slice).aac(1000, 0, Bytes(30, 1));
     ASSERT_EQ(0, record(early));
     EXPECT_TRUE(recorder.samples.empty());
-    EXPECT_EQ(1, root.countLog("on SPS or PPS in this second!"));
 
     SharedBufferImage next;
     next.nal(23500, 0, sps).nal(23500, 0, pps).nal(23500, 0, joined({nalUnit(0x06, 8, 3), idr}));

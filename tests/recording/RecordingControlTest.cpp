@@ -205,8 +205,6 @@ TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsComplet
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
         EXPECT_EQ(1, rig.app().count("onEvent("));
-        EXPECT_EQ(1, rig.root().countLog("write file error!"));
-        EXPECT_EQ(0, rig.root().countLog("stop failed"));
         expectPlayableRecording(rig.outputPath("full.3gp"));
         // Only whole chunks that reached the file are described: about three seconds.
         const double duration = probeStreamDuration(rig.outputPath("full.3gp"), 0);
