@@ -2,17 +2,15 @@
 // earlier bytes, and what a failed or short write leaves behind. Faults come from an Env
 // handed to the output.
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "ChunkSampleBuffer.h"
 #include "FaultInjectingEnv.h"
 #include "FileOutput.h"
+#include "MediaFiles.h"
 #include "WriterHarness.h"
 
 namespace {
@@ -30,10 +28,7 @@ protected:
         mOutput.reset();
         unlink(mPath.c_str());
     }
-    Bytes fileBytes() const {
-        std::ifstream in(mPath, std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    Bytes fileBytes() const { return readMediaFile(mPath); }
 
     FaultInjectingEnv mEnv;
     std::string mPath;

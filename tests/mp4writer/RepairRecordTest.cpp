@@ -1,9 +1,7 @@
 // The writer's repair records (built, found and read back; damaged and cut short), the walk
 // over them, and the repair built on them, on files cut short and damaged (run under ASan and
 // UBSan too: no input may make the repair read out of bounds).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <random>
@@ -15,16 +13,6 @@
 #include "WriterHarness.h"
 
 namespace {
-
-// One record of `type` whose body holds the bytes `body`.
-Bytes record(uint8_t type, const Bytes& body) {
-    Bytes out;
-    RepairRecordBuilder builder;
-    builder.begin(&out, type);
-    builder.bytes(body.data(), body.size());
-    builder.end();
-    return out;
-}
 
 TEST(RepairRecordFormat, RecordsAreFoundAndReadBackFieldByField) {
     const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
@@ -66,24 +54,25 @@ TEST(RepairRecordFormat, RecordsAreFoundAndReadBackFieldByField) {
 }
 
 TEST(RepairRecordFormat, DamagedCutShortAndOverlongRecordsAreNotFound) {
-    const Bytes good = record(REPAIR_RECORD_CONFIG, patternBytes(40, 3));
+    // One record behind the 32 bytes of ftyp and mdat header.
+    const Bytes good = CraftedRecording().record(REPAIR_RECORD_CONFIG, patternBytes(40, 3)).bytes();
     RepairRecordView view;
-    ASSERT_TRUE(findRepairRecord(good.data(), good.size(), 0, &view));
-    for (size_t at = 0; at < good.size(); ++at) {
+    ASSERT_TRUE(findRepairRecord(good.data(), good.size(), 32, &view));
+    for (size_t at = 32; at < good.size(); ++at) {
         Bytes damaged = good;
         damaged[at] ^= 0x10;
-        EXPECT_FALSE(findRepairRecord(damaged.data(), damaged.size(), 0, &view)) << at;
+        EXPECT_FALSE(findRepairRecord(damaged.data(), damaged.size(), 32, &view)) << at;
     }
-    for (size_t cut = 0; cut < good.size(); ++cut)
-        EXPECT_FALSE(findRepairRecord(good.data(), cut, 0, &view)) << cut;
+    for (size_t cut = 32; cut < good.size(); ++cut)
+        EXPECT_FALSE(findRepairRecord(good.data(), cut, 32, &view)) << cut;
     EXPECT_FALSE(findRepairRecord(good.data(), good.size(), good.size() + 1, &view));
 
     // A length above the largest body is refused before anything is read behind it.
     Bytes overlong = good;
     const uint32_t length = REPAIR_RECORD_MAX_BODY + 1;
     for (int i = 0; i < 4; ++i)
-        overlong[4 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
-    EXPECT_FALSE(findRepairRecord(overlong.data(), overlong.size(), 0, &view));
+        overlong[32 + 4 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
+    EXPECT_FALSE(findRepairRecord(overlong.data(), overlong.size(), 32, &view));
 
     // A varint of more than 64 bits fails.
     const Bytes endless(11, 0xFF);

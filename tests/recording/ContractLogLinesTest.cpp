@@ -54,6 +54,11 @@ void awaitRecordingEvent(RecordingRig& rig) {
     EXPECT_TRUE(rig.app().waitFor("onEvent(15"));
 }
 
+void recordAndStop(RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
+    recordThen(rig, feed, [] {});
+    rig.engine().stopRecording(0);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Lines, RecordingContractLine,
     testing::Values(
@@ -86,16 +91,8 @@ INSTANTIATE_TEST_SUITE_P(
                          awaitRecordingEvent(rig);
                          rig.engine().stopRecording(0);  // waits for the whole report
                      }},
-        ContractLine{"Stopping", "RECORD", "stopRecording", "stopRecording()",
-                     [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
-                         recordThen(rig, feed, [] {});
-                         rig.engine().stopRecording(0);
-                     }},
-        ContractLine{"Stopped", "RECORD", "stopRecording", "exit successfully",
-                     [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
-                         recordThen(rig, feed, [] {});
-                         rig.engine().stopRecording(0);
-                     }}),
+        ContractLine{"Stopping", "RECORD", "stopRecording", "stopRecording()", recordAndStop},
+        ContractLine{"Stopped", "RECORD", "stopRecording", "exit successfully", recordAndStop}),
     [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
 
 }  // namespace

@@ -4,7 +4,6 @@
 // test installs its own), so this suite links the engine's objects; every test runs in a child
 // because the engine is one object per process.
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -25,6 +24,17 @@ namespace {
 
 const long long kMiB = 1 << 20;
 
+// Runs `test` in a child with a fault-injecting Env, the TV service on session 0 and the clips.
+void inServiceChild(const std::function<void(FaultInjectingEnv&, RecordingRig&, ClipFeed&)>& test) {
+    EXPECT_IN_CHILD({
+        FaultInjectingEnv env;
+        RecordingRig rig;
+        rig.startService();
+        ClipFeed feed;
+        test(env, rig, feed);
+    });
+}
+
 // Records session 0 into `name` for a second, then plays one with less than 1 MiB free,
 // which ends the recording (storage full).
 void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,
@@ -36,10 +46,7 @@ void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed&
 }
 
 TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingStarts) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         const int fd = rig.createOutput("out.3gp");
         for (int session : {-1, 2, 10}) {
             EXPECT_EQ(-1, rig.engine().startRecording(session, fd)) << session;
@@ -60,11 +67,10 @@ TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingS
         close(fd);  // the recorder works on its own duplicate
         env.setFreeBytes(-1);
 
-        ClipFeed feed;
         rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(0));
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
 
         // The file's first bytes cannot be written: refused at once.
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
@@ -74,12 +80,8 @@ TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingS
 }
 
 TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         ASSERT_EQ(0, rig.startRecording("out.3gp"));
-        ClipFeed feed;
         const char* estimateWarning = "required minimal space=";
 
         env.setFreeBytes(14 * kMiB);  // not consulted
@@ -107,7 +109,7 @@ TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull)
         rig.play(feed.nextSecond());
         EXPECT_EQ(completed, fileSize(rig.outputPath("out.3gp")));
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
     });
 }
 
@@ -165,18 +167,15 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
         EXPECT_EQ(0, stopResult);
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectCleanFile(rig.outputPath("first.3gp"));
-        expectCleanFile(rig.outputPath("second.3gp"));
+        expectPlayableRecording(rig.outputPath("first.3gp"));
+        expectPlayableRecording(rig.outputPath("second.3gp"));
     });
 }
 
 // The thread that completes recordings ended in the frame path is started by the first
 // startRecording: when it cannot be started, no recording starts.
 TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         env.failNth(FaultInjectingEnv::START_THREAD, 1, EAGAIN);
         EXPECT_EQ(-1, rig.startRecording("out.3gp"));
         EXPECT_FALSE(rig.engine().isRecording(0));
@@ -185,20 +184,15 @@ TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
                          "unavailable"));
         EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));
 
-        ClipFeed feed;
         recordUntilStorageFull(rig, env, feed, "out.3gp");  // the next start tries again
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         env.setFreeBytes(-1);
-        expectCleanFile(rig.outputPath("out.3gp"));
+        expectPlayableRecording(rig.outputPath("out.3gp"));
     });
 }
 
 TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsCompleted) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
-        ClipFeed feed;
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         ASSERT_EQ(0, rig.startRecording("full.3gp"));
         rig.playSeconds(feed, 3);
 
@@ -211,25 +205,6 @@ TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsComplet
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
         EXPECT_EQ(1, rig.app().count("onEvent("));
-        EXPECT_EQ(1, rig.root().countLog("write file error!"));
-        EXPECT_EQ(0, rig.root().countLog("stop failed"));
-        // Lines printed by helpers name the public operation they belong to.
-        const std::pair<const char*, const char*> owners[] = {
-            {"write file error!", "[dataRecording():"},
-            {"recording NAL: length=", "[dataRecording():"},
-            {"recording AAC: frame length=", "[dataRecording():"},
-            {"pRecorder->start() Done!", "[startRecording():"},
-            {"exit successfully", "[stopRecording():"}};
-        for (const auto& owner : owners) {
-            int seen = 0;
-            for (const std::string& line : rig.root().logLines()) {
-                if (line.find(owner.first) == std::string::npos)
-                    continue;
-                ++seen;
-                EXPECT_NE(std::string::npos, line.find(owner.second)) << line;
-            }
-            EXPECT_GT(seen, 0) << owner.first;
-        }
         expectPlayableRecording(rig.outputPath("full.3gp"));
         // Only whole chunks that reached the file are described: about three seconds.
         const double duration = probeStreamDuration(rig.outputPath("full.3gp"), 0);
@@ -239,11 +214,7 @@ TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsComplet
 }
 
 TEST(RecordingFaults, AFailingCardIsARecordingErrorAndCompletionFailureIsLoggedFirst) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
-        ClipFeed feed;
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         ASSERT_EQ(0, rig.startRecording("bad.3gp"));
         rig.playSeconds(feed, 2);
 
@@ -276,12 +247,7 @@ TEST(RecordingFaults, AFailingCardIsARecordingErrorAndCompletionFailureIsLoggedF
 }
 
 TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        rig.startService();
-        ClipFeed feed;
-
+    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         // The sync at the end fails: stopRecording says so, the index is in the file.
         ASSERT_EQ(0, rig.startRecording("unsynced.3gp"));
         rig.playSeconds(feed, 3);
@@ -309,14 +275,11 @@ TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
 }
 
 TEST(RecordingFaults, ARecordingOnASmallFileSystemEndsPlayableBeforeItIsFull) {
-    EXPECT_IN_CHILD({
-        RecordingRig rig;
+    inServiceChild([](FaultInjectingEnv&, RecordingRig& rig, ClipFeed& feed) {
         const std::string mountPoint = rig.root().path() + "/card";
         ASSERT_EQ(0, mkdir(mountPoint.c_str(), 0755));
         if (mount("tavo-test", mountPoint.c_str(), "tmpfs", 0, "size=3m") != 0)
             GTEST_SKIP() << "cannot mount a tmpfs (" << strerror(errno) << "); needs root";
-        rig.startService();
-        ClipFeed feed;
         // "/sdcard" is on the large file system of the test root; the file is not.
         ASSERT_EQ(0, rig.startRecording("card/small.3gp"));
         const int seconds = rig.playUntilRecordingEnds(feed, 200);
@@ -330,8 +293,8 @@ TEST(RecordingFaults, ARecordingOnASmallFileSystemEndsPlayableBeforeItIsFull) {
 }
 
 // Plays `seconds` seconds with every time of second s shifted by shift(s) ticks (modulo 2^32).
-template <typename Shift>
-void playShifted(RecordingRig& rig, ClipFeed& feed, int seconds, Shift shift) {
+void playShifted(RecordingRig& rig, ClipFeed& feed, int seconds,
+                 const std::function<uint32_t(int)>& shift) {
     for (int s = 0; s < seconds; ++s) {
         MultiplexFrame frame = feed.nextSecond();
         for (auto* units : {&frame.video, &frame.audio}) {
@@ -343,32 +306,27 @@ void playShifted(RecordingRig& rig, ClipFeed& feed, int seconds, Shift shift) {
 }
 
 TEST(RecordingFaults, ARecordingAcrossTheClockWrapAndThroughJumpsKeepsItsDurationAndSync) {
-    EXPECT_IN_CHILD({
-        RecordingRig rig;
-        rig.startService();
-        ClipFeed feed;
-        ASSERT_EQ(0, rig.startRecording("wrap.3gp"));
-        // The 32-bit clock wraps ten seconds in.
+    inServiceChild([](FaultInjectingEnv&, RecordingRig& rig, ClipFeed& feed) {
+        // The 32-bit clock wraps ten seconds in; a tuner that resynchronises jumps an hour
+        // forwards after 8 s and two hours back after 14 s.
         const uint32_t beforeWrap = 0u - 10u * ClipFeed::kTicksPerSecond - ClipFeed::kFirstTick;
-        playShifted(rig, feed, 20, [&](int) { return beforeWrap; });
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        expectPlayableRecording(rig.outputPath("wrap.3gp"));
-        EXPECT_NEAR(20.0, probeStreamDuration(rig.outputPath("wrap.3gp"), 0), 1.0);
-        EXPECT_NEAR(20.0, probeStreamDuration(rig.outputPath("wrap.3gp"), 1), 1.0);
-
-        // A tuner that resynchronises: an hour forwards after 8 s, two hours back after 14 s.
-        ASSERT_EQ(0, rig.startRecording("jumps.3gp"));
         const uint32_t hour = 3600u * ClipFeed::kTicksPerSecond;
-        playShifted(rig, feed, 20, [&](int s) { return s < 8 ? 0u : s < 14 ? hour : 0u - hour; });
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        const std::string path = rig.outputPath("jumps.3gp");
-        expectPlayableRecording(path);
-        const double video = probeStreamDuration(path, 0);
-        const double audio = probeStreamDuration(path, 1);
-        EXPECT_NEAR(20.0, video, 1.0);
-        EXPECT_NEAR(20.0, audio, 1.0);
-        // In sync: both streams still end together.
-        EXPECT_NEAR(video, audio, 0.1);
+        const std::pair<const char*, std::function<uint32_t(int)>> clocks[] = {
+            {"wrap.3gp", [&](int) { return beforeWrap; }},
+            {"jumps.3gp", [&](int s) { return s < 8    ? 0u
+                                              : s < 14 ? hour
+                                                       : 0u - hour; }}};
+        for (const auto& clock : clocks) {
+            ASSERT_EQ(0, rig.startRecording(clock.first));
+            playShifted(rig, feed, 20, clock.second);
+            EXPECT_EQ(0, rig.engine().stopRecording(0));
+            const std::string path = rig.outputPath(clock.first);
+            expectPlayableRecording(path);
+            const double video = probeStreamDuration(path, 0), audio = probeStreamDuration(path, 1);
+            EXPECT_NEAR(20.0, video, 1.0) << path;
+            EXPECT_NEAR(20.0, audio, 1.0) << path;
+            EXPECT_NEAR(video, audio, 0.1) << path;  // in sync: both streams end together
+        }
     });
 }
 

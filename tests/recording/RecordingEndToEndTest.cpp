@@ -48,7 +48,7 @@ TEST(RecordingEndToEnd, StreamsJoinedMidwayAreRecordedFromTheirFirstSpsIntoTheir
         for (int session = 0; session < 2; ++session) {
             SCOPED_TRACE(session);
             const std::string path = rig.outputPath("session" + std::to_string(session) + ".3gp");
-            expectCleanFile(path);
+            expectPlayableRecording(path);
             const size_t picturesRecorded = feed.picturesFed() - firstSps[session];
             std::vector<ProbedPacket> video = probePackets(path, kVideo);
             ASSERT_EQ(picturesRecorded, video.size());

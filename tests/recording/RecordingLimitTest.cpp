@@ -15,11 +15,17 @@
 
 namespace {
 
-// Records until the engine stops recording: one second of the clip (parameter sets and the
-// first IDR), then seconds of large synthetic slices (and audio frames) with the same timing.
-// The disk blocks written so far are freed, except the first page, which the writer rewrites
-// when it completes the file. Returns the seconds played.
-int recordUntilStopped(RecordingRig& rig, int fd, bool withAudio) {
+// Records session 0 into `name` until the engine stops recording: one second of the clip
+// (parameter sets and the first IDR), then seconds of large synthetic slices (and audio
+// frames) with the same timing. The disk blocks written so far are freed, except the first
+// page, which the writer rewrites when it completes the file. Then stops, which waits for the
+// completion off the frame path and its event, and checks that `event` was the only one.
+// Returns the seconds played.
+int recordToTheLimit(RecordingRig& rig, const std::string& name, bool withAudio,
+                     const char* event) {
+    rig.startService();
+    const int fd = rig.createOutput(name);
+    EXPECT_EQ(0, rig.engine().startRecording(0, fd));
     MultiplexFrame frame = ClipFeed().nextSecond();
     MediaBytes slice = {0, 0, 0, 1, 0x41};
     slice.resize(4 + 2300, 0xA5);
@@ -45,48 +51,35 @@ int recordUntilStopped(RecordingRig& rig, int fd, bool withAudio) {
             for (MultiplexFrame::Unit& unit : *units)
                 unit.tsBase = tsBase;
     }
+    close(fd);
+    EXPECT_FALSE(rig.engine().isRecording(0));
+    EXPECT_EQ(0, rig.engine().stopRecording(0));
+    EXPECT_EQ(1, rig.app().count(event));
+    EXPECT_EQ(1, rig.app().count("onEvent("));
     return seconds;
 }
 
 TEST(RecordingLimits, TheFileSizeLimitEndsTheRecordingWithMaxFileSize) {
     EXPECT_IN_CHILD({
         RecordingRig rig("ERROR,WARNING");
-        rig.startService();
-        const int fd = rig.createOutput("big.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         // About 2,040,109,464 bytes of samples are accepted, at most ~64 KiB a second.
-        EXPECT_GT(recordUntilStopped(rig, fd, true), 31000);
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        // The file is completed off the frame path; stopRecording waits for that and its event.
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        EXPECT_EQ(1, rig.app().count("onEvent(153, 0)"));  // EVENT_RECORD_MAX_FILE_SIZE
-        EXPECT_EQ(1, rig.app().count("onEvent("));
+        EXPECT_GT(recordToTheLimit(rig, "big.3gp", true, "onEvent(153, 0)"), 31000);
         // Completed when it stopped: the mdat size was patched and the index ends the file.
-        struct stat status;
-        ASSERT_EQ(0, fstat(fd, &status));
-        EXPECT_LT(status.st_size, 2147483647LL);
-        EXPECT_GT(status.st_size, 2040000000LL);
-        EXPECT_EQ((std::vector<std::string>{"ftyp", "mdat", "moov"}),
-                  topLevelBoxes(rig.outputPath("big.3gp")));
-        close(fd);
+        const std::string path = rig.outputPath("big.3gp");
+        EXPECT_LT(fileSize(path), 2147483647LL);
+        EXPECT_GT(fileSize(path), 2040000000LL);
+        EXPECT_EQ((std::vector<std::string>{"ftyp", "mdat", "moov"}), topLevelBoxes(path));
     });
 }
 
+// Without audio samples the file cannot be completed at the limit: EVENT_RECORD_ERROR.
 TEST(RecordingLimits, ARecordingThatCannotBeCompletedAtTheLimitEndsWithRecordError) {
     EXPECT_IN_CHILD({
         RecordingRig rig("ERROR,WARNING");
-        rig.startService();
-        const int fd = rig.createOutput("video-only.3gp");
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        recordUntilStopped(rig, fd, false);
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(0, rig.engine().stopRecording(0));       // waits for the completion and its event
-        EXPECT_EQ(1, rig.app().count("onEvent(154, 0)"));  // EVENT_RECORD_ERROR
-        EXPECT_EQ(1, rig.app().count("onEvent("));
+        recordToTheLimit(rig, "video-only.3gp", false, "onEvent(154, 0)");
         const std::vector<std::string> boxes = topLevelBoxes(rig.outputPath("video-only.3gp"));
         ASSERT_FALSE(boxes.empty());
         EXPECT_NE("moov", boxes.back());
-        close(fd);
     });
 }
 

@@ -84,8 +84,8 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
         }
         // The replaced recording was completed as a leftover; the second one by the stop.
         EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
-        expectCleanFile(rig.outputPath("first.3gp"));
-        expectCleanFile(rig.outputPath("second.3gp"));
+        expectPlayableRecording(rig.outputPath("first.3gp"));
+        expectPlayableRecording(rig.outputPath("second.3gp"));
     });
 }
 

@@ -6,11 +6,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <string>
 
 #include "ChildProcess.h"
@@ -29,11 +27,6 @@ int repair(const std::string& in, const std::string& out, std::string* message) 
     close(outFd);
     *message = text;
     return result;
-}
-
-// Runs the tool; returns its exit status and puts what it printed in `output`.
-int runTool(const std::string& arguments, std::string* output) {
-    return runCommand(std::string(TAVO_REPAIR_TOOL) + " " + arguments, output);
 }
 
 // A child that records the clip into `path` and reports every multiplex frame it played on
@@ -103,7 +96,10 @@ TEST(RecordingRepair, ARecordingKilledAtManyPointsIsRepairedIntoAPlayableFile) {
         // The tool repairs it as well.
         if (frames == 5) {
             std::string output;
-            ASSERT_EQ(0, runTool("'" + path + "' '" + path + ".tool.3gp'", &output)) << output;
+            ASSERT_EQ(0, runCommand(std::string(TAVO_REPAIR_TOOL) + " '" + path + "' '" + path +
+                                        ".tool.3gp'",
+                                    &output))
+                << output;
             EXPECT_NE(std::string::npos, output.find("repaired")) << output;
             expectPlayableRecording(path + ".tool.3gp");
         }
@@ -130,14 +126,7 @@ TEST(RecordingRepair, FinishedRecordingsLookTheSameWithOrWithoutRepairRecords) {
         }
         // Same packets (times, sizes, flags) and streams; only the file grew a little.
         for (int stream = 0; stream < 2; ++stream) {
-            std::vector<ProbedPacket> plain = probePackets(paths[0], stream);
-            std::vector<ProbedPacket> recorded = probePackets(paths[1], stream);
-            ASSERT_EQ(plain.size(), recorded.size());
-            for (size_t i = 0; i < plain.size(); ++i) {
-                EXPECT_EQ(plain[i].pts, recorded[i].pts) << i;
-                EXPECT_EQ(plain[i].size, recorded[i].size) << i;
-                EXPECT_EQ(plain[i].key, recorded[i].key) << i;
-            }
+            EXPECT_EQ(probePackets(paths[0], stream), probePackets(paths[1], stream)) << stream;
             EXPECT_EQ(probeStreamDuration(paths[0], stream), probeStreamDuration(paths[1], stream));
         }
         const double plainSize = static_cast<double>(readTextFile(paths[0]).size());

@@ -1,7 +1,6 @@
 // Helpers for the recording tests: the clips as multiplex frames the way an agent delivers
-// them, examination of recorded files with ffprobe and ffmpeg, and a rig that records through
-// the engine of the current (child) process while the fake agent plays the clips into a
-// running TV service on channel 5.
+// them, the outside tools' view of recorded files, and a rig that records through the engine
+// of the current (child) process while the fake agent plays into a TV service on channel 5.
 #ifndef TAVO_TESTS_RECORDING_RECORDING_RIG_H
 #define TAVO_TESTS_RECORDING_RECORDING_RIG_H
 
@@ -29,8 +28,7 @@ struct MultiplexFrame {
 // kFirstTick + 960 m (1,024 samples at 24,000 Hz).
 class ClipFeed {
 public:
-    // startPicture: the clip picture the feed begins with.
-    explicit ClipFeed(size_t startPicture = 0);
+    explicit ClipFeed(size_t startPicture = 0);  // the clip picture the feed begins with
     MultiplexFrame nextSecond();
     size_t picturesFed() const { return mPicture - mStartPicture; }
     // Whether fed picture i (0 = the first fed) holds an SPS.
@@ -55,20 +53,20 @@ struct ProbedPacket {
     long long pts;
     int size;
     bool key;
+    bool operator==(const ProbedPacket& other) const {
+        return pts == other.pts && size == other.size && key == other.key;
+    }
 };
 
-// Fails the test unless ffprobe -v error and ffmpeg -xerror read the whole file silently and
-// GStreamer plays both tracks without a warning (expectPlaysInGStreamer).
-void expectCleanFile(const std::string& path);
-// The whole outside gate: expectCleanFile, ffmpeg -map 0 silent, the video's nb_frames
-// equal to its nb_read_packets, and mediainfo naming AVC and AAC.
+// The outside gate: ffprobe -v error and ffmpeg -xerror (default streams and -map 0) read the
+// whole file silently, GStreamer plays both tracks without a warning (expectPlaysInGStreamer),
+// the video's nb_frames equals its nb_read_packets, and mediainfo names AVC and AAC.
 void expectPlayableRecording(const std::string& path);
 std::vector<ProbedPacket> probePackets(const std::string& path, int stream);
 // A stream's duration in seconds as ffprobe reports it; negative when unknown.
 double probeStreamDuration(const std::string& path, int stream);
 bool fileHasMoov(const std::string& path);
-// Creates (truncating) a file open for reading and writing; the caller closes it.
-int createFile(const std::string& path);
+int createFile(const std::string& path);  // truncated, read-write; the caller closes it
 // Types of the top-level boxes, walked by their 32-bit size headers; a box running past the
 // end of the file (or with a size below 8) is listed as "truncated".
 std::vector<std::string> topLevelBoxes(const std::string& path);
@@ -97,8 +95,7 @@ public:
     explicit RecordingRig(const char* logMask = "ERROR,WARNING,MAIN,ENGINE,RECORD")
         : EngineRig(logMask) {}
 
-    // init, then the TV service on session 0 (and on session 1, same channel).
-    void startService(bool bothSessions = false);
+    void startService(bool bothSessions = false);  // init, then session 0's (and 1's) service
     // Plays one frame on the agent's thread and waits for it; playHere plays it on the
     // calling thread. NAL units longer than 1,000 bytes are delivered in fragments.
     void play(const MultiplexFrame& frame);
