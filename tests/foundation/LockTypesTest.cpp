@@ -109,53 +109,42 @@ public:
         }
         mChanged.notifyAll();
     }
-    // Waits for the flag; while waiting the mutex is free for raise().
-    bool awaitRaised() {
+    // Waits until the flag is raised or `deadline` passes (the mutex is free for raise()
+    // meanwhile); whether it was raised. *heldAfterWait: whether the waiter held the mutex
+    // again once its wait returned.
+    bool await(steady_clock::time_point deadline, bool* heldAfterWait) {
         MutexLock lock(mMutex);
-        const auto deadline = steady_clock::now() + kHangBound;
-        while (!mRaised) {
-            if (!mChanged.waitUntil(mMutex, deadline) && !mRaised)
-                return false;
+        while (!mRaised && mChanged.waitUntil(mMutex, deadline)) {
         }
-        mHeldAfterWait = !freeForAnotherThread(mMutex);
-        return true;
-    }
-    // Waits until `deadline` for a flag nobody raises.
-    bool awaitUntil(steady_clock::time_point deadline) {
-        MutexLock lock(mMutex);
-        const bool notified = mChanged.waitUntil(mMutex, deadline);
-        mHeldAfterWait = !freeForAnotherThread(mMutex);
-        return notified;
-    }
-    bool heldAfterWait() {
-        MutexLock lock(mMutex);
-        return mHeldAfterWait;
+        *heldAfterWait = !freeForAnotherThread(mMutex);
+        return mRaised;
     }
 
 private:
     Mutex mMutex;
     ConditionVariable mChanged;
     bool mRaised GUARDED_BY(mMutex) = false;
-    bool mHeldAfterWait GUARDED_BY(mMutex) = false;
 };
 
 TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWoken) {
     Flag flag;
-    std::atomic<bool> woken{false};
-    std::thread waiter([&] { woken = flag.awaitRaised(); });
+    bool woken = false;
+    bool held = false;
+    std::thread waiter([&] { woken = flag.await(steady_clock::now() + kHangBound, &held); });
     std::this_thread::sleep_for(milliseconds(20));
     flag.raise();  // takes the mutex: the waiter must have let it go
     waiter.join();
-    EXPECT_TRUE(woken.load());
-    EXPECT_TRUE(flag.heldAfterWait());
+    EXPECT_TRUE(woken);
+    EXPECT_TRUE(held);
 }
 
 TEST(ConditionVariable, WaitUntilReturnsFalseAtTheDeadlineWithTheMutexHeld) {
     Flag flag;
+    bool held = false;
     const auto started = steady_clock::now();
-    EXPECT_FALSE(flag.awaitUntil(started + milliseconds(30)));
+    EXPECT_FALSE(flag.await(started + milliseconds(30), &held));
     EXPECT_GE(steady_clock::now() - started, milliseconds(30));
-    EXPECT_TRUE(flag.heldAfterWait());
+    EXPECT_TRUE(held);
 }
 
 }  // namespace
