@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <string>
@@ -40,19 +39,16 @@ TEST(AgentLoading, RacingGetInstanceCreatesOneEngineLoadingTheLibraryOnceAndDele
     EXPECT_IN_CHILD({
         TestRoot root;
         const std::string siano = root.resolve("/system/lib/libsiano.so");
-        std::atomic<bool> go{false};
-        TavoMBBMSEngine* seen[2] = {nullptr, nullptr};
-        std::thread racers[2];
-        for (int i = 0; i < 2; ++i) {
-            racers[i] = std::thread([&, i] {
-                while (!go) {
-                }
-                seen[i] = TavoMBBMSEngine::getInstance();
-            });
-        }
-        go = true;
-        for (std::thread& racer : racers)
-            racer.join();
+        std::promise<void> go;
+        std::shared_future<void> started = go.get_future().share();
+        auto racer = [&] {
+            started.wait();
+            return TavoMBBMSEngine::getInstance();
+        };
+        std::future<TavoMBBMSEngine*> racers[2] = {std::async(std::launch::async, racer),
+                                                   std::async(std::launch::async, racer)};
+        go.set_value();
+        TavoMBBMSEngine* seen[2] = {racers[0].get(), racers[1].get()};
         ASSERT_NE(nullptr, seen[0]);
         EXPECT_EQ(seen[0], seen[1]);
         EXPECT_EQ(seen[0], TavoMBBMSEngine::getInstance());
@@ -162,42 +158,6 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         EXPECT_EQ(0, engine.init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
         EXPECT_EQ(0, engine.deinit());
-    });
-}
-
-// The event comes once init has released its lock: the handler may call init again, with a
-// directory that works, and is refused deinit.
-TEST(Init, AWorkDirErrorHandlerMayCallIntoTheEngine) {
-    EXPECT_IN_CHILD({
-        struct RetryingApp : RecordingCallback {
-            TavoMBBMSEngine* engine = nullptr;
-            std::string retryDir;
-            int deinitResult = 1;
-            int retryResult = 1;
-            void onEvent(EventType type, int param) override {
-                RecordingCallback::onEvent(type, param);
-                deinitResult = engine->deinit();
-                retryResult = engine->init(this, retryDir.c_str());
-            }
-        };
-        EngineRig rig;
-        RetryingApp app;
-        app.engine = &rig.engine();
-        app.retryDir = rig.root().resolve("/work");
-        const std::string impossible = uncreatableDir(rig.root());
-        // A deadlock would leave the thread behind; the bound fails the test instead.
-        std::promise<int> initResult;
-        std::future<int> initDone = initResult.get_future();
-        std::thread([&] {
-            initResult.set_value(app.engine->init(&app, impossible.c_str()));
-        }).detach();
-        ASSERT_EQ(std::future_status::ready, initDone.wait_for(std::chrono::seconds(20)));
-        EXPECT_EQ(-1, initDone.get());
-        EXPECT_EQ(-1, app.deinitResult);
-        EXPECT_EQ(0, app.retryResult);
-        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, app.calls());
-        EXPECT_TRUE(isDirectory(app.retryDir));
-        EXPECT_EQ(0, app.engine->deinit());
     });
 }
 
