@@ -69,8 +69,8 @@ TEST(AgentCheck, TheBroadcastSimulatorPasses) {
 // breach id expected when the fake's name for it differs.
 struct BreachCase {
     const char* id;
-    bool mbbms;
-    const char* reportedAs;
+    bool mbbms = false;
+    const char* reportedAs = nullptr;
     const char* expected() const { return reportedAs != nullptr ? reportedAs : id; }
 };
 
@@ -93,24 +93,18 @@ TEST_P(AgentCheckBreach, IsReportedAloneWithExitStatus1) {
 
 INSTANTIATE_TEST_SUITE_P(
     FakeAgent, AgentCheckBreach,
-    testing::Values(
-        BreachCase{"unpaired-bracket", false, nullptr},
-        BreachCase{"nested-bracket", false, nullptr},
-        // A frame never ended: ended by the tool after 2 s, so the run goes on.
-        BreachCase{"unended-bracket", false, "unpaired-bracket"},
-        BreachCase{"data-outside-bracket", false, nullptr},
-        BreachCase{"callback-inside-bracket", false, nullptr},
-        BreachCase{"fragment-order", false, nullptr}, BreachCase{"nal-start-code", false, nullptr},
-        BreachCase{"parameter-sets-missing", false, nullptr},
-        BreachCase{"parameter-sets-rare", false, nullptr},
-        BreachCase{"aac-adts-header", false, nullptr}, BreachCase{"aac-too-long", false, nullptr},
-        BreachCase{"time-backwards", false, nullptr}, BreachCase{"time-jump", false, nullptr},
-        BreachCase{"frame-too-large", false, nullptr},
-        BreachCase{"frame-too-many-items", false, nullptr},
-        BreachCase{"request-completed-twice", true, nullptr},
-        BreachCase{"request-never-completed", true, nullptr},
-        BreachCase{"unknown-event", false, nullptr},
-        BreachCase{"data-thread-changed", false, nullptr}),
+    testing::Values(BreachCase{"unpaired-bracket"}, BreachCase{"nested-bracket"},
+                    // A frame never ended: ended by the tool after 2 s, so the run goes on.
+                    BreachCase{"unended-bracket", false, "unpaired-bracket"},
+                    BreachCase{"data-outside-bracket"}, BreachCase{"callback-inside-bracket"},
+                    BreachCase{"fragment-order"}, BreachCase{"nal-start-code"},
+                    BreachCase{"parameter-sets-missing"}, BreachCase{"parameter-sets-rare"},
+                    BreachCase{"aac-adts-header"}, BreachCase{"aac-too-long"},
+                    BreachCase{"time-backwards"}, BreachCase{"time-jump"},
+                    BreachCase{"frame-too-large"}, BreachCase{"frame-too-many-items"},
+                    BreachCase{"request-completed-twice", true},
+                    BreachCase{"request-never-completed", true}, BreachCase{"unknown-event"},
+                    BreachCase{"data-thread-changed"}),
     [](const testing::TestParamInfo<BreachCase>& param) {
         std::string name = param.param.id;
         for (char& c : name)
