@@ -61,32 +61,27 @@ TEST(AgentLoading, RacingGetInstanceCreatesOneEngineLoadingTheLibraryOnceAndDele
     });
 }
 
-class VendorProperty : public ::testing::TestWithParam<std::pair<const char*, bool>> {};
-
 // The property value selects the vendor library: "inno" in any case as the first four
 // letters means libinno.so, anything else (or nothing) libsiano.so.
-TEST_P(VendorProperty, SelectsTheAgentLibrary) {
-    const char* value = GetParam().first;
-    const bool expectInno = GetParam().second;
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        if (value != nullptr)
-            root.setVendor(value);
-        TavoMBBMSEngine::getInstance();
-        const std::string inno = root.resolve("/system/lib/libinno.so");
-        const std::string siano = root.resolve("/system/lib/libsiano.so");
-        EXPECT_NE(nullptr, fakeAgentAt(expectInno ? inno : siano));
-        EXPECT_EQ(-1, fakeAgentLoadCountAt(expectInno ? siano : inno))
-            << "the other vendor library was loaded";
-    });
+TEST(AgentLoading, TheVendorPropertySelectsTheAgentLibrary) {
+    const std::pair<const char*, bool> values[] = {
+        {"inno", true},   {"Inno", true}, {"innovative", true}, {"INNOx", true},
+        {nullptr, false}, {"", false},    {"siano", false},     {"inn", false}};
+    for (const auto& value : values) {
+        SCOPED_TRACE(value.first != nullptr ? value.first : "(not set)");
+        EXPECT_IN_CHILD({
+            TestRoot root;
+            if (value.first != nullptr)
+                root.setVendor(value.first);
+            TavoMBBMSEngine::getInstance();
+            const std::string inno = root.resolve("/system/lib/libinno.so");
+            const std::string siano = root.resolve("/system/lib/libsiano.so");
+            EXPECT_NE(nullptr, fakeAgentAt(value.second ? inno : siano));
+            EXPECT_EQ(-1, fakeAgentLoadCountAt(value.second ? siano : inno))
+                << "the other vendor library was loaded";
+        });
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Values, VendorProperty,
-    ::testing::Values(std::make_pair("inno", true), std::make_pair("Inno", true),
-                      std::make_pair("innovative", true), std::make_pair("INNOx", true),
-                      std::make_pair(nullptr, false), std::make_pair("", false),
-                      std::make_pair("siano", false), std::make_pair("inn", false)));
 
 // No agent library, or one without createAgent: the engine exists, but every agent
 // operation fails.
