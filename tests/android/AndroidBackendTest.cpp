@@ -78,13 +78,21 @@ protected:
     sem_t mSem;
 };
 
-TEST_F(SemaphoreWaits, UntimedWaitOutlastsSignalsUntilPosted) {
-    InterruptedWaiter waiter([this] { return semaphoreWaitRestarting(&mSem); });
-    waiter.interrupt(40);
-    EXPECT_FALSE(waiter.done) << "returned " << waiter.result << " errno " << waiter.error;
-    ASSERT_EQ(0, sem_post(&mSem));
-    waiter.join();
-    EXPECT_EQ(0, waiter.result);
+// The untimed wait, and a timed one far from its time-out: signals do not end them, a post
+// does, and the post is taken once, by the waiter.
+TEST_F(SemaphoreWaits, WaitsOutlastSignalsUntilPosted) {
+    for (bool timed : {false, true}) {
+        SCOPED_TRACE(timed ? "timed" : "untimed");
+        InterruptedWaiter waiter([this, timed] {
+            return timed ? semaphoreWaitMonotonic(&mSem, 10000) : semaphoreWaitRestarting(&mSem);
+        });
+        waiter.interrupt(40);
+        EXPECT_FALSE(waiter.done) << "returned " << waiter.result << " errno " << waiter.error;
+        ASSERT_EQ(0, sem_post(&mSem));
+        waiter.join();
+        EXPECT_EQ(0, waiter.result);
+        EXPECT_NE(0, sem_trywait(&mSem)) << "the post was taken twice";
+    }
 }
 
 TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
@@ -98,15 +106,6 @@ TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
     EXPECT_GE(elapsed, milliseconds(400));
     // A hang detector, not a timing goal: the wait must end well before two seconds pass.
     EXPECT_LT(elapsed, milliseconds(2000));
-}
-
-TEST_F(SemaphoreWaits, TimedWaitTakesAPostMadeWhileItWaits) {
-    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, 10000); });
-    waiter.interrupt(10);
-    ASSERT_EQ(0, sem_post(&mSem));
-    waiter.join();
-    EXPECT_EQ(0, waiter.result);
-    EXPECT_EQ(0, sem_trywait(&mSem) == 0 ? 1 : 0) << "the post was taken once, by the waiter";
 }
 
 TEST_F(SemaphoreWaits, ZeroTimeOutTakesOnlyWhatIsAlreadyPosted) {
