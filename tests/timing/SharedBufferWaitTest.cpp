@@ -89,6 +89,10 @@ struct LockBound {
     int session;
 };
 
+void PrintTo(const LockBound& bound, std::ostream* out) {
+    *out << bound.ms << " ms";
+}
+
 class SharedBufferWaitBound : public SharedBufferWait,
                               public testing::WithParamInterface<LockBound> {};
 
