@@ -1,5 +1,6 @@
 #include "JsonValue.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -7,34 +8,47 @@ class JsonParser {
 public:
     explicit JsonParser(const std::string& text) : mText(text) {}
 
-    bool document(JsonValue* value) {
-        if (!parseValue(value, 0))
-            return false;
-        skipSpace();
-        return mAt == mText.size();
-    }
+    bool document(JsonValue* value) { return parseValue(value, 0) && atEnd(); }
 
 private:
     static const int kMaxDepth = 64;
 
-    void skipSpace() {
+    bool atEnd() {
         while (mAt < mText.size() && strchr(" \t\r\n", mText[mAt]) != nullptr)
             ++mAt;
+        return mAt == mText.size();
+    }
+    // Takes `c` after white space; whether it was there.
+    bool take(char c) {
+        if (atEnd() || mText[mAt] != c)
+            return false;
+        ++mAt;
+        return true;
     }
     bool literal(const char* word) {
-        size_t length = strlen(word);
+        const size_t length = strlen(word);
         if (mText.compare(mAt, length, word) != 0)
             return false;
         mAt += length;
         return true;
     }
+    // The comma-separated items of an object or array, up to `close`.
+    template <typename Item>
+    bool items(char close, Item item) {
+        if (take(close))
+            return true;
+        do {
+            if (!item())
+                return false;
+        } while (take(','));
+        return take(close);
+    }
 
     bool parseString(std::string* out) {
-        if (mAt >= mText.size() || mText[mAt] != '"')
+        if (!take('"'))
             return false;
-        ++mAt;
         while (mAt < mText.size()) {
-            char c = mText[mAt++];
+            const char c = mText[mAt++];
             if (c == '"')
                 return true;
             if (static_cast<unsigned char>(c) < 0x20)
@@ -43,16 +57,14 @@ private:
                 *out += c;
                 continue;
             }
-            if (mAt >= mText.size())
-                return false;
-            char escape = mText[mAt++];
-            const char* from = "\"\\/bfnrt";
-            const char* to = "\"\\/\b\f\n\r\t";
-            const char* found = strchr(from, escape);
-            if (escape != 'u' && found != nullptr && escape != '\0') {
-                *out += to[found - from];
+            const char escape = mAt < mText.size() ? mText[mAt++] : '\0';
+            static const char kFrom[] = "\"\\/bfnrt";
+            static const char kTo[] = "\"\\/\b\f\n\r\t";
+            const char* found = escape != '\0' ? strchr(kFrom, escape) : nullptr;
+            if (found != nullptr) {
+                *out += kTo[found - kFrom];
             } else if (escape == 'u' && mAt + 4 <= mText.size()) {
-                unsigned long code = strtoul(mText.substr(mAt, 4).c_str(), nullptr, 16);
+                const unsigned long code = strtoul(mText.substr(mAt, 4).c_str(), nullptr, 16);
                 mAt += 4;
                 *out += code < 0x80 ? static_cast<char>(code) : '?';
             } else {
@@ -63,79 +75,36 @@ private:
     }
 
     bool parseValue(JsonValue* value, int depth) {
-        if (depth > kMaxDepth)
+        if (depth > kMaxDepth || atEnd())
             return false;
-        skipSpace();
-        if (mAt >= mText.size())
-            return false;
-        char c = mText[mAt];
-        if (c == '{') {
-            value->mKind = JsonValue::OBJECT;
-            ++mAt;
-            skipSpace();
-            if (mAt < mText.size() && mText[mAt] == '}') {
-                ++mAt;
-                return true;
-            }
-            for (;;) {
-                skipSpace();
+        if (take('{')) {
+            return items('}', [&] {
                 std::string key;
-                if (!parseString(&key))
-                    return false;
-                skipSpace();
-                if (mAt >= mText.size() || mText[mAt++] != ':')
-                    return false;
-                if (!parseValue(&value->mObject[key], depth + 1))
-                    return false;
-                skipSpace();
-                if (mAt < mText.size() && mText[mAt] == ',') {
-                    ++mAt;
-                    continue;
-                }
-                return mAt < mText.size() && mText[mAt++] == '}';
-            }
+                return parseString(&key) && take(':') &&
+                       parseValue(&value->mObject[key], depth + 1);
+            });
         }
-        if (c == '[') {
-            value->mKind = JsonValue::ARRAY;
-            ++mAt;
-            skipSpace();
-            if (mAt < mText.size() && mText[mAt] == ']') {
-                ++mAt;
-                return true;
-            }
-            for (;;) {
+        if (take('[')) {
+            return items(']', [&] {
                 value->mArray.emplace_back();
-                if (!parseValue(&value->mArray.back(), depth + 1))
-                    return false;
-                skipSpace();
-                if (mAt < mText.size() && mText[mAt] == ',') {
-                    ++mAt;
-                    continue;
-                }
-                return mAt < mText.size() && mText[mAt++] == ']';
-            }
+                return parseValue(&value->mArray.back(), depth + 1);
+            });
         }
-        if (c == '"') {
-            value->mKind = JsonValue::STRING;
+        if (mText[mAt] == '"')
             return parseString(&value->mString);
-        }
-        if (literal("true") || literal("false")) {
-            value->mKind = JsonValue::BOOLEAN;
-            value->mBoolean = mText[mAt - 1] == 'e' && mText[mAt - 2] == 'u';
+        if (literal("true")) {
+            value->mBoolean = true;
             return true;
         }
-        if (literal("null")) {
-            value->mKind = JsonValue::NUL;
+        if (literal("false") || literal("null"))
             return true;
-        }
         const char* begin = mText.c_str() + mAt;
+        if (*begin != '-' && !isdigit(static_cast<unsigned char>(*begin)))
+            return false;
         char* end = nullptr;
         value->mNumber = strtod(begin, &end);
-        if (end == begin || (c != '-' && (c < '0' || c > '9')))
-            return false;
-        value->mKind = JsonValue::NUMBER;
         mAt += static_cast<size_t>(end - begin);
-        return true;
+        return end != begin;
     }
 
     const std::string& mText;

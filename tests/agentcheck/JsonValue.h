@@ -1,32 +1,27 @@
 // A small JSON reader for the tests of tools' machine-readable output: parses a whole
-// document strictly and gives access to objects, arrays, strings, numbers and booleans.
+// document strictly and gives access to objects, arrays, strings, numbers and booleans. A
+// member or accessor of the wrong kind gives an empty value (false, 0, "", no items).
 #ifndef TAVO_TESTS_AGENTCHECK_JSON_VALUE_H
 #define TAVO_TESTS_AGENTCHECK_JSON_VALUE_H
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 class JsonValue {
 public:
-    enum Kind { NUL, BOOLEAN, NUMBER, STRING, ARRAY, OBJECT };
-
     // Parses text (one value, surrounded only by white space); false when it is not JSON.
     static bool parse(const std::string& text, JsonValue* value);
 
-    Kind kind() const { return mKind; }
     bool boolean() const { return mBoolean; }
     double number() const { return mNumber; }
     const std::string& string() const { return mString; }
     const std::vector<JsonValue>& array() const { return mArray; }
-    bool has(const std::string& key) const { return mObject.count(key) != 0; }
     // The member `key`; a null value when there is none.
     const JsonValue& operator[](const std::string& key) const;
 
 private:
     friend class JsonParser;
-    Kind mKind = NUL;
     bool mBoolean = false;
     double mNumber = 0;
     std::string mString;

@@ -9,10 +9,10 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -23,58 +23,51 @@
 
 namespace {
 
-int64_t monotonicMs() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-void sleepMs(int ms) {
-    struct timespec step = {0, ms * 1000000L};
-    nanosleep(&step, nullptr);
-}
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 void ignoreSignal(int) {}
 
-// Installs a SIGUSR1 handler without SA_RESTART, so that blocking calls of the thread that
-// receives it fail with EINTR unless the caller restarts them.
-class InterruptingSignal {
+// Runs wait() on a thread and interrupts it with signals while it waits. The SIGUSR1 handler
+// has no SA_RESTART, so that blocking calls of the thread fail with EINTR unless the code
+// under test restarts them.
+class InterruptedWaiter {
 public:
-    InterruptingSignal() {
-        struct sigaction action;
-        memset(&action, 0, sizeof(action));
-        action.sa_handler = ignoreSignal;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGUSR1, &action, &mPrevious);
-    }
-    ~InterruptingSignal() { sigaction(SIGUSR1, &mPrevious, nullptr); }
-
-private:
-    struct sigaction mPrevious;
-};
-
-// Runs wait() on a thread and interrupts it with signals while it waits.
-struct InterruptedWaiter {
-    std::atomic<bool> done{false};
-    std::atomic<int> result{1};
-    std::atomic<int> error{0};
-    std::thread thread;
-
     template <typename Wait>
-    explicit InterruptedWaiter(Wait wait)
-        : thread([this, wait] {
-              int r = wait();
-              error = errno;
-              result = r;
-              done = true;
-          }) {}
+    explicit InterruptedWaiter(Wait wait) {
+        struct sigaction action = {};
+        action.sa_handler = ignoreSignal;
+        sigaction(SIGUSR1, &action, &mPrevious);
+        mThread = std::thread([this, wait] {
+            int r = wait();
+            error = errno;
+            result = r;
+            done = true;
+        });
+    }
+    ~InterruptedWaiter() {
+        join();
+        sigaction(SIGUSR1, &mPrevious, nullptr);
+    }
 
     void interrupt(int times) {
         for (int i = 0; i < times && !done; ++i) {
-            pthread_kill(thread.native_handle(), SIGUSR1);
-            sleepMs(5);
+            pthread_kill(mThread.native_handle(), SIGUSR1);
+            std::this_thread::sleep_for(milliseconds(5));
         }
     }
+    void join() {
+        if (mThread.joinable())
+            mThread.join();
+    }
+
+    std::atomic<bool> done{false};
+    std::atomic<int> result{1};
+    std::atomic<int> error{0};
+
+private:
+    struct sigaction mPrevious;
+    std::thread mThread;
 };
 
 class SemaphoreWaits : public testing::Test {
@@ -83,39 +76,36 @@ protected:
     void TearDown() override { sem_destroy(&mSem); }
 
     sem_t mSem;
-    InterruptingSignal mSignal;
 };
 
-TEST_F(SemaphoreWaits, UntimedWaitOutlastsSignalsUntilPosted) {
-    InterruptedWaiter waiter([this] { return semaphoreWaitRestarting(&mSem); });
-    waiter.interrupt(40);
-    EXPECT_FALSE(waiter.done) << "returned " << waiter.result << " errno " << waiter.error;
-    ASSERT_EQ(0, sem_post(&mSem));
-    waiter.thread.join();
-    EXPECT_EQ(0, waiter.result);
+// The untimed wait, and a timed one far from its time-out: signals do not end them, a post
+// does, and the post is taken once, by the waiter.
+TEST_F(SemaphoreWaits, WaitsOutlastSignalsUntilPosted) {
+    for (bool timed : {false, true}) {
+        SCOPED_TRACE(timed ? "timed" : "untimed");
+        InterruptedWaiter waiter([this, timed] {
+            return timed ? semaphoreWaitMonotonic(&mSem, 10000) : semaphoreWaitRestarting(&mSem);
+        });
+        waiter.interrupt(40);
+        EXPECT_FALSE(waiter.done) << "returned " << waiter.result << " errno " << waiter.error;
+        ASSERT_EQ(0, sem_post(&mSem));
+        waiter.join();
+        EXPECT_EQ(0, waiter.result);
+        EXPECT_NE(0, sem_trywait(&mSem)) << "the post was taken twice";
+    }
 }
 
 TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
-    const int timeoutMs = 400;
-    const int64_t started = monotonicMs();
-    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, timeoutMs); });
+    const auto started = Clock::now();
+    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, 400); });
     waiter.interrupt(1000);
-    waiter.thread.join();
-    const int64_t elapsed = monotonicMs() - started;
+    waiter.join();
+    const auto elapsed = Clock::now() - started;
     EXPECT_EQ(-1, waiter.result);
     EXPECT_EQ(ETIMEDOUT, waiter.error);
-    EXPECT_GE(elapsed, timeoutMs);
-    // A hang detector, not a timing goal: the wait must end well before a second passes.
-    EXPECT_LT(elapsed, 5 * timeoutMs);
-}
-
-TEST_F(SemaphoreWaits, TimedWaitTakesAPostMadeWhileItWaits) {
-    InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, 10000); });
-    waiter.interrupt(10);
-    ASSERT_EQ(0, sem_post(&mSem));
-    waiter.thread.join();
-    EXPECT_EQ(0, waiter.result);
-    EXPECT_EQ(0, sem_trywait(&mSem) == 0 ? 1 : 0) << "the post was taken once, by the waiter";
+    EXPECT_GE(elapsed, milliseconds(400));
+    // A hang detector, not a timing goal: the wait must end well before two seconds pass.
+    EXPECT_LT(elapsed, milliseconds(2000));
 }
 
 TEST_F(SemaphoreWaits, ZeroTimeOutTakesOnlyWhatIsAlreadyPosted) {

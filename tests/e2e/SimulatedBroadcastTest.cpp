@@ -108,25 +108,4 @@ TEST(SimulatedBroadcast, PlayEngineRestartEngineKeepsServingAndTheNewOneReadsBot
     });
 }
 
-TEST(SimulatedBroadcast, DeinitWithRunningServicesThenInitServesAgain) {
-    EXPECT_IN_CHILD({
-        TestRoot root(TAVO_SIM_AGENT_PATH);  // a copy, away from the content beside it
-        root.setProperty("persist.tavo.sim.speed", "20");
-        root.setProperty("persist.tavo.sim.content", TAVO_SIM_CONTENT_DIR);
-        RecordingCallback callback;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        for (int round = 0; round < 2; ++round) {
-            ASSERT_EQ(0, engine->init(&callback, nullptr)) << "round " << round;
-            ASSERT_EQ(0, startService(engine, 0, 101, 1));
-            ASSERT_EQ(0, startService(engine, 1, 102, 5));
-            // No play engine: frames are handed over and replaced unread.
-            ASSERT_TRUE(waitForMoreFrames(root, 3)) << "round " << round;
-            ASSERT_EQ(0, engine->deinit());  // the services are left running
-        }
-        int frames = root.countLog(frameEnd(0));
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // four frame periods
-        EXPECT_EQ(frames, root.countLog(frameEnd(0))) << "frames after deinit";
-    });
-}
-
 }  // namespace

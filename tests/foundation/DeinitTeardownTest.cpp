@@ -5,51 +5,38 @@
 // the platform's Env, so this suite links the engine's objects; each test runs in a child.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 
 #include "ChildProcess.h"
-#include "FakeAgentAccess.h"
+#include "EngineRig.h"
 #include "FaultInjectingEnv.h"
 #include "OpenDescriptors.h"
-#include "RecordingCallback.h"
-#include "TavoMBBMSEngine.h"
-#include "TestRoot.h"
 #include "UniqueHandle.h"
 
 namespace {
 
 const int kChannel = 4;
-const long long kMiB = 1 << 20;
 
-int startService(TavoMBBMSEngine* engine, FakeAgentControl* agent, int session) {
-    IsmaPara isma;
-    memset(&isma, 0, sizeof(isma));
+int startService(EngineRig& rig, int session) {
+    IsmaPara isma{};
     isma.serviceID = 9;
-    agent->setNextChannelID(kChannel);
-    return engine->startTVService(session, 20, 1, 2, 3, &isma);
+    rig.agent().setNextChannelID(kChannel);
+    return rig.engine().startTVService(session, 20, 1, 2, 3, &isma);
 }
 
-void playEmptyFrame(FakeAgentControl* agent) {
-    agent->runOnAgentThread([](MBBMSAgentCallback* callback) {
-        callback->onOutputAVStart(kChannel, nullptr, 0);
-        callback->onOutputAVEnd(kChannel, false);
+// Results and events the agent keeps raising after deinit: none may reach the application.
+void expectNoLateCallbacks(EngineRig& rig) {
+    rig.app().clear();
+    rig.fromAgent([](MBBMSAgentCallback& callback) {
+        callback.onScanFinished(true);
+        callback.onEvent(static_cast<EventType>(99), 1);
+        callback.onRequestInitGBA(true);
     });
-}
-
-// Results and events the agent keeps raising after deinit.
-void playLateCallbacks(FakeAgentControl* agent) {
-    agent->runOnAgentThread([](MBBMSAgentCallback* callback) {
-        callback->onScanFinished(true);
-        callback->onEvent(static_cast<EventType>(99), 1);
-        callback->onRequestInitGBA(true);
-    });
+    EXPECT_EQ(std::vector<std::string>{}, rig.app().calls()) << "a callback after deinit";
 }
 
 }  // namespace
@@ -59,49 +46,40 @@ void playLateCallbacks(FakeAgentControl* agent) {
 // is called.
 TEST(DeinitTeardown, ThreadsAndDescriptorsAreBackAndPendingRecordingsAreReportedBeforeItReturns) {
     EXPECT_IN_CHILD({
-        setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,ENGINE", 1);
         FaultInjectingEnv env;
-        TestRoot root;
-        RecordingCallback app;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-        ASSERT_NE(nullptr, agent);
+        EngineRig rig("ERROR,WARNING,MAIN,ENGINE");
+        TavoMBBMSEngine& engine = rig.engine();
         const int threadsBefore = threadCount();
         const int descriptorsBefore = openDescriptors();
 
         for (int round = 0; round < 2; ++round) {
             SCOPED_TRACE("round " + std::to_string(round));
-            // A recording takes a descriptor positioned at byte 0: fresh files each round.
-            UniqueFd outputs[2] = {
-                UniqueFd(open((root.path() + "/s0.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644)),
-                UniqueFd(
-                    open((root.path() + "/s1.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644))};
-            ASSERT_TRUE(outputs[0].valid());
-            ASSERT_TRUE(outputs[1].valid());
-            app.clear();
+            rig.app().clear();
             env.setFreeBytes(-1);
-            ASSERT_EQ(0, engine->init(&app, nullptr));
-            ASSERT_EQ(0, startService(engine, agent, 0));
-            ASSERT_EQ(0, startService(engine, agent, 1));
-            ASSERT_EQ(0, engine->startRecording(0, outputs[0].get()));
-            ASSERT_EQ(0, engine->startRecording(1, outputs[1].get()));
-            env.setFreeBytes(kMiB - 1);
-            playEmptyFrame(agent);
-            EXPECT_FALSE(engine->isRecording(0));
-            EXPECT_FALSE(engine->isRecording(1));
+            ASSERT_EQ(0, rig.init());
+            for (int session : {0, 1}) {
+                // A recording takes a descriptor positioned at byte 0: fresh files each round.
+                const std::string path = rig.root().path() + "/s" + std::to_string(session);
+                UniqueFd output(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+                ASSERT_TRUE(output.valid());
+                ASSERT_EQ(0, startService(rig, session));
+                ASSERT_EQ(0, engine.startRecording(session, output.get()));
+            }
+            env.setFreeBytes((1 << 20) - 1);
+            rig.fromAgent([](MBBMSAgentCallback& callback) {
+                callback.onOutputAVStart(kChannel, nullptr, 0);
+                callback.onOutputAVEnd(kChannel, false);
+            });
+            EXPECT_FALSE(engine.isRecording(0));
+            EXPECT_FALSE(engine.isRecording(1));
 
-            ASSERT_EQ(0, engine->deinit());
+            ASSERT_EQ(0, engine.deinit());
             // Both recordings were completed and reported (card gone or storage full) before
             // deinit returned.
-            EXPECT_EQ(2, app.count("onEvent(151, ") + app.count("onEvent(152, "));
-            outputs[0].reset();
-            outputs[1].reset();
+            EXPECT_EQ(2, rig.app().count("onEvent(151, ") + rig.app().count("onEvent(152, "));
             EXPECT_EQ(threadsBefore, threadCountSettledAt(threadsBefore));
             EXPECT_EQ(descriptorsBefore, openDescriptors());
-
-            app.clear();
-            playLateCallbacks(agent);
-            EXPECT_EQ(std::vector<std::string>{}, app.calls()) << "a callback after deinit";
+            expectNoLateCallbacks(rig);
         }
     });
 }
@@ -120,26 +98,22 @@ TEST(DeinitTeardown, WaitsForACallbackInFlightOnAnotherThread) {
                 returned = true;
             }
         };
-        TestRoot root;
+        EngineRig rig;
         SlowApp app;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-        ASSERT_NE(nullptr, agent);
-        ASSERT_EQ(0, engine->init(&app, nullptr));
-        agent->postToAgentThread(
+        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
+        rig.agent().postToAgentThread(
             [](MBBMSAgentCallback* callback) { callback->onScanFinished(true); });
         while (!app.entered)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        ASSERT_EQ(0, engine->deinit());
+        ASSERT_EQ(0, rig.engine().deinit());
         EXPECT_TRUE(app.returned.load()) << "deinit returned while a callback was in flight";
-        agent->drainAgentThread();
+        rig.agent().drainAgentThread();
 
         // A later init opens the callbacks again.
-        app.clear();
-        ASSERT_EQ(0, engine->init(&app, nullptr));
-        playLateCallbacks(agent);
-        EXPECT_EQ(1, app.count("onScanFinished(1)"));
-        EXPECT_EQ(0, engine->deinit());
+        ASSERT_EQ(0, rig.init());
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
+        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
+        EXPECT_EQ(0, rig.engine().deinit());
     });
 }
 
@@ -147,15 +121,12 @@ TEST(DeinitTeardown, WaitsForACallbackInFlightOnAnotherThread) {
 // nothing crashes or hangs, and once the last deinit has returned no callback follows.
 TEST(DeinitTeardown, RacingInitAndDeinitLeaveNoCallbackAfterTheLastDeinit) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        RecordingCallback app;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-        ASSERT_NE(nullptr, agent);
+        EngineRig rig;
+        FakeAgentControl& agent = rig.agent();
         std::atomic<bool> racing{true};
         std::thread events([&] {
             while (racing) {
-                agent->runOnAgentThread([](MBBMSAgentCallback* callback) {
+                agent.runOnAgentThread([](MBBMSAgentCallback* callback) {
                     if (callback != nullptr)
                         callback->onEvent(static_cast<EventType>(99), 1);
                 });
@@ -164,9 +135,8 @@ TEST(DeinitTeardown, RacingInitAndDeinitLeaveNoCallbackAfterTheLastDeinit) {
         std::atomic<int> initialised{0};
         auto cycle = [&] {
             for (int i = 0; i < 30; ++i) {
-                if (engine->init(&app, nullptr) == 0)
-                    ++initialised;
-                engine->deinit();
+                initialised += rig.init() == 0;
+                rig.engine().deinit();
             }
         };
         std::thread first(cycle), second(cycle);
@@ -175,10 +145,8 @@ TEST(DeinitTeardown, RacingInitAndDeinitLeaveNoCallbackAfterTheLastDeinit) {
         racing = false;
         events.join();
         EXPECT_EQ(60, initialised.load());
-        EXPECT_GT(app.count("onEvent(99, 1)"), 0) << "the events never met an open engine";
-        ASSERT_EQ(0, engine->deinit());
-        app.clear();
-        playLateCallbacks(agent);
-        EXPECT_EQ(std::vector<std::string>{}, app.calls());
+        EXPECT_GT(rig.app().count("onEvent(99, 1)"), 0) << "the events never met an open engine";
+        ASSERT_EQ(0, rig.engine().deinit());
+        expectNoLateCallbacks(rig);
     });
 }

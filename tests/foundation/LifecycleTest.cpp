@@ -5,28 +5,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <future>
 #include <string>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "EngineRig.h"
 #include "FakeAgentAccess.h"
 #include "OpenDescriptors.h"
-#include "RecordingCallback.h"
-#include "TavoMBBMSEngine.h"
-#include "TestRoot.h"
 
 namespace {
-
-std::string sianoPath(const TestRoot& root) {
-    return root.resolve("/system/lib/libsiano.so");
-}
-std::string innoPath(const TestRoot& root) {
-    return root.resolve("/system/lib/libinno.so");
-}
 
 bool isDirectory(const std::string& path) {
     struct stat status;
@@ -38,244 +27,184 @@ int openSharedRegions() {
     return openDescriptors("cmmb_shared_memory_");
 }
 
+// A work directory that cannot be created: its parent is a plain file.
+std::string uncreatableDir(const TestRoot& root) {
+    writeTextFile(root.resolve("/plainfile"), "x");
+    return root.resolve("/plainfile/sub");
+}
+
 }  // namespace
 
 TEST(AgentLoading, RacingGetInstanceCreatesOneEngineLoadingTheLibraryOnceAndDeleteDestroysIt) {
     EXPECT_IN_CHILD({
         TestRoot root;
-        std::atomic<bool> go{false};
-        TavoMBBMSEngine* seen[2] = {nullptr, nullptr};
-        std::thread racers[2];
-        for (int i = 0; i < 2; ++i) {
-            racers[i] = std::thread([&, i] {
-                while (!go) {
-                }
-                seen[i] = TavoMBBMSEngine::getInstance();
-            });
-        }
-        go = true;
-        for (std::thread& racer : racers)
-            racer.join();
+        const std::string siano = root.resolve("/system/lib/libsiano.so");
+        std::promise<void> go;
+        std::shared_future<void> started = go.get_future().share();
+        auto racer = [&] {
+            started.wait();
+            return TavoMBBMSEngine::getInstance();
+        };
+        std::future<TavoMBBMSEngine*> racers[2] = {std::async(std::launch::async, racer),
+                                                   std::async(std::launch::async, racer)};
+        go.set_value();
+        TavoMBBMSEngine* seen[2] = {racers[0].get(), racers[1].get()};
         ASSERT_NE(nullptr, seen[0]);
         EXPECT_EQ(seen[0], seen[1]);
         EXPECT_EQ(seen[0], TavoMBBMSEngine::getInstance());
-        EXPECT_EQ(1, fakeAgentLoadCountAt(sianoPath(root)));
-        EXPECT_EQ(1, fakeAgentCreateCountAt(sianoPath(root)));
+        EXPECT_EQ(1, fakeAgentLoadCountAt(siano));
+        EXPECT_EQ(1, fakeAgentCreateCountAt(siano));
         // Either the library is unloaded or its agent is gone (a C++ library may stay
         // resident after dlclose).
         delete seen[0];
-        EXPECT_EQ(nullptr, fakeAgentAt(sianoPath(root)));
+        EXPECT_EQ(nullptr, fakeAgentAt(siano));
     });
 }
-
-class VendorProperty : public ::testing::TestWithParam<std::pair<const char*, bool>> {};
 
 // The property value selects the vendor library: "inno" in any case as the first four
 // letters means libinno.so, anything else (or nothing) libsiano.so.
-TEST_P(VendorProperty, SelectsTheAgentLibrary) {
-    const char* value = GetParam().first;
-    const bool expectInno = GetParam().second;
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        if (value != nullptr)
-            root.setVendor(value);
-        TavoMBBMSEngine::getInstance();
-        const std::string chosen = expectInno ? innoPath(root) : sianoPath(root);
-        const std::string other = expectInno ? sianoPath(root) : innoPath(root);
-        EXPECT_NE(nullptr, fakeAgentAt(chosen));
-        EXPECT_EQ(-1, fakeAgentLoadCountAt(other)) << "the other vendor library was loaded";
-    });
+TEST(AgentLoading, TheVendorPropertySelectsTheAgentLibrary) {
+    const std::pair<const char*, bool> values[] = {
+        {"inno", true},   {"Inno", true}, {"innovative", true}, {"INNOx", true},
+        {nullptr, false}, {"", false},    {"siano", false},     {"inn", false}};
+    for (const auto& value : values) {
+        SCOPED_TRACE(value.first != nullptr ? value.first : "(not set)");
+        EXPECT_IN_CHILD({
+            TestRoot root;
+            if (value.first != nullptr)
+                root.setVendor(value.first);
+            TavoMBBMSEngine::getInstance();
+            const std::string inno = root.resolve("/system/lib/libinno.so");
+            const std::string siano = root.resolve("/system/lib/libsiano.so");
+            EXPECT_NE(nullptr, fakeAgentAt(value.second ? inno : siano));
+            EXPECT_EQ(-1, fakeAgentLoadCountAt(value.second ? siano : inno))
+                << "the other vendor library was loaded";
+        });
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Values, VendorProperty,
-    ::testing::Values(std::make_pair("inno", true), std::make_pair("Inno", true),
-                      std::make_pair("innovative", true), std::make_pair("INNOx", true),
-                      std::make_pair(nullptr, false), std::make_pair("", false),
-                      std::make_pair("siano", false), std::make_pair("inn", false)));
-
-TEST(AgentLoading, MissingLibraryIsReportedAndEveryAgentOperationFails) {
-    EXPECT_IN_CHILD({
-        TestRoot root("");  // no agent library installed
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        ASSERT_NE(nullptr, engine);
-        EXPECT_EQ(0, engine->getMaxSupportedSessions());
-        RecordingCallback callback;
-        EXPECT_EQ(-1, engine->init(&callback, nullptr));
-        EXPECT_EQ(-1, engine->setFrequency(20));
-        EXPECT_EQ(0, engine->deinit());
-        EXPECT_EQ(0, openSharedRegions()) << "a failed init left shared buffers behind";
-    });
-}
-
-TEST(AgentLoading, MissingCreateAgentMakesInitFail) {
-    EXPECT_IN_CHILD({
-        TestRoot root(TestRoot::fakeAgentWithoutCreatePath());
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        EXPECT_EQ(-1, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->getMaxSupportedSessions());
-    });
+// No agent library, or one without createAgent: the engine exists, but every agent
+// operation fails.
+TEST(AgentLoading, WithoutALibraryOrItsCreateAgentEveryAgentOperationFails) {
+    for (const std::string& library : {std::string(), TestRoot::fakeAgentWithoutCreatePath()}) {
+        SCOPED_TRACE("agent library \"" + library + "\"");
+        EXPECT_IN_CHILD({
+            TestRoot root(library);
+            TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
+            ASSERT_NE(nullptr, engine);
+            EXPECT_EQ(0, engine->getMaxSupportedSessions());
+            RecordingCallback callback;
+            EXPECT_EQ(-1, engine->init(&callback, nullptr));
+            EXPECT_EQ(-1, engine->setFrequency(20));
+            EXPECT_EQ(0, engine->deinit());
+            EXPECT_EQ(0, openSharedRegions()) << "a failed init left shared buffers behind";
+        });
+    }
 }
 
 TEST(Init, BringsTheAgentUpInOrderInTheDefaultOrGivenDirectoryAndDeinitTakesItDownOnce) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
-        ASSERT_NE(nullptr, agent);
-        const std::string defaultDir = root.resolve("/data/app/cmmb");
+        EngineRig rig;
+        TavoMBBMSEngine& engine = rig.engine();
+        const std::string defaultDir = rig.root().resolve("/data/app/cmmb");
         ASSERT_FALSE(isDirectory(defaultDir));
-        ASSERT_EQ(0, engine->init(nullptr, nullptr));
-        std::vector<std::string> calls = agent->calls();
+        ASSERT_EQ(0, engine.init(nullptr, nullptr));
+        std::vector<std::string> calls = rig.agent().calls();
         ASSERT_GE(calls.size(), 3u);
         EXPECT_EQ("preInitStep1()", calls[0]);
         EXPECT_EQ("preInitStep2()", calls[1]);
         EXPECT_EQ("init(callback, " + defaultDir + ", " + defaultDir + ")", calls[2]);
         EXPECT_TRUE(isDirectory(defaultDir));
-        EXPECT_EQ(1, agent->countCalls("getModuleInfo")) << "init asks for the module once";
+        EXPECT_EQ(1, rig.agent().countCalls("getModuleInfo")) << "init asks for the module once";
         EXPECT_EQ(2, openSharedRegions());
-        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, engine.deinit());
         EXPECT_EQ(0, openSharedRegions());
-        // A second deinit also returns 0.
-        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, engine.deinit()) << "a second deinit";
 
         // A given directory is created; an existing path of any kind is accepted.
-        const std::string dir = root.resolve("/work");
-        ASSERT_EQ(0, engine->init(nullptr, dir.c_str()));
+        const std::string dir = rig.root().resolve("/work");
+        ASSERT_EQ(0, engine.init(nullptr, dir.c_str()));
         EXPECT_TRUE(isDirectory(dir));
-        EXPECT_EQ(1, agent->countCalls("init(callback, " + dir + ", " + dir + ")"));
-        EXPECT_EQ(0, engine->deinit());
-        const std::string file = root.resolve("/plainfile");
-        writeTextFile(file, "x");
-        EXPECT_EQ(0, engine->init(nullptr, file.c_str()));
-        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(1, rig.agent().countCalls("init(callback, " + dir + ", " + dir + ")"));
+        EXPECT_EQ(0, engine.deinit());
+        uncreatableDir(rig.root());
+        EXPECT_EQ(0, engine.init(nullptr, rig.root().resolve("/plainfile").c_str()));
+        EXPECT_EQ(0, engine.deinit());
     });
 }
 
 TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        writeTextFile(root.resolve("/plainfile"), "x");
-        const std::string impossible = root.resolve("/plainfile/sub");
-        EXPECT_EQ(-1, engine->init(nullptr, impossible.c_str()));
+        EngineRig rig;
+        TavoMBBMSEngine& engine = rig.engine();
+        const std::string impossible = uncreatableDir(rig.root());
+        EXPECT_EQ(-1, engine.init(nullptr, impossible.c_str()));
         // Only with a callback is the failure also an event.
-        RecordingCallback callback;
-        EXPECT_EQ(-1, engine->init(&callback, impossible.c_str()));
-        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, callback.calls());
+        EXPECT_EQ(-1, engine.init(&rig.app(), impossible.c_str()));
+        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, rig.app().calls());
         EXPECT_EQ(0, openSharedRegions());
 
-        std::string base = root.resolve("/");
+        std::string base = rig.root().resolve("/");
         std::string fits = base + std::string(127 - base.size(), 'd');
         std::string tooLong = fits + "e";
-        ASSERT_EQ(127u, fits.size());
-        EXPECT_EQ(-1, engine->init(nullptr, tooLong.c_str()));
+        EXPECT_EQ(-1, engine.init(nullptr, tooLong.c_str()));
         EXPECT_FALSE(isDirectory(tooLong));
         EXPECT_FALSE(isDirectory(fits)) << "the path was cut instead of refused";
-        EXPECT_EQ(0, engine->init(nullptr, fits.c_str()));
+        EXPECT_EQ(0, engine.init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
-        EXPECT_EQ(0, engine->deinit());
-    });
-}
-
-// The event comes once init has released its lock: the handler may call init again, with a
-// directory that works, and is refused deinit.
-TEST(Init, AWorkDirErrorHandlerMayCallIntoTheEngine) {
-    EXPECT_IN_CHILD({
-        struct RetryingApp : RecordingCallback {
-            TavoMBBMSEngine* engine = nullptr;
-            std::string retryDir;
-            int deinitResult = 1;
-            int retryResult = 1;
-            void onEvent(EventType type, int param) override {
-                RecordingCallback::onEvent(type, param);
-                deinitResult = engine->deinit();
-                retryResult = engine->init(this, retryDir.c_str());
-            }
-        };
-        TestRoot root;
-        RetryingApp app;
-        app.engine = TavoMBBMSEngine::getInstance();
-        app.retryDir = root.resolve("/work");
-        writeTextFile(root.resolve("/plainfile"), "x");
-        const std::string impossible = root.resolve("/plainfile/sub");
-        // A deadlock would leave the thread behind; the bound fails the test instead.
-        std::promise<int> initResult;
-        std::future<int> initDone = initResult.get_future();
-        std::thread([&] {
-            initResult.set_value(app.engine->init(&app, impossible.c_str()));
-        }).detach();
-        ASSERT_EQ(std::future_status::ready, initDone.wait_for(std::chrono::seconds(20)));
-        EXPECT_EQ(-1, initDone.get());
-        EXPECT_EQ(-1, app.deinitResult);
-        EXPECT_EQ(0, app.retryResult);
-        EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, app.calls());
-        EXPECT_TRUE(isDirectory(root.resolve("/work")));
-        EXPECT_EQ(0, app.engine->deinit());
+        EXPECT_EQ(0, engine.deinit());
     });
 }
 
 TEST(Init, AgentInitResultMinusOneFailsAndAnyOtherValueSucceeds) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
-        agent->setResult("init", -1);
-        EXPECT_EQ(-1, engine->init(nullptr, nullptr));
+        EngineRig rig;
+        rig.agent().setResult("init", -1);
+        EXPECT_EQ(-1, rig.initWithoutCallback());
         EXPECT_EQ(0, openSharedRegions()) << "a failed init keeps its shared buffers";
 
         // The retry starts from scratch: one set of buffers, one server.
-        agent->setResult("init", 7);
-        EXPECT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(2, openSharedRegions());
-        EXPECT_EQ(0, engine->deinit());
-        agent->setResult("init", -2);
-        EXPECT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->deinit());
+        for (int result : {7, -2}) {
+            rig.agent().setResult("init", result);
+            EXPECT_EQ(0, rig.initWithoutCallback()) << result;
+            EXPECT_EQ(2, openSharedRegions());
+            EXPECT_EQ(0, rig.engine().deinit());
+        }
     });
 }
 
-TEST(Init, SecondInitKeepsTheFirstCallback) {
+TEST(Init, SecondInitKeepsTheFirstCallbackUntilDeinit) {
     EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        RecordingCallback first, second;
-        ASSERT_EQ(0, engine->init(&first, nullptr));
-        EXPECT_EQ(0, engine->init(&second, nullptr));
-        fakeAgentAt(sianoPath(root))->runOnAgentThread([](MBBMSAgentCallback* cb) {
-            cb->onScanFinished(true);
-        });
-        EXPECT_EQ(1, first.count("onScanFinished(1)"));
+        EngineRig rig;
+        RecordingCallback second;
+        ASSERT_EQ(0, rig.init());
+        EXPECT_EQ(0, rig.engine().init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
+        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
         EXPECT_EQ(0, second.count("onScanFinished"));
-        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, rig.engine().deinit());
 
-        // After deinit a new init replaces the callback.
-        ASSERT_EQ(0, engine->init(&second, nullptr));
-        fakeAgentAt(sianoPath(root))->runOnAgentThread([](MBBMSAgentCallback* cb) {
-            cb->onScanFinished(false);
-        });
+        ASSERT_EQ(0, rig.engine().init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(false); });
         EXPECT_EQ(1, second.count("onScanFinished(0)"));
-        EXPECT_EQ(0, engine->deinit());
+        EXPECT_EQ(0, rig.engine().deinit());
     });
 }
 
 TEST(Deinit, ShutsTheAgentDownAfterTheSessionManagerIsGone) {
     EXPECT_IN_CHILD({
-        setenv("TAVO_LOGMASK", "all", 1);
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        FakeAgentControl* agent = fakeAgentAt(sianoPath(root));
-        ASSERT_EQ(0, engine->init(nullptr, nullptr));
+        EngineRig rig;
+        ASSERT_EQ(0, rig.initWithoutCallback());
         int managerGoneLinesAtAgentDeinit = -1;
-        agent->setCallHook([&](const std::string& operation) {
-            if (operation == "deinit") {
-                managerGoneLinesAtAgentDeinit = root.countLog("SessionManager::~SessionManager()");
-            }
+        rig.agent().setCallHook([&](const std::string& operation) {
+            if (operation == "deinit")
+                managerGoneLinesAtAgentDeinit =
+                    rig.root().countLog("SessionManager::~SessionManager()");
         });
-        EXPECT_EQ(0, engine->deinit());
-        agent->setCallHook(nullptr);
+        EXPECT_EQ(0, rig.engine().deinit());
+        rig.agent().setCallHook(nullptr);
         EXPECT_EQ(1, managerGoneLinesAtAgentDeinit);
-        std::vector<std::string> calls = agent->calls();
+        std::vector<std::string> calls = rig.agent().calls();
         // The module is queried once more before the agent is shut down.
         ASSERT_GE(calls.size(), 2u);
         EXPECT_EQ("getModuleInfo()", calls[calls.size() - 2]);
@@ -285,24 +214,22 @@ TEST(Deinit, ShutsTheAgentDownAfterTheSessionManagerIsGone) {
 
 TEST(Logging, LinesCarryCategoryFunctionAndLine) {
     EXPECT_IN_CHILD({
-        setenv("TAVO_LOGMASK", "ENGINE,SEMAPHORE", 1);
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngine::getInstance();
-        ASSERT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->deinit());
-        const std::string pid = std::to_string(getpid());
-        bool foundInit = false;
-        for (const std::string& line : root.logLines()) {
-            if (line.find("[LogMask::ENGINE][init():") != std::string::npos) {
-                foundInit = true;
-                EXPECT_EQ(0u,
-                          line.find("D/TavoMBBMSEngine(" + pid + "): [LogMask::ENGINE][init():"));
-                EXPECT_EQ("init()", line.substr(line.rfind(']') + 1));
-            }
+        EngineRig rig("ENGINE,SEMAPHORE");
+        ASSERT_EQ(0, rig.initWithoutCallback());
+        EXPECT_EQ(0, rig.engine().deinit());
+        const std::string initLine =
+            "D/TavoMBBMSEngine(" + std::to_string(getpid()) + "): [LogMask::ENGINE][init():";
+        int initLines = 0;
+        for (const std::string& line : rig.root().logLines()) {
+            if (line.find("[LogMask::ENGINE][init():") == std::string::npos)
+                continue;
+            ++initLines;
+            EXPECT_EQ(0u, line.find(initLine)) << line;
+            EXPECT_EQ("init()", line.substr(line.rfind(']') + 1));
         }
-        EXPECT_TRUE(foundInit);
-        EXPECT_TRUE(root.logContains("[LogMask::SEMAPHORE][deinit():"));
-        EXPECT_TRUE(root.logContains("]wait mLock...done"));
-        EXPECT_FALSE(root.logContains("[LogMask::MAIN]")) << "MAIN was not switched on";
+        EXPECT_GT(initLines, 0);
+        EXPECT_TRUE(rig.root().logContains("[LogMask::SEMAPHORE][deinit():"));
+        EXPECT_TRUE(rig.root().logContains("]wait mLock...done"));
+        EXPECT_FALSE(rig.root().logContains("[LogMask::MAIN]")) << "MAIN was not switched on";
     });
 }

@@ -19,14 +19,6 @@ using std::chrono::steady_clock;
 // Generous: only catches a hang.
 const auto kHangBound = std::chrono::seconds(5);
 
-// Polls `done` until it is true or the hang bound passes.
-bool eventually(const std::atomic<bool>& done) {
-    const auto giveUp = steady_clock::now() + kHangBound;
-    while (!done.load() && steady_clock::now() < giveUp)
-        std::this_thread::sleep_for(milliseconds(1));
-    return done.load();
-}
-
 // Whether another thread could take the mutex right now (it gives it back at once).
 bool freeForAnotherThread(Mutex& mutex) {
     bool taken = false;
@@ -42,14 +34,8 @@ bool freeForAnotherThread(Mutex& mutex) {
 TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndAWaiterGoesOnOnlyThen) {
     SemaphoreLock semaphore;
     ASSERT_TRUE(semaphore.initialised());
-    std::atomic<bool> taken{false};
     // Like the frame bracket: one call takes it and returns still holding it.
-    std::thread taker([&]() NO_THREAD_SAFETY_ANALYSIS {
-        semaphore.lock();
-        taken = true;
-    });
-    taker.join();
-    ASSERT_TRUE(taken.load());
+    std::thread([&]() NO_THREAD_SAFETY_ANALYSIS { semaphore.lock(); }).join();
 
     std::atomic<bool> waiterIn{false};
     std::thread waiter([&]() NO_THREAD_SAFETY_ANALYSIS {
@@ -59,10 +45,10 @@ TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndAWaiterGoesOnOnlyThen) 
     });
     std::this_thread::sleep_for(milliseconds(50));
     EXPECT_FALSE(waiterIn.load()) << "the semaphore let a second holder in";
-    // Released by a thread that never took it.
+    // Released by a thread that never took it; the waiter goes on (a hang fails the test).
     [&]() NO_THREAD_SAFETY_ANALYSIS { semaphore.unlock(); }();
-    EXPECT_TRUE(eventually(waiterIn));
     waiter.join();
+    EXPECT_TRUE(waiterIn.load());
 }
 
 TEST(SemaphoreLock, DestroyReportsOnceAndTheDestructorDoesNotDestroyAgain) {
@@ -109,53 +95,42 @@ public:
         }
         mChanged.notifyAll();
     }
-    // Waits for the flag; while waiting the mutex is free for raise().
-    bool awaitRaised() {
+    // Waits until the flag is raised or `deadline` passes (the mutex is free for raise()
+    // meanwhile); whether it was raised. *heldAfterWait: whether the waiter held the mutex
+    // again once its wait returned.
+    bool await(steady_clock::time_point deadline, bool* heldAfterWait) {
         MutexLock lock(mMutex);
-        const auto deadline = steady_clock::now() + kHangBound;
-        while (!mRaised) {
-            if (!mChanged.waitUntil(mMutex, deadline) && !mRaised)
-                return false;
+        while (!mRaised && mChanged.waitUntil(mMutex, deadline)) {
         }
-        mHeldAfterWait = !freeForAnotherThread(mMutex);
-        return true;
-    }
-    // Waits until `deadline` for a flag nobody raises.
-    bool awaitUntil(steady_clock::time_point deadline) {
-        MutexLock lock(mMutex);
-        const bool notified = mChanged.waitUntil(mMutex, deadline);
-        mHeldAfterWait = !freeForAnotherThread(mMutex);
-        return notified;
-    }
-    bool heldAfterWait() {
-        MutexLock lock(mMutex);
-        return mHeldAfterWait;
+        *heldAfterWait = !freeForAnotherThread(mMutex);
+        return mRaised;
     }
 
 private:
     Mutex mMutex;
     ConditionVariable mChanged;
     bool mRaised GUARDED_BY(mMutex) = false;
-    bool mHeldAfterWait GUARDED_BY(mMutex) = false;
 };
 
 TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWoken) {
     Flag flag;
-    std::atomic<bool> woken{false};
-    std::thread waiter([&] { woken = flag.awaitRaised(); });
+    bool woken = false;
+    bool held = false;
+    std::thread waiter([&] { woken = flag.await(steady_clock::now() + kHangBound, &held); });
     std::this_thread::sleep_for(milliseconds(20));
     flag.raise();  // takes the mutex: the waiter must have let it go
     waiter.join();
-    EXPECT_TRUE(woken.load());
-    EXPECT_TRUE(flag.heldAfterWait());
+    EXPECT_TRUE(woken);
+    EXPECT_TRUE(held);
 }
 
 TEST(ConditionVariable, WaitUntilReturnsFalseAtTheDeadlineWithTheMutexHeld) {
     Flag flag;
+    bool held = false;
     const auto started = steady_clock::now();
-    EXPECT_FALSE(flag.awaitUntil(started + milliseconds(30)));
+    EXPECT_FALSE(flag.await(started + milliseconds(30), &held));
     EXPECT_GE(steady_clock::now() - started, milliseconds(30));
-    EXPECT_TRUE(flag.heldAfterWait());
+    EXPECT_TRUE(held);
 }
 
 }  // namespace

@@ -6,10 +6,12 @@
 // The "reader" is this process mapping a region through its descriptor (ReaderMapping.h).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
+#include <functional>
+#include <future>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -34,6 +36,22 @@ using std::chrono::milliseconds;
 const char kWaitEnded[] = "the play engine that left holds the buffer of session=0, wait ended";
 const char kReplaced[] = "the play engine that left holds the buffer of session=0, buffer replaced";
 
+// The fake clock with a hook that runs before each semaphore wait, given the wait's number
+// (from 1): a reader giving the lock back, or a gate that keeps a thread inside a wait.
+class HookedClock : public FakeClockEnv {
+public:
+    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
+        if (beforeWait)
+            beforeWait(++mWaits);
+        return FakeClockEnv::waitSharedSemaphore(semaphore, timeoutMs);
+    }
+
+    std::function<void(int)> beforeWait;  // set before any thread waits
+
+private:
+    std::atomic<int> mWaits{0};
+};
+
 class SharedBufferWait : public testing::Test {
 protected:
     void SetUp() override {
@@ -48,13 +66,21 @@ protected:
             root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, timeoutMs);
         ASSERT_EQ(0, buffers.create("test", &clock));
     }
+    // A connected reader that holds the lock of `session`.
+    void connectHoldingReader(int session) {
+        reader = std::make_unique<ReaderMapping>(buffers.fd(session));
+        ASSERT_TRUE(reader->mapped());
+        ASSERT_TRUE(reader->take());
+        buffers.readerConnected();
+    }
     milliseconds elapsedSince(std::chrono::nanoseconds start) const {
         return std::chrono::duration_cast<milliseconds>(clock.now() - start);
     }
 
     TestRoot root{""};
-    FakeClockEnv clock;
+    HookedClock clock;
     SharedBufferSet buffers;
+    std::unique_ptr<ReaderMapping> reader;
 };
 
 struct LockBound {
@@ -77,19 +103,16 @@ TEST_P(SharedBufferWaitBound, GivesUpAfterTheBound) {
     const LockBound bound = GetParam();
     createWithTimeout(bound.property);
     EXPECT_EQ(bound.ms, buffers.lockTimeoutMs());
-    ReaderMapping reader(buffers.fd(bound.session));
-    ASSERT_TRUE(reader.mapped());
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
+    connectHoldingReader(bound.session);
 
     const auto start = clock.now();
     EXPECT_FALSE(buffers.lock(bound.session));
     EXPECT_EQ(milliseconds(bound.ms), elapsedSince(start));
     EXPECT_EQ(std::vector<int>(bound.ms / 50, 50), clock.waitTimeoutsMs());
     EXPECT_EQ(1, buffers.readerHolds(bound.session));
-    EXPECT_EQ(0, reader.lockValue()) << "a timed-out wait changed the lock";
+    EXPECT_EQ(0, reader->lockValue()) << "a timed-out wait changed the lock";
     EXPECT_EQ(0, root.countLog(kWaitEnded)) << "a connected reader's buffer is not abandoned";
-    reader.giveBack();
+    reader->giveBack();
     EXPECT_TRUE(buffers.lock(bound.session));
     release(buffers, bound.session);
 }
@@ -103,43 +126,20 @@ INSTANTIATE_TEST_SUITE_P(Bounds, SharedBufferWaitBound,
 
 // A reader that gives the lock back while the engine waits: the engine takes it in the slice
 // in which it became free.
-class ReleasingClock : public FakeClockEnv {
-public:
-    ReleasingClock() = default;
-    void releaseAtWait(int wait, ReaderMapping* reader) {
-        mReleaseAt = wait;
-        mReader = reader;
-    }
-    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
-        if (++mWaits == mReleaseAt)
-            mReader->giveBack();
-        return FakeClockEnv::waitSharedSemaphore(semaphore, timeoutMs);
-    }
-
-private:
-    int mWaits = 0;  // the waiting thread only
-    int mReleaseAt = 0;
-    ReaderMapping* mReader = nullptr;
-};
-
-TEST(SharedBufferWaitRelease, TheLockIsTakenInTheSliceItIsGivenBack) {
-    TestRoot root{""};
-    root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "2000");
-    ReleasingClock clock;
-    SharedBufferSet buffers;
-    ASSERT_EQ(0, buffers.create("test", &clock));
-    ReaderMapping reader(buffers.fd(0));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
-    clock.releaseAtWait(4, &reader);
+TEST_F(SharedBufferWait, TheLockIsTakenInTheSliceItIsGivenBack) {
+    createWithTimeout("2000");
+    connectHoldingReader(0);
+    clock.beforeWait = [this](int wait) {
+        if (wait == 4)
+            reader->giveBack();
+    };
 
     const auto start = clock.now();
     EXPECT_TRUE(buffers.lock(0));
-    EXPECT_EQ(milliseconds(150), std::chrono::duration_cast<milliseconds>(clock.now() - start));
+    EXPECT_EQ(milliseconds(150), elapsedSince(start));
     EXPECT_EQ(0, buffers.readerHolds(0)) << "the engine's hold counts as the reader's";
     release(buffers, 0);
-    EXPECT_EQ(1, reader.lockValue());
-    buffers.destroy(nullptr);
+    EXPECT_EQ(1, reader->lockValue());
 }
 
 // After one time-out the buffer is stalled: later waits only try, so a hung reader costs the
@@ -147,9 +147,7 @@ TEST(SharedBufferWaitRelease, TheLockIsTakenInTheSliceItIsGivenBack) {
 // leaving, ends the stall, and the next hold is waited for in full again.
 TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     createWithTimeout("300");
-    ReaderMapping reader(buffers.fd(0));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
+    connectHoldingReader(0);
     ASSERT_FALSE(buffers.lock(0));
 
     clock.clearRecords();
@@ -162,33 +160,30 @@ TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     EXPECT_TRUE(buffers.lock(1)) << "the other session waited for the stalled one";
     release(buffers, 1);
 
-    reader.giveBack();
+    reader->giveBack();
     EXPECT_TRUE(buffers.lock(0));
     release(buffers, 0);
 
-    ASSERT_TRUE(reader.take());
+    ASSERT_TRUE(reader->take());
     start = clock.now();
     EXPECT_FALSE(buffers.lock(0));
     EXPECT_EQ(milliseconds(300), elapsedSince(start)) << "the stall outlived a taken lock";
 
     // A new connection gets a full wait too.
     buffers.readerDisconnected();
-    reader.giveBack();
+    reader->giveBack();
     buffers.readerConnected();
-    ASSERT_TRUE(reader.take());
+    ASSERT_TRUE(reader->take());
     start = clock.now();
     EXPECT_FALSE(buffers.lock(0));
     EXPECT_EQ(milliseconds(300), elapsedSince(start));
 }
 
 // The lock of a buffer whose reader's connection has ended is waited for one 50 ms slice
-// only, however long the bound: then the wait ends, and the buffer is replaced by a fresh one
-// with a free lock. The reader's own mapping keeps the old region as it was.
+// only, however long the bound: then the wait ends and the buffer counts as abandoned.
 TEST_F(SharedBufferWait, AnAbandonedBufferEndsTheWaitAfterOneSlice) {
     createWithTimeout("60000");
-    ReaderMapping reader(buffers.fd(0));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
+    connectHoldingReader(0);
     buffers.readerDisconnected();
 
     const auto start = clock.now();
@@ -196,79 +191,37 @@ TEST_F(SharedBufferWait, AnAbandonedBufferEndsTheWaitAfterOneSlice) {
     EXPECT_EQ(milliseconds(50), elapsedSince(start));
     EXPECT_EQ(std::vector<int>{50}, clock.waitTimeoutsMs());
     EXPECT_EQ(1, root.countLog(kWaitEnded));
-
     EXPECT_TRUE(buffers.anyAbandoned());
-    CmmbSharedBuffer* old = buffers.buffer(0);
-    EXPECT_TRUE(buffers.replaceAbandoned("test"));
-    EXPECT_NE(old, buffers.buffer(0));
-    EXPECT_EQ(1, root.countLog(kReplaced));
-    EXPECT_FALSE(buffers.anyAbandoned());
-
-    clock.clearRecords();
-    EXPECT_TRUE(buffers.lock(0));
-    EXPECT_TRUE(clock.waitTimeoutsMs().empty()) << "the fresh buffer's lock was not free";
-    release(buffers, 0);
-    EXPECT_EQ(0, reader.lockValue()) << "the departed reader's region was changed";
 }
-
-// A clock whose semaphore waits block until the test opens them (a real wait, bounded), so
-// that an engine thread stays inside a wait for as long as the test needs.
-class GatedClock : public FakeClockEnv {
-public:
-    int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
-        {
-            std::unique_lock<std::mutex> lock(mGate);
-            mEntered = true;
-            mChanged.notify_all();
-            mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mOpen; });
-        }
-        return FakeClockEnv::waitSharedSemaphore(semaphore, timeoutMs);
-    }
-    bool waitUntilEntered() {
-        std::unique_lock<std::mutex> lock(mGate);
-        return mChanged.wait_for(lock, std::chrono::seconds(20), [&] { return mEntered; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(mGate);
-        mOpen = true;
-        mChanged.notify_all();
-    }
-
-private:
-    std::mutex mGate;
-    std::condition_variable mChanged;
-    bool mEntered = false;  // guarded by mGate
-    bool mOpen = false;     // guarded by mGate
-};
 
 // A replacement never happens while an engine thread waits for the region's lock: it waits
 // for the waiters to leave for two seconds at most, then gives up and leaves the buffer as it
 // is. Once the waiter has left, the buffer is replaced at once.
-TEST(SharedBufferWaiterLeave, ReplacementWaitsForWaitersTwoSecondsAtMost) {
-    memset(LogMask::masks, 0, sizeof(LogMask::masks));
-    LogMask::masks[LogMask::ERROR] = LogMask::masks[LogMask::WARNING] = 1;
-    TestRoot root{""};
-    root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "60000");
-    GatedClock clock;
-    SharedBufferSet buffers;
-    ASSERT_EQ(0, buffers.create("test", &clock));
-    ReaderMapping reader(buffers.fd(0));
-    ASSERT_TRUE(reader.take());
-    buffers.readerConnected();
+TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
+    createWithTimeout("60000");
+    connectHoldingReader(0);
+    // The waiter stays inside its first wait (a real wait, bounded) until the gate opens.
+    std::promise<void> entered, gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    clock.beforeWait = [&](int wait) {
+        if (wait == 1)
+            entered.set_value();
+        opened.wait_for(std::chrono::seconds(20));
+    };
 
     bool waiterTook = true;
     std::thread waiter([&] { waiterTook = buffers.lock(0); });
-    ASSERT_TRUE(clock.waitUntilEntered());
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(20)));
     buffers.readerDisconnected();
 
     CmmbSharedBuffer* old = buffers.buffer(0);
     const auto start = clock.now();
     EXPECT_FALSE(buffers.replaceAbandoned("test"));
-    EXPECT_EQ(milliseconds(2000), std::chrono::duration_cast<milliseconds>(clock.now() - start));
+    EXPECT_EQ(milliseconds(2000), elapsedSince(start));
     EXPECT_EQ(old, buffers.buffer(0)) << "replaced under a waiting engine thread";
     EXPECT_EQ(0, root.countLog(kReplaced));
 
-    clock.open();
+    gate.set_value();
     waiter.join();
     EXPECT_FALSE(waiterTook);
     EXPECT_EQ(1, root.countLog(kWaitEnded));
@@ -278,8 +231,7 @@ TEST(SharedBufferWaiterLeave, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     EXPECT_EQ(clock.now(), again) << "no waiter left, yet the replacement waited";
     EXPECT_NE(old, buffers.buffer(0));
     EXPECT_EQ(1, root.countLog(kReplaced));
-    EXPECT_EQ(0, reader.lockValue());
-    buffers.destroy(nullptr);
+    EXPECT_EQ(0, reader->lockValue());
 }
 
 }  // namespace
