@@ -6,37 +6,27 @@
 #include <unistd.h>
 
 #include <functional>
-#include <string>
 
 #include "ChildProcess.h"
+#include "ContractLineTable.h"
 #include "FaultInjectingEnv.h"
 #include "RecordingRig.h"
 
 namespace {
 
-struct ContractLine {
-    const char* name;
-    const char* category;
-    const char* function;
-    const char* text;
-    std::function<void(RecordingRig&, FaultInjectingEnv&, ClipFeed&)> provoke;
-};
+using Line = ContractLine<RecordingRig, FaultInjectingEnv, ClipFeed>;
 
-void PrintTo(const ContractLine& line, std::ostream* out) {
-    *out << line.name;
-}
-
-class RecordingContractLine : public testing::TestWithParam<ContractLine> {};
+class RecordingContractLine : public testing::TestWithParam<Line> {};
 
 TEST_P(RecordingContractLine, IsLoggedOnceUnderItsOperation) {
-    const ContractLine line = GetParam();
+    const Line line = GetParam();
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
         rig.startService();
         ClipFeed feed;
         line.provoke(rig, env, feed);
-        EXPECT_EQ(1, rig.root().countLogLine(line.category, line.function, line.text));
+        EXPECT_EQ(line.count, rig.root().countLogLine(line.category, line.function, line.text));
     });
 }
 
@@ -62,37 +52,35 @@ void recordAndStop(RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
 INSTANTIATE_TEST_SUITE_P(
     Lines, RecordingContractLine,
     testing::Values(
-        ContractLine{"SpaceUnknown", "ERROR", "startRecording", "fstatfs failed, error number is 9",
-                     [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed&) {
-                         rig.engine().startRecording(0, 12345);  // not a descriptor
-                     }},
-        ContractLine{"RecorderNotStarted", "ERROR", "startRecording", "pRecorder->start() failed!",
-                     [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed&) {
-                         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
-                         rig.startRecording("refused.3gp");
-                     }},
-        ContractLine{"NoCard", "ERROR", "dataRecording", "sdcard not found",
-                     [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
-                         recordThen(rig, feed, [&] {
-                             ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str()));
-                         });
-                         awaitRecordingEvent(rig);
-                         rig.play(feed.nextSecond());  // no longer handed frames
-                     }},
-        ContractLine{"StorageFull", "ERROR", "dataRecording", "storage is full",
-                     [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed) {
-                         recordThen(rig, feed, [&] { env.setFreeBytes((1 << 20) - 1); });
-                         awaitRecordingEvent(rig);
-                     }},
-        ContractLine{"WriteFailed", "ERROR", "dataRecording", "write file error!",
-                     [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed) {
-                         recordThen(rig, feed,
-                                    [&] { env.failNth(FaultInjectingEnv::WRITE, 1, EIO); });
-                         awaitRecordingEvent(rig);
-                         rig.engine().stopRecording(0);  // waits for the whole report
-                     }},
-        ContractLine{"Stopping", "RECORD", "stopRecording", "stopRecording()", recordAndStop},
-        ContractLine{"Stopped", "RECORD", "stopRecording", "exit successfully", recordAndStop}),
-    [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
+        Line{"SpaceUnknown", "ERROR", "startRecording", "fstatfs failed, error number is 9",
+             [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed&) {
+                 rig.engine().startRecording(0, 12345);  // not a descriptor
+             }},
+        Line{"RecorderNotStarted", "ERROR", "startRecording", "pRecorder->start() failed!",
+             [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed&) {
+                 env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
+                 rig.startRecording("refused.3gp");
+             }},
+        Line{"NoCard", "ERROR", "dataRecording", "sdcard not found",
+             [](RecordingRig& rig, FaultInjectingEnv&, ClipFeed& feed) {
+                 recordThen(rig, feed,
+                            [&] { ASSERT_EQ(0, rmdir(rig.root().resolve("/sdcard").c_str())); });
+                 awaitRecordingEvent(rig);
+                 rig.play(feed.nextSecond());  // no longer handed frames
+             }},
+        Line{"StorageFull", "ERROR", "dataRecording", "storage is full",
+             [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed) {
+                 recordThen(rig, feed, [&] { env.setFreeBytes((1 << 20) - 1); });
+                 awaitRecordingEvent(rig);
+             }},
+        Line{"WriteFailed", "ERROR", "dataRecording", "write file error!",
+             [](RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed) {
+                 recordThen(rig, feed, [&] { env.failNth(FaultInjectingEnv::WRITE, 1, EIO); });
+                 awaitRecordingEvent(rig);
+                 rig.engine().stopRecording(0);  // waits for the whole report
+             }},
+        Line{"Stopping", "RECORD", "stopRecording", "stopRecording()", recordAndStop},
+        Line{"Stopped", "RECORD", "stopRecording", "exit successfully", recordAndStop}),
+    ContractLineName());
 
 }  // namespace
