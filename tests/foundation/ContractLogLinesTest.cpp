@@ -1,42 +1,35 @@
 // The lines of engine creation, agent loading, init and deinit whose text is part of the
 // engine's contract: one case per line, each a child with its own engine and root.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
 
 #include "ChildProcess.h"
+#include "ContractLineTable.h"
 #include "FakeAgentAccess.h"
 #include "TavoMBBMSEngine.h"
 #include "TestRoot.h"
 
 namespace {
 
-struct ContractLine {
-    const char* name;
-    const char* category;
-    const char* function;
-    std::string text;   // the beginning of the message; "<root>" stands for the root's path
-    std::string agent;  // the agent library installed
-    std::function<void(TestRoot&)> run;  // provokes the line
-};
+// The text is the beginning of the message; "<root>" stands for the root's path. The root
+// has the fake agent installed unless the line's provoke changes that.
+using Line = ContractLine<TestRoot>;
 
-void PrintTo(const ContractLine& line, std::ostream* out) {
-    *out << line.name;
-}
-
-class LifecycleContractLine : public testing::TestWithParam<ContractLine> {};
+class LifecycleContractLine : public testing::TestWithParam<Line> {};
 
 TEST_P(LifecycleContractLine, IsLoggedOnceUnderItsCategoryAndFunction) {
-    const ContractLine& line = GetParam();
+    const Line& line = GetParam();
     EXPECT_IN_CHILD({
         setenv("TAVO_LOGMASK", "all", 1);
-        TestRoot root(line.agent);
-        line.run(root);
+        TestRoot root;
+        line.provoke(root);
         std::string text = line.text;
         if (text.rfind("<root>", 0) == 0)
             text = root.path() + text.substr(6);
-        EXPECT_EQ(1, root.countLogLine(line.category, line.function, text));
+        EXPECT_EQ(line.count, root.countLogLine(line.category, line.function, text));
     });
 }
 
@@ -63,40 +56,51 @@ void deleteEngine(TestRoot&) {
     delete engine();
 }
 
+// Creates the engine with `library` as its agent (none when empty).
+std::function<void(TestRoot&)> createWithAgent(const std::string& library) {
+    return [library](TestRoot& root) {
+        ASSERT_EQ(0, unlink(root.resolve("/system/lib/libsiano.so").c_str()));
+        if (!library.empty())
+            root.installAgent(library, "libsiano.so");
+        engine();
+    };
+}
+
 void initUnderAFile(TestRoot& root) {
     writeTextFile(root.resolve("/plainfile"), "x");
     engine()->init(nullptr, root.resolve("/plainfile/sub").c_str());
 }
 
-const std::string kFake = TestRoot::fakeAgentPath();
-
 INSTANTIATE_TEST_SUITE_P(
     Lines, LifecycleContractLine,
-    testing::Values(
-        ContractLine{"OpenSiano", "MAIN", "TavoMBBMSEngineImpl", "open libsiano.so", kFake, create},
-        ContractLine{"OpenInno", "MAIN", "TavoMBBMSEngineImpl", "open libinno.so", kFake,
-                     [](TestRoot& root) {
-                         root.setVendor("inno");
-                         engine();
-                     }},
-        ContractLine{"Loaded", "MAIN", "TavoMBBMSEngineImpl",
-                     "dynamically load so file successfully", kFake, create},
-        ContractLine{"NoLibrary", "ERROR", "TavoMBBMSEngineImpl", "Can not load library: ", "",
-                     create},
-        ContractLine{"NoCreateAgent", "ERROR", "TavoMBBMSEngineImpl",
-                     "Cannot load symbol for createAgent: ", TestRoot::fakeAgentWithoutCreatePath(),
-                     create},
-        ContractLine{"NoDestroyAgent", "ERROR", "~TavoMBBMSEngineImpl",
-                     "Cannot load symbol for destroyAgent: ",
-                     TestRoot::fakeAgentWithoutDestroyPath(), deleteEngine},
-        ContractLine{"InitOk", "MAIN", "init", "init Agent OK", kFake,
-                     [](TestRoot&) { engine()->init(nullptr, nullptr); }},
-        ContractLine{"InitTwice", "WARNING", "init", "skipped due to mIsInitialized==true", kFake,
-                     initTwice},
-        ContractLine{"DeinitTwice", "WARNING", "deinit", "skipped due to mIsInitialized==false",
-                     kFake, deinitUninitialised},
-        ContractLine{"WorkDirNotCreatable", "ERROR", "init",
-                     "<root>/plainfile/sub not exist and can't be created", kFake, initUnderAFile}),
-    [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
+    testing::Values(Line{"OpenSiano", "MAIN", "TavoMBBMSEngineImpl", "open libsiano.so", create},
+                    Line{"OpenInno", "MAIN", "TavoMBBMSEngineImpl", "open libinno.so",
+                         [](TestRoot& root) {
+                             root.setVendor("inno");
+                             engine();
+                         }},
+                    Line{"Loaded", "MAIN", "TavoMBBMSEngineImpl",
+                         "dynamically load so file successfully", create},
+                    Line{"NoLibrary", "ERROR", "TavoMBBMSEngineImpl",
+                         "Can not load library: ", createWithAgent("")},
+                    Line{"NoCreateAgent", "ERROR", "TavoMBBMSEngineImpl",
+                         "Cannot load symbol for createAgent: ",
+                         createWithAgent(TestRoot::fakeAgentWithoutCreatePath())},
+                    Line{"NoDestroyAgent", "ERROR", "~TavoMBBMSEngineImpl",
+                         "Cannot load symbol for destroyAgent: ",
+                         [](TestRoot& root) {
+                             root.installAgent(TestRoot::fakeAgentWithoutDestroyPath(),
+                                               "libsiano.so");
+                             deleteEngine(root);
+                         }},
+                    Line{"InitOk", "MAIN", "init", "init Agent OK",
+                         [](TestRoot&) { engine()->init(nullptr, nullptr); }},
+                    Line{"InitTwice", "WARNING", "init", "skipped due to mIsInitialized==true",
+                         initTwice},
+                    Line{"DeinitTwice", "WARNING", "deinit", "skipped due to mIsInitialized==false",
+                         deinitUninitialised},
+                    Line{"WorkDirNotCreatable", "ERROR", "init",
+                         "<root>/plainfile/sub not exist and can't be created", initUnderAFile}),
+    ContractLineName());
 
 }  // namespace
