@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,7 +15,6 @@
 #include "EngineDataPath.h"
 #include "FakeAgentAccess.h"
 #include "TavoPlayEngine.h"
-#include "UniqueHandle.h"
 
 namespace {
 
@@ -189,48 +187,6 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client.get(), &frame));
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 0, &item));
             }));
-    });
-}
-
-// A "capture" arrives with its descriptor (close-on-exec, the caller's to keep); the
-// snapshot written through it lands in the application's file and the success indication
-// reaches the application's callback.
-TEST(SdkWithEngine, CaptureIsDeliveredAndAnswered) {
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, 40, "all", false);
-        std::string reader;
-        AsyncCall readerRun([&] {
-            reader = runInChild([&] {
-                SdkClient client(bench, "sdk.socket");
-                ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
-                tavo_pe_command command;
-                int status = TAVO_PE_TIMEOUT;
-                for (int i = 0; i < 200 && status == TAVO_PE_TIMEOUT; ++i)
-                    status = tavo_pe_next_command(client.get(), &command, 100);
-                ASSERT_EQ(TAVO_PE_OK, status);
-                EXPECT_EQ(TAVO_PE_CMD_CAPTURE, command.kind);
-                EXPECT_STREQ("capture", command.text);
-                EXPECT_EQ(0, command.session);
-                ASSERT_GE(command.fd, 0);
-                EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
-                EXPECT_EQ(8, write(command.fd, "snapshot", 8));
-                close(command.fd);
-                EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.get(), IMAGE_CAPTURE_SUCCESS));
-                // Stays connected until the engine has read the answer.
-                tavo_pe_next_command(client.get(), &command, 2000);
-            });
-        });
-        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
-        const std::string snapshot = bench.root().path() + "/snapshot.png";
-        UniqueFd file(open(snapshot.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        ASSERT_TRUE(file.valid());
-        ASSERT_EQ(0, bench.engine().captureImage(0, file.get()));
-        EXPECT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
-        EXPECT_TRUE(readerRun.endsWithin(kChildBound));
-        EXPECT_EQ("", reader);
-        char bytes[16] = {};
-        EXPECT_EQ(8, pread(file.get(), bytes, sizeof(bytes), 0));
-        EXPECT_STREQ("snapshot", bytes);
     });
 }
 
