@@ -20,44 +20,34 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "EngineRig.h"
 #include "FakeClockEnv.h"
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
 #include "OpenDescriptors.h"
 #include "PlayEngineSocketClient.h"
-#include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 namespace {
 
-// An initialised engine with every log category on. The command thread calls `callback`,
-// so the engine is ended before the callback goes away.
-struct Bench {
-    TestRoot root;
-    RecordingCallback callback;
-    TavoMBBMSEngineImpl* engine = nullptr;
-    PlayEngineSocketClient player{clientPath("player")};
-    // Where snapshots go.
-    int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
-
-    Bench() { setenv("TAVO_LOGMASK", "all", 1); }
+// The engine with every log category on, a play engine's client and a file for snapshots.
+// The command thread calls the application, so the engine is ended before the rig goes.
+struct Bench : EngineRig {
+    using EngineRig::EngineRig;
     ~Bench() {
-        engine->deinit();
+        engine().deinit();
         close(file);
     }
-    void start() {
-        engine = TavoMBBMSEngineImpl::getInstance();
-        EXPECT_EQ(0, engine->init(&callback, nullptr));
-    }
+    TavoMBBMSEngineImpl& impl() { return static_cast<TavoMBBMSEngineImpl&>(engine()); }
+    void start() { EXPECT_EQ(0, init()); }
     // Starts the engine and connects `player`, which gets the shared buffers.
     void startWithPlayer() {
         start();
         ASSERT_TRUE(player.connectTo(serverPath()));
         expectSharedBuffers(player);
     }
-    std::string serverPath() const { return root.resolve("/data/app/cmmb.socket"); }
-    std::string clientPath(const char* name) const { return root.path() + "/" + name + ".sock"; }
+    std::string clientPath(const char* name) const { return root().path() + "/" + name + ".sock"; }
 
     // Receives the two "sharebuffer" commands an accepted client gets and checks that each
     // descriptor maps that session's buffer of this engine.
@@ -74,13 +64,16 @@ struct Bench {
                                 MAP_SHARED, command.fd, 0);
             ASSERT_NE(MAP_FAILED, mapped);
             CmmbSharedBuffer* view = static_cast<CmmbSharedBuffer*>(mapped);
-            CmmbSharedBuffer* own = engine->sharedBuffer(session);
+            CmmbSharedBuffer* own = impl().sharedBuffer(session);
             own->data[CMMB_PAYLOAD_SIZE - 1] = static_cast<unsigned char>(0xA0 + session);
             EXPECT_EQ(0xA0 + session, view->data[CMMB_PAYLOAD_SIZE - 1]);
             own->data[CMMB_PAYLOAD_SIZE - 1] = 0;
             munmap(mapped, CMMB_SHARED_BUFFER_SIZE);
         }
     }
+
+    PlayEngineSocketClient player{clientPath("player")};
+    int file = open((root().path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
 };
 
 bool sameFile(int a, int b) {
@@ -101,7 +94,7 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         PlayEngineSocketClient unbound("");
         ASSERT_TRUE(unbound.connectTo(bench.serverPath()));
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
-        EXPECT_TRUE(bench.root.waitForLog("socket file not exist!"));
+        EXPECT_TRUE(bench.root().waitForLog("socket file not exist!"));
 
         PlayEngineSocketClient former(bench.clientPath("former"));
         ASSERT_TRUE(former.connectTo(bench.serverPath()));
@@ -110,7 +103,7 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
         EXPECT_TRUE(former.waitForClose());
-        EXPECT_EQ(1, bench.root.countLog("only two client is allowed, now force close former"));
+        EXPECT_EQ(1, bench.root().countLog("only two client is allowed, now force close former"));
     });
 }
 
@@ -120,7 +113,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
 
         // A command without a descriptor: status byte 1, session '0', no control data.
-        ASSERT_EQ(0, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, 7, 1));
+        ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
         ReceivedCommand flush = bench.player.receive();
         ASSERT_EQ(96, flush.bytes);
         unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
@@ -131,24 +124,24 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         EXPECT_FALSE(flush.truncated);
 
         // A snapshot of session 1: answers are always reported for session 0.
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
         ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.player.sendIndication("3"));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.player.sendIndication("capture done"));
-        ASSERT_TRUE(bench.root.waitForLog("UNKNOWN_INDICATION"));
+        ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
         // The play engine's requests for the buffers and its receipt are only logged.
         ASSERT_TRUE(bench.player.sendIndication("1"));
-        ASSERT_TRUE(bench.root.waitForLog("REQUEST_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.root().waitForLog("REQUEST_SHAREDBUFFER_FD"));
         ASSERT_TRUE(bench.player.sendIndication("2"));
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD"));
         ASSERT_TRUE(bench.player.sendIndication("4"));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
-        EXPECT_EQ(2, bench.callback.count("onEvent(16"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
+        EXPECT_EQ(2, bench.app().count("onEvent(16"));
     });
 }
 
@@ -159,34 +152,34 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {-1, 2}) {
-            EXPECT_EQ(-1, bench.engine->captureImage(session, bench.file)) << session;
-            EXPECT_FALSE(bench.engine->isCapturing(session)) << session;
+            EXPECT_EQ(-1, bench.engine().captureImage(session, bench.file)) << session;
+            EXPECT_FALSE(bench.engine().isCapturing(session)) << session;
         }
-        EXPECT_EQ(0, bench.callback.count("onEvent("));
+        EXPECT_EQ(0, bench.app().count("onEvent("));
 
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
         env.setFreeBytes(99 * 1024);
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        EXPECT_EQ(1, bench.callback.count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
+        EXPECT_EQ(1, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
 
         env.setFreeBytes(100 * 1024);
-        EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(0, bench.file));
         ReceivedCommand request = bench.player.receive();
         ASSERT_EQ(96, request.bytes);
         EXPECT_EQ("capture", request.text());
         EXPECT_EQ('0', request.message.session);
         EXPECT_EQ(0, request.message.fdStatus);
         EXPECT_TRUE(sameFile(bench.file, request.fd));
-        EXPECT_TRUE(bench.engine->isCapturing(0));
-        EXPECT_EQ(1, bench.callback.count("onEvent("));
+        EXPECT_TRUE(bench.engine().isCapturing(0));
+        EXPECT_EQ(1, bench.app().count("onEvent("));
 
         // A play engine that stopped reading: the send fails without SIGPIPE and the
         // snapshot does not stay pending.
         ASSERT_EQ(0, shutdown(bench.player.fd(), SHUT_RD));
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        EXPECT_EQ(2, bench.callback.count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
+        EXPECT_EQ(2, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
     });
 }
 
@@ -198,34 +191,34 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {0, 1}) {
-            ASSERT_EQ(0, bench.engine->captureImage(session, bench.file));
+            ASSERT_EQ(0, bench.engine().captureImage(session, bench.file));
             ASSERT_EQ("capture", bench.player.receive().text());
         }
         ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
 
         bench.player.disconnect();
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
+        ASSERT_TRUE(bench.root().waitForLog("Connection closed by client"));
         // Without a client, a command cannot be delivered.
-        EXPECT_EQ(-1, bench.engine->sendPlayEngineCommand(CMD_FLUSH, -1, 0));
-        EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
+        EXPECT_EQ(-1, bench.impl().sendPlayEngineCommand(CMD_FLUSH, -1, 0));
+        EXPECT_EQ(1, bench.app().count("onEvent(162, 0)"));
 
         ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(bench.player);
-        ASSERT_EQ(0, bench.engine->captureImage(0, bench.file));
+        ASSERT_EQ(0, bench.engine().captureImage(0, bench.file));
         ASSERT_EQ("capture", bench.player.receive().text());
         PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(newcomer);
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)", 2));
-        EXPECT_FALSE(bench.engine->isCapturing(0));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)", 2));
+        EXPECT_FALSE(bench.engine().isCapturing(0));
 
         newcomer.disconnect();  // owed nothing
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client", 2));
-        EXPECT_EQ(3, bench.callback.count("onEvent("));
+        ASSERT_TRUE(bench.root().waitForLog("Connection closed by client", 2));
+        EXPECT_EQ(3, bench.app().count("onEvent("));
     });
 }
 
@@ -237,11 +230,11 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
         umask(0);
         for (const char* uids : {"", "4242"}) {
             SCOPED_TRACE(std::string("listed uids: '") + uids + "'");
-            Bench bench;
-            if (uids[0] != '\0')
-                bench.root.setProperty("persist.mbbms.playengine.uids", uids);
+            Bench bench("all", uids[0] != '\0'
+                                   ? EngineRig::Properties{{"persist.mbbms.playengine.uids", uids}}
+                                   : EngineRig::Properties{});
             const mode_t expected = uids[0] != '\0' ? 0666 : 0660;
-            const std::string directory = bench.root.resolve("/data/app");
+            const std::string directory = bench.root().resolve("/data/app");
             int watch = inotify_init1(IN_CLOEXEC);
             ASSERT_GE(watch, 0);
             ASSERT_GE(inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_MOVED_TO), 0);
@@ -332,9 +325,9 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
             } else {
                 ASSERT_EQ(0, shutdown(listening, SHUT_RDWR));
             }
-            ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
-            EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
-            EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
+            ASSERT_TRUE(bench.root().waitForLog("thread of runCommandThread exit"));
+            EXPECT_EQ(1, bench.root().countLog("error on listening socket"));
+            EXPECT_GE(1, bench.root().countLog("accept on listening socket error"));
             // It logs its last line just before it returns.
             EXPECT_EQ(0, threadCountSettledAt(0, "tavo-command"));
             EXPECT_TRUE(bench.player.waitForClose());
@@ -354,7 +347,7 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         Bench bench;
         tavo_log_set_sink(countAcceptFailures, nullptr);  // before the threads that log start
         bench.start();
-        ASSERT_TRUE(bench.root.waitForLog("server is accepting client"));
+        ASSERT_TRUE(bench.root().waitForLog("server is accepting client"));
         // Socket and address first: once the limit is lowered no descriptor can be made.
         const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un own = {}, server = {};
@@ -388,7 +381,7 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         pollfd entry = {client, POLLIN, 0};
         EXPECT_EQ(1, poll(&entry, 1, 5000)) << "the waiting client was not served";
         close(client);
-        bench.engine->deinit();
+        bench.engine().deinit();
         tavo_log_set_sink(nullptr, nullptr);  // once the threads that log have ended
         Env::install(previous);
     });
@@ -448,7 +441,7 @@ TEST(SharedBuffers, DeinitLeavesADescriptorOfValueZeroOpen) {
         Bench bench;
         close(0);
         bench.start();
-        EXPECT_EQ(0, TavoMBBMSEngineImpl::getInstance()->deinit());
+        EXPECT_EQ(0, bench.engine().deinit());
         EXPECT_NE(-1, fcntl(0, F_GETFD)) << "descriptor 0 was closed";
         char target[256] = {};
         ASSERT_GT(readlink("/proc/self/fd/0", target, sizeof(target) - 1), 0);
