@@ -9,7 +9,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,10 +34,7 @@ namespace {
 // The command thread calls the application, so the engine is ended before the rig goes.
 struct Bench : EngineRig {
     using EngineRig::EngineRig;
-    ~Bench() {
-        engine().deinit();
-        close(file);
-    }
+    ~Bench() { engine().deinit(); }
     TavoMBBMSEngineImpl& impl() { return static_cast<TavoMBBMSEngineImpl&>(engine()); }
     void start() { EXPECT_EQ(0, init()); }
     // Starts the engine and connects `player`, which gets the shared buffers.
@@ -73,7 +69,7 @@ struct Bench : EngineRig {
     }
 
     PlayEngineSocketClient player{clientPath("player")};
-    int file = open((root().path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
+    UniqueFd file{open((root().path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR, 0644)};
 };
 
 bool sameFile(int a, int b) {
@@ -124,7 +120,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         EXPECT_FALSE(flush.truncated);
 
         // A snapshot of session 1: answers are always reported for session 0.
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
@@ -152,32 +148,32 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {-1, 2}) {
-            EXPECT_EQ(-1, bench.engine().captureImage(session, bench.file)) << session;
+            EXPECT_EQ(-1, bench.engine().captureImage(session, bench.file.get())) << session;
             EXPECT_FALSE(bench.engine().isCapturing(session)) << session;
         }
         EXPECT_EQ(0, bench.app().count("onEvent("));
 
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
         env.setFreeBytes(99 * 1024);
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         EXPECT_EQ(1, bench.app().count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine().isCapturing(1));
 
         env.setFreeBytes(100 * 1024);
-        EXPECT_EQ(0, bench.engine().captureImage(0, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ReceivedCommand request = bench.player.receive();
         ASSERT_EQ(96, request.bytes);
         EXPECT_EQ("capture", request.text());
         EXPECT_EQ('0', request.message.session);
         EXPECT_EQ(0, request.message.fdStatus);
-        EXPECT_TRUE(sameFile(bench.file, request.fd));
+        EXPECT_TRUE(sameFile(bench.file.get(), request.fd));
         EXPECT_TRUE(bench.engine().isCapturing(0));
         EXPECT_EQ(1, bench.app().count("onEvent("));
 
         // A play engine that stopped reading: the send fails without SIGPIPE and the
         // snapshot does not stay pending.
         ASSERT_EQ(0, shutdown(bench.player.fd(), SHUT_RD));
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         EXPECT_EQ(2, bench.app().count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine().isCapturing(1));
     });
@@ -191,7 +187,7 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {0, 1}) {
-            ASSERT_EQ(0, bench.engine().captureImage(session, bench.file));
+            ASSERT_EQ(0, bench.engine().captureImage(session, bench.file.get()));
             ASSERT_EQ("capture", bench.player.receive().text());
         }
         ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
@@ -208,7 +204,7 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
 
         ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(bench.player);
-        ASSERT_EQ(0, bench.engine().captureImage(0, bench.file));
+        ASSERT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ASSERT_EQ("capture", bench.player.receive().text());
         PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
         ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
@@ -398,38 +394,24 @@ TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
             TestRoot root;
             const std::string serverPath = root.resolve("/data/app/cmmb.socket");
             const std::string ownPath = root.path() + "/player.sock";
-            pid_t application = fork();
-            if (application == 0) {
-                RecordingCallback callback;
-                TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
-                if (engine->init(&callback, nullptr) != 0)
-                    _exit(2);
-                // Used by the flooding thread until the very end, so never destroyed.
-                static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
-                if (!player.connectTo(serverPath) || player.receive().bytes != 96)
-                    _exit(3);
-                std::thread([] {
-                    while (player.sendIndication("2")) {
-                    }
-                }).detach();
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                exit(0);
-            }
-            ASSERT_GT(application, 0);
-            int status = -1;
-            pid_t ended = 0;
-            for (int i = 0; i < 500 && ended == 0; ++i) {  // 5 s, a hang detector
-                ended = waitpid(application, &status, WNOHANG);
-                if (ended == 0)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            if (ended == 0) {
-                kill(application, SIGKILL);
-                waitpid(application, &status, 0);
-                FAIL() << "the process did not exit";
-            }
-            ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-            EXPECT_EQ(0, WEXITSTATUS(status));
+            EXPECT_EQ(
+                "", runInChild([&] {
+                    alarm(5);  // a hang detector: a process that does not exit is ended by SIGALRM
+                    RecordingCallback callback;
+                    TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+                    if (engine->init(&callback, nullptr) != 0)
+                        _exit(2);
+                    // Used by the flooding thread until the very end, so never destroyed.
+                    static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
+                    if (!player.connectTo(serverPath) || player.receive().bytes != 96)
+                        _exit(3);
+                    std::thread([] {
+                        while (player.sendIndication("2")) {
+                        }
+                    }).detach();
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                    exit(0);
+                }));
         }
     });
 }
