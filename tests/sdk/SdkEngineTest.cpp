@@ -75,18 +75,6 @@ private:
     int mFds[2] = {-1, -1};
 };
 
-class SdkClient {
-public:
-    SdkClient(const EngineDataPath& bench, const char* ownName)
-        : mPe(tavo_pe_create(bench.serverPath().c_str(),
-                             ownName ? (bench.root().path() + "/" + ownName).c_str() : nullptr)) {}
-    ~SdkClient() { tavo_pe_destroy(mPe); }
-    tavo_pe* get() const { return mPe; }
-
-private:
-    tavo_pe* mPe;
-};
-
 // Records, timestamps and payloads of a frame arrive as played; releasing it lets the next
 // frame through without loss, and the engine hears both descriptors acknowledged.
 TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
@@ -100,11 +88,12 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
         bench.aac(40, audio, 2000);
         bench.frameEnd(40);
         EXPECT_EQ("", runInChild([&] {
-                      SdkClient client(bench, "sdk.socket");
-                      ASSERT_NE(nullptr, client.get());
-                      ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
+                      PlayEngineReader reader;
+                      ASSERT_EQ("", reader.connect(bench.serverPath(),
+                                                   bench.root().path() + "/sdk.socket"));
+                      tavo_pe* const client = reader.sdk();
                       tavo_pe_frame frame;
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client.get(), 0, 20000, &frame));
+                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
                       ASSERT_EQ(2u, frame.nal_count);
                       ASSERT_EQ(1u, frame.aac_count);
                       EXPECT_EQ(0u, tavo_pe_frame_bad_records(&frame));
@@ -120,13 +109,13 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
                       EXPECT_EQ(audio, Bytes(item.bytes + CMMB_ADTS_HEADER_SIZE,
                                              item.bytes + item.length));
                       EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 2, &item));
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client.get(), &frame));
-                      CmmbSharedBuffer* region = tavo_pe_region(client.get(), 0);
+                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
+                      CmmbSharedBuffer* region = tavo_pe_region(client, 0);
                       EXPECT_EQ(0u, region->nalCount + region->aacCount);
                       EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
                       // Nothing more was played: the next wait ends by its time-out, holding
                       // nothing.
-                      EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client.get(), 0, 50, &frame));
+                      EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client, 0, 50, &frame));
                       EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
                   }));
         EXPECT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
@@ -143,9 +132,11 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
         SERVING_BENCH(bench, 40, "all", false);
         EXPECT_EQ(
             "", runInChild([&] {
-                SdkClient client(bench, "sdk.socket");
-                ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
-                CmmbSharedBuffer* region = tavo_pe_region(client.get(), 0);
+                PlayEngineReader reader;
+                ASSERT_EQ("",
+                          reader.connect(bench.serverPath(), bench.root().path() + "/sdk.socket"));
+                tavo_pe* const client = reader.sdk();
+                CmmbSharedBuffer* region = tavo_pe_region(client, 0);
                 ASSERT_NE(nullptr, region);
                 // The scribbler shares the mapping, as any process holding the descriptor would.
                 EXPECT_EQ(
@@ -164,7 +155,7 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                         cmmb_sem_post(&region->mutexDataAvailable);
                     }));
                 tavo_pe_frame frame;
-                ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client.get(), 0, 20000, &frame));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
                 EXPECT_EQ(CMMB_NAL_RECORD_SLOTS, frame.nal_count);
                 EXPECT_EQ(CMMB_AAC_RECORD_SLOTS, frame.aac_count);
                 EXPECT_EQ(CMMB_PAYLOAD_SIZE, frame.data_length);
@@ -180,11 +171,11 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                     EXPECT_EQ(nullptr, item.bytes);
                 }
                 EXPECT_EQ(TAVO_PE_BAD_RECORD, tavo_pe_frame_aac(&frame, 0, &item));
-                ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client.get(), &frame));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
                 EXPECT_EQ(0u, region->nalCount + region->aacCount);
                 // A wrong session and a released frame are refused, not followed.
-                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(client.get(), 2, 10, &frame));
-                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client.get(), &frame));
+                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(client, 2, 10, &frame));
+                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client, &frame));
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 0, &item));
             }));
     });
@@ -203,7 +194,8 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
         Notes connected;
         AsyncCall readerRun([&] {
             reader = runInChild([&] {
-                SdkClient client(bench, nullptr);
+                std::unique_ptr<tavo_pe, decltype(&tavo_pe_destroy)> client(
+                    tavo_pe_create(bench.serverPath().c_str(), nullptr), tavo_pe_destroy);
                 ASSERT_NE(nullptr, client.get());
                 ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
                 const std::string before[] = {regionInode(client.get(), 0),
