@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "TavoPlayEngine.h"
+#include "TestRoot.h"
 #include "UniqueHandle.h"
 
 namespace {
@@ -27,24 +28,15 @@ namespace {
 class ScriptedEngine {
 public:
     ScriptedEngine() {
-        char dir[] = "/tmp/tavo-sdk-wire.XXXXXX";
-        mDir = mkdtemp(dir);
-        mPath = mDir + "/cmmb.socket";
         mListener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, mPath.c_str(), sizeof(address.sun_path) - 1);
+        strncpy(address.sun_path, path().c_str(), sizeof(address.sun_path) - 1);
         EXPECT_EQ(0, bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
         EXPECT_EQ(0, listen(mListener.get(), 2));
     }
-    ~ScriptedEngine() {
-        mClient.reset();
-        mListener.reset();
-        std::string command = "rm -rf " + mDir;
-        EXPECT_EQ(0, system(command.c_str()));
-    }
-    const std::string& path() const { return mPath; }
-    std::string ownPath() const { return mDir + "/pe.socket"; }
+    std::string path() const { return mDir.resolve("/data/app/cmmb.socket"); }
+    std::string ownPath() const { return mDir.path() + "/pe.socket"; }
 
     // Accepts and checks that the client is bound to an existing path.
     bool accept() {
@@ -101,7 +93,7 @@ public:
     }
 
 private:
-    std::string mDir, mPath;
+    const TestRoot mDir{""};
     UniqueFd mListener, mClient;
 };
 
@@ -307,15 +299,13 @@ TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
     EXPECT_STREQ("/data/app/cmmb.socket", path);
 
     // Nobody listens: refused, and the own path is not left behind.
-    char dir[] = "/tmp/tavo-sdk-none.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    const std::string own = std::string(dir) + "/pe.socket";
-    tavo_pe* pe = tavo_pe_create((std::string(dir) + "/cmmb.socket").c_str(), own.c_str());
+    const TestRoot nobody("");
+    const std::string own = nobody.path() + "/pe.socket";
+    tavo_pe* pe = tavo_pe_create(nobody.resolve("/data/app/cmmb.socket").c_str(), own.c_str());
     ASSERT_NE(nullptr, pe);
     EXPECT_EQ(TAVO_PE_REFUSED, tavo_pe_connect(pe, 100));
     EXPECT_NE(0, access(own.c_str(), F_OK));
     tavo_pe_destroy(pe);
-    rmdir(dir);
 }
 
 }  // namespace
