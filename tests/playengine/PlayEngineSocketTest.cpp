@@ -92,11 +92,9 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
         EXPECT_TRUE(bench.root().waitForLog("socket file not exist!"));
 
-        PlayEngineSocketClient former(bench.clientPath("former"));
-        ASSERT_TRUE(former.connectTo(bench.serverPath()));
+        PlayEngineSocketClient former(bench.clientPath("former"), bench.serverPath());
         bench.expectSharedBuffers(former);
-        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
-        ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"), bench.serverPath());
         bench.expectSharedBuffers(newcomer);
         EXPECT_TRUE(former.waitForClose());
         EXPECT_EQ(1, bench.root().countLog("only two client is allowed, now force close former"));
@@ -206,8 +204,7 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         bench.expectSharedBuffers(bench.player);
         ASSERT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ASSERT_EQ("capture", bench.player.receive().text());
-        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
-        ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"), bench.serverPath());
         bench.expectSharedBuffers(newcomer);
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)", 2));
         EXPECT_FALSE(bench.engine().isCapturing(0));
@@ -231,16 +228,16 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
                                    : EngineRig::Properties{});
             const mode_t expected = uids[0] != '\0' ? 0666 : 0660;
             const std::string directory = bench.root().resolve("/data/app");
-            int watch = inotify_init1(IN_CLOEXEC);
-            ASSERT_GE(watch, 0);
-            ASSERT_GE(inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_MOVED_TO), 0);
+            UniqueFd watch(inotify_init1(IN_CLOEXEC));
+            ASSERT_GE(inotify_add_watch(watch.get(), directory.c_str(), IN_CREATE | IN_MOVED_TO),
+                      0);
             // Looks at the socket file as soon as an event names it.
             mode_t firstSeen = 0;
             std::thread watcher([&] {
                 alignas(inotify_event) char events[4096];
-                pollfd entry = {watch, POLLIN, 0};
+                pollfd entry = {watch.get(), POLLIN, 0};
                 while (poll(&entry, 1, 10000) == 1) {
-                    const ssize_t length = read(watch, events, sizeof(events));
+                    const ssize_t length = read(watch.get(), events, sizeof(events));
                     for (ssize_t at = 0; at < length;) {
                         const inotify_event* event =
                             reinterpret_cast<const inotify_event*>(events + at);
@@ -255,10 +252,8 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
                 }
             });
             bench.start();
-            PlayEngineSocketClient client(bench.clientPath("player"));
-            ASSERT_TRUE(client.connectTo(bench.serverPath()));
+            PlayEngineSocketClient client(bench.clientPath("player"), bench.serverPath());
             watcher.join();
-            close(watch);
             EXPECT_TRUE(S_ISSOCK(firstSeen));
             EXPECT_EQ(expected, firstSeen & 07777);
             std::string output;
