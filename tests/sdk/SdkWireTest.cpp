@@ -237,21 +237,20 @@ TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     CmmbSharedBuffer* region = tavo_pe_region(pe, 0);
     ASSERT_NE(nullptr, region);
 
-    int toChild[2], fromChild[2];
-    ASSERT_EQ(0, pipe(toChild));
-    ASSERT_EQ(0, pipe(fromChild));
+    int link[2];  // [0] the parent's end, [1] the child's
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link));
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         tavo_pe_hang_up(pe);
         region->dataLength = 1234;  // still mapped, and shared with the parent
         char note = tavo_pe_is_connected(pe) ? 'c' : 'h';
-        if (write(fromChild[1], &note, 1) != 1 || read(toChild[0], &note, 1) != 1)
+        if (write(link[1], &note, 1) != 1 || read(link[1], &note, 1) != 1)
             _exit(1);
         _exit(0);
     }
     char note = 0;
-    ASSERT_EQ(1, read(fromChild[0], &note, 1));
+    ASSERT_EQ(1, read(link[0], &note, 1));
     EXPECT_EQ('h', note);
     EXPECT_EQ(1234u, region->dataLength);
     EXPECT_FALSE(engine.seesEndWithin(100)) << "the child's hang-up ended the parent's connection";
@@ -266,11 +265,11 @@ TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     EXPECT_EQ(1234u, region->dataLength);
     tavo_pe_hang_up(nullptr);
 
-    EXPECT_EQ(1, write(toChild[1], &note, 1));
+    EXPECT_EQ(1, write(link[0], &note, 1));
     int status = -1;
     EXPECT_EQ(child, waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
-    for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]})
+    for (int fd : link)
         close(fd);
     tavo_pe_disconnect(pe);
     EXPECT_EQ(nullptr, tavo_pe_region(pe, 0));
