@@ -13,11 +13,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -121,23 +120,14 @@ struct Outcome {
 // armed prefix, runs `act` (once).
 class ReentrantApp : public RecordingCallback {
 public:
+    // Called before init, so before any callback can come.
     void arm(std::string prefix, std::function<std::vector<Outcome>()> act) {
-        std::lock_guard<std::mutex> guard(mLock);
         mPrefix = std::move(prefix);
         mAct = std::move(act);
     }
-
-    // Waits (bounded) until `act` has returned; its outcomes, or false with *came telling
-    // whether the callback to act from came at all.
-    bool waitActed(std::vector<Outcome>* outcomes, bool* came) {
-        std::unique_lock<std::mutex> lock(mLock);
-        const bool acted = mActedChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                                                  [&] { return mActed; });
-        *came = mActing;
-        if (acted)
-            *outcomes = mOutcomes;
-        return acted;
-    }
+    // Whether the callback to act from came; the outcomes once `act` has returned.
+    bool came() const { return mActing; }
+    std::future<std::vector<Outcome>>& outcomes() { return mOutcomes; }
 
     void onScanFinished(bool done) override {
         RecordingCallback::onScanFinished(done);
@@ -150,29 +140,15 @@ public:
 
 private:
     void maybeAct(const std::string& call) {
-        std::function<std::vector<Outcome>()> act;
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            if (mActing || !mAct || call.compare(0, mPrefix.size(), mPrefix) != 0)
-                return;
-            mActing = true;
-            act = mAct;
-        }
-        std::vector<Outcome> outcomes = act();
-        std::lock_guard<std::mutex> guard(mLock);
-        mOutcomes = outcomes;
-        mActed = true;
-        mActedChanged.notify_all();
+        if (mAct && call.compare(0, mPrefix.size(), mPrefix) == 0 && !mActing.exchange(true))
+            mActed.set_value(mAct());
     }
 
-    std::mutex mLock;
-    std::condition_variable mActedChanged;
-    // Guarded by mLock.
-    std::string mPrefix;
-    std::function<std::vector<Outcome>()> mAct;
-    bool mActing = false;
-    bool mActed = false;
-    std::vector<Outcome> mOutcomes;
+    std::string mPrefix;                         // set before init, read only after
+    std::function<std::vector<Outcome>()> mAct;  // set before init, read only after
+    std::atomic<bool> mActing{false};
+    std::promise<std::vector<Outcome>> mActed;
+    std::future<std::vector<Outcome>> mOutcomes = mActed.get_future();
 };
 
 // The engine of this (child) process with the fake agent, a play engine and two output files.
@@ -335,14 +311,15 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
         if (::testing::Test::HasFatalFailure())
             return;
 
-        std::vector<Outcome> outcomes;
-        bool came = false;
-        if (!bench.application.waitActed(&outcomes, &came)) {
-            ASSERT_TRUE(came) << "no call starting \"" << kind.trigger << "\" came";
+        std::future<std::vector<Outcome>>& acted = bench.application.outcomes();
+        if (acted.wait_for(std::chrono::milliseconds(kWaitMs)) != std::future_status::ready) {
+            ASSERT_TRUE(bench.application.came())
+                << "no call starting \"" << kind.trigger << "\" came";
             ADD_FAILURE() << "a call made from inside " << kind.name << " does not return";
             fflush(stdout);
             _exit(1);  // a thread is stuck inside the engine: no orderly teardown
         }
+        const std::vector<Outcome> outcomes = acted.get();
         for (const Outcome& outcome : outcomes)
             EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
         ASSERT_EQ("deinit()", outcomes[0].call);
