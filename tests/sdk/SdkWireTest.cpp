@@ -184,46 +184,44 @@ TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
 TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
     Connecting sdk;
     ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
-    ScriptedEngine& engine = sdk.engine;
-    tavo_pe* const pe = sdk.pe;
-    ASSERT_NE(nullptr, tavo_pe_region(pe, 0));
-    ASSERT_NE(nullptr, tavo_pe_region(pe, 1));
+    ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 0));
+    ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 1));
 
     UniqueFd target(open("/dev/null", O_WRONLY));
     UniqueFd extra = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-    engine.send("sharebuffer", '0', {extra.get()});
-    engine.send("capture", '1', {target.get()});
-    engine.send("flush", '0', {});
-    engine.send("startrecord", '0', {});
-    engine.send("stoprecord", '0', {});
-    engine.send("rewind", '0', {});
+    sdk.engine.send("sharebuffer", '0', {extra.get()});
+    sdk.engine.send("capture", '1', {target.get()});
+    sdk.engine.send("flush", '0', {});
+    sdk.engine.send("startrecord", '0', {});
+    sdk.engine.send("stoprecord", '0', {});
+    sdk.engine.send("rewind", '0', {});
     const tavo_pe_command_kind expected[] = {TAVO_PE_CMD_CAPTURE, TAVO_PE_CMD_FLUSH,
                                              TAVO_PE_CMD_START_RECORD, TAVO_PE_CMD_STOP_RECORD,
                                              TAVO_PE_CMD_UNKNOWN};
     for (tavo_pe_command_kind kind : expected) {
         tavo_pe_command command;
-        ASSERT_EQ(TAVO_PE_OK, tavo_pe_next_command(pe, &command, 5000));
+        ASSERT_EQ(TAVO_PE_OK, tavo_pe_next_command(sdk.pe, &command, 5000));
         EXPECT_EQ(kind, command.kind) << command.text;
         if (kind == TAVO_PE_CMD_CAPTURE) {
             EXPECT_EQ(1, command.session);
             ASSERT_GE(command.fd, 0);
             EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
             close(command.fd);
-            EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(pe, IMAGE_CAPTURE_FAIL));
-            EXPECT_EQ("4", engine.indication());
+            EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(sdk.pe, IMAGE_CAPTURE_FAIL));
+            EXPECT_EQ("4", sdk.engine.indication());
         } else {
             EXPECT_EQ(-1, command.fd);
         }
     }
     tavo_pe_command command;
-    EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(pe, &command, 20));
-    engine.hangUp();
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(pe, &command, 5000));
-    EXPECT_FALSE(tavo_pe_is_connected(pe));
-    EXPECT_NE(nullptr, tavo_pe_region(pe, 0)) << "unmapped under the readers' feet";
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(pe, GOT_SHAREDBUFFER_FD));
-    tavo_pe_disconnect(pe);
-    EXPECT_EQ(nullptr, tavo_pe_region(pe, 0));
+    EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(sdk.pe, &command, 20));
+    sdk.engine.hangUp();
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(sdk.pe, &command, 5000));
+    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+    EXPECT_NE(nullptr, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    tavo_pe_disconnect(sdk.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
 }
 
 // Hanging up ends the connection for the engine, keeps the regions readable, and closes only
@@ -232,9 +230,7 @@ TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
 TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     Connecting sdk;
     ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
-    ScriptedEngine& engine = sdk.engine;
-    tavo_pe* const pe = sdk.pe;
-    CmmbSharedBuffer* region = tavo_pe_region(pe, 0);
+    CmmbSharedBuffer* region = tavo_pe_region(sdk.pe, 0);
     ASSERT_NE(nullptr, region);
 
     int link[2];  // [0] the parent's end, [1] the child's
@@ -242,9 +238,9 @@ TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        tavo_pe_hang_up(pe);
+        tavo_pe_hang_up(sdk.pe);
         region->dataLength = 1234;  // still mapped, and shared with the parent
-        char note = tavo_pe_is_connected(pe) ? 'c' : 'h';
+        char note = tavo_pe_is_connected(sdk.pe) ? 'c' : 'h';
         if (write(link[1], &note, 1) != 1 || read(link[1], &note, 1) != 1)
             _exit(1);
         _exit(0);
@@ -253,15 +249,16 @@ TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     ASSERT_EQ(1, read(link[0], &note, 1));
     EXPECT_EQ('h', note);
     EXPECT_EQ(1234u, region->dataLength);
-    EXPECT_FALSE(engine.seesEndWithin(100)) << "the child's hang-up ended the parent's connection";
-    EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(pe, GOT_SHAREDBUFFER_FD));
-    EXPECT_EQ("2", engine.indication());
+    EXPECT_FALSE(sdk.engine.seesEndWithin(100))
+        << "the child's hang-up ended the parent's connection";
+    EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ("2", sdk.engine.indication());
 
-    tavo_pe_hang_up(pe);
-    EXPECT_TRUE(engine.seesEndWithin(5000)) << "a copy of the connection stayed open";
-    EXPECT_FALSE(tavo_pe_is_connected(pe));
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(pe, GOT_SHAREDBUFFER_FD));
-    EXPECT_EQ(region, tavo_pe_region(pe, 0)) << "unmapped under the readers' feet";
+    tavo_pe_hang_up(sdk.pe);
+    EXPECT_TRUE(sdk.engine.seesEndWithin(5000)) << "a copy of the connection stayed open";
+    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ(region, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
     EXPECT_EQ(1234u, region->dataLength);
     tavo_pe_hang_up(nullptr);
 
@@ -271,8 +268,8 @@ TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
     EXPECT_EQ(0, status);
     for (int fd : link)
         close(fd);
-    tavo_pe_disconnect(pe);
-    EXPECT_EQ(nullptr, tavo_pe_region(pe, 0));
+    tavo_pe_disconnect(sdk.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
 }
 
 TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
