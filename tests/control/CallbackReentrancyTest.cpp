@@ -13,23 +13,18 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <memory>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
-#include "FakeAgentAccess.h"
+#include "EngineRig.h"
 #include "FaultInjectingEnv.h"
-#include "RecordingCallback.h"
-#include "TestRoot.h"
 #include "UniqueHandle.h"
 
 namespace {
@@ -121,28 +116,18 @@ struct Outcome {
     Clock::duration took;
 };
 
-// The application: records every call and, from inside the first one `trigger` picks, runs
-// `act` (once).
+// The application: records every call and, from inside the first one that starts with the
+// armed prefix, runs `act` (once).
 class ReentrantApp : public RecordingCallback {
 public:
-    void arm(std::function<bool(const std::string&)> trigger,
-             std::function<std::vector<Outcome>()> act) {
-        std::lock_guard<std::mutex> guard(mLock);
-        mTrigger = std::move(trigger);
+    // Called before init, so before any callback can come.
+    void arm(std::string prefix, std::function<std::vector<Outcome>()> act) {
+        mPrefix = std::move(prefix);
         mAct = std::move(act);
     }
-
-    // Waits (bounded) until `act` has returned; its outcomes, or false with *came telling
-    // whether the callback to act from came at all.
-    bool waitActed(std::vector<Outcome>* outcomes, bool* came) {
-        std::unique_lock<std::mutex> lock(mLock);
-        const bool acted = mActedChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs),
-                                                  [&] { return mActed; });
-        *came = mActing;
-        if (acted)
-            *outcomes = mOutcomes;
-        return acted;
-    }
+    // Whether the callback to act from came; the outcomes once `act` has returned.
+    bool came() const { return mActing; }
+    std::future<std::vector<Outcome>>& outcomes() { return mOutcomes; }
 
     void onScanFinished(bool done) override {
         RecordingCallback::onScanFinished(done);
@@ -155,74 +140,48 @@ public:
 
 private:
     void maybeAct(const std::string& call) {
-        std::function<std::vector<Outcome>()> act;
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            if (mActing || !mTrigger || !mTrigger(call))
-                return;
-            mActing = true;
-            act = mAct;
-        }
-        std::vector<Outcome> outcomes = act();
-        std::lock_guard<std::mutex> guard(mLock);
-        mOutcomes = outcomes;
-        mActed = true;
-        mActedChanged.notify_all();
+        if (mAct && call.compare(0, mPrefix.size(), mPrefix) == 0 && !mActing.exchange(true))
+            mActed.set_value(mAct());
     }
 
-    std::mutex mLock;
-    std::condition_variable mActedChanged;
-    std::function<bool(const std::string&)> mTrigger;
-    std::function<std::vector<Outcome>()> mAct;
-    bool mActing = false;
-    bool mActed = false;
-    std::vector<Outcome> mOutcomes;
+    std::string mPrefix;                         // set before init, read only after
+    std::function<std::vector<Outcome>()> mAct;  // set before init, read only after
+    std::atomic<bool> mActing{false};
+    std::promise<std::vector<Outcome>> mActed;
+    std::future<std::vector<Outcome>> mOutcomes = mActed.get_future();
 };
 
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 // The engine of this (child) process with the fake agent, a play engine and two output files.
-struct Bench {
-    Bench() {
-        setenv("TAVO_LOGMASK", "ERROR,WARNING,MAIN,ENGINE", 1);
-        engine = TavoMBBMSEngine::getInstance();
-        agent = fakeAgentAt(root.resolve("/system/lib/libsiano.so"));
-        recordFd = open((root.path() + "/record.3gp").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        captureFd = open((root.path() + "/capture.jpg").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    }
+struct Bench : EngineRig {
+    Bench() : EngineRig("ERROR,WARNING,MAIN,ENGINE") {}
     ~Bench() {
         playEngine.stop();
-        engine->deinit();
-        close(recordFd);
-        close(captureFd);
+        engine().deinit();
     }
 
     // init, the play engine connected, session 0 showing service 7. "" or what failed.
     std::string serve(int captureAnswer) {
-        if (agent == nullptr || recordFd < 0 || captureFd < 0)
+        if (!recordFd.valid() || !captureFd.valid())
             return "bench not set up";
-        if (engine->init(&app, nullptr) != 0)
+        if (engine().init(&application, nullptr) != 0)
             return "init failed";
-        std::string error = playEngine.connect(root.resolve("/data/app/cmmb.socket"),
-                                               root.path() + "/playengine.socket", captureAnswer);
+        std::string error =
+            playEngine.connect(serverPath(), root().path() + "/playengine.socket", captureAnswer);
         if (!error.empty())
             return error;
         return startService(0) == 0 ? "" : "startTVService failed";
     }
 
     int startService(int session) {
-        IsmaPara isma;
-        memset(&isma, 0, sizeof(isma));
+        IsmaPara isma = {};
         isma.serviceID = 7;
-        agent->setNextChannelID(kChannel);
-        return engine->startTVService(session, 20, 1, 2, 3, &isma);
+        agent().setNextChannelID(kChannel);
+        return engine().startTVService(session, 20, 1, 2, 3, &isma);
     }
 
     // Queues a frame of `nals` NAL units on the agent's thread; `inside` runs within it.
     void postFrame(int nals, std::function<void(MBBMSAgentCallback&)> inside = nullptr) {
-        agent->postToAgentThread([nals, inside](MBBMSAgentCallback* callback) {
+        agent().postToAgentThread([nals, inside](MBBMSAgentCallback* callback) {
             callback->onOutputAVStart(kChannel, nullptr, 0);
             for (int i = 0; i < nals; ++i) {
                 Bytes unit = nalUnit(4, 0x41, 20 + i);
@@ -240,13 +199,13 @@ struct Bench {
     // others show the engine still serving.
     std::vector<Outcome> reenter() {
         const std::vector<std::pair<const char*, std::function<int()>>> calls = {
-            {"deinit()", [&] { return engine->deinit(); }},
-            {"stopRecording(0)", [&] { return engine->stopRecording(0); }},
-            {"stopRecording(1)", [&] { return engine->stopRecording(1); }},
-            {"startRecording(1)", [&] { return engine->startRecording(1, recordFd); }},
-            {"captureImage(0)", [&] { return engine->captureImage(0, captureFd); }},
-            {"requestInquiryAccount()", [&] { return engine->requestInquiryAccount(); }},
-            {"stopTVService(0)", [&] { return engine->stopTVService(0); }},
+            {"deinit()", [&] { return engine().deinit(); }},
+            {"stopRecording(0)", [&] { return engine().stopRecording(0); }},
+            {"stopRecording(1)", [&] { return engine().stopRecording(1); }},
+            {"startRecording(1)", [&] { return engine().startRecording(1, recordFd.get()); }},
+            {"captureImage(0)", [&] { return engine().captureImage(0, captureFd.get()); }},
+            {"requestInquiryAccount()", [&] { return engine().requestInquiryAccount(); }},
+            {"stopTVService(0)", [&] { return engine().stopTVService(0); }},
         };
         std::vector<Outcome> outcomes;
         for (const auto& call : calls) {
@@ -258,13 +217,10 @@ struct Bench {
     }
 
     FaultInjectingEnv env;
-    TestRoot root;
-    ReentrantApp app;
+    ReentrantApp application;
     CapturingPlayEngine playEngine;
-    TavoMBBMSEngine* engine = nullptr;
-    FakeAgentControl* agent = nullptr;
-    int recordFd = -1;
-    int captureFd = -1;
+    UniqueFd recordFd{open((root().path() + "/record.3gp").c_str(), O_RDWR | O_CREAT, 0644)};
+    UniqueFd captureFd{open((root().path() + "/capture.jpg").c_str(), O_RDWR | O_CREAT, 0644)};
 };
 
 // One kind of callback: how the test provokes it and how its call is recognised.
@@ -280,7 +236,7 @@ std::vector<CallbackKind> callbackKinds() {
     return {
         {"TunerThreadEvent", "onScanFinished(", 3, true,
          [](Bench& b) {
-             b.agent->postToAgentThread([](MBBMSAgentCallback* c) { c->onScanFinished(true); });
+             b.agent().postToAgentThread([](MBBMSAgentCallback* c) { c->onScanFinished(true); });
          }},
         {"AgentEventInsideAFrame", "onEvent(99, ", 3, true,
          [](Bench& b) {
@@ -297,39 +253,39 @@ std::vector<CallbackKind> callbackKinds() {
         // The card disappears while session 0 records: the next frame reports it.
         {"RecordingEventInsideAFrame", "onEvent(151, 0)", 3, true,
          [](Bench& b) {
-             ASSERT_EQ(0, b.engine->startRecording(0, b.recordFd));
-             ASSERT_EQ(0, rmdir(b.root.resolve("/sdcard").c_str()));
+             ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
+             ASSERT_EQ(0, rmdir(b.root().resolve("/sdcard").c_str()));
              b.postFrame(1);
          }},
         // The storage fills up while session 0 records: the completion thread reports it.
         {"CompletionThreadEvent", "onEvent(15", 3, true,
          [](Bench& b) {
-             ASSERT_EQ(0, b.engine->startRecording(0, b.recordFd));
+             ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
              b.env.setFreeBytes(kMiB - 1);
              b.postFrame(1);
          }},
         {"CaptureSuccessOnTheCommandThread", "onEvent(161, 0)", 3, true,
-         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+         [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
         {"CaptureFailureOnTheCommandThread", "onEvent(162, 0)", 4, true,
-         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+         [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
         // The play engine goes away with a capture outstanding: the command thread ends it.
         {"CaptureFailureWhenThePlayEngineGoes", "onEvent(162, 0)", kHangUp, true,
-         [](Bench& b) { ASSERT_EQ(0, b.engine->captureImage(0, b.captureFd)); }},
+         [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
         // init on the application's thread with a directory that cannot be created.
         {"WorkDirErrorOnTheCallersThread", "onEvent(140, 0)", 3, false,
          [](Bench& b) {
-             writeTextFile(b.root.resolve("/plainfile"), "x");
-             const std::string impossible = b.root.resolve("/plainfile/sub");
-             TavoMBBMSEngine* engine = b.engine;
-             ReentrantApp* app = &b.app;
+             writeTextFile(b.root().resolve("/plainfile"), "x");
+             const std::string impossible = b.root().resolve("/plainfile/sub");
+             TavoMBBMSEngine* engine = &b.engine();
+             ReentrantApp* app = &b.application;
              AsyncCall([engine, app, impossible] { engine->init(app, impossible.c_str()); });
          }},
         // captureImage on the application's thread with too little free space.
         {"CaptureFailureOnTheCallersThread", "onEvent(162, 0)", 3, true,
          [](Bench& b) {
              b.env.setFreeBytes(50 * 1024);
-             TavoMBBMSEngine* engine = b.engine;
-             const int fd = b.captureFd;
+             TavoMBBMSEngine* engine = &b.engine();
+             const int fd = b.captureFd.get();
              AsyncCall([engine, fd] { engine->captureImage(0, fd); });
          }},
     };
@@ -347,9 +303,7 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
     const CallbackKind kind = GetParam();
     EXPECT_IN_CHILD({
         Bench bench;
-        const std::string trigger = kind.trigger;
-        bench.app.arm([trigger](const std::string& call) { return startsWith(call, trigger); },
-                      [&bench] { return bench.reenter(); });
+        bench.application.arm(kind.trigger, [&bench] { return bench.reenter(); });
         if (kind.servedBefore) {
             ASSERT_EQ("", bench.serve(kind.captureAnswer));
         }
@@ -357,29 +311,30 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
         if (::testing::Test::HasFatalFailure())
             return;
 
-        std::vector<Outcome> outcomes;
-        bool came = false;
-        if (!bench.app.waitActed(&outcomes, &came)) {
-            ASSERT_TRUE(came) << "no call starting \"" << kind.trigger << "\" came";
+        std::future<std::vector<Outcome>>& acted = bench.application.outcomes();
+        if (acted.wait_for(std::chrono::milliseconds(kWaitMs)) != std::future_status::ready) {
+            ASSERT_TRUE(bench.application.came())
+                << "no call starting \"" << kind.trigger << "\" came";
             ADD_FAILURE() << "a call made from inside " << kind.name << " does not return";
             fflush(stdout);
             _exit(1);  // a thread is stuck inside the engine: no orderly teardown
         }
+        const std::vector<Outcome> outcomes = acted.get();
         for (const Outcome& outcome : outcomes)
             EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
         ASSERT_EQ("deinit()", outcomes[0].call);
         EXPECT_EQ(-1, outcomes[0].result);
-        EXPECT_EQ(1, bench.root.countLog(kRefusal));
+        EXPECT_EQ(1, bench.root().countLog(kRefusal));
 
         // The engine goes on serving: the next frame reaches the play engine.
         bench.env.setFreeBytes(-1);
-        mkdir(bench.root.resolve("/sdcard").c_str(), 0777);
+        mkdir(bench.root().resolve("/sdcard").c_str(), 0777);
         if (!kind.servedBefore) {
             ASSERT_EQ("", bench.serve(kind.captureAnswer));
         } else {
             EXPECT_EQ(0, bench.startService(0)) << "stopTVService(0) from the callback failed";
         }
-        bench.agent->drainAgentThread();
+        bench.agent().drainAgentThread();
         bench.playEngine.skipSignalledFrames(0);
         bench.postFrame(3);
         EXPECT_EQ(3, bench.playEngine.readNalCount(0));
@@ -420,12 +375,12 @@ TEST(FrameBracket, ResultsRaisedInsideAFrameFollowItInOrderWithTheirContent) {
         };
         Bench bench;
         LockWatchingApp app;
-        ASSERT_EQ(0, bench.engine->init(&app, nullptr));
-        ASSERT_EQ("", bench.playEngine.connect(bench.root.resolve("/data/app/cmmb.socket"),
-                                               bench.root.path() + "/playengine.socket", 3));
+        ASSERT_EQ(0, bench.engine().init(&app, nullptr));
+        ASSERT_EQ("", bench.playEngine.connect(bench.serverPath(),
+                                               bench.root().path() + "/playengine.socket", 3));
         ASSERT_EQ(0, bench.startService(0));
         app.buffer = bench.playEngine.buffer(0);
-        ASSERT_EQ(0, bench.engine->requestInquiryAccount());
+        ASSERT_EQ(0, bench.engine().requestInquiryAccount());
 
         bench.postFrame(2, [](MBBMSAgentCallback& c) {
             char xml[32];
@@ -436,15 +391,15 @@ TEST(FrameBracket, ResultsRaisedInsideAFrameFollowItInOrderWithTheirContent) {
             c.onEvent(static_cast<EventType>(97), 3);
             c.onRequestInquiryAccount(true, "balance");
         });
-        bench.agent->drainAgentThread();
+        bench.agent().drainAgentThread();
         const std::vector<std::string> expected = {"onESGXml(4, <guide/>)", "onEvent(97, 3)",
                                                    "onRequestInquiryAccount(1, balance)"};
         EXPECT_EQ(expected, app.calls());
         EXPECT_EQ(0, app.lockedDuringCalls.load()) << "called while the frame held its lock";
         EXPECT_EQ(2, bench.playEngine.readNalCount(0));
         // The completion ended the pending request: a new one is accepted.
-        EXPECT_EQ(0, bench.engine->requestInquiryAccount());
+        EXPECT_EQ(0, bench.engine().requestInquiryAccount());
         bench.playEngine.stop();
-        EXPECT_EQ(0, bench.engine->deinit());
+        EXPECT_EQ(0, bench.engine().deinit());
     });
 }

@@ -30,8 +30,7 @@ std::vector<std::string> tablesOf(int freqDot) {
 }
 
 EmergencyMessage emergency(uint8_t type, uint16_t id) {
-    EmergencyMessage msg;
-    memset(&msg, 0, sizeof(msg));
+    EmergencyMessage msg = {};
     msg.msgType = type;
     msg.msgID = id;
     strcpy(msg.text, "flood warning");
@@ -40,7 +39,7 @@ EmergencyMessage emergency(uint8_t type, uint16_t id) {
 
 void playEmergency(ControlEngine& control, const EmergencyMessage& msg) {
     control.fromAgent([msg](MBBMSAgentCallback& c) {
-        EmergencyMessage copy = msg;
+        EmergencyMessage copy = msg;  // the agent passes a record of its own
         c.onEmergencyMessage(copy);
     });
 }

@@ -9,7 +9,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,44 +19,31 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "EngineRig.h"
 #include "FakeClockEnv.h"
 #include "FaultInjectingEnv.h"
 #include "LogSink.h"
 #include "OpenDescriptors.h"
 #include "PlayEngineSocketClient.h"
-#include "RecordingCallback.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
 
 namespace {
 
-// An initialised engine with every log category on. The command thread calls `callback`,
-// so the engine is ended before the callback goes away.
-struct Bench {
-    TestRoot root;
-    RecordingCallback callback;
-    TavoMBBMSEngineImpl* engine = nullptr;
-    PlayEngineSocketClient player{clientPath("player")};
-    // Where snapshots go.
-    int file = open((root.path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR | O_TRUNC, 0644);
-
-    Bench() { setenv("TAVO_LOGMASK", "all", 1); }
-    ~Bench() {
-        engine->deinit();
-        close(file);
-    }
-    void start() {
-        engine = TavoMBBMSEngineImpl::getInstance();
-        EXPECT_EQ(0, engine->init(&callback, nullptr));
-    }
+// The engine with every log category on, a play engine's client and a file for snapshots.
+// The command thread calls the application, so the engine is ended before the rig goes.
+struct Bench : EngineRig {
+    using EngineRig::EngineRig;
+    ~Bench() { engine().deinit(); }
+    TavoMBBMSEngineImpl& impl() { return static_cast<TavoMBBMSEngineImpl&>(engine()); }
+    void start() { EXPECT_EQ(0, init()); }
     // Starts the engine and connects `player`, which gets the shared buffers.
     void startWithPlayer() {
         start();
         ASSERT_TRUE(player.connectTo(serverPath()));
         expectSharedBuffers(player);
     }
-    std::string serverPath() const { return root.resolve("/data/app/cmmb.socket"); }
-    std::string clientPath(const char* name) const { return root.path() + "/" + name + ".sock"; }
+    std::string clientPath(const char* name) const { return root().path() + "/" + name + ".sock"; }
 
     // Receives the two "sharebuffer" commands an accepted client gets and checks that each
     // descriptor maps that session's buffer of this engine.
@@ -74,13 +60,16 @@ struct Bench {
                                 MAP_SHARED, command.fd, 0);
             ASSERT_NE(MAP_FAILED, mapped);
             CmmbSharedBuffer* view = static_cast<CmmbSharedBuffer*>(mapped);
-            CmmbSharedBuffer* own = engine->sharedBuffer(session);
+            CmmbSharedBuffer* own = impl().sharedBuffer(session);
             own->data[CMMB_PAYLOAD_SIZE - 1] = static_cast<unsigned char>(0xA0 + session);
             EXPECT_EQ(0xA0 + session, view->data[CMMB_PAYLOAD_SIZE - 1]);
             own->data[CMMB_PAYLOAD_SIZE - 1] = 0;
             munmap(mapped, CMMB_SHARED_BUFFER_SIZE);
         }
     }
+
+    PlayEngineSocketClient player{clientPath("player")};
+    UniqueFd file{open((root().path() + "/snap.jpg").c_str(), O_CREAT | O_RDWR, 0644)};
 };
 
 bool sameFile(int a, int b) {
@@ -101,16 +90,14 @@ TEST(PlayEngineSocket, RefusesUnboundClientsAndLetsANewcomerDisplaceTheClient) {
         PlayEngineSocketClient unbound("");
         ASSERT_TRUE(unbound.connectTo(bench.serverPath()));
         EXPECT_EQ(0, unbound.receive().bytes);  // end of stream, no command
-        EXPECT_TRUE(bench.root.waitForLog("socket file not exist!"));
+        EXPECT_TRUE(bench.root().waitForLog("socket file not exist!"));
 
-        PlayEngineSocketClient former(bench.clientPath("former"));
-        ASSERT_TRUE(former.connectTo(bench.serverPath()));
+        PlayEngineSocketClient former(bench.clientPath("former"), bench.serverPath());
         bench.expectSharedBuffers(former);
-        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
-        ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"), bench.serverPath());
         bench.expectSharedBuffers(newcomer);
         EXPECT_TRUE(former.waitForClose());
-        EXPECT_EQ(1, bench.root.countLog("only two client is allowed, now force close former"));
+        EXPECT_EQ(1, bench.root().countLog("only two client is allowed, now force close former"));
     });
 }
 
@@ -120,7 +107,7 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
 
         // A command without a descriptor: status byte 1, session '0', no control data.
-        ASSERT_EQ(0, TavoMBBMSEngineImpl::getInstance()->sendPlayEngineCommand(CMD_FLUSH, 7, 1));
+        ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
         ReceivedCommand flush = bench.player.receive();
         ASSERT_EQ(96, flush.bytes);
         unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
@@ -131,24 +118,24 @@ TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
         EXPECT_FALSE(flush.truncated);
 
         // A snapshot of session 1: answers are always reported for session 0.
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.player.sendIndication("3"));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(161, 0)"));
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.player.sendIndication("capture done"));
-        ASSERT_TRUE(bench.root.waitForLog("UNKNOWN_INDICATION"));
+        ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
         // The play engine's requests for the buffers and its receipt are only logged.
         ASSERT_TRUE(bench.player.sendIndication("1"));
-        ASSERT_TRUE(bench.root.waitForLog("REQUEST_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.root().waitForLog("REQUEST_SHAREDBUFFER_FD"));
         ASSERT_TRUE(bench.player.sendIndication("2"));
-        ASSERT_TRUE(bench.root.waitForLog("GOT_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD"));
         ASSERT_TRUE(bench.player.sendIndication("4"));
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
-        EXPECT_EQ(2, bench.callback.count("onEvent(16"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
+        EXPECT_EQ(2, bench.app().count("onEvent(16"));
     });
 }
 
@@ -159,34 +146,34 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {-1, 2}) {
-            EXPECT_EQ(-1, bench.engine->captureImage(session, bench.file)) << session;
-            EXPECT_FALSE(bench.engine->isCapturing(session)) << session;
+            EXPECT_EQ(-1, bench.engine().captureImage(session, bench.file.get())) << session;
+            EXPECT_FALSE(bench.engine().isCapturing(session)) << session;
         }
-        EXPECT_EQ(0, bench.callback.count("onEvent("));
+        EXPECT_EQ(0, bench.app().count("onEvent("));
 
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
         env.setFreeBytes(99 * 1024);
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        EXPECT_EQ(1, bench.callback.count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
+        EXPECT_EQ(1, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
 
         env.setFreeBytes(100 * 1024);
-        EXPECT_EQ(0, bench.engine->captureImage(0, bench.file));
+        EXPECT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ReceivedCommand request = bench.player.receive();
         ASSERT_EQ(96, request.bytes);
         EXPECT_EQ("capture", request.text());
         EXPECT_EQ('0', request.message.session);
         EXPECT_EQ(0, request.message.fdStatus);
-        EXPECT_TRUE(sameFile(bench.file, request.fd));
-        EXPECT_TRUE(bench.engine->isCapturing(0));
-        EXPECT_EQ(1, bench.callback.count("onEvent("));
+        EXPECT_TRUE(sameFile(bench.file.get(), request.fd));
+        EXPECT_TRUE(bench.engine().isCapturing(0));
+        EXPECT_EQ(1, bench.app().count("onEvent("));
 
         // A play engine that stopped reading: the send fails without SIGPIPE and the
         // snapshot does not stay pending.
         ASSERT_EQ(0, shutdown(bench.player.fd(), SHUT_RD));
-        EXPECT_EQ(0, bench.engine->captureImage(1, bench.file));
-        EXPECT_EQ(2, bench.callback.count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
+        EXPECT_EQ(2, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
     });
 }
 
@@ -198,34 +185,33 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         for (int session : {0, 1}) {
-            ASSERT_EQ(0, bench.engine->captureImage(session, bench.file));
+            ASSERT_EQ(0, bench.engine().captureImage(session, bench.file.get()));
             ASSERT_EQ("capture", bench.player.receive().text());
         }
         ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)"));
-        EXPECT_TRUE(bench.engine->isCapturing(1));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
 
         bench.player.disconnect();
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine->isCapturing(1));
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
+        ASSERT_TRUE(bench.root().waitForLog("Connection closed by client"));
         // Without a client, a command cannot be delivered.
-        EXPECT_EQ(-1, bench.engine->sendPlayEngineCommand(CMD_FLUSH, -1, 0));
-        EXPECT_EQ(1, bench.callback.count("onEvent(162, 0)"));
+        EXPECT_EQ(-1, bench.impl().sendPlayEngineCommand(CMD_FLUSH, -1, 0));
+        EXPECT_EQ(1, bench.app().count("onEvent(162, 0)"));
 
         ASSERT_TRUE(bench.player.connectTo(bench.serverPath()));
         bench.expectSharedBuffers(bench.player);
-        ASSERT_EQ(0, bench.engine->captureImage(0, bench.file));
+        ASSERT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ASSERT_EQ("capture", bench.player.receive().text());
-        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"));
-        ASSERT_TRUE(newcomer.connectTo(bench.serverPath()));
+        PlayEngineSocketClient newcomer(bench.clientPath("newcomer"), bench.serverPath());
         bench.expectSharedBuffers(newcomer);
-        ASSERT_TRUE(bench.callback.waitFor("onEvent(162, 0)", 2));
-        EXPECT_FALSE(bench.engine->isCapturing(0));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)", 2));
+        EXPECT_FALSE(bench.engine().isCapturing(0));
 
         newcomer.disconnect();  // owed nothing
-        ASSERT_TRUE(bench.root.waitForLog("Connection closed by client", 2));
-        EXPECT_EQ(3, bench.callback.count("onEvent("));
+        ASSERT_TRUE(bench.root().waitForLog("Connection closed by client", 2));
+        EXPECT_EQ(3, bench.app().count("onEvent("));
     });
 }
 
@@ -237,21 +223,21 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
         umask(0);
         for (const char* uids : {"", "4242"}) {
             SCOPED_TRACE(std::string("listed uids: '") + uids + "'");
-            Bench bench;
-            if (uids[0] != '\0')
-                bench.root.setProperty("persist.mbbms.playengine.uids", uids);
+            Bench bench("all", uids[0] != '\0'
+                                   ? EngineRig::Properties{{"persist.mbbms.playengine.uids", uids}}
+                                   : EngineRig::Properties{});
             const mode_t expected = uids[0] != '\0' ? 0666 : 0660;
-            const std::string directory = bench.root.resolve("/data/app");
-            int watch = inotify_init1(IN_CLOEXEC);
-            ASSERT_GE(watch, 0);
-            ASSERT_GE(inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_MOVED_TO), 0);
+            const std::string directory = bench.root().resolve("/data/app");
+            UniqueFd watch(inotify_init1(IN_CLOEXEC));
+            ASSERT_GE(inotify_add_watch(watch.get(), directory.c_str(), IN_CREATE | IN_MOVED_TO),
+                      0);
             // Looks at the socket file as soon as an event names it.
             mode_t firstSeen = 0;
             std::thread watcher([&] {
                 alignas(inotify_event) char events[4096];
-                pollfd entry = {watch, POLLIN, 0};
+                pollfd entry = {watch.get(), POLLIN, 0};
                 while (poll(&entry, 1, 10000) == 1) {
-                    const ssize_t length = read(watch, events, sizeof(events));
+                    const ssize_t length = read(watch.get(), events, sizeof(events));
                     for (ssize_t at = 0; at < length;) {
                         const inotify_event* event =
                             reinterpret_cast<const inotify_event*>(events + at);
@@ -266,10 +252,8 @@ TEST(PlayEngineSocket, SocketFileHasItsModeFromTheMomentItAppears) {
                 }
             });
             bench.start();
-            PlayEngineSocketClient client(bench.clientPath("player"));
-            ASSERT_TRUE(client.connectTo(bench.serverPath()));
+            PlayEngineSocketClient client(bench.clientPath("player"), bench.serverPath());
             watcher.join();
-            close(watch);
             EXPECT_TRUE(S_ISSOCK(firstSeen));
             EXPECT_EQ(expected, firstSeen & 07777);
             std::string output;
@@ -332,9 +316,9 @@ TEST(CommandThread, IsNamedAndEndsWhenItsListeningSocketBecomesUnusable) {
             } else {
                 ASSERT_EQ(0, shutdown(listening, SHUT_RDWR));
             }
-            ASSERT_TRUE(bench.root.waitForLog("thread of runCommandThread exit"));
-            EXPECT_EQ(1, bench.root.countLog("error on listening socket"));
-            EXPECT_GE(1, bench.root.countLog("accept on listening socket error"));
+            ASSERT_TRUE(bench.root().waitForLog("thread of runCommandThread exit"));
+            EXPECT_EQ(1, bench.root().countLog("error on listening socket"));
+            EXPECT_GE(1, bench.root().countLog("accept on listening socket error"));
             // It logs its last line just before it returns.
             EXPECT_EQ(0, threadCountSettledAt(0, "tavo-command"));
             EXPECT_TRUE(bench.player.waitForClose());
@@ -354,7 +338,7 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         Bench bench;
         tavo_log_set_sink(countAcceptFailures, nullptr);  // before the threads that log start
         bench.start();
-        ASSERT_TRUE(bench.root.waitForLog("server is accepting client"));
+        ASSERT_TRUE(bench.root().waitForLog("server is accepting client"));
         // Socket and address first: once the limit is lowered no descriptor can be made.
         const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un own = {}, server = {};
@@ -388,7 +372,7 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         pollfd entry = {client, POLLIN, 0};
         EXPECT_EQ(1, poll(&entry, 1, 5000)) << "the waiting client was not served";
         close(client);
-        bench.engine->deinit();
+        bench.engine().deinit();
         tavo_log_set_sink(nullptr, nullptr);  // once the threads that log have ended
         Env::install(previous);
     });
@@ -405,38 +389,24 @@ TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
             TestRoot root;
             const std::string serverPath = root.resolve("/data/app/cmmb.socket");
             const std::string ownPath = root.path() + "/player.sock";
-            pid_t application = fork();
-            if (application == 0) {
-                RecordingCallback callback;
-                TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
-                if (engine->init(&callback, nullptr) != 0)
-                    _exit(2);
-                // Used by the flooding thread until the very end, so never destroyed.
-                static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
-                if (!player.connectTo(serverPath) || player.receive().bytes != 96)
-                    _exit(3);
-                std::thread([] {
-                    while (player.sendIndication("2")) {
-                    }
-                }).detach();
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                exit(0);
-            }
-            ASSERT_GT(application, 0);
-            int status = -1;
-            pid_t ended = 0;
-            for (int i = 0; i < 500 && ended == 0; ++i) {  // 5 s, a hang detector
-                ended = waitpid(application, &status, WNOHANG);
-                if (ended == 0)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            if (ended == 0) {
-                kill(application, SIGKILL);
-                waitpid(application, &status, 0);
-                FAIL() << "the process did not exit";
-            }
-            ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-            EXPECT_EQ(0, WEXITSTATUS(status));
+            EXPECT_EQ(
+                "", runInChild([&] {
+                    alarm(5);  // a hang detector: a process that does not exit is ended by SIGALRM
+                    RecordingCallback callback;
+                    TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
+                    if (engine->init(&callback, nullptr) != 0)
+                        _exit(2);
+                    // Used by the flooding thread until the very end, so never destroyed.
+                    static PlayEngineSocketClient& player = *new PlayEngineSocketClient(ownPath);
+                    if (!player.connectTo(serverPath) || player.receive().bytes != 96)
+                        _exit(3);
+                    std::thread([] {
+                        while (player.sendIndication("2")) {
+                        }
+                    }).detach();
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                    exit(0);
+                }));
         }
     });
 }
@@ -448,7 +418,7 @@ TEST(SharedBuffers, DeinitLeavesADescriptorOfValueZeroOpen) {
         Bench bench;
         close(0);
         bench.start();
-        EXPECT_EQ(0, TavoMBBMSEngineImpl::getInstance()->deinit());
+        EXPECT_EQ(0, bench.engine().deinit());
         EXPECT_NE(-1, fcntl(0, F_GETFD)) << "descriptor 0 was closed";
         char target[256] = {};
         ASSERT_GT(readlink("/proc/self/fd/0", target, sizeof(target) - 1), 0);

@@ -7,12 +7,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <thread>
 
 #include "ChildProcess.h"
-#include "EngineRig.h"
+#include "EngineDataPath.h"
 #include "MediaFiles.h"
 #include "PlayEngineProcess.h"
 #include "TavoMBBMSEngineImpl.h"
@@ -20,7 +18,6 @@
 
 namespace {
 
-using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 const int kChannel = 7;
 const size_t kFragmentSize = 700;  // NAL units longer than this arrive in fragments
 
@@ -102,43 +99,28 @@ struct MediaFeed {
     }
 };
 
-class Bench : public EngineRig {
+// The engine initialised; start() makes session 0 show service 11 on kChannel.
+class Bench : public EngineDataPath {
 public:
-    // The command thread calls the application: end it first.
-    ~Bench() { engine().deinit(); }
-
-    bool start() {
-        if (init() != 0)
-            return false;
-        IsmaPara isma;
-        memset(&isma, 0, sizeof(isma));
-        isma.serviceID = 11;
-        agent().setNextChannelID(kChannel);
-        return engine().startTVService(0, 20, 1, 2, 3, &isma) == 0;
-    }
+    Bench() : EngineDataPath("all", false) {}
+    bool start() { return setUpError().empty() && startService(0, 11, kChannel) == 0; }
 
     // Plays pictures [firstPicture, endPicture) and audio [firstAudio, endAudio) as one
     // multiplex frame on session 0's channel, then waits until a reader fetched it.
     bool playFrame(const MediaFeed& feed, size_t firstPicture, size_t endPicture, size_t firstAudio,
                    size_t endAudio) {
-        agent().runOnAgentThread([&](MBBMSAgentCallback* cb) {
-            cb->onOutputAVStart(kChannel, nullptr, 0);
-            size_t audio = firstAudio;
-            for (size_t p = firstPicture; p < endPicture; ++p) {
-                for (const MediaBytes& nal : feed.pictures[p].nalUnits)
-                    sendNal(cb, nal, static_cast<unsigned long>(p));
-                // Audio interleaved with the video, as a multiplex frame carries them.
-                size_t audioDue = firstAudio + (endAudio - firstAudio) * (p + 1 - firstPicture) /
-                                                   (endPicture - firstPicture);
-                for (; audio < audioDue; ++audio) {
-                    MediaBytes frame = feed.audio[audio];
-                    cb->onClearAudioAacFrame(kChannel, 0, static_cast<unsigned long>(audio),
-                                             frame.data(),
-                                             static_cast<unsigned short>(frame.size()));
-                }
-            }
-            cb->onOutputAVEnd(kChannel, false);
-        });
+        frameStart(kChannel);
+        size_t audio = firstAudio;
+        for (size_t p = firstPicture; p < endPicture; ++p) {
+            for (const MediaBytes& unit : feed.pictures[p].nalUnits)
+                sendNal(unit, static_cast<unsigned long>(p));
+            // Audio interleaved with the video, as a multiplex frame carries them.
+            const size_t audioDue = firstAudio + (endAudio - firstAudio) * (p + 1 - firstPicture) /
+                                                     (endPicture - firstPicture);
+            for (; audio < audioDue; ++audio)
+                aac(kChannel, feed.audio[audio], static_cast<unsigned long>(audio));
+        }
+        frameEnd(kChannel);
         CmmbSharedBuffer* buffer = static_cast<TavoMBBMSEngineImpl&>(engine()).sharedBuffer(0);
         for (int i = 0; i < 2000; ++i) {
             if (__atomic_load_n(&buffer->nalCount, __ATOMIC_ACQUIRE) == 0 &&
@@ -150,23 +132,17 @@ public:
     }
 
 private:
-    // One NAL unit with its start code, whole or in fragments.
-    static void sendNal(MBBMSAgentCallback* cb, const MediaBytes& nal, unsigned long ts) {
-        MediaBytes unit = {0, 0, 0, 1};
-        unit.insert(unit.end(), nal.begin(), nal.end());
-        if (unit.size() <= kFragmentSize) {
-            cb->onClearVideoNalData(kChannel, ts, 0, unit.data(),
-                                    static_cast<unsigned short>(unit.size()),
-                                    MBBMSAgent::NAL_FRAGMENT_COMPLETE);
-            return;
-        }
-        for (size_t at = 0; at < unit.size(); at += kFragmentSize) {
-            size_t size = std::min(kFragmentSize, unit.size() - at);
-            Pos pos = at == 0 ? MBBMSAgent::NAL_FRAGMENT_START
-                              : (at + size == unit.size() ? MBBMSAgent::NAL_FRAGMENT_END
-                                                          : MBBMSAgent::NAL_FRAGMENT_MIDDLE);
-            cb->onClearVideoNalData(kChannel, ts, 0, unit.data() + at,
-                                    static_cast<unsigned short>(size), pos);
+    // One NAL unit with its start code, whole or in fragments of kFragmentSize.
+    void sendNal(const MediaBytes& unit, unsigned long ts) {
+        MediaBytes bytes = {0, 0, 0, 1};
+        bytes.insert(bytes.end(), unit.begin(), unit.end());
+        for (size_t at = 0; at < bytes.size(); at += kFragmentSize) {
+            const size_t end = std::min(at + kFragmentSize, bytes.size());
+            const Pos pos = end - at == bytes.size() ? MBBMSAgent::NAL_FRAGMENT_COMPLETE
+                            : at == 0                ? MBBMSAgent::NAL_FRAGMENT_START
+                            : end == bytes.size()    ? MBBMSAgent::NAL_FRAGMENT_END
+                                                     : MBBMSAgent::NAL_FRAGMENT_MIDDLE;
+            nal(kChannel, Bytes(bytes.begin() + at, bytes.begin() + end), pos, ts);
         }
     }
 };
@@ -239,6 +215,7 @@ TEST(ReferencePlayEngine, AnswersSnapshotsAndFollowsAnEngineRestart) {
 
         // The engine restarts: the play engine comes back to the new server and buffers.
         ASSERT_EQ(0, bench.engine().deinit());
+        ASSERT_EQ(0, bench.init());
         ASSERT_TRUE(bench.start());
         ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 4)) << playEngine.log();
         ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();

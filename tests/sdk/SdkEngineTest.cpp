@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,9 +13,7 @@
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
-#include "FakeAgentAccess.h"
 #include "TavoPlayEngine.h"
-#include "UniqueHandle.h"
 
 namespace {
 
@@ -77,18 +74,6 @@ private:
     int mFds[2] = {-1, -1};
 };
 
-class SdkClient {
-public:
-    SdkClient(const EngineDataPath& bench, const char* ownName)
-        : mPe(tavo_pe_create(bench.serverPath().c_str(),
-                             ownName ? (bench.root().path() + "/" + ownName).c_str() : nullptr)) {}
-    ~SdkClient() { tavo_pe_destroy(mPe); }
-    tavo_pe* get() const { return mPe; }
-
-private:
-    tavo_pe* mPe;
-};
-
 // Records, timestamps and payloads of a frame arrive as played; releasing it lets the next
 // frame through without loss, and the engine hears both descriptors acknowledged.
 TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
@@ -102,11 +87,12 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
         bench.aac(40, audio, 2000);
         bench.frameEnd(40);
         EXPECT_EQ("", runInChild([&] {
-                      SdkClient client(bench, "sdk.socket");
-                      ASSERT_NE(nullptr, client.get());
-                      ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
+                      PlayEngineReader reader;
+                      ASSERT_EQ("", reader.connect(bench.serverPath(),
+                                                   bench.root().path() + "/sdk.socket"));
+                      tavo_pe* const client = reader.sdk();
                       tavo_pe_frame frame;
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client.get(), 0, 20000, &frame));
+                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
                       ASSERT_EQ(2u, frame.nal_count);
                       ASSERT_EQ(1u, frame.aac_count);
                       EXPECT_EQ(0u, tavo_pe_frame_bad_records(&frame));
@@ -122,13 +108,13 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
                       EXPECT_EQ(audio, Bytes(item.bytes + CMMB_ADTS_HEADER_SIZE,
                                              item.bytes + item.length));
                       EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 2, &item));
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client.get(), &frame));
-                      CmmbSharedBuffer* region = tavo_pe_region(client.get(), 0);
+                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
+                      CmmbSharedBuffer* region = tavo_pe_region(client, 0);
                       EXPECT_EQ(0u, region->nalCount + region->aacCount);
                       EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
                       // Nothing more was played: the next wait ends by its time-out, holding
                       // nothing.
-                      EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client.get(), 0, 50, &frame));
+                      EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client, 0, 50, &frame));
                       EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
                   }));
         EXPECT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
@@ -145,9 +131,11 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
         SERVING_BENCH(bench, 40, "all", false);
         EXPECT_EQ(
             "", runInChild([&] {
-                SdkClient client(bench, "sdk.socket");
-                ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
-                CmmbSharedBuffer* region = tavo_pe_region(client.get(), 0);
+                PlayEngineReader reader;
+                ASSERT_EQ("",
+                          reader.connect(bench.serverPath(), bench.root().path() + "/sdk.socket"));
+                tavo_pe* const client = reader.sdk();
+                CmmbSharedBuffer* region = tavo_pe_region(client, 0);
                 ASSERT_NE(nullptr, region);
                 // The scribbler shares the mapping, as any process holding the descriptor would.
                 EXPECT_EQ(
@@ -166,7 +154,7 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                         cmmb_sem_post(&region->mutexDataAvailable);
                     }));
                 tavo_pe_frame frame;
-                ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client.get(), 0, 20000, &frame));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
                 EXPECT_EQ(CMMB_NAL_RECORD_SLOTS, frame.nal_count);
                 EXPECT_EQ(CMMB_AAC_RECORD_SLOTS, frame.aac_count);
                 EXPECT_EQ(CMMB_PAYLOAD_SIZE, frame.data_length);
@@ -182,55 +170,13 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                     EXPECT_EQ(nullptr, item.bytes);
                 }
                 EXPECT_EQ(TAVO_PE_BAD_RECORD, tavo_pe_frame_aac(&frame, 0, &item));
-                ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client.get(), &frame));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
                 EXPECT_EQ(0u, region->nalCount + region->aacCount);
                 // A wrong session and a released frame are refused, not followed.
-                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(client.get(), 2, 10, &frame));
-                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client.get(), &frame));
+                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_wait_frame(client, 2, 10, &frame));
+                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client, &frame));
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 0, &item));
             }));
-    });
-}
-
-// A "capture" arrives with its descriptor (close-on-exec, the caller's to keep); the
-// snapshot written through it lands in the application's file and the success indication
-// reaches the application's callback.
-TEST(SdkWithEngine, CaptureIsDeliveredAndAnswered) {
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, 40, "all", false);
-        std::string reader;
-        AsyncCall readerRun([&] {
-            reader = runInChild([&] {
-                SdkClient client(bench, "sdk.socket");
-                ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
-                tavo_pe_command command;
-                int status = TAVO_PE_TIMEOUT;
-                for (int i = 0; i < 200 && status == TAVO_PE_TIMEOUT; ++i)
-                    status = tavo_pe_next_command(client.get(), &command, 100);
-                ASSERT_EQ(TAVO_PE_OK, status);
-                EXPECT_EQ(TAVO_PE_CMD_CAPTURE, command.kind);
-                EXPECT_STREQ("capture", command.text);
-                EXPECT_EQ(0, command.session);
-                ASSERT_GE(command.fd, 0);
-                EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
-                EXPECT_EQ(8, write(command.fd, "snapshot", 8));
-                close(command.fd);
-                EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.get(), IMAGE_CAPTURE_SUCCESS));
-                // Stays connected until the engine has read the answer.
-                tavo_pe_next_command(client.get(), &command, 2000);
-            });
-        });
-        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
-        const std::string snapshot = bench.root().path() + "/snapshot.png";
-        UniqueFd file(open(snapshot.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        ASSERT_TRUE(file.valid());
-        ASSERT_EQ(0, bench.engine().captureImage(0, file.get()));
-        EXPECT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
-        EXPECT_TRUE(readerRun.endsWithin(kChildBound));
-        EXPECT_EQ("", reader);
-        char bytes[16] = {};
-        EXPECT_EQ(8, pread(file.get(), bytes, sizeof(bytes), 0));
-        EXPECT_STREQ("snapshot", bytes);
     });
 }
 
@@ -247,7 +193,8 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
         Notes connected;
         AsyncCall readerRun([&] {
             reader = runInChild([&] {
-                SdkClient client(bench, nullptr);
+                std::unique_ptr<tavo_pe, decltype(&tavo_pe_destroy)> client(
+                    tavo_pe_create(bench.serverPath().c_str(), nullptr), tavo_pe_destroy);
                 ASSERT_NE(nullptr, client.get());
                 ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
                 const std::string before[] = {regionInode(client.get(), 0),
@@ -283,8 +230,6 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
         bench.engine().deinit();
         ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
         ASSERT_TRUE(connected.receive());
-        // init created a new agent; the rig finds it again.
-        ASSERT_NE(nullptr, fakeAgentAt(bench.root().resolve("/system/lib/libsiano.so")));
         ASSERT_EQ(0, bench.startService(0, 7, 40));
         bench.playFrame(40, 2, 1);
         EXPECT_TRUE(readerRun.endsWithin(kChildBound));

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "TavoPlayEngine.h"
+#include "TestRoot.h"
 #include "UniqueHandle.h"
 
 namespace {
@@ -27,31 +28,20 @@ namespace {
 class ScriptedEngine {
 public:
     ScriptedEngine() {
-        char dir[] = "/tmp/tavo-sdk-wire.XXXXXX";
-        mDir = mkdtemp(dir);
-        mPath = mDir + "/cmmb.socket";
         mListener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address;
-        memset(&address, 0, sizeof(address));
+        sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, mPath.c_str(), sizeof(address.sun_path) - 1);
+        strncpy(address.sun_path, path().c_str(), sizeof(address.sun_path) - 1);
         EXPECT_EQ(0, bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
         EXPECT_EQ(0, listen(mListener.get(), 2));
     }
-    ~ScriptedEngine() {
-        mClient.reset();
-        mListener.reset();
-        std::string command = "rm -rf " + mDir;
-        EXPECT_EQ(0, system(command.c_str()));
-    }
-    const std::string& path() const { return mPath; }
-    std::string ownPath() const { return mDir + "/pe.socket"; }
+    std::string path() const { return mDir.resolve("/data/app/cmmb.socket"); }
+    std::string ownPath() const { return mDir.path() + "/pe.socket"; }
 
     // Accepts and checks that the client is bound to an existing path.
     bool accept() {
-        sockaddr_un peer;
+        sockaddr_un peer = {};
         socklen_t length = sizeof(peer);
-        memset(&peer, 0, sizeof(peer));
         mClient.reset(
             ::accept4(mListener.get(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC));
         struct stat status;
@@ -62,15 +52,13 @@ public:
     // Sends `size` bytes of a command message with `fds` attached.
     void send(const char* text, char session, const std::vector<int>& fds,
               size_t size = sizeof(PlayEngineCommandMessage)) {
-        PlayEngineCommandMessage message;
-        memset(&message, 0, sizeof(message));
+        PlayEngineCommandMessage message = {};
         // Zero padded; a text of 32 characters or more fills the field without a terminator.
         memcpy(message.command, text, std::min(strlen(text), sizeof(message.command)));
         message.fdStatus = fds.empty() ? 1 : 0;
         message.session = session;
         iovec piece = {&message, size};
-        msghdr header;
-        memset(&header, 0, sizeof(header));
+        msghdr header = {};
         header.msg_iov = &piece;
         header.msg_iovlen = 1;
         alignas(cmsghdr) unsigned char control[CMSG_SPACE(4 * sizeof(int))];
@@ -92,9 +80,8 @@ public:
         timeval bound = {5, 0};
         setsockopt(mClient.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
         if (recv(mClient.get(), &message, sizeof(message), MSG_WAITALL) !=
-            static_cast<ssize_t>(sizeof(message))) {
+            static_cast<ssize_t>(sizeof(message)))
             return "";
-        }
         return std::string(message.code, strnlen(message.code, sizeof(message.code)));
     }
     void hangUp() { mClient.reset(); }
@@ -106,7 +93,7 @@ public:
     }
 
 private:
-    std::string mDir, mPath;
+    const TestRoot mDir{""};
     UniqueFd mListener, mClient;
 };
 
@@ -116,190 +103,173 @@ UniqueFd regionOfSize(off_t size) {
     return fd;
 }
 
-struct Client {
-    explicit Client(const ScriptedEngine& engine)
-        : pe(tavo_pe_create(engine.path().c_str(), engine.ownPath().c_str())) {}
-    ~Client() { tavo_pe_destroy(pe); }
-    tavo_pe* pe;
+// The SDK connecting on a thread of its own to a scripted engine end that has accepted it.
+struct Connecting {
+    Connecting() { EXPECT_TRUE(engine.accept()); }
+    ~Connecting() {
+        if (result.valid())
+            result.wait();
+        tavo_pe_destroy(pe);
+    }
+    // Serves both regions of the right size, sees each acknowledged with code 2 and the
+    // connection made.
+    void serveRegions() {
+        UniqueFd first = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+        UniqueFd second = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
+        engine.send("sharebuffer", '0', {first.get()});
+        engine.send("sharebuffer", '1', {second.get()});
+        EXPECT_EQ("2", engine.indication());
+        EXPECT_EQ("2", engine.indication());
+        ASSERT_EQ(TAVO_PE_OK, result.get());
+    }
+
+    ScriptedEngine engine;
+    tavo_pe* const pe = tavo_pe_create(engine.path().c_str(), engine.ownPath().c_str());
+    std::future<int> result =
+        std::async(std::launch::async, [pe = pe] { return tavo_pe_connect(pe, 5000); });
 };
 
-// Runs tavo_pe_connect on a thread of its own while the test plays the engine.
-std::future<int> connectAsync(tavo_pe* pe) {
-    return std::async(std::launch::async, [pe] { return tavo_pe_connect(pe, 5000); });
-}
-
-// Both regions of the right size: connected, each acknowledged with code 2.
-void serveRegions(ScriptedEngine* engine) {
-    ASSERT_TRUE(engine->accept());
-    UniqueFd first = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-    UniqueFd second = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-    engine->send("sharebuffer", '0', {first.get()});
-    engine->send("sharebuffer", '1', {second.get()});
-    EXPECT_EQ("2", engine->indication());
-    EXPECT_EQ("2", engine->indication());
-}
-
-TEST(SdkWire, RegionOfTheWrongSizeIsRefusedAndAskedForAgain) {
-    for (off_t size : {off_t(0), off_t(100), off_t(CMMB_SHARED_BUFFER_SIZE + 4096)}) {
-        ScriptedEngine engine;
-        Client client(engine);
-        std::future<int> connected = connectAsync(client.pe);
-        ASSERT_TRUE(engine.accept());
-        UniqueFd region = regionOfSize(size);
-        engine.send("sharebuffer", '0', {region.get()});
-        EXPECT_EQ("1", engine.indication()) << size;
-        EXPECT_EQ(TAVO_PE_BAD_REGION, connected.get()) << size;
-        EXPECT_FALSE(tavo_pe_is_connected(client.pe));
-        EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
-    }
-}
-
-TEST(SdkWire, SharebufferWithoutADescriptorOrForANonSessionIsRefused) {
-    for (char session : {'0', '7', 'x'}) {
-        ScriptedEngine engine;
-        Client client(engine);
-        std::future<int> connected = connectAsync(client.pe);
-        ASSERT_TRUE(engine.accept());
-        UniqueFd region = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-        if (session == '0')
-            engine.send("sharebuffer", session, {});
+// A "sharebuffer" without a descriptor, for a non-session or with a region of the wrong size.
+TEST(SdkWire, ARegionThatCannotBeMappedIsRefusedAndAskedForAgain) {
+    const struct {
+        char session;
+        off_t size;  // of the region passed; -1: none passed
+    } cases[] = {{'0', 0},
+                 {'0', 100},
+                 {'0', CMMB_SHARED_BUFFER_SIZE + 4096},
+                 {'0', -1},
+                 {'7', CMMB_SHARED_BUFFER_SIZE},
+                 {'x', CMMB_SHARED_BUFFER_SIZE}};
+    for (const auto& sharebuffer : cases) {
+        SCOPED_TRACE(std::string("session ") + sharebuffer.session + ", size " +
+                     std::to_string(sharebuffer.size));
+        Connecting sdk;
+        UniqueFd region = regionOfSize(std::max<off_t>(sharebuffer.size, 0));
+        if (sharebuffer.size < 0)
+            sdk.engine.send("sharebuffer", sharebuffer.session, {});
         else
-            engine.send("sharebuffer", session, {region.get()});
-        EXPECT_EQ(TAVO_PE_BAD_REGION, connected.get()) << session;
+            sdk.engine.send("sharebuffer", sharebuffer.session, {region.get()});
+        EXPECT_EQ("1", sdk.engine.indication());
+        EXPECT_EQ(TAVO_PE_BAD_REGION, sdk.result.get());
+        EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+        EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
     }
 }
 
 TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
     {
-        ScriptedEngine engine;
-        Client client(engine);
-        std::future<int> connected = connectAsync(client.pe);
-        ASSERT_TRUE(engine.accept());
-        engine.send("sharebuffer", '0', {}, 50);
-        engine.hangUp();
-        EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
+        Connecting sdk;
+        sdk.engine.send("sharebuffer", '0', {}, 50);
+        sdk.engine.hangUp();
+        EXPECT_EQ(TAVO_PE_PROTOCOL, sdk.result.get());
     }
 #if !TAVO_EMULATED  // qemu-user does not report control data it had to cut (MSG_CTRUNC)
     {
         // Two descriptors where the control space holds one: truncated control data.
-        ScriptedEngine engine;
-        Client client(engine);
-        std::future<int> connected = connectAsync(client.pe);
-        ASSERT_TRUE(engine.accept());
+        Connecting sdk;
         UniqueFd first = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
         UniqueFd second = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-        engine.send("sharebuffer", '0', {first.get(), second.get(), first.get(), second.get()});
-        EXPECT_EQ(TAVO_PE_PROTOCOL, connected.get());
+        sdk.engine.send("sharebuffer", '0', {first.get(), second.get(), first.get(), second.get()});
+        EXPECT_EQ(TAVO_PE_PROTOCOL, sdk.result.get());
     }
 #endif
-    {
-        ScriptedEngine engine;
-        Client client(engine);
-        std::future<int> connected = connectAsync(client.pe);
-        ASSERT_TRUE(engine.accept());
-        engine.hangUp();
-        EXPECT_EQ(TAVO_PE_CLOSED, connected.get());
-    }
+    Connecting sdk;
+    sdk.engine.hangUp();
+    EXPECT_EQ(TAVO_PE_CLOSED, sdk.result.get());
 }
 
 // After both regions are mapped, commands are passed on with their descriptors (close-on-
 // exec); a repeated "sharebuffer" is dropped; the end of the connection keeps the regions
 // mapped until the caller connects again.
 TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
-    ScriptedEngine engine;
-    Client client(engine);
-    std::future<int> connected = connectAsync(client.pe);
-    serveRegions(&engine);
-    ASSERT_EQ(TAVO_PE_OK, connected.get());
-    ASSERT_NE(nullptr, tavo_pe_region(client.pe, 0));
-    ASSERT_NE(nullptr, tavo_pe_region(client.pe, 1));
+    Connecting sdk;
+    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
+    ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 0));
+    ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 1));
 
     UniqueFd target(open("/dev/null", O_WRONLY));
     UniqueFd extra = regionOfSize(CMMB_SHARED_BUFFER_SIZE);
-    engine.send("sharebuffer", '0', {extra.get()});
-    engine.send("capture", '1', {target.get()});
-    engine.send("flush", '0', {});
-    engine.send("startrecord", '0', {});
-    engine.send("stoprecord", '0', {});
-    engine.send("rewind", '0', {});
+    sdk.engine.send("sharebuffer", '0', {extra.get()});
+    sdk.engine.send("capture", '1', {target.get()});
+    sdk.engine.send("flush", '0', {});
+    sdk.engine.send("startrecord", '0', {});
+    sdk.engine.send("stoprecord", '0', {});
+    sdk.engine.send("rewind", '0', {});
     const tavo_pe_command_kind expected[] = {TAVO_PE_CMD_CAPTURE, TAVO_PE_CMD_FLUSH,
                                              TAVO_PE_CMD_START_RECORD, TAVO_PE_CMD_STOP_RECORD,
                                              TAVO_PE_CMD_UNKNOWN};
     for (tavo_pe_command_kind kind : expected) {
         tavo_pe_command command;
-        ASSERT_EQ(TAVO_PE_OK, tavo_pe_next_command(client.pe, &command, 5000));
+        ASSERT_EQ(TAVO_PE_OK, tavo_pe_next_command(sdk.pe, &command, 5000));
         EXPECT_EQ(kind, command.kind) << command.text;
         if (kind == TAVO_PE_CMD_CAPTURE) {
             EXPECT_EQ(1, command.session);
             ASSERT_GE(command.fd, 0);
             EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
             close(command.fd);
-            EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.pe, IMAGE_CAPTURE_FAIL));
-            EXPECT_EQ("4", engine.indication());
+            EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(sdk.pe, IMAGE_CAPTURE_FAIL));
+            EXPECT_EQ("4", sdk.engine.indication());
         } else {
             EXPECT_EQ(-1, command.fd);
         }
     }
     tavo_pe_command command;
-    EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(client.pe, &command, 20));
-    engine.hangUp();
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(client.pe, &command, 5000));
-    EXPECT_FALSE(tavo_pe_is_connected(client.pe));
-    EXPECT_NE(nullptr, tavo_pe_region(client.pe, 0)) << "unmapped under the readers' feet";
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
-    tavo_pe_disconnect(client.pe);
-    EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
+    EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(sdk.pe, &command, 20));
+    sdk.engine.hangUp();
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(sdk.pe, &command, 5000));
+    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+    EXPECT_NE(nullptr, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    tavo_pe_disconnect(sdk.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
 }
 
 // Hanging up ends the connection for the engine, keeps the regions readable, and closes only
 // this process's descriptor: a forked child that hangs up leaves its parent connected, and
 // the parent's hang-up is seen while the child still lives.
 TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
-    ScriptedEngine engine;
-    Client client(engine);
-    std::future<int> connected = connectAsync(client.pe);
-    serveRegions(&engine);
-    ASSERT_EQ(TAVO_PE_OK, connected.get());
-    CmmbSharedBuffer* region = tavo_pe_region(client.pe, 0);
+    Connecting sdk;
+    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
+    CmmbSharedBuffer* region = tavo_pe_region(sdk.pe, 0);
     ASSERT_NE(nullptr, region);
 
-    int toChild[2], fromChild[2];
-    ASSERT_EQ(0, pipe(toChild));
-    ASSERT_EQ(0, pipe(fromChild));
+    int link[2];  // [0] the parent's end, [1] the child's
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link));
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        tavo_pe_hang_up(client.pe);
+        tavo_pe_hang_up(sdk.pe);
         region->dataLength = 1234;  // still mapped, and shared with the parent
-        char note = tavo_pe_is_connected(client.pe) ? 'c' : 'h';
-        if (write(fromChild[1], &note, 1) != 1 || read(toChild[0], &note, 1) != 1)
+        char note = tavo_pe_is_connected(sdk.pe) ? 'c' : 'h';
+        if (write(link[1], &note, 1) != 1 || read(link[1], &note, 1) != 1)
             _exit(1);
         _exit(0);
     }
     char note = 0;
-    ASSERT_EQ(1, read(fromChild[0], &note, 1));
+    ASSERT_EQ(1, read(link[0], &note, 1));
     EXPECT_EQ('h', note);
     EXPECT_EQ(1234u, region->dataLength);
-    EXPECT_FALSE(engine.seesEndWithin(100)) << "the child's hang-up ended the parent's connection";
-    EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
-    EXPECT_EQ("2", engine.indication());
+    EXPECT_FALSE(sdk.engine.seesEndWithin(100))
+        << "the child's hang-up ended the parent's connection";
+    EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ("2", sdk.engine.indication());
 
-    tavo_pe_hang_up(client.pe);
-    EXPECT_TRUE(engine.seesEndWithin(5000)) << "a copy of the connection stayed open";
-    EXPECT_FALSE(tavo_pe_is_connected(client.pe));
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(client.pe, GOT_SHAREDBUFFER_FD));
-    EXPECT_EQ(region, tavo_pe_region(client.pe, 0)) << "unmapped under the readers' feet";
+    tavo_pe_hang_up(sdk.pe);
+    EXPECT_TRUE(sdk.engine.seesEndWithin(5000)) << "a copy of the connection stayed open";
+    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    EXPECT_EQ(region, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
     EXPECT_EQ(1234u, region->dataLength);
     tavo_pe_hang_up(nullptr);
 
-    EXPECT_EQ(1, write(toChild[1], &note, 1));
+    EXPECT_EQ(1, write(link[0], &note, 1));
     int status = -1;
     EXPECT_EQ(child, waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
-    for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]})
+    for (int fd : link)
         close(fd);
-    tavo_pe_disconnect(client.pe);
-    EXPECT_EQ(nullptr, tavo_pe_region(client.pe, 0));
+    tavo_pe_disconnect(sdk.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
 }
 
 TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
@@ -325,15 +295,13 @@ TEST(SdkWire, PathsThatDoNotFitAreRefusedAndTheDefaultFollowsTheAndroidRoot) {
     EXPECT_STREQ("/data/app/cmmb.socket", path);
 
     // Nobody listens: refused, and the own path is not left behind.
-    char dir[] = "/tmp/tavo-sdk-none.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir));
-    const std::string own = std::string(dir) + "/pe.socket";
-    tavo_pe* pe = tavo_pe_create((std::string(dir) + "/cmmb.socket").c_str(), own.c_str());
+    const TestRoot nobody("");
+    const std::string own = nobody.path() + "/pe.socket";
+    tavo_pe* pe = tavo_pe_create(nobody.resolve("/data/app/cmmb.socket").c_str(), own.c_str());
     ASSERT_NE(nullptr, pe);
     EXPECT_EQ(TAVO_PE_REFUSED, tavo_pe_connect(pe, 100));
     EXPECT_NE(0, access(own.c_str(), F_OK));
     tavo_pe_destroy(pe);
-    rmdir(dir);
 }
 
 }  // namespace
