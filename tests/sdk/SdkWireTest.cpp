@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,6 +18,7 @@
 #include <cstring>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TavoPlayEngine.h"
@@ -222,6 +225,30 @@ TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
     EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
     tavo_pe_disconnect(sdk.pe);
     EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
+}
+
+// Signals that land in the SDK's wait for a command (handled, without SA_RESTART, as timers of
+// applications and fuzzers often are) do not end the wait: the command that comes later, within
+// the time-out, is still passed on.
+TEST(SdkWire, SignalsDoNotCutAWaitForACommandShort) {
+    struct sigaction handler = {}, previous = {};
+    handler.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &handler, &previous));
+    Connecting sdk;
+    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
+    tavo_pe_command command;
+    int status = -1;
+    std::thread waiter([&] { status = tavo_pe_next_command(sdk.pe, &command, 20000); });
+    // Several signals some time apart, so that some find the waiter inside its wait.
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+    }
+    sdk.engine.send("flush", '0', {});
+    waiter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    ASSERT_EQ(TAVO_PE_OK, status);
+    EXPECT_EQ(TAVO_PE_CMD_FLUSH, command.kind);
 }
 
 // Hanging up ends the connection for the engine, keeps the regions readable, and closes only
