@@ -1,13 +1,18 @@
 // The 4-byte process-shared semaphore across real process boundaries: the semaphores live
-// in a MAP_SHARED mapping created before fork, as in a buffer shared with a play engine.
+// in a MAP_SHARED mapping created before fork, as in a buffer shared with a play engine. Also
+// the engine's frame end, which posts a buffer's lock and data signal together.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <climits>
+
 #include "CmmbSharedSemaphore.h"
+#include "SharedSemaphorePair.h"
 
 namespace {
 
@@ -37,17 +42,19 @@ int reap(pid_t child) {
 class SharedSemaphore : public ::testing::Test {
 protected:
     void SetUp() override {
-        void* memory = mmap(nullptr, 8, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* memory = mmap(nullptr, 12, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(MAP_FAILED, memory);
         a = static_cast<CmmbSharedSemaphore*>(memory);
         b = a + 1;
-        ASSERT_EQ(0, cmmb_sem_init(a, 0));
-        ASSERT_EQ(0, cmmb_sem_init(b, 0));
+        c = a + 2;
+        for (CmmbSharedSemaphore* semaphore : {a, b, c})
+            ASSERT_EQ(0, cmmb_sem_init(semaphore, 0));
     }
-    void TearDown() override { munmap(a, 8); }
+    void TearDown() override { munmap(a, 12); }
 
     CmmbSharedSemaphore* a = nullptr;
     CmmbSharedSemaphore* b = nullptr;
+    CmmbSharedSemaphore* c = nullptr;
 };
 
 TEST_F(SharedSemaphore, CountsAndTimesOut) {
@@ -127,6 +134,58 @@ TEST_F(SharedSemaphore, PingPongAndRacingPostsLoseNothing) {
     EXPECT_EQ(0, reap(child));
     EXPECT_EQ(kPosts, taken);
     EXPECT_EQ(kPosts, valueOf(a));
+}
+
+// The frame end's pair post (a the lock, b the data signal) wakes a sleeper on each word in
+// other processes. The sleepers wait without a time limit: a wait with one would find the
+// count raised when it times out and hide a lost wake-up.
+TEST_F(SharedSemaphore, APairPostWakesASleeperOnEachWord) {
+    const pid_t sleepers[] = {spawn([&] { return cmmb_sem_wait(a) || cmmb_sem_post(c); }),
+                              spawn([&] { return cmmb_sem_wait(b) || cmmb_sem_post(c); })};
+    EXPECT_EQ(-1, cmmb_sem_timedwait(c, 200)) << "a waiter passed a semaphore of value 0";
+    ASSERT_EQ(0, postSemaphorePair(a, b));
+    const bool bothWoken =
+        cmmb_sem_timedwait(c, kGiveUpMs) == 0 && cmmb_sem_timedwait(c, kGiveUpMs) == 0;
+    EXPECT_TRUE(bothWoken) << "a sleeper was not woken";
+    for (pid_t sleeper : sleepers) {
+        if (!bothWoken)
+            kill(sleeper, SIGKILL);
+        EXPECT_EQ(0, reap(sleeper));
+    }
+    EXPECT_EQ(0, valueOf(a) + valueOf(b));
+}
+
+// A reader waits for each frame, then for the lock, as a play engine does; one lost wake-up on
+// either word stalls the exchange until the give-up bound. A count at its maximum is refused
+// and left as it is; the other is still posted.
+TEST_F(SharedSemaphore, PairPostsFrameAfterFrameLoseNothingAndStopAtTheMaximum) {
+    const int kFrames = 20000;
+    pid_t reader = spawn([&] {
+        for (int i = 0; i < kFrames; ++i)
+            if (cmmb_sem_timedwait(b, kGiveUpMs) || cmmb_sem_timedwait(a, kGiveUpMs) ||
+                cmmb_sem_post(c))
+                return 1;
+        return 0;
+    });
+    ASSERT_NE(-1, reader);
+    int handed = 0;
+    while (handed < kFrames && postSemaphorePair(a, b) == 0 &&
+           cmmb_sem_timedwait(c, kGiveUpMs) == 0)
+        ++handed;
+    EXPECT_EQ(kFrames, handed);
+    EXPECT_EQ(0, reap(reader));
+    EXPECT_EQ(0, valueOf(a) + valueOf(b));
+
+    for (CmmbSharedSemaphore* full : {a, b}) {
+        CmmbSharedSemaphore* other = full == a ? b : a;
+        ASSERT_EQ(0, cmmb_sem_init(full, INT_MAX));
+        ASSERT_EQ(0, cmmb_sem_init(other, 0));
+        errno = 0;
+        EXPECT_EQ(-1, postSemaphorePair(a, b));
+        EXPECT_EQ(EOVERFLOW, errno);
+        EXPECT_EQ(INT_MAX, valueOf(full));
+        EXPECT_EQ(1, valueOf(other));
+    }
 }
 
 }  // namespace
