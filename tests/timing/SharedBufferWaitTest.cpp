@@ -232,6 +232,9 @@ TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     EXPECT_NE(old, buffers.buffer(0));
     EXPECT_EQ(1, root.countLog(kReplaced));
     EXPECT_EQ(0, reader->lockValue());
+    EXPECT_EQ(0, buffers.readerHolds(0));
+    EXPECT_TRUE(buffers.lock(0)) << "the new buffer's lock is not free";
+    release(buffers, 0);
 }
 
 }  // namespace
