@@ -182,9 +182,8 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
 
 // A reader that connects again while it still holds a frame's lock gets a fresh region for
 // that session (the engine replaces a buffer a departed reader kept locked) and the same one
-// for the other; deinit ends the connection, and after init the reader connects again and
-// reads the frames played then. The private default path is bound, so the engine never
-// refuses the SDK.
+// for the other, and reads the next frame from the fresh one. The private default path is
+// bound, so the engine never refuses the SDK.
 TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40, "all", false);
@@ -207,16 +206,6 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
                 EXPECT_EQ(before[1], regionInode(client.get(), 1));
                 EXPECT_EQ(1, valueOf(&tavo_pe_region(client.get(), 0)->mutexDataAccessable));
                 connected.send();
-
-                tavo_pe_command command;
-                int status = TAVO_PE_TIMEOUT;
-                for (int i = 0; i < 200 && status == TAVO_PE_TIMEOUT; ++i)
-                    status = tavo_pe_next_command(client.get(), &command, 100);
-                EXPECT_EQ(TAVO_PE_CLOSED, status);
-                EXPECT_FALSE(tavo_pe_is_connected(client.get()));
-                ASSERT_EQ(TAVO_PE_OK, connectSoon(client.get()));
-                EXPECT_NE("", regionInode(client.get(), 0));
-                connected.send();
                 ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client.get(), 0, 20000, &frame));
                 EXPECT_EQ(2u, frame.nal_count);
                 EXPECT_EQ(1u, frame.aac_count);
@@ -227,10 +216,6 @@ TEST(SdkWithEngine, ReconnectMapsTheDescriptorsHandedOutThen) {
         // The reader's second connection (the first one's answers may never be read: the
         // newcomer pushes it out).
         ASSERT_TRUE(connected.receive());
-        bench.engine().deinit();
-        ASSERT_EQ(0, bench.engine().init(&bench.app(), nullptr));
-        ASSERT_TRUE(connected.receive());
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
         bench.playFrame(40, 2, 1);
         EXPECT_TRUE(readerRun.endsWithin(kChildBound));
         EXPECT_EQ("", reader);
