@@ -358,8 +358,9 @@ TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
     });
 }
 
-// A stopped play engine that stays connected holds its session up for the lock bound only,
-// and the other session is served meanwhile.
+// A stopped play engine that stays connected holds its session up for the lock bound only
+// (the buffer reset of a stop is skipped, the buffer left as it is), and the other session is
+// served meanwhile.
 TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
@@ -387,6 +388,8 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
                                [&] { bench.engine().startRecording(0, fileno(recording.get())); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
+        EXPECT_EQ(1, bench.root().countLog("playengine holds the buffer of session=0 longer than "
+                                           "300 ms, reset skipped"));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
         EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
             << "a connected reader's buffer changed";
