@@ -80,44 +80,6 @@ bool sameFile(int a, int b) {
 
 }  // namespace
 
-TEST(PlayEngineSocket, SendsFlushAndCaptureAndReadsIndications) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-
-        // A command without a descriptor: status byte 1, session '0', no control data.
-        ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
-        ReceivedCommand flush = bench.player.receive();
-        ASSERT_EQ(96, flush.bytes);
-        unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
-        expected[33] = 1;
-        expected[64] = '0';
-        EXPECT_EQ(0, memcmp(expected, &flush.message, sizeof(expected)));
-        EXPECT_EQ(-1, flush.fd);
-        EXPECT_FALSE(flush.truncated);
-
-        // A snapshot of session 1: answers are always reported for session 0.
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
-        ReceivedCommand capture = bench.player.receive();
-        EXPECT_EQ("capture", capture.text());
-        EXPECT_EQ('1', capture.message.session);
-        EXPECT_TRUE(bench.engine().isCapturing(1));
-        ASSERT_TRUE(bench.player.sendIndication("3"));
-        ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
-        EXPECT_TRUE(bench.engine().isCapturing(1));
-        ASSERT_TRUE(bench.player.sendIndication("capture done"));
-        ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
-        // The play engine's requests for the buffers and its receipt are only logged.
-        ASSERT_TRUE(bench.player.sendIndication("1"));
-        ASSERT_TRUE(bench.root().waitForLog("REQUEST_SHAREDBUFFER_FD"));
-        ASSERT_TRUE(bench.player.sendIndication("2"));
-        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD"));
-        ASSERT_TRUE(bench.player.sendIndication("4"));
-        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
-        EXPECT_EQ(2, bench.app().count("onEvent(16"));
-    });
-}
-
 TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
     EXPECT_IN_CHILD({
         // Installed before init: the engine asks the Env it read there for the free space.
@@ -156,17 +118,41 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
     });
 }
 
-// A snapshot whose play engine goes before answering ends as failed, for its own session,
-// whether the play engine closes its end or a newcomer pushes it out (closing the former
-// client); one it answered does not fail again.
-TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
+// Commands go out and indications come in on the play engine's connection. Snapshot answers
+// are always reported for session 0. A snapshot whose play engine goes before answering ends as
+// failed, for its own session, whether the play engine closes its end or a newcomer pushes it
+// out (closing the former client); one it answered does not fail again.
+TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEngineGoes) {
     EXPECT_IN_CHILD({
         Bench bench;
         ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
-        for (int session : {0, 1}) {
-            ASSERT_EQ(0, bench.engine().captureImage(session, bench.file.get()));
-            ASSERT_EQ("capture", bench.player.receive().text());
-        }
+        // A command without a descriptor: status byte 1, session '0', no control data.
+        ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
+        ReceivedCommand flush = bench.player.receive();
+        ASSERT_EQ(96, flush.bytes);
+        unsigned char expected[96] = {'f', 'l', 'u', 's', 'h'};
+        expected[33] = 1;
+        expected[64] = '0';
+        EXPECT_EQ(0, memcmp(expected, &flush.message, sizeof(expected)));
+        EXPECT_EQ(-1, flush.fd);
+        EXPECT_FALSE(flush.truncated);
+
+        ASSERT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
+        ReceivedCommand capture = bench.player.receive();
+        EXPECT_EQ("capture", capture.text());
+        EXPECT_EQ('1', capture.message.session);
+        ASSERT_TRUE(bench.player.sendIndication("3"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
+        EXPECT_TRUE(bench.engine().isCapturing(1));
+        ASSERT_TRUE(bench.player.sendIndication("capture done"));
+        ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
+        // The play engine's requests for the buffers and its receipt are only logged.
+        ASSERT_TRUE(bench.player.sendIndication("1"));
+        ASSERT_TRUE(bench.root().waitForLog("REQUEST_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.player.sendIndication("2"));
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD"));
+        ASSERT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
+        ASSERT_EQ("capture", bench.player.receive().text());
         ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
         EXPECT_TRUE(bench.engine().isCapturing(1));
@@ -192,7 +178,7 @@ TEST(PlayEngineSocket, SnapshotsInProgressFailWhenTheirPlayEngineGoes) {
 
         newcomer.disconnect();  // owed nothing
         ASSERT_TRUE(bench.root().waitForLog("Connection closed by client", 2));
-        EXPECT_EQ(3, bench.app().count("onEvent("));
+        EXPECT_EQ(4, bench.app().count("onEvent("));
     });
 }
 
