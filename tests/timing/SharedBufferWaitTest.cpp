@@ -89,10 +89,6 @@ struct LockBound {
     int session;
 };
 
-void PrintTo(const LockBound& bound, std::ostream* out) {
-    *out << bound.ms << " ms";
-}
-
 class SharedBufferWaitBound : public SharedBufferWait,
                               public testing::WithParamInterface<LockBound> {};
 
