@@ -18,19 +18,13 @@ namespace {
 
 class SharedBufferSetTest : public testing::Test {
 protected:
-    void SetUp() override {
-        // A wait that ends because of the lock bound is told apart from one that ends because
-        // its reader left: the bound is far above the tests' hang detectors.
-        mRoot.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "600000");
-        ASSERT_EQ(0, mSet.create("test", Env::platform()));
-    }
+    void SetUp() override { ASSERT_EQ(0, mSet.create("test", Env::platform())); }
 
     TestRoot mRoot{""};
     SharedBufferSet mSet;
 };
 
 TEST_F(SharedBufferSetTest, CreatesTwoEmptyBuffersWithFreeLocks) {
-    EXPECT_EQ(600000, mSet.lockTimeoutMs());
     for (int session : {0, 1}) {
         CmmbSharedBuffer* buffer = mSet.buffer(session);
         ASSERT_NE(nullptr, buffer);
