@@ -208,6 +208,7 @@ TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     bool waiterTook = true;
     std::thread waiter([&] { waiterTook = buffers.lock(0); });
     ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(1, buffers.readerHolds(0)) << "the engine's wait counts as the reader's hold";
     buffers.readerDisconnected();
 
     CmmbSharedBuffer* old = buffers.buffer(0);
