@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
@@ -23,9 +24,11 @@ namespace {
 const int kChannel = 40;
 const auto kBound = std::chrono::seconds(10);
 
-// deinit while the agent's thread delivers frames of many calls, back to back: the lease is
-// revoked between two calls, the abandoned frame is ended, the agent's later calls are
-// dropped, and after a new init frames flow again with no lock left taken.
+// deinit while the agent's thread delivers frames of many calls, back to back, and
+// application threads wait in start, stop and the recording control behind the open frame:
+// the lease is revoked between two calls, the abandoned frame is ended, every waiting call
+// returns, the agent's later calls are dropped, and after a new init frames flow again with
+// no lock left taken.
 TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
     EXPECT_IN_CHILD({
         AGENT_BENCH(bench, agentSide, "ERROR,WARNING", false);
@@ -54,8 +57,19 @@ TEST(DataPathLease, DeinitWhileTheAgentThreadDeliversInsideFrames) {
             ASSERT_TRUE(holdsWithin(kBound, [&] { return frames.load() > iteration % 3; }))
                 << "no frame went through, iteration " << iteration;
 
+            std::vector<AsyncCall> waiting;
+            waiting.emplace_back([&] { bench.engine().stopTVService(0); });
+            waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });
+            waiting.emplace_back([&] { bench.engine().stopRecording(1); });
+            // Sometimes they are already blocked behind a frame, sometimes not yet.
+            if (iteration % 2 == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+
             AsyncCall deinit([&] { bench.engine().deinit(); });
             ASSERT_TRUE(deinit.endsWithin(kBound)) << "deinit hangs, iteration " << iteration;
+            for (AsyncCall& call : waiting)
+                ASSERT_TRUE(call.endsWithin(kBound))
+                    << "start or stop hangs, iteration " << iteration;
             // The agent goes on delivering into an engine without a session manager.
             const long afterDeinit = frames.load();
             EXPECT_TRUE(holdsWithin(kBound, [&] { return frames.load() >= afterDeinit + 2; }))

@@ -358,8 +358,9 @@ TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
     });
 }
 
-// A stopped play engine that stays connected holds its session up for the lock bound only,
-// and the other session is served meanwhile.
+// A stopped play engine that stays connected holds its session up for the lock bound only
+// (the buffer reset of a stop is skipped, the buffer left as it is), and the other session is
+// served meanwhile.
 TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
@@ -387,6 +388,8 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
                                [&] { bench.engine().startRecording(0, fileno(recording.get())); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopRecording(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(2000), [&] { bench.engine().stopTVService(0); }));
+        EXPECT_EQ(1, bench.root().countLog("playengine holds the buffer of session=0 longer than "
+                                           "300 ms, reset skipped"));
         EXPECT_TRUE(markIntact(stuck)) << "the buffer was written while its lock was held";
         EXPECT_EQ(0, bench.root().countLog("buffer replaced"))
             << "a connected reader's buffer changed";
@@ -396,28 +399,23 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     });
 }
 
-// What a client running as `uid` gets from the engine: 'A' when connect() itself is
-// refused (socket file permissions), 'C' when the engine closes the connection without
-// sending anything, 'S' when it receives both "sharebuffer" commands.
-char connectAs(uid_t uid, const std::string& server, const std::string& own) {
-    ReportingProcess client;
-    client.fork([&](int fd) {
-        char result = 'E';
-        if (setgroups(0, nullptr) == 0 && setgid(uid) == 0 && setuid(uid) == 0) {
-            umask(0);
-            tavo_pe* sdk = tavo_pe_create(server.c_str(), own.c_str());
-            const int status = sdk != nullptr ? tavo_pe_connect(sdk, 5000) : TAVO_PE_INVALID;
-            if (status == TAVO_PE_REFUSED || status == TAVO_PE_SYSTEM)
-                result = 'A';  // bind or connect refused
-            else if (status == TAVO_PE_CLOSED)
-                result = 'C';
-            else if (status == TAVO_PE_OK)
-                result = 'S';
-            tavo_pe_destroy(sdk);
-        }
-        reportAndWait(fd, result);
-    });
-    return client.readReport(30000);
+// Connects through the SDK as a client running as `uid`, in a process of its own, and expects
+// `outcome`: refused (connect() itself, by the socket file's permissions), closed (by the engine,
+// without sending anything) or served (both "sharebuffer" commands received).
+void expectConnectAs(uid_t uid, const std::string& server, const std::string& own, int outcome) {
+    EXPECT_EQ("", runInChild([&] {
+                  ASSERT_EQ(0, setgroups(0, nullptr));
+                  ASSERT_EQ(0, setgid(uid));
+                  ASSERT_EQ(0, setuid(uid));
+                  umask(0);
+                  tavo_pe* sdk = tavo_pe_create(server.c_str(), own.c_str());
+                  ASSERT_NE(nullptr, sdk);
+                  const int status = tavo_pe_connect(sdk, 5000);
+                  tavo_pe_destroy(sdk);
+                  // Refused at bind or at connect.
+                  EXPECT_EQ(outcome, status == TAVO_PE_SYSTEM ? TAVO_PE_REFUSED : status);
+              }))
+        << "uid " << uid;
 }
 
 // Another user's process may not take over the play engine's connection and its buffers, even
@@ -429,9 +427,9 @@ TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
         GTEST_SKIP() << "needs root to run clients under other uids";
     struct Case {
         const char* listedUids;
-        char otherGets;
+        int otherGets;
     };
-    for (const Case& listing : {Case{"", 'A'}, Case{"4243, 4242", 'C'}}) {
+    for (const Case& listing : {Case{"", TAVO_PE_REFUSED}, Case{"4243, 4242", TAVO_PE_CLOSED}}) {
         SCOPED_TRACE(std::string("listed uids: '") + listing.listedUids + "'");
         EXPECT_IN_CHILD({
             umask(0);
@@ -443,14 +441,14 @@ TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
             for (const char* directory : {"", "/data", "/data/app"})
                 ASSERT_EQ(0, chmod((root + directory).c_str(), 0777));
 
-            EXPECT_EQ(listing.otherGets, connectAs(4343, server, root + "/other.socket"));
+            expectConnectAs(4343, server, root + "/other.socket", listing.otherGets);
             EXPECT_FALSE(bench.root().logContains("now force close former one"));
             bench.playFrame(kChannel, 4, 1);
             ReadFrame frame;
             ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
             EXPECT_EQ(4u, frame.nals.size());
             if (listing.listedUids[0] != '\0') {
-                EXPECT_EQ('S', connectAs(4242, server, root + "/listed.socket"));
+                expectConnectAs(4242, server, root + "/listed.socket", TAVO_PE_OK);
             }
         });
     }

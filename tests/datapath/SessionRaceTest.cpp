@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
@@ -80,41 +79,6 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAccessable)) << "left locked: " << s;
         EXPECT_EQ(0, bench.startService(0, 7, kChannel));
         EXPECT_EQ(0, bench.engine().stopTVService(0));
-    });
-}
-
-// deinit while the agent's thread is inside a frame and other application threads are
-// blocked in start, stop and the recording control behind that frame: everything returns,
-// and nothing is used after deinit freed it (ThreadSanitizer and AddressSanitizer builds).
-TEST(SessionRace, DeinitDuringAnOpenFrameWithStartAndStopWaiting) {
-    EXPECT_IN_CHILD({
-        AGENT_BENCH(bench, agentSide, "ERROR", false);
-        Bytes unit = nalUnit(4, 0x41, 64);
-        const auto bound = std::chrono::seconds(10);
-        for (int iteration = 0; iteration < 100; ++iteration) {
-            if (iteration > 0) {
-                ASSERT_EQ(0, bench.init());
-            }
-            ASSERT_EQ(0, bench.startService(0, 7, kChannel));
-
-            agentSide->onOutputAVStart(kChannel, nullptr, 0);
-            sendNal(agentSide, kChannel, unit);
-            std::vector<AsyncCall> waiting;
-            waiting.emplace_back([&] { bench.engine().stopTVService(0); });
-            waiting.emplace_back([&] { bench.startService(1, 7, kChannel); });
-            waiting.emplace_back([&] { bench.engine().stopRecording(1); });
-            // Sometimes they are already blocked behind the frame, sometimes not yet.
-            if (iteration % 2 == 0)
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-
-            AsyncCall deinit([&] { bench.engine().deinit(); });
-            ASSERT_TRUE(deinit.endsWithin(bound)) << "deinit hangs, iteration " << iteration;
-            for (AsyncCall& call : waiting)
-                ASSERT_TRUE(call.endsWithin(bound))
-                    << "start or stop hangs, iteration " << iteration;
-            // The frame's end arrives after the manager has gone: it is dropped.
-            agentSide->onOutputAVEnd(kChannel, false);
-        }
     });
 }
 

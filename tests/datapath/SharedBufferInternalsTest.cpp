@@ -8,7 +8,6 @@
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
-#include "FakeClockEnv.h"
 #include "FaultInjectingEnv.h"
 #include "OpenDescriptors.h"
 #include "TavoMBBMSEngineImpl.h"
@@ -31,34 +30,6 @@ TEST(SharedBufferReset, WaitsForTheFrameInProgress) {
         ReadFrame frame;
         ASSERT_TRUE(bench.reader.readFrame(0, &frame));
         EXPECT_TRUE(frame.nals.empty());
-    });
-}
-
-// A play engine that keeps the lock (here: this process, holding it as a reader would)
-// holds a reset up for the lock bound only; the buffer is then left as it is. The engine runs
-// on the fake clock installed before its init, whatever is installed later: the bound passes
-// without a real wait, and exactly.
-TEST(SharedBufferReset, GivesUpAfterTheBoundWhenThePlayEngineKeepsTheLock) {
-    EXPECT_IN_CHILD({
-        FakeClockEnv clock;  // outlives the engine, which uses it until deinit
-        Env::install(&clock);
-        SERVING_BENCH(bench, 40, "ERROR,WARNING", true,
-                      {{"persist.mbbms.playengine.lock_timeout_ms", "300"}});
-        TavoMBBMSEngineImpl* engine = TavoMBBMSEngineImpl::getInstance();
-        // The engine read its Env at init: the platform's, installed now, is not used.
-        Env::install(Env::platform());
-        bench.playFrame(40, 2, 1);
-        ASSERT_EQ(0, cmmb_sem_wait(&bench.buffer(0)->mutexDataAccessable));
-
-        const auto start = clock.now();
-        engine->resetSharedBuffer(0);
-        EXPECT_EQ(std::chrono::milliseconds(300),
-                  std::chrono::duration_cast<std::chrono::milliseconds>(clock.now() - start));
-        EXPECT_EQ(1,
-                  bench.root().countLog("playengine holds the buffer of session=0 longer than 300 "
-                                        "ms, reset skipped"));
-        EXPECT_EQ(2u, bench.buffer(0)->nalCount) << "a skipped reset changed the buffer";
-        cmmb_sem_post(&bench.buffer(0)->mutexDataAccessable);
     });
 }
 

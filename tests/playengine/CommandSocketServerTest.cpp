@@ -21,6 +21,7 @@
 
 #include "CommandSocketServer.h"
 #include "Env.h"
+#include "LogMask.h"
 #include "PlayEngineSocketClient.h"
 #include "TestRoot.h"
 
@@ -84,7 +85,10 @@ private:
 
 class CommandSocketServerTest : public ::testing::Test {
 protected:
-    CommandSocketServerTest() : root(""), server(delegate) {}
+    CommandSocketServerTest() : root(""), server(delegate) {
+        memset(LogMask::masks, 0, sizeof(LogMask::masks));
+        LogMask::masks[LogMask::ERROR] = 1;
+    }
 
     void startServer() {
         ASSERT_EQ(0, server.start(Env::platform()));
@@ -106,9 +110,12 @@ protected:
 };
 
 TEST_F(CommandSocketServerTest, ClientsWithoutAPathOrRefusedByTheDelegateAreClosedUnserved) {
+    // A file left at the socket path by an earlier run must not stop the server.
+    writeTextFile(serverPath(), "left over");
     startServer();
     PlayEngineSocketClient unbound("", serverPath());
     EXPECT_TRUE(unbound.waitForClose());
+    EXPECT_TRUE(root.waitForLog("socket file not exist!"));
     EXPECT_EQ(0, delegate.read(delegate.mPrepared));  // refused before anything was made ready
 
     delegate.setReady(false);
@@ -175,11 +182,6 @@ TEST_F(CommandSocketServerTest, StoppingEndsTheThreadClosesTheClientAndReportsNo
     EXPECT_EQ(-1, server.client());
     EXPECT_TRUE(client.waitForClose());
     EXPECT_TRUE(delegate.read(delegate.mGone).empty());
-
-    // It starts again on the same path, a left-over socket file notwithstanding.
-    startServer();
-    PlayEngineSocketClient again(clientPath("pe.socket"), serverPath());
-    waitForAccepted(2);
 }
 
 TEST_F(CommandSocketServerTest, AThreadThatCannotBeStartedLeavesTheServerStopped) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "PlayEngineProtocol.h"
+#include "PlayEngineWire.h"
 
 struct ReceivedCommand {
     PlayEngineCommandMessage message;
@@ -70,21 +71,9 @@ public:
 
     // `size` bytes in one write, with `passedFd` attached when it is one.
     bool send(const void* data, size_t size, int passedFd = -1) {
-        iovec piece = {const_cast<void*>(data), size};
-        msghdr header = {};
-        header.msg_iov = &piece;
-        header.msg_iovlen = 1;
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
-        if (passedFd >= 0) {
-            header.msg_control = control;
-            header.msg_controllen = sizeof(control);
-            cmsghdr* item = CMSG_FIRSTHDR(&header);
-            item->cmsg_level = SOL_SOCKET;
-            item->cmsg_type = SCM_RIGHTS;
-            item->cmsg_len = CMSG_LEN(sizeof(int));
-            memcpy(CMSG_DATA(item), &passedFd, sizeof(int));
-        }
-        return sendmsg(mFd, &header, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+        const iovec piece = {const_cast<void*>(data), size};
+        return PlayEngineWire::send(mFd, &piece, 1, &passedFd, passedFd >= 0 ? 1 : 0,
+                                    MSG_NOSIGNAL) == static_cast<ssize_t>(size);
     }
     // One indication with `code`, its first `firstPiece` bytes in a write of their own.
     bool sendIndication(const char* code, size_t firstPiece = sizeof(PlayEngineIndicationMessage)) {

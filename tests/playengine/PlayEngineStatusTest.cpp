@@ -15,8 +15,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-const int kChannel = 31;
-
 // Connects the bench's play engine; "" or what went wrong.
 std::string connectPlayEngine(EngineDataPath& bench) {
     return bench.reader.connect(bench.serverPath(), bench.root().path() + "/playengine.socket");
@@ -72,24 +70,5 @@ TEST(PlayEngineStatus, FollowsAPlayEngineFromConnectionToDeparture) {
         EXPECT_EQ(0, tavo_mbbms_playengine_connected());
         EXPECT_EQ(-1, tavo_mbbms_playengine_holds_buffer(0));
         EXPECT_EQ(-1, tavo_mbbms_playengine_holds_buffer(1));
-    });
-}
-
-// The status reads the buffer set's holds (its own tests tell the engine's hold from a
-// reader's): a frame that waits for the play engine's lock leaves it counted as the play
-// engine's, until the play engine gives it back.
-TEST(PlayEngineStatus, CountsTheLockAFrameWaitsForAsThePlayEngines) {
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, kChannel, "ERROR,WARNING", false);
-        ASSERT_EQ("", connectPlayEngine(bench));
-
-        EXPECT_EQ(0, tavo_mbbms_playengine_holds_buffer(0));
-        ASSERT_EQ(0, cmmb_sem_timedwait(lockOf(bench, 0), 5000));
-        AsyncCall frame([&] { bench.playFrame(kChannel, 1, 0); });
-        std::this_thread::sleep_for(milliseconds(50));  // the frame start waits for the lock
-        EXPECT_EQ(1, tavo_mbbms_playengine_holds_buffer(0)) << "while a frame waits for it";
-        ASSERT_EQ(0, cmmb_sem_post(lockOf(bench, 0)));
-        ASSERT_TRUE(frame.endsWithin(milliseconds(5000)));
-        EXPECT_EQ(0, tavo_mbbms_playengine_holds_buffer(0));
     });
 }

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "PlayEngineWire.h"
 #include "TavoPlayEngine.h"
 #include "TestRoot.h"
 #include "UniqueHandle.h"
@@ -60,21 +61,10 @@ public:
         memcpy(message.command, text, std::min(strlen(text), sizeof(message.command)));
         message.fdStatus = fds.empty() ? 1 : 0;
         message.session = session;
-        iovec piece = {&message, size};
-        msghdr header = {};
-        header.msg_iov = &piece;
-        header.msg_iovlen = 1;
-        alignas(cmsghdr) unsigned char control[CMSG_SPACE(4 * sizeof(int))];
-        if (!fds.empty()) {
-            header.msg_control = control;
-            header.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
-            cmsghdr* item = CMSG_FIRSTHDR(&header);
-            item->cmsg_level = SOL_SOCKET;
-            item->cmsg_type = SCM_RIGHTS;
-            item->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
-            memcpy(CMSG_DATA(item), fds.data(), fds.size() * sizeof(int));
-        }
-        EXPECT_EQ(static_cast<ssize_t>(size), sendmsg(mClient.get(), &header, MSG_NOSIGNAL));
+        const iovec piece = {&message, size};
+        EXPECT_EQ(
+            static_cast<ssize_t>(size),
+            PlayEngineWire::send(mClient.get(), &piece, 1, fds.data(), fds.size(), MSG_NOSIGNAL));
     }
 
     // The next indication's code text, or "" when none came within 5 s.

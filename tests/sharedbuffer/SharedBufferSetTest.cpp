@@ -1,12 +1,9 @@
-// The engine's two shared buffers, in process: creation, the engine's side of the buffer lock,
-// a reader's hold on it (this process taking the lock word through its own mapping, as a play
-// engine would), and a wait on a lock whose reader leaves. Which buffer a frame start replaces,
-// and that the departed reader's mapping stays its own, is shown across processes by the
-// play-engine failure tests of the data path.
+// The engine's two shared buffers, in process: creation and set-up faults, and the engine's
+// hold on a buffer lock told from a reader's (this process taking the lock word through its own
+// mapping, as a play engine would). The timed waits are in the timing tests; which buffer a
+// frame start replaces is shown across processes by the data path's play-engine failure tests.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
 #include <string>
 
 #include "CmmbSharedSemaphore.h"
@@ -21,26 +18,13 @@ namespace {
 
 class SharedBufferSetTest : public testing::Test {
 protected:
-    void SetUp() override {
-        // A wait that ends because of the lock bound is told apart from one that ends because
-        // its reader left: the bound is far above the tests' hang detectors.
-        mRoot.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, "600000");
-        ASSERT_EQ(0, mSet.create("test", Env::platform()));
-    }
-
-    // The engine takes and gives back the lock of `session`'s buffer.
-    void expectEngineLocks(int session) {
-        if (!mSet.lock(session))
-            FAIL() << "the engine could not take the buffer of session " << session;
-        mSet.unlock(session);
-    }
+    void SetUp() override { ASSERT_EQ(0, mSet.create("test", Env::platform())); }
 
     TestRoot mRoot{""};
     SharedBufferSet mSet;
 };
 
 TEST_F(SharedBufferSetTest, CreatesTwoEmptyBuffersWithFreeLocks) {
-    EXPECT_EQ(600000, mSet.lockTimeoutMs());
     for (int session : {0, 1}) {
         CmmbSharedBuffer* buffer = mSet.buffer(session);
         ASSERT_NE(nullptr, buffer);
@@ -83,23 +67,6 @@ TEST_F(SharedBufferSetTest, TellsAnEngineHoldFromAReaderHold) {
     EXPECT_EQ(fd, mSet.fd(1)) << "replaced while its reader was connected";
     reader.giveBack();
     EXPECT_EQ(0, mSet.readerHolds(1));
-}
-
-// An engine thread waiting for a lock whose reader then leaves gives up its wait (well before
-// the lock bound); the buffer is replaced once it has left.
-TEST_F(SharedBufferSetTest, AWaiterGivesUpWhenTheReaderLeavesHoldingTheLock) {
-    mSet.readerConnected();
-    ReaderMapping reader(mSet.fd(0));
-    ASSERT_TRUE(reader.take());
-    auto waiter = std::async(std::launch::async, [&] { return mSet.lock(0); });
-    EXPECT_EQ(std::future_status::timeout, waiter.wait_for(std::chrono::milliseconds(100)));
-    EXPECT_EQ(1, mSet.readerHolds(0)) << "the engine's wait counts as the reader's hold";
-    mSet.readerDisconnected();
-    ASSERT_EQ(std::future_status::ready, waiter.wait_for(std::chrono::seconds(20)));
-    EXPECT_FALSE(waiter.get());
-    EXPECT_TRUE(mSet.replaceAbandoned("test"));
-    EXPECT_EQ(0, mSet.readerHolds(0));
-    expectEngineLocks(0);
 }
 
 struct SetUpFault {

@@ -89,10 +89,6 @@ struct LockBound {
     int session;
 };
 
-void PrintTo(const LockBound& bound, std::ostream* out) {
-    *out << bound.ms << " ms";
-}
-
 class SharedBufferWaitBound : public SharedBufferWait,
                               public testing::WithParamInterface<LockBound> {};
 
@@ -212,6 +208,7 @@ TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     bool waiterTook = true;
     std::thread waiter([&] { waiterTook = buffers.lock(0); });
     ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(20)));
+    EXPECT_EQ(1, buffers.readerHolds(0)) << "the engine's wait counts as the reader's hold";
     buffers.readerDisconnected();
 
     CmmbSharedBuffer* old = buffers.buffer(0);
@@ -232,6 +229,9 @@ TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     EXPECT_NE(old, buffers.buffer(0));
     EXPECT_EQ(1, root.countLog(kReplaced));
     EXPECT_EQ(0, reader->lockValue());
+    EXPECT_EQ(0, buffers.readerHolds(0));
+    EXPECT_TRUE(buffers.lock(0)) << "the new buffer's lock is not free";
+    release(buffers, 0);
 }
 
 }  // namespace
