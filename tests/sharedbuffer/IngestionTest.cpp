@@ -89,12 +89,6 @@ TEST_F(IngestionTest, FragmentStateTable) {
 // A first fragment without a 3- or 4-byte start code is dropped; an open unit is released
 // before the start code is looked at.
 TEST_F(IngestionTest, StartCodes) {
-    EXPECT_EQ(0, getStartCodeLength(Bytes{0, 0}.data(), 2));
-    EXPECT_EQ(3, getStartCodeLength(Bytes{0, 0, 1, 0x65}.data(), 4));
-    EXPECT_EQ(4, getStartCodeLength(Bytes{0, 0, 0, 1}.data(), 4));
-    EXPECT_EQ(0, getStartCodeLength(Bytes{0, 0, 0}.data(), 3));
-    EXPECT_EQ(0, getStartCodeLength(Bytes{0, 0, 0, 0, 1}.data(), 5));
-
     EXPECT_FALSE(nal(Bytes{0, 0}, COMPLETE));
     EXPECT_FALSE(nal(Bytes{0, 0, 2, 0x65, 1, 2}, START));
     EXPECT_FALSE(nal(Bytes{0, 0, 0}, COMPLETE));
