@@ -61,13 +61,13 @@ INSTANTIATE_TEST_SUITE_P(
                          harness.feedRun("audio/amr", 0, 900, 2, 40, true);
                          EXPECT_EQ(ERROR_INVALID, harness.stop());
                      }},
-        ContractLine{"SpsParseError", "E/CmmbMPEG4Recorder: AVC SPS parse error!Give up recording!",
-                     [](WriterHarness& harness) {
-                         harness.addVideo();
-                         harness.start();
-                         EXPECT_EQ(ERROR_INVALID,
-                                   harness.feed(kVideoMime, 0, Bytes{0x67, 0x42, 0xC0}));
-                     }}),
+        ContractLine{
+            "SpsParseError", "E/CmmbMPEG4Recorder: AVC SPS parse error!Give up recording!",
+            [](WriterHarness& harness) {
+                harness.addVideo();
+                harness.start();
+                EXPECT_EQ(ERROR_INVALID, harness.feed(kVideoMime, 0, Bytes{0x67, 0x42, 0xC0}));
+            }}),
     [](const testing::TestParamInfo<ContractLine>& line) { return std::string(line.param.name); });
 
 }  // namespace
