@@ -1,13 +1,12 @@
-// The writer's output file and its per-chunk sample buffer, in process: buffering, patches of
-// earlier bytes, and what a failed or short write leaves behind. Faults come from an Env
-// handed to the output.
+// The writer's output file, in process: buffering, patches of earlier bytes, and what a failed
+// or short write leaves behind. Faults come from an Env handed to the output. (The per-chunk
+// sample buffer shows in the finished file's samples and in the writer's allocation count.)
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "ChunkSampleBuffer.h"
 #include "FaultInjectingEnv.h"
 #include "FileOutput.h"
 #include "MediaFiles.h"
@@ -119,34 +118,6 @@ TEST(FileOutput, WithoutADescriptorNothingIsWritten) {
     EXPECT_FALSE(output.flush());
     EXPECT_FALSE(output.close());
     EXPECT_EQ(0, output.position());
-}
-
-// Samples lie back to back with their length prefixes; clearing keeps the block, so a chunk
-// no larger than an earlier one is copied without the block moving.
-TEST(ChunkSampleBuffer, KeepsPrefixedSamplesBackToBackAndReusesItsBlock) {
-    ChunkSampleBuffer chunk;
-    EXPECT_TRUE(chunk.empty());
-    const uint8_t prefix[4] = {0, 0, 0, 5};
-    const Bytes first = patternBytes(5, 10), second = patternBytes(3, 40);
-    chunk.append(prefix, sizeof(prefix), first.data(), 5, 0, true);
-    chunk.append(nullptr, 0, second.data(), 3, 900, false);
-    ASSERT_EQ(2u, chunk.sampleCount());
-    EXPECT_EQ(Bytes({0, 0, 0, 5, 10, 11, 12, 13, 14, 40, 41, 42}),
-              Bytes(chunk.bytes(), chunk.bytes() + chunk.byteCount()));
-    EXPECT_EQ(9u, chunk.samples()[0].size);
-    EXPECT_TRUE(chunk.samples()[0].sync);
-    EXPECT_EQ(3u, chunk.samples()[1].size);
-    EXPECT_EQ(900, chunk.samples()[1].relativeTicks);
-    EXPECT_FALSE(chunk.samples()[1].sync);
-
-    const uint8_t* block = chunk.bytes();
-    chunk.clear();
-    EXPECT_TRUE(chunk.empty());
-    EXPECT_EQ(0u, chunk.byteCount());
-    EXPECT_TRUE(chunk.samples().empty());
-    chunk.append(prefix, sizeof(prefix), second.data(), 3, 0, false);
-    EXPECT_EQ(block, chunk.bytes());
-    EXPECT_EQ(7u, chunk.byteCount());
 }
 
 }  // namespace
