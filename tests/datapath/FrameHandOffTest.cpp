@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <regex>
 
 #include "ChildProcess.h"
@@ -67,13 +66,13 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
     });
 }
 
-// Both sessions on one channel get the same buffer contents, locked for the frame, and a
-// line each in the statistics file and a copy each of the raw frame in the dump file.
-TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
+// Both sessions on one channel have their buffers locked for the frame and signalled after
+// it, and a line each in the statistics file and a copy each of the raw frame in the dump
+// file. (That both buffers hold the frame as delivered is a hostile reader test's last check.)
+TEST(FrameHandOff, TwoSessionsOnOneChannelAreLockedForTheFrameAndCountedEach) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         ASSERT_EQ(0, bench.startService(1, 7, 99));
-        EXPECT_EQ(1, bench.agent().countCalls("startService"));
         const Bytes raw = pattern(64, 11);
         bench.frameStart(40, raw);
         for (int s = 0; s < 2; ++s)
@@ -83,11 +82,6 @@ TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
         bench.aac(40, pattern(21), 7);
         bench.nal(40, nalUnit(3, 0x65, 50, 1), COMPLETE, 9, 10);
         bench.frameEnd(40);
-        ASSERT_EQ(2u, bench.buffer(0)->nalCount);
-        ASSERT_EQ(1u, bench.buffer(0)->aacCount);
-        const size_t from = offsetof(CmmbSharedBuffer, nalCount);  // past the semaphores
-        EXPECT_EQ(0, memcmp(&bench.buffer(0)->nalCount, &bench.buffer(1)->nalCount,
-                            offsetof(CmmbSharedBuffer, data) + bench.buffer(0)->dataLength - from));
         for (int s = 0; s < 2; ++s) {
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAccessable));
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAvailable));
