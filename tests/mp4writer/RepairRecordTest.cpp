@@ -102,7 +102,6 @@ std::vector<RepairRecordWalker::Step> walk(const Bytes& bytes, std::vector<Repai
     return steps;
 }
 
-using Sample = CraftedRecording::Sample;
 const auto kConfig = RepairRecordWalker::kConfig;
 const auto kChunk = RepairRecordWalker::kChunk;
 const auto kEnd = RepairRecordWalker::kEnd;
