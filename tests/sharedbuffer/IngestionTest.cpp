@@ -87,19 +87,21 @@ TEST_F(IngestionTest, FragmentStateTable) {
 }
 
 // A first fragment without a 3- or 4-byte start code is dropped; an open unit is released
-// before the start code is looked at. (Units behind 3-byte start codes are taken in the
-// frame hand-off and SDK tests.)
+// before the start code is looked at.
 TEST_F(IngestionTest, StartCodes) {
     EXPECT_FALSE(nal(Bytes{0, 0}, COMPLETE));
     EXPECT_FALSE(nal(Bytes{0, 0, 2, 0x65, 1, 2}, START));
     EXPECT_FALSE(nal(Bytes{0, 0, 0}, COMPLETE));
     EXPECT_FALSE(nal(Bytes{0, 0, 0, 0, 1, 0x65}, COMPLETE));
     EXPECT_EQ(0u, b->nalCount + b->dataLength);
+    EXPECT_TRUE(nal(nalUnit(3, 0x65, 10), COMPLETE));
+    EXPECT_EQ(1u, b->nalCount);
+    EXPECT_EQ(7u, b->nal[0].length);
     EXPECT_TRUE(nal(nalUnit(4, 0x41, 40), START));
-    EXPECT_EQ(36u, b->dataLength);
+    EXPECT_EQ(43u, b->dataLength);
     EXPECT_FALSE(nal(Bytes{1, 2, 3, 4}, START));
-    EXPECT_EQ(0u, b->dataLength);
-    EXPECT_EQ(kNone, b->nal[0].pos);
+    EXPECT_EQ(7u, b->dataLength);
+    EXPECT_EQ(kNone, b->nal[1].pos);
 }
 
 // Fragment position values outside 0-3, as an agent may pass them: only bit 1 (begins a unit)
