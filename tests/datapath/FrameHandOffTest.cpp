@@ -1,7 +1,8 @@
 // The multiplex-frame bracket as the play engine sees it: which buffers are locked, emptied,
 // handed over and signalled, what happens when the reader does not keep up, and the
-// per-channel statistics and dump files. (A frame read from another process through the
-// shared layout is the SDK's test with the engine.)
+// per-channel statistics and dump files. (The shared layout is pinned by its header's static
+// asserts; a frame's records read from another process are the SDK's test with the engine,
+// its payload the reference play engine's.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
