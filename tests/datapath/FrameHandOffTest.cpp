@@ -1,12 +1,13 @@
 // The multiplex-frame bracket as the play engine sees it: which buffers are locked, emptied,
 // handed over and signalled, what happens when the reader does not keep up, and the
-// per-channel statistics and dump files.
+// per-channel statistics and dump files. (The shared layout is pinned by its header's static
+// asserts; a frame's records read from another process are the SDK's test with the engine,
+// its payload the reference play engine's.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <regex>
 
 #include "ChildProcess.h"
@@ -15,52 +16,6 @@
 namespace {
 
 const MBBMSAgent::NAL_FRAGMENT_POS_IND COMPLETE = MBBMSAgent::NAL_FRAGMENT_COMPLETE;
-
-uint32_t wordAt(const CmmbSharedBuffer* buffer, size_t offset) {
-    uint32_t value;
-    memcpy(&value, reinterpret_cast<const unsigned char*>(buffer) + offset, 4);
-    return value;
-}
-
-// A play engine in a process of its own receives the descriptors, reads a frame played
-// before it connected by the reader contract and checks its bytes at their offsets.
-TEST(FrameHandOff, PlayEngineProcessFindsTheFrameAtTheDocumentedOffsets) {
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, 40, "all", false);
-        const Bytes unit = nalUnit(4, 0x65, 100, 3), audio = pattern(200, 5);
-        bench.frameStart(40);
-        bench.nal(40, unit, COMPLETE, 1000, 20);
-        bench.aac(40, audio, 2000);
-        bench.frameEnd(40);
-        std::string playEngine = runInChild([&] {
-            PlayEngineReader reader;
-            ASSERT_EQ("", reader.connect(bench.serverPath(), bench.root().path() + "/pe.socket"));
-            for (int s = 0; s < 2; ++s)
-                EXPECT_EQ(74772, reader.regionSize(s));
-            CmmbSharedBuffer* b = reader.buffer(0);
-            ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAvailable, 20000));
-            ASSERT_EQ(0, cmmb_sem_timedwait(&b->mutexDataAccessable, 20000));
-            // Semaphores (both taken now), counts and length, NAL record 0 at 20,
-            // AAC record 0 at 5140, payload at 9236.
-            const uint32_t expected[][2] = {
-                {0, 0},   {4, 0},  {8, 1},  {12, 1},      {16, 96 + 207}, {20, 1000},  {24, 20},
-                {28, 96}, {32, 0}, {36, 3}, {5140, 2000}, {5144, 0},      {5148, 207}, {5152, 96}};
-            for (const auto& word : expected)
-                EXPECT_EQ(word[1], wordAt(b, word[0])) << "at offset " << word[0];
-            const unsigned char* data = reinterpret_cast<const unsigned char*>(b) + 9236;
-            // The unit without its start code, then the audio frame behind its 7-byte header.
-            EXPECT_EQ(Bytes(unit.begin() + 4, unit.end()), Bytes(data, data + 96));
-            EXPECT_EQ(audio, Bytes(data + 103, data + 303));
-            b->nalCount = 0;
-            b->aacCount = 0;
-            cmmb_sem_post(&b->mutexDataAccessable);
-        });
-        EXPECT_EQ("", playEngine);
-        // The reader cleared the counts, so the next frame finds the buffer fetched.
-        bench.playFrame(40, 1, 0);
-        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
-    });
-}
 
 // A frame the reader has not fetched is dropped at the next frame start, but every frame is
 // signalled; a frame ended with an error is handed over empty.
@@ -112,13 +67,13 @@ TEST(FrameHandOff, UnknownChannelHoldsTheSessionLockOnlyForTheFrame) {
     });
 }
 
-// Both sessions on one channel get the same buffer contents, locked for the frame, and a
-// line each in the statistics file and a copy each of the raw frame in the dump file.
-TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
+// Both sessions on one channel have their buffers locked for the frame and signalled after
+// it, and a line each in the statistics file and a copy each of the raw frame in the dump
+// file. (That both buffers hold the frame as delivered is a hostile reader test's last check.)
+TEST(FrameHandOff, TwoSessionsOnOneChannelAreLockedForTheFrameAndCountedEach) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40);
         ASSERT_EQ(0, bench.startService(1, 7, 99));
-        EXPECT_EQ(1, bench.agent().countCalls("startService"));
         const Bytes raw = pattern(64, 11);
         bench.frameStart(40, raw);
         for (int s = 0; s < 2; ++s)
@@ -128,11 +83,6 @@ TEST(FrameHandOff, TwoSessionsOnOneChannelGetIdenticalBuffersAndStatistics) {
         bench.aac(40, pattern(21), 7);
         bench.nal(40, nalUnit(3, 0x65, 50, 1), COMPLETE, 9, 10);
         bench.frameEnd(40);
-        ASSERT_EQ(2u, bench.buffer(0)->nalCount);
-        ASSERT_EQ(1u, bench.buffer(0)->aacCount);
-        const size_t from = offsetof(CmmbSharedBuffer, nalCount);  // past the semaphores
-        EXPECT_EQ(0, memcmp(&bench.buffer(0)->nalCount, &bench.buffer(1)->nalCount,
-                            offsetof(CmmbSharedBuffer, data) + bench.buffer(0)->dataLength - from));
         for (int s = 0; s < 2; ++s) {
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAccessable));
             EXPECT_EQ(1, valueOf(&bench.buffer(s)->mutexDataAvailable));

@@ -1,5 +1,5 @@
 // Drives one CmmbMPEG4Writer on a fresh temporary file, owns the track descriptors, feeds
-// samples and reads the finished file back; captures the writer's log lines in-process.
+// samples and reads the finished file back.
 #ifndef TAVO_TESTS_MP4WRITER_WRITER_HARNESS_H
 #define TAVO_TESTS_MP4WRITER_WRITER_HARNESS_H
 
@@ -11,10 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "AndroidLog.h"
 #include "CmmbMPEG4Writer.h"
 #include "Env.h"
-#include "LogSink.h"
 #include "Mp4BoxReader.h"
 
 inline const char* const kVideoMime = "video/avc";
@@ -29,30 +27,6 @@ inline Bytes patternBytes(size_t size, uint8_t first) {
         bytes[i] = static_cast<uint8_t>(first + i);
     return bytes;
 }
-
-// Collects "P/tag: message" lines for as long as it exists (one at a time).
-class LogCapture {
-public:
-    LogCapture() {
-        tavo_log_set_sink(
-            [](void* context, int prio, const char* tag, const char* message) {
-                static const char kLetters[] = "??VDIWEF?";
-                char letter = kLetters[prio >= 0 && prio <= ANDROID_LOG_SILENT ? prio : 0];
-                static_cast<LogCapture*>(context)->mLines.push_back(std::string(1, letter) + "/" +
-                                                                    tag + ": " + message);
-            },
-            this);
-    }
-    ~LogCapture() { tavo_log_set_sink(nullptr, nullptr); }
-    int count(const std::string& fragment) const {
-        return static_cast<int>(std::count_if(mLines.begin(), mLines.end(), [&](const auto& line) {
-            return line.find(fragment) != std::string::npos;
-        }));
-    }
-
-private:
-    std::vector<std::string> mLines;
-};
 
 class WriterHarness {
 public:

@@ -182,35 +182,27 @@ protected:
 };
 
 // (A walk over a count the file cannot back, or over samples of size 0, is the record
-// walker's own test.)
+// walker's own test; a record cut short or longer than the file, the record format's.)
 TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAreRefused) {
     const std::vector<uint8_t> both = {REPAIR_TRACK_AVC, REPAIR_TRACK_AAC};
     const std::vector<Sample> three(3, Sample{20, true, 960});
-    struct Case {
+    const struct {
         const char* name;
         CraftedRecording recording;
-        int expected;
     } cases[] = {
         {"a count of 2^63",
-         CraftedRecording().config(both).chunk(1, REPAIR_TRACK_AAC, 0, three, INT64_MAX),
-         TAVO_REPAIR_NOTHING_RECOVERABLE},
+         CraftedRecording().config(both).chunk(1, REPAIR_TRACK_AAC, 0, three, INT64_MAX)},
         {"samples whose bytes are not in the file",
          CraftedRecording().config(both).chunk(
-             1, REPAIR_TRACK_AAC, 0, std::vector<Sample>(5000, Sample{60000, true, 1}), -1, false),
-         TAVO_REPAIR_NOTHING_RECOVERABLE},
-        {"a record body longer than the file",
-         CraftedRecording().record(REPAIR_RECORD_CONFIG, std::vector<uint8_t>(64, 0)),
-         TAVO_REPAIR_NO_RECORDS},
+             1, REPAIR_TRACK_AAC, 0, std::vector<Sample>(5000, Sample{60000, true, 1}), -1, false)},
     };
-    for (Case& test : cases) {
-        // The last case's record claims a body of 65,600 bytes.
-        std::vector<uint8_t> bytes = test.recording.bytes();
-        if (test.expected == TAVO_REPAIR_NO_RECORDS)
-            bytes[32 + 5] = 1;
+    for (const auto& test : cases) {
+        const std::vector<uint8_t> bytes = test.recording.bytes();
         const std::string in = path("case.3gp");
         writeTextFile(in, std::string(bytes.begin(), bytes.end()));
         std::string message;
-        EXPECT_EQ(test.expected, repairPaths(in, path("case.out"), &message)) << test.name;
+        EXPECT_EQ(TAVO_REPAIR_NOTHING_RECOVERABLE, repairPaths(in, path("case.out"), &message))
+            << test.name;
         EXPECT_FALSE(message.empty()) << test.name;
         EXPECT_EQ(std::string(bytes.begin(), bytes.end()), readTextFile(in)) << test.name;
     }
@@ -404,14 +396,12 @@ TEST_F(RepairHostileInput, RefusedRunsLeaveEveryFileAsItWas) {
     EXPECT_EQ(0640u, status.st_mode & 0777);
 }
 
-TEST_F(RepairHostileInput, TheToolAnswersHelpVersionAndBadUsage) {
+// (--version is checked for every installed tool by the package check.)
+TEST_F(RepairHostileInput, TheToolAnswersHelpAndBadUsage) {
     ToolRun run = mTool.run({"--help"});
     EXPECT_EQ(0, run.status);
     EXPECT_EQ(0u, run.out.find("usage: tavo_repair [--force] IN OUT\n")) << run.out;
     EXPECT_EQ("", run.err);
-    run = mTool.run({"--version"});
-    EXPECT_EQ(0, run.status);
-    EXPECT_EQ(std::string("tavo_repair ") + TAVO_PACKAGE_VERSION + "\n", run.out);
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
              {}, {"one"}, {"a", "b", "c"}, {"--bogus", "a", "b"}}) {
         run = mTool.run(arguments);
