@@ -8,7 +8,6 @@
 // engine's objects; each test runs in a child process (one engine per process).
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -72,15 +71,11 @@ public:
         }
     }
 
-    // Reads the session's next frame by the reader contract; its NAL count, or -1 when none
-    // came in time.
+    // The NAL count of the session's next frame, or -1 when none came in time.
     int readNalCount(int session) {
-        tavo_pe_frame frame;
-        if (tavo_pe_wait_frame(mReader.sdk(), session, kWaitMs, &frame) != TAVO_PE_OK)
-            return -1;
-        const int count = static_cast<int>(frame.nal_count);
-        tavo_pe_release_frame(mReader.sdk(), &frame);
-        return count;
+        ReadFrame frame;
+        return mReader.readFrame(session, &frame, kWaitMs) ? static_cast<int>(frame.nals.size())
+                                                           : -1;
     }
 
 private:
@@ -96,7 +91,7 @@ private:
             if (command.kind != TAVO_PE_CMD_CAPTURE)
                 continue;
             if (mAnswer == kHangUp) {
-                tavo_pe_hang_up(mReader.sdk());  // gone without an answer; the mappings stay
+                mReader.hangUp();  // gone without an answer; the mappings stay
                 return;
             }
             tavo_pe_send_indication(mReader.sdk(), mAnswer);
@@ -243,20 +238,6 @@ std::vector<CallbackKind> callbackKinds() {
              b.postFrame(1,
                          [](MBBMSAgentCallback& c) { c.onEvent(static_cast<EventType>(99), 1); });
          }},
-        {"AgentResultInsideAFrame", "onEvent(98, ", 3, true,
-         [](Bench& b) {
-             b.postFrame(1, [](MBBMSAgentCallback& c) {
-                 c.onRequestInquiryAccount(true, "balance");
-                 c.onEvent(static_cast<EventType>(98), 2);
-             });
-         }},
-        // The card disappears while session 0 records: the next frame reports it.
-        {"RecordingEventInsideAFrame", "onEvent(151, 0)", 3, true,
-         [](Bench& b) {
-             ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
-             ASSERT_EQ(0, rmdir(b.root().resolve("/sdcard").c_str()));
-             b.postFrame(1);
-         }},
         // The storage fills up while session 0 records: the completion thread reports it.
         {"CompletionThreadEvent", "onEvent(15", 3, true,
          [](Bench& b) {
@@ -328,7 +309,6 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
 
         // The engine goes on serving: the next frame reaches the play engine.
         bench.env.setFreeBytes(-1);
-        mkdir(bench.root().resolve("/sdcard").c_str(), 0777);
         if (!kind.servedBefore) {
             ASSERT_EQ("", bench.serve(kind.captureAnswer));
         } else {
