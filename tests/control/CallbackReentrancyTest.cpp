@@ -34,7 +34,6 @@ const int kChannel = 3;
 const long long kMiB = 1 << 20;
 const Clock::duration kHangGuard = std::chrono::seconds(2);
 const int kWaitMs = 20000;
-const char kRefusal[] = "deinit called from a callback of the engine, refused";
 
 // What a play engine does with a capture request besides answering 3 (success) or 4 (failure).
 const int kHangUp = 0;
@@ -247,8 +246,6 @@ std::vector<CallbackKind> callbackKinds() {
          }},
         {"CaptureSuccessOnTheCommandThread", "onEvent(161, 0)", 3, true,
          [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
-        {"CaptureFailureOnTheCommandThread", "onEvent(162, 0)", 4, true,
-         [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
         // The play engine goes away with a capture outstanding: the command thread ends it.
         {"CaptureFailureWhenThePlayEngineGoes", "onEvent(162, 0)", kHangUp, true,
          [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
@@ -305,7 +302,6 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
             EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
         ASSERT_EQ("deinit()", outcomes[0].call);
         EXPECT_EQ(-1, outcomes[0].result);
-        EXPECT_EQ(1, bench.root().countLog(kRefusal));
 
         // The engine goes on serving: the next frame reaches the play engine.
         bench.env.setFreeBytes(-1);

@@ -103,16 +103,28 @@ TEST(TS0Gate, AReportWithoutApplicationCallbackStillSetsTheFlag) {
     });
 }
 
-TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
+// Right after init the remembered key is all ones; then it is the key of the last message
+// passed on, and only its five key values tell messages apart.
+TEST(Emergency, InitSetsTheKeyToOnesAndOnlyTheFiveKeyValuesOfTheLastMessageTellApart) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
-        EmergencyMessage last = emergency(1, 100);
-        playEmergency(control, last);
-        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EmergencyMessage ones = emergency(0xFF, 0xFFFF);
+        ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
+        playEmergency(control, ones);
+        EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
+        int drops = 1;
+        EXPECT_EQ(drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
+
+        playEmergency(control, emergency(1, 7));
+        playEmergency(control, emergency(2, 8));
+        playEmergency(control, emergency(1, 7));
+        EXPECT_EQ((std::vector<std::string>{"onEmergencyMessage(7)", "onEmergencyMessage(8)",
+                                            "onEmergencyMessage(7)"}),
+                  control.app().calls());
 
         // Differences outside the key: byte 3 and everything past byte 4 except offset 28.
-        int drops = 0;
+        EmergencyMessage last = emergency(1, 7);
         for (size_t offset : {size_t(3), size_t(5), size_t(8), size_t(27), size_t(30), size_t(32),
                               sizeof(EmergencyMessage) - 1}) {
             EmergencyMessage other = last;
@@ -121,10 +133,10 @@ TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
             EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat))
                 << "offset " << offset;
         }
-        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EXPECT_EQ(3, control.app().count("onEmergencyMessage("));
 
         // Each key value on its own makes a new message, which becomes the one remembered.
-        int passed = 1;
+        int passed = 3;
         for (size_t offset : {0, 1, 2, 4, 28, 29}) {
             EmergencyMessage other = last;
             reinterpret_cast<unsigned char*>(&other)[offset] ^= 0x5A;
@@ -134,31 +146,14 @@ TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
             EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
             last = other;
         }
-    });
-}
 
-TEST(Emergency, InitForgetsTheKeyAndOnlyTheLastMessagePassedOnIsRemembered) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        // Right after init the remembered key is all ones.
-        EmergencyMessage ones = emergency(0xFF, 0xFFFF);
-        ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
-        playEmergency(control, ones);
-        EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
-        EXPECT_EQ(1, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
-
-        playEmergency(control, emergency(1, 7));
-        playEmergency(control, emergency(2, 8));
-        playEmergency(control, emergency(1, 7));
-        EXPECT_EQ((std::vector<std::string>{"onEmergencyMessage(7)", "onEmergencyMessage(8)",
-                                            "onEmergencyMessage(7)"}),
-                  control.app().calls());
+        // deinit and init forget the key.
         ASSERT_EQ(0, control.engine().deinit());
         ASSERT_EQ(0, control.init());
-        playEmergency(control, emergency(1, 7));
-        EXPECT_EQ(3, control.app().count("onEmergencyMessage(7)"));
-        EXPECT_EQ(1, control.root().countLog(kRepeat));
+        control.app().clear();
+        playEmergency(control, last);
+        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EXPECT_EQ(drops, control.root().countLog(kRepeat));
     });
 }
 

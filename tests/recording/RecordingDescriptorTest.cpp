@@ -29,13 +29,6 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         close(fd);
         EXPECT_EQ(0, fileSize(appended));
 
-        // Positioned past the start.
-        fd = rig.createOutput("offset.3gp");
-        ASSERT_EQ(10, write(fd, "0123456789", 10));
-        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
-        close(fd);
-        EXPECT_EQ(10, fileSize(rig.outputPath("offset.3gp")));
-
         // The descriptor of a finished recording shares its offset, now at the file's end:
         // handed in again, it is refused and the finished file stays as it was.
         const std::string path = rig.outputPath("first.3gp");
