@@ -9,11 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "AacIngestion.h"
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
 #include "Env.h"
 #include "LogMask.h"
+#include "MBBMSAgent.h"
 #include "MBBMSRecManager.h"
+#include "NalIngestion.h"
 #include "OpenDescriptors.h"
 #include "RecordingRig.h"
 #include "TestRoot.h"
@@ -22,40 +25,32 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// A shared buffer as the frame hand-off leaves it: NAL units without start code, AAC frames
-// behind a 7-byte ADTS header, appended in call order.
+// A shared buffer filled by the ingestion of the frame hand-off: NAL units without their start
+// code, AAC frames behind an ADTS header, appended in call order.
 class SharedBufferImage {
 public:
     SharedBufferImage() : mBuffer(new CmmbSharedBuffer()) {
-        memset(mBuffer.get(), 0, sizeof(CmmbSharedBuffer));
         for (CmmbNalRecord& record : mBuffer->nal)
             record.pos = CMMB_NAL_POS_NONE_OPEN;
     }
     SharedBufferImage& nal(uint32_t tsBase, uint32_t tsRelative, const Bytes& unit) {
-        CmmbSharedBuffer& b = *mBuffer;
-        b.nal[b.nalCount++] = {tsBase, tsRelative, static_cast<uint32_t>(unit.size()), b.dataLength,
-                               CMMB_NAL_POS_NONE_OPEN};
-        memcpy(b.data + b.dataLength, unit.data(), unit.size());
-        b.dataLength += unit.size();
+        Bytes annexB = {0, 0, 0, 1};
+        annexB.insert(annexB.end(), unit.begin(), unit.end());
+        EXPECT_TRUE(appendNalFragment(mBuffer.get(), mState, 0, tsBase, tsRelative, annexB.data(),
+                                      static_cast<unsigned short>(annexB.size()),
+                                      MBBMSAgent::NAL_FRAGMENT_COMPLETE, "test"));
         return *this;
     }
     SharedBufferImage& aac(uint32_t tsBase, uint32_t tsRelative, const Bytes& raw) {
-        CmmbSharedBuffer& b = *mBuffer;
-        const uint32_t length = raw.size() + CMMB_ADTS_HEADER_SIZE;
-        b.aac[b.aacCount++] = {tsBase, tsRelative, length, b.dataLength};
-        const uint8_t header[CMMB_ADTS_HEADER_SIZE] = {0xFF, 0xF9, 0x58, 0x80, 0, 0x1F, 0xFC};
-        memcpy(b.data + b.dataLength, header, sizeof(header));
-        b.data[b.dataLength + 4] = static_cast<uint8_t>(length >> 3);  // the frame length
-        b.data[b.dataLength + 5] |= static_cast<uint8_t>((length & 7) << 5);
-        memcpy(b.data + b.dataLength + sizeof(header), raw.data(), raw.size());
-        b.dataLength += length;
+        EXPECT_TRUE(appendAacFrame(mBuffer.get(), mState, 0, tsBase, tsRelative, raw.data(),
+                                   static_cast<unsigned short>(raw.size()), "test"));
         return *this;
     }
-    CmmbSharedBuffer& buffer() { return *mBuffer; }
     unsigned char* bytes() { return reinterpret_cast<unsigned char*>(mBuffer.get()); }
 
 private:
     std::unique_ptr<CmmbSharedBuffer> mBuffer;
+    BufferWriteState mState;
 };
 
 struct CapturedSample {
