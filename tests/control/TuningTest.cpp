@@ -115,8 +115,5 @@ TEST(Tuning, OperationsReachTheAgentUnchangedAndNullRecordsDoNot) {
         EXPECT_EQ(-1, engine.setPreference(nullptr));
         EXPECT_EQ(-1, engine.startScan(nullptr, 2));
         EXPECT_EQ(std::vector<std::string>{}, agent.calls());
-        EXPECT_EQ(1, control.countLogLine("ERROR", "getModuleInfo", "failed due to info==NULL"));
-        EXPECT_EQ(1, control.countLogLine("ERROR", "setPreference", "failed due to pref==NULL"));
-        EXPECT_EQ(1, control.countLogLine("ERROR", "startScan", "failed due to freqDots==NULL"));
     });
 }
