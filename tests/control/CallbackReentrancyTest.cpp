@@ -214,6 +214,7 @@ struct Bench : EngineRig {
     ReentrantApp application;
     CapturingPlayEngine playEngine;
     UniqueFd recordFd{open((root().path() + "/record.3gp").c_str(), O_RDWR | O_CREAT, 0644)};
+    UniqueFd secondRecordFd{open((root().path() + "/record1.3gp").c_str(), O_RDWR | O_CREAT, 0644)};
     UniqueFd captureFd{open((root().path() + "/capture.jpg").c_str(), O_RDWR | O_CREAT, 0644)};
 };
 
@@ -237,10 +238,13 @@ std::vector<CallbackKind> callbackKinds() {
              b.postFrame(1,
                          [](MBBMSAgentCallback& c) { c.onEvent(static_cast<EventType>(99), 1); });
          }},
-        // The storage fills up while session 0 records: the completion thread reports it.
+        // The storage fills up while both sessions record: the completion thread reports both,
+        // and the stops made from the first report reach the recording queued behind it.
         {"CompletionThreadEvent", "onEvent(15", 3, true,
          [](Bench& b) {
+             ASSERT_EQ(0, b.startService(1));
              ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
+             ASSERT_EQ(0, b.engine().startRecording(1, b.secondRecordFd.get()));
              b.env.setFreeBytes(kMiB - 1);
              b.postFrame(1);
          }},
@@ -302,6 +306,9 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
             EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
         ASSERT_EQ("deinit()", outcomes[0].call);
         EXPECT_EQ(-1, outcomes[0].result);
+        // Stopping a recording, also one whose completion is queued, or none, succeeds.
+        for (size_t stop : {1, 2})
+            EXPECT_EQ(kind.servedBefore ? 0 : -1, outcomes[stop].result) << outcomes[stop].call;
 
         // The engine goes on serving: the next frame reaches the play engine.
         bench.env.setFreeBytes(-1);

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
@@ -157,6 +158,7 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         }
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
         EXPECT_EQ(0, stopResult);
+        EXPECT_EQ(std::vector<std::string>(2, "tavo-complete"), app.threadNames());
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         expectPlayableRecording(rig.outputPath("first.3gp"));
         expectPlayableRecording(rig.outputPath("second.3gp"));
