@@ -81,24 +81,7 @@ TEST(Requests, APendingRequestRefusesEveryOtherWithItsNumberUntilAnyCompletion) 
     });
 }
 
-TEST(Requests, WithoutApplicationCallbackACompletionEndsTheRequestAndDeinitForgetsIt) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.initWithoutCallback());
-        ASSERT_EQ(0, control.engine().requestInquiryAccount());
-        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
-        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
-        EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
-        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
-
-        // Still pending at deinit: the next init accepts a new request at once.
-        ASSERT_EQ(0, control.engine().deinit());
-        ASSERT_EQ(0, control.init());
-        EXPECT_EQ(0, control.engine().requestInquiryAccount());
-    });
-}
-
-TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletion) {
+TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletionOrDeinit) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
@@ -118,6 +101,16 @@ TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletion) 
         EXPECT_EQ(1, control.app().count("onRequestInitGBA(0)"));
         control.agent().setResult("requestUpdateSG", 17);
         EXPECT_EQ(17, control.engine().requestUpdateSG("bj"));
+
+        // Still pending at deinit: the next init accepts a new request at once. Without an
+        // application callback a completion still ends the request.
+        ASSERT_EQ(0, control.engine().deinit());
+        ASSERT_EQ(0, control.initWithoutCallback());
+        ASSERT_EQ(0, control.engine().requestInquiryAccount());
+        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
+        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
     });
 }
 
