@@ -103,7 +103,8 @@ TEST(AgentLoading, WithoutALibraryOrItsCreateAgentEveryAgentOperationFails) {
 }
 
 // The agent is brought up in order and shut down after the session manager is gone, with the
-// module queried once at init and once more before the shutdown.
+// module queried once at init and once more before the shutdown; a second init keeps the
+// first callback.
 TEST(Init, BringsTheAgentUpAndDeinitTakesItDownOnceAfterTheSessionManager) {
     EXPECT_IN_CHILD({
         EngineRig rig;
@@ -134,13 +135,25 @@ TEST(Init, BringsTheAgentUpAndDeinitTakesItDownOnceAfterTheSessionManager) {
         EXPECT_EQ("deinit()", calls.back());
         EXPECT_EQ(0, engine.deinit()) << "a second deinit";
         EXPECT_EQ(1, rig.agent().countCalls("deinit"));
+
+        RecordingCallback second;
+        ASSERT_EQ(0, rig.init());
+        EXPECT_EQ(0, engine.init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
+        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
+        EXPECT_EQ(0, second.count("onScanFinished"));
+        EXPECT_EQ(0, engine.deinit());
+        ASSERT_EQ(0, engine.init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(false); });
+        EXPECT_EQ(1, second.count("onScanFinished(0)"));
+        EXPECT_EQ(0, engine.deinit());
     });
 }
 
 // A given directory is created, an existing path of any kind is accepted; one that cannot be
 // created or is longer than 127 characters is refused, and only with a callback is that also
 // an event.
-TEST(Init, TakesAWorkDirectoryItCanCreateOfAtMost127Characters) {
+TEST(Init, FailsOnlyForAWorkDirectoryItCannotUseOrAnAgentResultOfMinusOne) {
     EXPECT_IN_CHILD({
         EngineRig rig;
         TavoMBBMSEngine& engine = rig.engine();
@@ -167,41 +180,18 @@ TEST(Init, TakesAWorkDirectoryItCanCreateOfAtMost127Characters) {
         EXPECT_EQ(0, engine.init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
         EXPECT_EQ(0, engine.deinit());
-    });
-}
 
-TEST(Init, AgentInitResultMinusOneFailsAndAnyOtherValueSucceeds) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
+        // Of the agent's init results only -1 fails; the retry starts from scratch: one set
+        // of buffers, one server.
         rig.agent().setResult("init", -1);
         EXPECT_EQ(-1, rig.initWithoutCallback());
         EXPECT_EQ(0, openSharedRegions()) << "a failed init keeps its shared buffers";
-
-        // The retry starts from scratch: one set of buffers, one server.
         for (int result : {7, -2}) {
             rig.agent().setResult("init", result);
             EXPECT_EQ(0, rig.initWithoutCallback()) << result;
             EXPECT_EQ(2, openSharedRegions());
             EXPECT_EQ(0, rig.engine().deinit());
         }
-    });
-}
-
-TEST(Init, SecondInitKeepsTheFirstCallbackUntilDeinit) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
-        RecordingCallback second;
-        ASSERT_EQ(0, rig.init());
-        EXPECT_EQ(0, rig.engine().init(&second, nullptr));
-        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
-        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
-        EXPECT_EQ(0, second.count("onScanFinished"));
-        EXPECT_EQ(0, rig.engine().deinit());
-
-        ASSERT_EQ(0, rig.engine().init(&second, nullptr));
-        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(false); });
-        EXPECT_EQ(1, second.count("onScanFinished(0)"));
-        EXPECT_EQ(0, rig.engine().deinit());
     });
 }
 
