@@ -8,7 +8,6 @@
 // engine's objects; each test runs in a child process (one engine per process).
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,7 +34,6 @@ const int kChannel = 3;
 const long long kMiB = 1 << 20;
 const Clock::duration kHangGuard = std::chrono::seconds(2);
 const int kWaitMs = 20000;
-const char kRefusal[] = "deinit called from a callback of the engine, refused";
 
 // What a play engine does with a capture request besides answering 3 (success) or 4 (failure).
 const int kHangUp = 0;
@@ -72,15 +70,11 @@ public:
         }
     }
 
-    // Reads the session's next frame by the reader contract; its NAL count, or -1 when none
-    // came in time.
+    // The NAL count of the session's next frame, or -1 when none came in time.
     int readNalCount(int session) {
-        tavo_pe_frame frame;
-        if (tavo_pe_wait_frame(mReader.sdk(), session, kWaitMs, &frame) != TAVO_PE_OK)
-            return -1;
-        const int count = static_cast<int>(frame.nal_count);
-        tavo_pe_release_frame(mReader.sdk(), &frame);
-        return count;
+        ReadFrame frame;
+        return mReader.readFrame(session, &frame, kWaitMs) ? static_cast<int>(frame.nals.size())
+                                                           : -1;
     }
 
 private:
@@ -96,7 +90,7 @@ private:
             if (command.kind != TAVO_PE_CMD_CAPTURE)
                 continue;
             if (mAnswer == kHangUp) {
-                tavo_pe_hang_up(mReader.sdk());  // gone without an answer; the mappings stay
+                mReader.hangUp();  // gone without an answer; the mappings stay
                 return;
             }
             tavo_pe_send_indication(mReader.sdk(), mAnswer);
@@ -220,6 +214,7 @@ struct Bench : EngineRig {
     ReentrantApp application;
     CapturingPlayEngine playEngine;
     UniqueFd recordFd{open((root().path() + "/record.3gp").c_str(), O_RDWR | O_CREAT, 0644)};
+    UniqueFd secondRecordFd{open((root().path() + "/record1.3gp").c_str(), O_RDWR | O_CREAT, 0644)};
     UniqueFd captureFd{open((root().path() + "/capture.jpg").c_str(), O_RDWR | O_CREAT, 0644)};
 };
 
@@ -243,30 +238,17 @@ std::vector<CallbackKind> callbackKinds() {
              b.postFrame(1,
                          [](MBBMSAgentCallback& c) { c.onEvent(static_cast<EventType>(99), 1); });
          }},
-        {"AgentResultInsideAFrame", "onEvent(98, ", 3, true,
-         [](Bench& b) {
-             b.postFrame(1, [](MBBMSAgentCallback& c) {
-                 c.onRequestInquiryAccount(true, "balance");
-                 c.onEvent(static_cast<EventType>(98), 2);
-             });
-         }},
-        // The card disappears while session 0 records: the next frame reports it.
-        {"RecordingEventInsideAFrame", "onEvent(151, 0)", 3, true,
-         [](Bench& b) {
-             ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
-             ASSERT_EQ(0, rmdir(b.root().resolve("/sdcard").c_str()));
-             b.postFrame(1);
-         }},
-        // The storage fills up while session 0 records: the completion thread reports it.
+        // The storage fills up while both sessions record: the completion thread reports both,
+        // and the stops made from the first report reach the recording queued behind it.
         {"CompletionThreadEvent", "onEvent(15", 3, true,
          [](Bench& b) {
+             ASSERT_EQ(0, b.startService(1));
              ASSERT_EQ(0, b.engine().startRecording(0, b.recordFd.get()));
+             ASSERT_EQ(0, b.engine().startRecording(1, b.secondRecordFd.get()));
              b.env.setFreeBytes(kMiB - 1);
              b.postFrame(1);
          }},
         {"CaptureSuccessOnTheCommandThread", "onEvent(161, 0)", 3, true,
-         [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
-        {"CaptureFailureOnTheCommandThread", "onEvent(162, 0)", 4, true,
          [](Bench& b) { ASSERT_EQ(0, b.engine().captureImage(0, b.captureFd.get())); }},
         // The play engine goes away with a capture outstanding: the command thread ends it.
         {"CaptureFailureWhenThePlayEngineGoes", "onEvent(162, 0)", kHangUp, true,
@@ -324,11 +306,12 @@ TEST_P(CallbackReentrancy, EngineCallsReturnDeinitIsRefusedAndFramesFlowAfterwar
             EXPECT_LT(outcome.took, kHangGuard) << outcome.call;
         ASSERT_EQ("deinit()", outcomes[0].call);
         EXPECT_EQ(-1, outcomes[0].result);
-        EXPECT_EQ(1, bench.root().countLog(kRefusal));
+        // Stopping a recording, also one whose completion is queued, or none, succeeds.
+        for (size_t stop : {1, 2})
+            EXPECT_EQ(kind.servedBefore ? 0 : -1, outcomes[stop].result) << outcomes[stop].call;
 
         // The engine goes on serving: the next frame reaches the play engine.
         bench.env.setFreeBytes(-1);
-        mkdir(bench.root().resolve("/sdcard").c_str(), 0777);
         if (!kind.servedBefore) {
             ASSERT_EQ("", bench.serve(kind.captureAnswer));
         } else {

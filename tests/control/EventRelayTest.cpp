@@ -48,7 +48,7 @@ const char kRepeat[] = "Same emergency message received, drop it!";
 
 }  // namespace
 
-TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInit) {
+TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInitEvenWithoutCallback) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
@@ -79,23 +79,19 @@ TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInit) {
         EXPECT_EQ(tablesOf(20), control.app().calls());
         // Every report is logged, passed on or not.
         EXPECT_EQ(3, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
-    });
-}
 
-// With no application callback the TS0 report still sets the flag. It shows once a callback
-// is registered without the flags being cleared: an init that fails in the agent stores the
-// callback but never reaches the reset of the flags.
-TEST(TS0Gate, AReportWithoutApplicationCallbackStillSetsTheFlag) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
+        // With no application callback the report still sets the flag. It shows once a
+        // callback is registered without the flags being cleared: an init that fails in the
+        // agent stores the callback but never reaches the reset of the flags.
+        ASSERT_EQ(0, control.engine().deinit());
         ASSERT_EQ(0, control.initWithoutCallback());
         control.engine().setFrequency(20);
         reportTables(control, 20);
-        EXPECT_EQ(1, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
+        EXPECT_EQ(4, control.countLogLine("ENGINE", "onTS0Parsed", "freqDot=20"));
         ASSERT_EQ(0, control.engine().deinit());
         control.agent().setResult("init", -1);
+        control.app().clear();
         ASSERT_EQ(-1, control.init());
-
         reportTables(control, 20);
         EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
         reportTables(control, 21);  // the callback itself is in place
@@ -103,16 +99,28 @@ TEST(TS0Gate, AReportWithoutApplicationCallbackStillSetsTheFlag) {
     });
 }
 
-TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
+// Right after init the remembered key is all ones; then it is the key of the last message
+// passed on, and only its five key values tell messages apart.
+TEST(Emergency, InitSetsTheKeyToOnesAndOnlyTheFiveKeyValuesOfTheLastMessageTellApart) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
-        EmergencyMessage last = emergency(1, 100);
-        playEmergency(control, last);
-        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EmergencyMessage ones = emergency(0xFF, 0xFFFF);
+        ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
+        playEmergency(control, ones);
+        EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
+        int drops = 1;
+        EXPECT_EQ(drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
+
+        playEmergency(control, emergency(1, 7));
+        playEmergency(control, emergency(2, 8));
+        playEmergency(control, emergency(1, 7));
+        EXPECT_EQ((std::vector<std::string>{"onEmergencyMessage(7)", "onEmergencyMessage(8)",
+                                            "onEmergencyMessage(7)"}),
+                  control.app().calls());
 
         // Differences outside the key: byte 3 and everything past byte 4 except offset 28.
-        int drops = 0;
+        EmergencyMessage last = emergency(1, 7);
         for (size_t offset : {size_t(3), size_t(5), size_t(8), size_t(27), size_t(30), size_t(32),
                               sizeof(EmergencyMessage) - 1}) {
             EmergencyMessage other = last;
@@ -121,10 +129,10 @@ TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
             EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat))
                 << "offset " << offset;
         }
-        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EXPECT_EQ(3, control.app().count("onEmergencyMessage("));
 
         // Each key value on its own makes a new message, which becomes the one remembered.
-        int passed = 1;
+        int passed = 3;
         for (size_t offset : {0, 1, 2, 4, 28, 29}) {
             EmergencyMessage other = last;
             reinterpret_cast<unsigned char*>(&other)[offset] ^= 0x5A;
@@ -134,31 +142,14 @@ TEST(Emergency, OnlyTheFiveKeyValuesTellMessagesApart) {
             EXPECT_EQ(++drops, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
             last = other;
         }
-    });
-}
 
-TEST(Emergency, InitForgetsTheKeyAndOnlyTheLastMessagePassedOnIsRemembered) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        // Right after init the remembered key is all ones.
-        EmergencyMessage ones = emergency(0xFF, 0xFFFF);
-        ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
-        playEmergency(control, ones);
-        EXPECT_EQ(std::vector<std::string>{}, control.app().calls());
-        EXPECT_EQ(1, control.countLogLine("WARNING", "onEmergencyMessage", kRepeat));
-
-        playEmergency(control, emergency(1, 7));
-        playEmergency(control, emergency(2, 8));
-        playEmergency(control, emergency(1, 7));
-        EXPECT_EQ((std::vector<std::string>{"onEmergencyMessage(7)", "onEmergencyMessage(8)",
-                                            "onEmergencyMessage(7)"}),
-                  control.app().calls());
+        // deinit and init forget the key.
         ASSERT_EQ(0, control.engine().deinit());
         ASSERT_EQ(0, control.init());
-        playEmergency(control, emergency(1, 7));
-        EXPECT_EQ(3, control.app().count("onEmergencyMessage(7)"));
-        EXPECT_EQ(1, control.root().countLog(kRepeat));
+        control.app().clear();
+        playEmergency(control, last);
+        EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
+        EXPECT_EQ(drops, control.root().countLog(kRepeat));
     });
 }
 

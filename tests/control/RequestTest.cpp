@@ -47,69 +47,41 @@ TEST(Requests, ModeDecidesWhichRequestsReachTheAgent) {
     });
 }
 
-TEST(Requests, APendingRequestRefusesEveryOtherWithItsNumberBeforeTheModeCheck) {
+// A pending request refuses every other with its number, before the mode check; any
+// completion is passed on and ends whatever request is pending.
+TEST(Requests, APendingRequestRefusesEveryOtherWithItsNumberUntilAnyCompletion) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
-        for (const Request& pending : allRequests()) {
+        const std::vector<Request> requests = allRequests();
+        for (size_t i = 0; i < requests.size(); ++i) {
+            const Request& pending = requests[i];
             control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
             ASSERT_EQ(0, pending.issue(control.engine())) << pending.name;
             // CMMB mode: the MBBMS-only requests are refused for the pending one, not the mode.
             control.engine().setMode(TavoMBBMSEngine::CMMB_MODE);
-            for (const Request& other : allRequests()) {
+            for (const Request& other : requests) {
                 control.agent().clearCalls();
                 EXPECT_EQ(-1, other.issue(control.engine())) << other.name;
                 EXPECT_EQ(std::vector<std::string>{}, control.agent().calls());
-            }
-            for (const Request& other : allRequests()) {
                 EXPECT_EQ(1, control.countLogLine("ERROR", other.name, busyRefusal(pending.number)))
                     << other.name << " while " << pending.name << " is pending";
             }
+            const Request& completing = requests[(i + 3) % requests.size()];
+            const int passedOn = control.app().count(completing.appCompletion);
+            control.fromAgent(completing.complete);
+            EXPECT_EQ(passedOn + 1, control.app().count(completing.appCompletion));
+            control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
+            EXPECT_EQ(0, pending.issue(control.engine())) << pending.name << " did not end";
             control.fromAgent(pending.complete);
         }
-        for (const Request& request : allRequests()) {
+        for (const Request& request : requests) {
             EXPECT_EQ(0, control.countLogLine("ERROR", request.name, kModeRefusal));
         }
     });
 }
 
-TEST(Requests, ACompletionIsPassedOnAndEndsWhateverRequestIsPending) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        control.engine().setMode(TavoMBBMSEngine::MBBMS_MODE);
-        std::vector<Request> requests = allRequests();
-        for (size_t i = 0; i < requests.size(); ++i) {
-            const Request& pending = requests[i];
-            const Request& completing = requests[(i + 3) % requests.size()];
-            ASSERT_EQ(0, pending.issue(control.engine()));
-            int passedOn = control.app().count(completing.appCompletion);
-            control.fromAgent(completing.complete);
-            EXPECT_EQ(passedOn + 1, control.app().count(completing.appCompletion));
-            EXPECT_EQ(0, pending.issue(control.engine())) << pending.name << " did not end";
-            control.fromAgent(pending.complete);
-        }
-    });
-}
-
-TEST(Requests, WithoutApplicationCallbackACompletionEndsTheRequestAndDeinitForgetsIt) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.initWithoutCallback());
-        ASSERT_EQ(0, control.engine().requestInquiryAccount());
-        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
-        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
-        EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
-        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
-
-        // Still pending at deinit: the next init accepts a new request at once.
-        ASSERT_EQ(0, control.engine().deinit());
-        ASSERT_EQ(0, control.init());
-        EXPECT_EQ(0, control.engine().requestInquiryAccount());
-    });
-}
-
-TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletion) {
+TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletionOrDeinit) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
@@ -129,6 +101,16 @@ TEST(Requests, AnAgentRefusalOrCancelLeavesTheRequestPendingUntilItsCompletion) 
         EXPECT_EQ(1, control.app().count("onRequestInitGBA(0)"));
         control.agent().setResult("requestUpdateSG", 17);
         EXPECT_EQ(17, control.engine().requestUpdateSG("bj"));
+
+        // Still pending at deinit: the next init accepts a new request at once. Without an
+        // application callback a completion still ends the request.
+        ASSERT_EQ(0, control.engine().deinit());
+        ASSERT_EQ(0, control.initWithoutCallback());
+        ASSERT_EQ(0, control.engine().requestInquiryAccount());
+        EXPECT_EQ(-1, control.engine().requestSubscribeService(kIds, 1));
+        control.fromAgent([](MBBMSAgentCallback& c) { c.onRequestInquiryAccount(true, "x"); });
+        EXPECT_EQ(1, control.countLogLine("ENGINE", "onRequestInquiryAccount", "done=1"));
+        EXPECT_EQ(0, control.engine().requestSubscribeService(kIds, 1));
     });
 }
 

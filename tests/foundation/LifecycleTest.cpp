@@ -102,7 +102,10 @@ TEST(AgentLoading, WithoutALibraryOrItsCreateAgentEveryAgentOperationFails) {
     }
 }
 
-TEST(Init, BringsTheAgentUpInOrderInTheDefaultOrGivenDirectoryAndDeinitTakesItDownOnce) {
+// The agent is brought up in order and shut down after the session manager is gone, with the
+// module queried once at init and once more before the shutdown; a second init keeps the
+// first callback.
+TEST(Init, BringsTheAgentUpAndDeinitTakesItDownOnceAfterTheSessionManager) {
     EXPECT_IN_CHILD({
         EngineRig rig;
         TavoMBBMSEngine& engine = rig.engine();
@@ -115,31 +118,55 @@ TEST(Init, BringsTheAgentUpInOrderInTheDefaultOrGivenDirectoryAndDeinitTakesItDo
         EXPECT_EQ("preInitStep2()", calls[1]);
         EXPECT_EQ("init(callback, " + defaultDir + ", " + defaultDir + ")", calls[2]);
         EXPECT_TRUE(isDirectory(defaultDir));
-        EXPECT_EQ(1, rig.agent().countCalls("getModuleInfo")) << "init asks for the module once";
-        EXPECT_EQ(2, openSharedRegions());
-        EXPECT_EQ(0, engine.deinit());
-        EXPECT_EQ(0, openSharedRegions());
-        EXPECT_EQ(0, engine.deinit()) << "a second deinit";
+        EXPECT_EQ(1, rig.agent().countCalls("getModuleInfo"));
 
-        // A given directory is created; an existing path of any kind is accepted.
+        int managerGoneLinesAtAgentDeinit = -1;
+        rig.agent().setCallHook([&](const std::string& operation) {
+            if (operation == "deinit")
+                managerGoneLinesAtAgentDeinit =
+                    rig.root().countLog("SessionManager::~SessionManager()");
+        });
+        EXPECT_EQ(0, engine.deinit());
+        rig.agent().setCallHook(nullptr);
+        EXPECT_EQ(1, managerGoneLinesAtAgentDeinit);
+        calls = rig.agent().calls();
+        EXPECT_EQ(2, rig.agent().countCalls("getModuleInfo"));
+        EXPECT_EQ("getModuleInfo()", calls[calls.size() - 2]);
+        EXPECT_EQ("deinit()", calls.back());
+        EXPECT_EQ(0, engine.deinit()) << "a second deinit";
+        EXPECT_EQ(1, rig.agent().countCalls("deinit"));
+
+        RecordingCallback second;
+        ASSERT_EQ(0, rig.init());
+        EXPECT_EQ(0, engine.init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
+        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
+        EXPECT_EQ(0, second.count("onScanFinished"));
+        EXPECT_EQ(0, engine.deinit());
+        ASSERT_EQ(0, engine.init(&second, nullptr));
+        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(false); });
+        EXPECT_EQ(1, second.count("onScanFinished(0)"));
+        EXPECT_EQ(0, engine.deinit());
+    });
+}
+
+// A given directory is created, an existing path of any kind is accepted; one that cannot be
+// created or is longer than 127 characters is refused, and only with a callback is that also
+// an event.
+TEST(Init, FailsOnlyForAWorkDirectoryItCannotUseOrAnAgentResultOfMinusOne) {
+    EXPECT_IN_CHILD({
+        EngineRig rig;
+        TavoMBBMSEngine& engine = rig.engine();
         const std::string dir = rig.root().resolve("/work");
         ASSERT_EQ(0, engine.init(nullptr, dir.c_str()));
         EXPECT_TRUE(isDirectory(dir));
         EXPECT_EQ(1, rig.agent().countCalls("init(callback, " + dir + ", " + dir + ")"));
         EXPECT_EQ(0, engine.deinit());
-        uncreatableDir(rig.root());
+
+        const std::string impossible = uncreatableDir(rig.root());
         EXPECT_EQ(0, engine.init(nullptr, rig.root().resolve("/plainfile").c_str()));
         EXPECT_EQ(0, engine.deinit());
-    });
-}
-
-TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
-        TavoMBBMSEngine& engine = rig.engine();
-        const std::string impossible = uncreatableDir(rig.root());
         EXPECT_EQ(-1, engine.init(nullptr, impossible.c_str()));
-        // Only with a callback is the failure also an event.
         EXPECT_EQ(-1, engine.init(&rig.app(), impossible.c_str()));
         EXPECT_EQ(std::vector<std::string>{"onEvent(140, 0)"}, rig.app().calls());
         EXPECT_EQ(0, openSharedRegions());
@@ -153,62 +180,18 @@ TEST(Init, RefusesADirectoryItCannotCreateOrLongerThan127Characters) {
         EXPECT_EQ(0, engine.init(nullptr, fits.c_str()));
         EXPECT_TRUE(isDirectory(fits));
         EXPECT_EQ(0, engine.deinit());
-    });
-}
 
-TEST(Init, AgentInitResultMinusOneFailsAndAnyOtherValueSucceeds) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
+        // Of the agent's init results only -1 fails; the retry starts from scratch: one set
+        // of buffers, one server.
         rig.agent().setResult("init", -1);
         EXPECT_EQ(-1, rig.initWithoutCallback());
         EXPECT_EQ(0, openSharedRegions()) << "a failed init keeps its shared buffers";
-
-        // The retry starts from scratch: one set of buffers, one server.
         for (int result : {7, -2}) {
             rig.agent().setResult("init", result);
             EXPECT_EQ(0, rig.initWithoutCallback()) << result;
             EXPECT_EQ(2, openSharedRegions());
             EXPECT_EQ(0, rig.engine().deinit());
         }
-    });
-}
-
-TEST(Init, SecondInitKeepsTheFirstCallbackUntilDeinit) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
-        RecordingCallback second;
-        ASSERT_EQ(0, rig.init());
-        EXPECT_EQ(0, rig.engine().init(&second, nullptr));
-        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(true); });
-        EXPECT_EQ(1, rig.app().count("onScanFinished(1)"));
-        EXPECT_EQ(0, second.count("onScanFinished"));
-        EXPECT_EQ(0, rig.engine().deinit());
-
-        ASSERT_EQ(0, rig.engine().init(&second, nullptr));
-        rig.fromAgent([](MBBMSAgentCallback& callback) { callback.onScanFinished(false); });
-        EXPECT_EQ(1, second.count("onScanFinished(0)"));
-        EXPECT_EQ(0, rig.engine().deinit());
-    });
-}
-
-TEST(Deinit, ShutsTheAgentDownAfterTheSessionManagerIsGone) {
-    EXPECT_IN_CHILD({
-        EngineRig rig;
-        ASSERT_EQ(0, rig.initWithoutCallback());
-        int managerGoneLinesAtAgentDeinit = -1;
-        rig.agent().setCallHook([&](const std::string& operation) {
-            if (operation == "deinit")
-                managerGoneLinesAtAgentDeinit =
-                    rig.root().countLog("SessionManager::~SessionManager()");
-        });
-        EXPECT_EQ(0, rig.engine().deinit());
-        rig.agent().setCallHook(nullptr);
-        EXPECT_EQ(1, managerGoneLinesAtAgentDeinit);
-        std::vector<std::string> calls = rig.agent().calls();
-        // The module is queried once more before the agent is shut down.
-        ASSERT_GE(calls.size(), 2u);
-        EXPECT_EQ("getModuleInfo()", calls[calls.size() - 2]);
-        EXPECT_EQ("deinit()", calls.back());
     });
 }
 

@@ -9,11 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "AacIngestion.h"
 #include "CmmbFrameCopy.h"
 #include "CmmbRecorder.h"
 #include "Env.h"
 #include "LogMask.h"
+#include "MBBMSAgent.h"
 #include "MBBMSRecManager.h"
+#include "NalIngestion.h"
 #include "OpenDescriptors.h"
 #include "RecordingRig.h"
 #include "TestRoot.h"
@@ -22,40 +25,32 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// A shared buffer as the frame hand-off leaves it: NAL units without start code, AAC frames
-// behind a 7-byte ADTS header, appended in call order.
+// A shared buffer filled by the ingestion of the frame hand-off: NAL units without their start
+// code, AAC frames behind an ADTS header, appended in call order.
 class SharedBufferImage {
 public:
     SharedBufferImage() : mBuffer(new CmmbSharedBuffer()) {
-        memset(mBuffer.get(), 0, sizeof(CmmbSharedBuffer));
         for (CmmbNalRecord& record : mBuffer->nal)
             record.pos = CMMB_NAL_POS_NONE_OPEN;
     }
     SharedBufferImage& nal(uint32_t tsBase, uint32_t tsRelative, const Bytes& unit) {
-        CmmbSharedBuffer& b = *mBuffer;
-        b.nal[b.nalCount++] = {tsBase, tsRelative, static_cast<uint32_t>(unit.size()), b.dataLength,
-                               CMMB_NAL_POS_NONE_OPEN};
-        memcpy(b.data + b.dataLength, unit.data(), unit.size());
-        b.dataLength += unit.size();
+        Bytes annexB = {0, 0, 0, 1};
+        annexB.insert(annexB.end(), unit.begin(), unit.end());
+        EXPECT_TRUE(appendNalFragment(mBuffer.get(), mState, 0, tsBase, tsRelative, annexB.data(),
+                                      static_cast<unsigned short>(annexB.size()),
+                                      MBBMSAgent::NAL_FRAGMENT_COMPLETE, "test"));
         return *this;
     }
     SharedBufferImage& aac(uint32_t tsBase, uint32_t tsRelative, const Bytes& raw) {
-        CmmbSharedBuffer& b = *mBuffer;
-        const uint32_t length = raw.size() + CMMB_ADTS_HEADER_SIZE;
-        b.aac[b.aacCount++] = {tsBase, tsRelative, length, b.dataLength};
-        const uint8_t header[CMMB_ADTS_HEADER_SIZE] = {0xFF, 0xF9, 0x58, 0x80, 0, 0x1F, 0xFC};
-        memcpy(b.data + b.dataLength, header, sizeof(header));
-        b.data[b.dataLength + 4] = static_cast<uint8_t>(length >> 3);  // the frame length
-        b.data[b.dataLength + 5] |= static_cast<uint8_t>((length & 7) << 5);
-        memcpy(b.data + b.dataLength + sizeof(header), raw.data(), raw.size());
-        b.dataLength += length;
+        EXPECT_TRUE(appendAacFrame(mBuffer.get(), mState, 0, tsBase, tsRelative, raw.data(),
+                                   static_cast<unsigned short>(raw.size()), "test"));
         return *this;
     }
-    CmmbSharedBuffer& buffer() { return *mBuffer; }
     unsigned char* bytes() { return reinterpret_cast<unsigned char*>(mBuffer.get()); }
 
 private:
     std::unique_ptr<CmmbSharedBuffer> mBuffer;
+    BufferWriteState mState;
 };
 
 struct CapturedSample {
@@ -142,18 +137,30 @@ protected:
     std::unique_ptr<unsigned char[]> copy{new unsigned char[CMMB_FRAME_COPY_MAX_SIZE]};
 };
 
-TEST_F(RecManager, SpsPpsAndIdrInOneRecordStartTheRecordingAndOlderAudioIsSkipped) {
+// Engine recordings get one NAL unit per record; a record may also hold several units.
+TEST_F(RecManager, UnitsOfARecordFromTheFirstSpsOnMakeSamplesAndOlderAudioIsSkipped) {
+    SharedBufferImage early;
+    early.nal(1000, 0, idr).nal(1000, 900, pps).nal(1000, 1800, slice).aac(1000, 0, Bytes(30, 1));
+    ASSERT_EQ(0, record(early));
+    EXPECT_TRUE(recorder.samples.empty());
+
+    // The SEI is left out, and so are the SPS and PPS repeated in front of the slices, which
+    // make one sample; 00 00 01 as the last bytes is not a start code.
+    const Bytes tail = {0x21, 0, 0, 1};
     SharedBufferImage frame;
-    frame.nal(90000, 1800, joined({sps, pps, idr}));
+    frame.nal(90000, 1800, joined({sps, pps, nalUnit(0x06, 8, 3), idr}));
+    frame.nal(90000, 2700, joined({sps, pps, slice, tail}));
     frame.aac(90000, 1000, Bytes(20, 1));  // before the SPS: skipped
     frame.aac(91000, 800, Bytes(21, 2));   // at the SPS: timestamp 0
     frame.aac(91800, 960, Bytes(22, 3));
     ASSERT_EQ(0, record(frame));
-    ASSERT_EQ(5u, recorder.samples.size());
-    const Bytes expected[] = {sps, pps, idr, Bytes(21, 2), Bytes(22, 3)};
-    const int64_t timestamps[] = {0, 0, 0, 0, 960};
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(i < 3 ? "video/avc" : "audio/mp4a-latm", recorder.samples[i].mime) << i;
+    Bytes slices = slice;
+    slices.insert(slices.end(), tail.begin(), tail.end());
+    const Bytes expected[] = {sps, pps, idr, slices, Bytes(21, 2), Bytes(22, 3)};
+    const int64_t timestamps[] = {0, 0, 0, 900, 0, 960};
+    ASSERT_EQ(6u, recorder.samples.size());
+    for (size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(i < 4 ? "video/avc" : "audio/mp4a-latm", recorder.samples[i].mime) << i;
         EXPECT_EQ(expected[i], recorder.samples[i].bytes) << i;  // audio without its header
         if (i >= 2) {                                            // the samples proper
             EXPECT_EQ(timestamps[i], recorder.samples[i].timestamp) << i;
@@ -164,27 +171,6 @@ TEST_F(RecManager, SpsPpsAndIdrInOneRecordStartTheRecordingAndOlderAudioIsSkippe
     EXPECT_EQ(91800u, recorder.mBaseTimestamp);
     recorder.UnlockRecorder();
     EXPECT_EQ(0, recorder.lockDepth);
-}
-
-TEST_F(RecManager, NothingIsRecordedBeforeTheFirstSpsAndTheSlicesOfOneRecordMakeOneSample) {
-    SharedBufferImage early;
-    early.nal(1000, 0, idr).nal(1000, 900, pps).nal(1000, 1800, slice).aac(1000, 0, Bytes(30, 1));
-    ASSERT_EQ(0, record(early));
-    EXPECT_TRUE(recorder.samples.empty());
-
-    SharedBufferImage next;
-    next.nal(23500, 0, sps).nal(23500, 0, pps).nal(23500, 0, joined({nalUnit(0x06, 8, 3), idr}));
-    // Slices of one record make one sample; 00 00 01 as the last bytes is not a start code.
-    const Bytes tail = {0x21, 0, 0, 1};
-    next.nal(23500, 900, joined({sps, pps, slice, tail}));
-    ASSERT_EQ(0, record(next));
-    ASSERT_EQ(4u, recorder.samples.size());
-    EXPECT_EQ(idr, recorder.samples[2].bytes);  // the SEI in front of it is left out
-    Bytes slices = slice;                       // the repeated SPS and PPS are left out
-    slices.insert(slices.end(), tail.begin(), tail.end());
-    EXPECT_EQ(slices, recorder.samples[3].bytes);
-    EXPECT_EQ(900, recorder.samples[3].timestamp);
-    EXPECT_FALSE(recorder.samples[3].isSyncFrame);
 }
 
 TEST_F(RecManager, AfterResumeNothingIsRecordedUntilAnIdrAndOlderAudioIsDropped) {

@@ -15,6 +15,8 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "FaultInjectingEnv.h"
@@ -35,17 +37,7 @@ void inServiceChild(const std::function<void(FaultInjectingEnv&, RecordingRig&, 
     });
 }
 
-// Records session 0 into `name` for a second, then plays one with less than 1 MiB free,
-// which ends the recording (storage full).
-void recordUntilStorageFull(RecordingRig& rig, FaultInjectingEnv& env, ClipFeed& feed,
-                            const char* name) {
-    ASSERT_EQ(0, rig.startRecording(name));
-    rig.playSeconds(feed, 1);
-    env.setFreeBytes(kMiB - 1);
-    rig.play(feed.nextSecond());
-}
-
-TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingStarts) {
+TEST(RecordingControl, SessionsFreeSpaceTheFirstWriteAndTheCompletionThreadDecideStartAndEnd) {
     inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
         const int fd = rig.createOutput("out.3gp");
         for (int session : {-1, 2, 10}) {
@@ -56,35 +48,32 @@ TEST(RecordingControl, SessionsFreeSpaceAndTheFirstWriteDecideWhetherARecordingS
         EXPECT_EQ(0, rig.engine().stopRecording(1));           // nothing to stop
         EXPECT_EQ(-1, rig.engine().startRecording(0, 12345));  // not a descriptor
 
-        env.setFreeBytes(kMiB - 1);
-        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));  // no recorder was created
+        // The thread that completes recordings ended in the frame path is started by the
+        // first start, so that fault comes first. Each refusal leaves the file untouched.
+        const std::pair<const char*, std::function<void()>> refusals[] = {
+            {"no completion thread",
+             [&] { env.failNth(FaultInjectingEnv::START_THREAD, 1, EAGAIN); }},
+            {"below 1 MiB free", [&] { env.setFreeBytes(kMiB - 1); }},
+            {"first write fails", [&] { env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC); }}};
+        for (const auto& refusal : refusals) {
+            refusal.second();
+            EXPECT_EQ(-1, rig.engine().startRecording(0, fd)) << refusal.first;
+            EXPECT_FALSE(rig.engine().isRecording(0)) << refusal.first;
+            EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp"))) << refusal.first;
+            env.clearFaults();
+            env.setFreeBytes(-1);
+        }
+
+        // Exactly 1 MiB is enough; this start also starts the completion thread.
         env.setFreeBytes(kMiB);
         EXPECT_EQ(0, rig.engine().startRecording(0, fd));
         EXPECT_TRUE(rig.engine().isRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(1));
         close(fd);  // the recorder works on its own duplicate
-        env.setFreeBytes(-1);
 
-        rig.playSeconds(feed, 2);
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        expectPlayableRecording(rig.outputPath("out.3gp"));
-
-        // The file's first bytes cannot be written: refused at once.
-        env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC);
-        EXPECT_EQ(-1, rig.startRecording("refused.3gp"));
-        EXPECT_FALSE(rig.engine().isRecording(0));
-    });
-}
-
-TEST(RecordingControl, BelowFourteenMiBTheIndexEstimateDecidesWhenStorageIsFull) {
-    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
-        ASSERT_EQ(0, rig.startRecording("out.3gp"));
+        // On every frame: from 14 MiB free on the index estimate is not consulted.
         const char* estimateWarning = "required minimal space=";
-
-        env.setFreeBytes(14 * kMiB);  // not consulted
+        env.setFreeBytes(14 * kMiB);
         rig.playSeconds(feed, 2);
         EXPECT_EQ(0, rig.root().countLog(estimateWarning));
         // Below it the estimate (a few KiB, so 0 MiB) is compared in whole MiB.
@@ -144,7 +133,10 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         ASSERT_EQ(0, rig.engine().init(&app, nullptr));
         rig.startService();
         ClipFeed feed;
-        recordUntilStorageFull(rig, env, feed, "first.3gp");
+        ASSERT_EQ(0, rig.startRecording("first.3gp"));
+        rig.playSeconds(feed, 1);
+        env.setFreeBytes(kMiB - 1);
+        rig.play(feed.nextSecond());  // storage full
         {
             std::unique_lock<std::mutex> hold(lock);
             ASSERT_TRUE(
@@ -166,28 +158,10 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
         }
         ASSERT_TRUE(app.waitFor("onEvent(152, 0)", 2));
         EXPECT_EQ(0, stopResult);
+        EXPECT_EQ(std::vector<std::string>(2, "tavo-complete"), app.threadNames());
         EXPECT_EQ(0, rig.engine().stopRecording(0));
         expectPlayableRecording(rig.outputPath("first.3gp"));
         expectPlayableRecording(rig.outputPath("second.3gp"));
-    });
-}
-
-// The thread that completes recordings ended in the frame path is started by the first
-// startRecording: when it cannot be started, no recording starts.
-TEST(RecordingControl, NoRecordingStartsWithoutItsCompletionThread) {
-    inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
-        env.failNth(FaultInjectingEnv::START_THREAD, 1, EAGAIN);
-        EXPECT_EQ(-1, rig.startRecording("out.3gp"));
-        EXPECT_FALSE(rig.engine().isRecording(0));
-        EXPECT_EQ(1, rig.root().countLog(
-                         "cannot start the recording completion thread: Resource temporarily "
-                         "unavailable"));
-        EXPECT_EQ(0, fileSize(rig.outputPath("out.3gp")));
-
-        recordUntilStorageFull(rig, env, feed, "out.3gp");  // the next start tries again
-        ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
-        env.setFreeBytes(-1);
-        expectPlayableRecording(rig.outputPath("out.3gp"));
     });
 }
 

@@ -14,7 +14,7 @@
 
 namespace {
 
-TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
+TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTakenAndChildrenDoNotInheritIt) {
     EXPECT_IN_CHILD({
         RecordingRig rig;
         rig.startService();
@@ -29,17 +29,12 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         close(fd);
         EXPECT_EQ(0, fileSize(appended));
 
-        // Positioned past the start.
-        fd = rig.createOutput("offset.3gp");
-        ASSERT_EQ(10, write(fd, "0123456789", 10));
-        EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
-        close(fd);
-        EXPECT_EQ(10, fileSize(rig.outputPath("offset.3gp")));
-
         // The descriptor of a finished recording shares its offset, now at the file's end:
         // handed in again, it is refused and the finished file stays as it was.
+        // Opened without close-on-exec, as an application may.
         const std::string path = rig.outputPath("first.3gp");
-        fd = rig.createOutput("first.3gp");
+        fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
         ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         rig.playSeconds(feed, 2);
         ASSERT_EQ(0, rig.engine().stopRecording(0));
@@ -51,33 +46,15 @@ TEST(RecordingDescriptor, OnlyADescriptorWritableFromByteZeroIsTaken) {
         EXPECT_EQ(finished, fileSize(path));
         expectPlayableRecording(path);
 
-        // Rewound, the same descriptor is taken again.
+        // Rewound, the same descriptor is taken again; the engine keeps duplicates of it
+        // (the recorder's and the writer's), which a program started meanwhile does not
+        // inherit, while a descriptor without close-on-exec shows in its list.
         ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
         ASSERT_EQ(0, ftruncate(fd, 0));
         ASSERT_EQ(0, rig.engine().startRecording(0, fd));
         close(fd);
-        rig.playSeconds(feed, 2);
-        ASSERT_EQ(0, rig.engine().stopRecording(0));
-        expectPlayableRecording(path);
-    });
-}
-
-TEST(RecordingDescriptor, AProgramStartedDuringARecordingDoesNotHoldItsFile) {
-    EXPECT_IN_CHILD({
-        RecordingRig rig;
-        rig.startService();
-        ClipFeed feed;
-        // Opened without close-on-exec, as an application may; the engine keeps duplicates.
-        const std::string path = rig.outputPath("held.3gp");
-        const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-        close(fd);
         rig.playSeconds(feed, 1);
-        // The recorder's duplicate and the writer's.
-        EXPECT_EQ(2, openDescriptors("held.3gp"));
-
-        // A descriptor without close-on-exec shows in the child's list; the recording's don't.
+        EXPECT_EQ(2, openDescriptors("first.3gp"));
         const int witness =
             open(rig.outputPath("witness.txt").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
         ASSERT_GE(witness, 0);
@@ -85,11 +62,11 @@ TEST(RecordingDescriptor, AProgramStartedDuringARecordingDoesNotHoldItsFile) {
         ASSERT_EQ(0, runCommand("ls -l /proc/self/fd/", &listing));
         close(witness);
         EXPECT_NE(std::string::npos, listing.find("witness.txt")) << listing;
-        EXPECT_EQ(std::string::npos, listing.find("held.3gp")) << listing;
+        EXPECT_EQ(std::string::npos, listing.find("first.3gp")) << listing;
 
         rig.playSeconds(feed, 1);
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        EXPECT_EQ(0, openDescriptors("held.3gp"));
+        ASSERT_EQ(0, rig.engine().stopRecording(0));
+        EXPECT_EQ(0, openDescriptors("first.3gp"));
         expectPlayableRecording(path);
     });
 }

@@ -23,7 +23,6 @@
 
 namespace {
 
-const long long kMiB = 1 << 20;
 const auto kBound = std::chrono::seconds(10);
 
 // Runs `work` on a thread of its own. One that has not returned within the bound is a
@@ -79,46 +78,6 @@ TEST(RecordingEvents, NoSdcardComesAfterTheFrameAndItsHandlerMayStopServiceAndRe
         expectPlayableRecording(rig.outputPath("out.3gp"));
         // Waits until the completion thread is done with the application's callback.
         EXPECT_EQ(0, rig.engine().stopRecording(0));
-    });
-}
-
-// A handler that stops every recording when both sessions end in one frame (storage full).
-TEST(RecordingEvents, AHandlerMayStopEveryRecordingFromAStorageEvent) {
-    EXPECT_IN_CHILD({
-        FaultInjectingEnv env;
-        RecordingRig rig;
-        std::mutex lock;
-        std::vector<int> stopResults;
-        ActOnEvent app([&](EventType type, int, const std::function<void()>& record) {
-            if (isRecordingEvent(type)) {
-                const int first = rig.engine().stopRecording(0);
-                const int second = rig.engine().stopRecording(1);
-                std::lock_guard<std::mutex> guard(lock);
-                stopResults.push_back(first);
-                stopResults.push_back(second);
-            }
-            record();
-        });
-        ASSERT_EQ(0, rig.engine().init(&app, nullptr));
-        rig.startService(/*bothSessions=*/true);
-        ClipFeed feed;
-        ASSERT_EQ(0, rig.startRecording("full0.3gp", 0));
-        ASSERT_EQ(0, rig.startRecording("full1.3gp", 1));
-        rig.playSeconds(feed, 2);
-        env.setFreeBytes(kMiB - 1);
-        expectReturns("the frame that fills the storage", [&] { rig.play(feed.nextSecond()); });
-        env.setFreeBytes(-1);
-        ASSERT_TRUE(app.waitFor("onEvent(152, 0)"));
-        ASSERT_TRUE(app.waitFor("onEvent(152, 1)"));
-        expectReturns("the frames after it", [&] { rig.playSeconds(feed, 1); });
-        expectPlayableRecording(rig.outputPath("full0.3gp"));
-        expectPlayableRecording(rig.outputPath("full1.3gp"));
-        // These wait until the completion thread is done with the application's callback.
-        EXPECT_EQ(0, rig.engine().stopRecording(0));
-        EXPECT_EQ(0, rig.engine().stopRecording(1));
-        std::lock_guard<std::mutex> guard(lock);
-        EXPECT_EQ(std::vector<int>(4, 0), stopResults);
-        EXPECT_EQ(2u, app.threadNames().size());
     });
 }
 
