@@ -4,13 +4,12 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
+#include "Deadline.h"
 #include "PlayEngineWire.h"
 
 namespace {
@@ -25,12 +24,6 @@ bool fillAddress(const std::string& path, sockaddr_un* address, socklen_t* lengt
     return true;
 }
 
-int64_t monotonicMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Waits until `fd` is readable or `timeoutMs` (negative: no limit) has passed on the
 // monotonic clock; a signal does not cut the wait short. poll's result.
 int pollRestarting(int fd, int timeoutMs) {
@@ -40,10 +33,8 @@ int pollRestarting(int fd, int timeoutMs) {
         const int ready = poll(&entry, 1, timeoutMs);
         if (ready >= 0 || errno != EINTR)
             return ready;
-        if (timeoutMs > 0) {
-            const int64_t left = deadline - monotonicMs();
-            timeoutMs = left > 0 ? static_cast<int>(left) : 0;
-        }
+        if (timeoutMs > 0)
+            timeoutMs = remainingMs(deadline);
     }
 }
 

@@ -2,7 +2,6 @@
 #include "TavoPlayEngine.h"
 
 #include <errno.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <new>
 #include <string>
 
+#include "Deadline.h"
 #include "PlayEngineSocket.h"
 #include "SharedRegion.h"
 
@@ -27,17 +27,6 @@ struct tavo_pe {
 namespace {
 
 const size_t kMaxSocketPath = 107;  // sun_path less its terminating zero
-
-int64_t nowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-int remainingMs(int64_t deadline) {
-    int64_t left = deadline - nowMs();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
 
 int sessionOf(const PlayEngineCommandMessage& message) {
     return message.session >= '0' && message.session <= '9' ? message.session - '0' : -1;
@@ -162,7 +151,7 @@ int tavo_pe_connect(tavo_pe* pe, int timeout_ms) {
     if (!pe->socket.connect())
         return errno == ENOENT || errno == ECONNREFUSED ? TAVO_PE_REFUSED : TAVO_PE_SYSTEM;
 
-    const int64_t deadline = nowMs() + timeout_ms;
+    const int64_t deadline = monotonicMs() + timeout_ms;
     unsigned mapped = 0;
     while (mapped != (1u << CMMB_SHARED_BUFFER_COUNT) - 1) {
         PlayEngineCommandMessage message;
@@ -238,7 +227,7 @@ int tavo_pe_wait_frame(tavo_pe* pe, int session, int timeout_ms, tavo_pe_frame* 
     CmmbSharedBuffer* shared = pe->regions[session].buffer();
     if (shared == nullptr)
         return TAVO_PE_CLOSED;
-    const int64_t deadline = nowMs() + timeout_ms;
+    const int64_t deadline = monotonicMs() + timeout_ms;
     int status = waitUntil(&shared->mutexDataAvailable, deadline);
     if (status != TAVO_PE_OK)
         return status;
