@@ -145,19 +145,22 @@ bool SharedBufferSet::lock(int session) {
 }
 
 void SharedBufferSet::unlock(int session) {
-    Ownership& ownership = mOwnership[session];
-    MutexLock guard(ownership.mutex);
-    ownership.engineHolds = false;
-    cmmb_sem_post(&mRegions[session].address()->mutexDataAccessable);
-    mOwnership[session].mutexDataAccessable.given();
+    giveLockBack(session, false);
 }
 
 void SharedBufferSet::unlockAnnouncingFrame(int session) {
+    giveLockBack(session, true);
+}
+
+void SharedBufferSet::giveLockBack(int session, bool announceFrame) {
     Ownership& ownership = mOwnership[session];
     MutexLock guard(ownership.mutex);
     ownership.engineHolds = false;
     CmmbSharedBuffer* shared = mRegions[session].address();
-    postSemaphorePair(&shared->mutexDataAccessable, &shared->mutexDataAvailable);
+    if (announceFrame)
+        postSemaphorePair(&shared->mutexDataAccessable, &shared->mutexDataAvailable);
+    else
+        cmmb_sem_post(&shared->mutexDataAccessable);
     mOwnership[session].mutexDataAccessable.given();
 }
 

@@ -121,6 +121,10 @@ public:
     }
 
 private:
+    // unlock() and unlockAnnouncingFrame(): with `announceFrame`, mutexDataAvailable is posted
+    // together with the lock.
+    void giveLockBack(int session, bool announceFrame)
+        RELEASE(mOwnership[session].mutexDataAccessable);
     // The session manager names the buffer lock in its lock order.
     friend class SessionManager;
 
