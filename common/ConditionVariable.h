@@ -36,7 +36,6 @@ public:
         return notified;
     }
 
-    void notifyOne() { mCondition.notify_one(); }
     void notifyAll() { mCondition.notify_all(); }
 
 private:

@@ -110,7 +110,6 @@ public:
     int32_t currentOffset() const { return mOffset; }
     // Whether chunks get repair records (RepairRecord.h); from the system property
     // kRepairRecordsProperty at construction, on unless it says "0", "false" or "off".
-    bool writesRepairRecords() const { return mRepairRecords; }
     void setRepairRecords(bool enabled) { mRepairRecords = enabled; }
     static const char kRepairRecordsProperty[];
     // errno of the first failed write of this file, 0 when none.

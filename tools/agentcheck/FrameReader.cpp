@@ -63,10 +63,8 @@ void FrameReader::run() {
 void FrameReader::answer(const tavo_pe_command& command) {
     // The passed descriptor is this reader's: nothing is written into it, it is closed here.
     const UniqueFd passed(command.fd);
-    if (command.kind == TAVO_PE_CMD_CAPTURE) {
+    if (command.kind == TAVO_PE_CMD_CAPTURE)
         tavo_pe_send_indication(mPlayEngine.get(), IMAGE_CAPTURE_FAIL);
-        mCaptures.fetch_add(1);
-    }
 }
 
 void FrameReader::fetchFrame(int session) {

@@ -27,7 +27,6 @@ public:
     bool start(std::string* error);
     bool hasBuffers() const { return mBuffersMapped.load(); }
     long framesFetched(int session) const { return mFetched[session].load(); }
-    long capturesAnswered() const { return mCaptures.load(); }
 
 private:
     void run();
@@ -42,7 +41,6 @@ private:
     const std::unique_ptr<tavo_pe, PlayEngineRelease> mPlayEngine;
     std::atomic<bool> mBuffersMapped{false};
     std::atomic<long> mFetched[CMMB_SHARED_BUFFER_COUNT];
-    std::atomic<long> mCaptures{0};
     std::atomic<bool> mStop{false};
     std::thread mThread;
 };
