@@ -11,6 +11,7 @@
 
 #include "AndroidLog.h"
 #include "LogSink.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -67,10 +68,9 @@ void emitLine(int prio, const char* tag, const char* message) {
     // One write per line (O_APPEND) so that lines of different threads never interleave.
     const char* path = getenv("TAVO_LOG_FILE");
     if (path != nullptr && path[0] != '\0') {
-        int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd >= 0) {
-            writeAll(fd, line, length);
-            ::close(fd);
+        const UniqueFd fd(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+        if (fd.valid()) {
+            writeAll(fd.get(), line, length);
             return;
         }
     }

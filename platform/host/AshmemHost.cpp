@@ -9,17 +9,15 @@
 #include <unistd.h>
 
 #include "Ashmem.h"
+#include "UniqueHandle.h"
 
 int ashmem_create_region(const char* name, size_t size) {
-    int fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (fd < 0)
-        return -1;
-    if (ftruncate(fd, static_cast<off_t>(size)) != 0 ||
-        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
-        close(fd);
+    UniqueFd fd(memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(size)) != 0 ||
+        fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0) {
         return -1;
     }
-    return fd;
+    return fd.release();
 }
 
 int ashmem_set_prot_region(int fd, int prot) {
