@@ -24,6 +24,7 @@
 #include "CmmbSharedSemaphore.h"
 #include "EngineDataPath.h"
 #include "SharedSemaphorePair.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -112,6 +113,7 @@ double semaphorePostMicros(int frames) {
     void* page = mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED)
         return -1;
+    const UniqueMapping mapping(Mapping{page, pageSize});
     CmmbSharedSemaphore* sems = static_cast<CmmbSharedSemaphore*>(page);
     for (int i = 0; i < 4; ++i)
         cmmb_sem_init(&sems[i], 0);
@@ -122,9 +124,7 @@ double semaphorePostMicros(int frames) {
         for (int i = 0; i < 4; ++i)
             cmmb_sem_trywait(&sems[i]);
     }
-    const double micros = (bench::threadCpuSeconds() - begin) * 1e6 / frames;
-    munmap(page, pageSize);
-    return micros;
+    return (bench::threadCpuSeconds() - begin) * 1e6 / frames;
 }
 
 }  // namespace

@@ -26,6 +26,7 @@
 #include "BenchRow.h"
 #include "EngineDataPath.h"
 #include "TavoPlayEngine.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -54,11 +55,10 @@ public:
         mBytes = sizeof(Layout) + sizeof(int64_t) * static_cast<size_t>(rounds);
         void* memory =
             mmap(nullptr, mBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        mLayout = memory == MAP_FAILED ? nullptr : new (memory) Layout();
-    }
-    ~SharedRounds() {
-        if (mLayout != nullptr)
-            munmap(mLayout, mBytes);
+        if (memory != MAP_FAILED) {
+            mMapping.reset(Mapping{memory, mBytes});
+            mLayout = new (memory) Layout();
+        }
     }
     SharedRounds(const SharedRounds&) = delete;
     SharedRounds& operator=(const SharedRounds&) = delete;
@@ -77,6 +77,7 @@ private:
     };
     int mRounds;
     size_t mBytes = 0;
+    UniqueMapping mMapping;
     Layout* mLayout = nullptr;
 };
 
@@ -103,9 +104,10 @@ int reap(pid_t pid) {
 // tavo_pe_wait_frame; it acknowledges each frame over a pipe once it has released it, and
 // once before the first round, when it is connected.
 bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<double>* micros) {
-    int ack[2];
-    if (pipe(ack) != 0)
+    int ends[2];
+    if (pipe(ends) != 0)
         return false;
+    UniqueFd ackRead(ends[0]), ackWrite(ends[1]);
     int64_t* wakeTimes = shared.wakeTimes();
     const int rounds = shared.rounds();
     const std::string serverPath = bench.serverPath();
@@ -113,12 +115,12 @@ bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<doub
     pid_t reader;
     inChild(
         [&] {
-            close(ack[0]);
+            ackRead.reset();
             tavo_pe* pe = tavo_pe_create(serverPath.c_str(), ownPath.c_str());
             if (pe == nullptr || tavo_pe_connect(pe, 20000) != TAVO_PE_OK)
                 _exit(1);
             char byte = 1;
-            if (write(ack[1], &byte, 1) != 1)
+            if (write(ackWrite.get(), &byte, 1) != 1)
                 _exit(1);
             for (int i = 0; i < rounds; ++i) {
                 tavo_pe_frame frame;
@@ -126,18 +128,18 @@ bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<doub
                     _exit(1);
                 wakeTimes[i] = monotonicNanos();
                 tavo_pe_release_frame(pe, &frame);
-                if (write(ack[1], &byte, 1) != 1)
+                if (write(ackWrite.get(), &byte, 1) != 1)
                     _exit(1);
             }
             tavo_pe_destroy(pe);
         },
         &reader);
-    close(ack[1]);
+    ackWrite.reset();
     if (reader < 0)
         return false;
     char connected;
-    if (read(ack[0], &connected, 1) != 1) {
-        close(ack[0]);
+    if (read(ackRead.get(), &connected, 1) != 1) {
+        ackRead.reset();
         reap(reader);
         return false;
     }
@@ -156,9 +158,9 @@ bool measureEngine(EngineDataPath& bench, SharedRounds& shared, std::vector<doub
         sent[static_cast<size_t>(i)] = monotonicNanos();
         agentSide->onOutputAVEnd(kChannel, false);
         char byte;
-        ok = read(ack[0], &byte, 1) == 1;
+        ok = read(ackRead.get(), &byte, 1) == 1;
     }
-    close(ack[0]);
+    ackRead.reset();
     ok = reap(reader) == 0 && ok;
     for (int i = 0; ok && i < rounds; ++i)
         micros->push_back(static_cast<double>(wakeTimes[i] - sent[static_cast<size_t>(i)]) / 1e3);

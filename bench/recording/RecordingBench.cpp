@@ -26,6 +26,7 @@
 #include "CmmbMPEG4Writer.h"
 #include "EngineDataPath.h"
 #include "Env.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -132,8 +133,8 @@ int stopStall(int minutes, bool writtenBack) {
         return 1;
     }
     const std::string path = bench.root().path() + "/long.3gp";
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0 || bench.engine().startRecording(0, fd) != 0) {
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+    if (!fd.valid() || bench.engine().startRecording(0, fd.get()) != 0) {
         fprintf(stderr, "cannot record into %s\n", path.c_str());
         return 1;
     }
@@ -142,10 +143,10 @@ int stopStall(int minutes, bool writtenBack) {
     const uint32_t seconds = static_cast<uint32_t>(minutes) * 60;
     for (; second < seconds; ++second) {
         if (writtenBack && second == seconds - kDirtySeconds)
-            fsync(fd);
+            fsync(fd.get());
         whileRecording.add(playSecond(bench, second));
     }
-    close(fd);  // the recorder works on its own duplicate
+    fd.reset();  // the recorder works on its own duplicate
 
     std::atomic<bool> completed{false};
     double completionMs = 0;

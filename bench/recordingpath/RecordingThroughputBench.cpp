@@ -24,6 +24,7 @@
 #include "BenchRow.h"
 #include "EngineDataPath.h"
 #include "MediaFiles.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -139,16 +140,14 @@ private:
 double recordThroughEngine(EngineDataPath& bench, std::vector<SecondOfContent>& content,
                            const std::string& path) {
     MBBMSAgentCallback* agentSide = bench.agent().callback();
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0)
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    if (!fd.valid())
         return -1;
     gHeapBytes = 0;
     gCounting = true;
     const double begin = bench::nowSeconds();
-    if (bench.engine().startRecording(0, fd) != 0) {
-        close(fd);
+    if (bench.engine().startRecording(0, fd.get()) != 0)
         return -1;
-    }
     for (SecondOfContent& second : content) {
         agentSide->onOutputAVStart(kChannel, nullptr, 0);
         for (size_t p = 0; p < second.pictures.size(); ++p) {
@@ -166,7 +165,7 @@ double recordThroughEngine(EngineDataPath& bench, std::vector<SecondOfContent>& 
     const int stopped = bench.engine().stopRecording(0);
     const double elapsed = bench::nowSeconds() - begin;
     gCounting = false;
-    close(fd);
+    fd.reset();
     struct stat st;
     if (stopped != 0 || stat(path.c_str(), &st) != 0 || st.st_size == 0)
         return -1;
