@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "UniqueHandle.h"
+
 class FuzzScratchFile {
 public:
     explicit FuzzScratchFile(const char* name) {
@@ -20,10 +22,10 @@ public:
     FuzzScratchFile(const FuzzScratchFile&) = delete;
     FuzzScratchFile& operator=(const FuzzScratchFile&) = delete;
 
-    // An empty file open for reading and writing; the caller owns the descriptor.
-    int openEmpty() const {
-        int fd = open(mPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd < 0) {
+    // An empty file open for reading and writing.
+    UniqueFd openEmpty() const {
+        UniqueFd fd(open(mPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        if (!fd.valid()) {
             perror(mPath.c_str());
             abort();
         }

@@ -217,11 +217,9 @@ bool drainCommands() {
             (command.kind > TAVO_PE_CMD_FLUSH && command.kind != TAVO_PE_CMD_UNKNOWN) ||
             command.session < -1 || command.session > 9)
             fail("command out of range");
-        if (command.fd >= 0) {
-            if ((fcntl(command.fd, F_GETFD) & FD_CLOEXEC) == 0)
-                fail("descriptor without close-on-exec");
-            close(command.fd);
-        }
+        const UniqueFd passed(command.fd);
+        if (passed.valid() && (fcntl(passed.get(), F_GETFD) & FD_CLOEXEC) == 0)
+            fail("descriptor without close-on-exec");
     }
 }
 

@@ -27,6 +27,7 @@
 #include "OpenDescriptors.h"
 #include "PlayEngineProtocol.h"
 #include "PlayEngineWire.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -67,26 +68,24 @@ void checkIndicationParser(const uint8_t* data, size_t size) {
 class FakeClient {
 public:
     explicit FakeClient(const std::string& ownPath) : mPath(ownPath) {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, mPassed) != 0)
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
             fuzzFailure(std::string("socketpair failed: ") + strerror(errno));
-    }
-    ~FakeClient() {
-        disconnect();
-        close(mPassed[0]);
-        close(mPassed[1]);
+        mPassed[0].reset(ends[0]);
+        mPassed[1].reset(ends[1]);
     }
 
     // Connects and takes the two "sharebuffer" commands (closing their descriptors).
     void connect() {
         const FuzzEngine& engine = FuzzEngine::instance();
-        mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        mFd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un own = address(mPath);
         unlink(mPath.c_str());
-        if (bind(mFd, reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
+        if (bind(mFd.get(), reinterpret_cast<sockaddr*>(&own), sizeof(own)) != 0)
             fuzzFailure("client bind failed");
         sockaddr_un server = address(engine.root().resolve("/data/app/cmmb.socket"));
         for (int attempts = 0;
-             ::connect(mFd, reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0;
+             ::connect(mFd.get(), reinterpret_cast<sockaddr*>(&server), sizeof(server)) != 0;
              ++attempts) {
             if (attempts > kWaitMs / 10)
                 fuzzFailure("the engine's command socket does not accept");
@@ -95,18 +94,14 @@ public:
         for (int i = 0; i < 2; ++i)
             takeCommand();
     }
-    void disconnect() {
-        if (mFd >= 0)
-            close(mFd);
-        mFd = -1;
-    }
-    bool connected() const { return mFd >= 0; }
+    void disconnect() { mFd.reset(); }
+    bool connected() const { return mFd.valid(); }
 
     // Sends `size` bytes in one message with `descriptors` (up to 3) copies of one end of a
     // socketpair the client keeps: each copy arrives as a descriptor of its own that the
     // engine must close. (Fresh socketpairs per message cost half the target's time.)
     void send(const uint8_t* data, size_t size, int descriptors) {
-        const int passed[3] = {mPassed[0], mPassed[0], mPassed[0]};
+        const int passed[3] = {mPassed[0].get(), mPassed[0].get(), mPassed[0].get()};
         sendWith(data, size, passed, descriptors);
     }
     // Sends `size` bytes in one message with `count` (up to 3) of the caller's descriptors.
@@ -114,7 +109,7 @@ public:
         const iovec piece = {const_cast<uint8_t*>(data), size};
         // A message without bytes cannot carry descriptors on a stream socket.
         if (size > 0 &&
-            PlayEngineWire::send(mFd, &piece, 1, descriptors, static_cast<size_t>(count),
+            PlayEngineWire::send(mFd.get(), &piece, 1, descriptors, static_cast<size_t>(count),
                                  MSG_NOSIGNAL) < 0 &&
             errno != EPIPE && errno != ECONNRESET)
             fuzzFailure(std::string("sendmsg failed: ") + strerror(errno));
@@ -124,7 +119,7 @@ public:
     void waitUntilReceived() {
         for (int waited = 0;; ++waited) {
             int unread = 0;
-            if (ioctl(mFd, SIOCOUTQ, &unread) != 0)
+            if (ioctl(mFd.get(), SIOCOUTQ, &unread) != 0)
                 fuzzFailure(std::string("SIOCOUTQ failed: ") + strerror(errno));
             if (unread == 0)
                 return;
@@ -143,19 +138,19 @@ private:
         return a;
     }
     void takeCommand() {
-        pollfd entry = {mFd, POLLIN, 0};
+        pollfd entry = {mFd.get(), POLLIN, 0};
         if (poll(&entry, 1, kWaitMs) != 1)
             fuzzFailure("no sharebuffer command after connecting");
         PlayEngineCommandMessage command;
         PlayEngineWire::PassedDescriptors passed;  // closed when it goes out of scope
-        if (PlayEngineWire::receive(mFd, &command, sizeof(command), MSG_WAITALL, 1, &passed)
+        if (PlayEngineWire::receive(mFd.get(), &command, sizeof(command), MSG_WAITALL, 1, &passed)
                 .bytes != sizeof(command))
             fuzzFailure("short sharebuffer command");
     }
 
     std::string mPath;
-    int mFd = -1;
-    int mPassed[2];  // the socketpair whose first end send() passes
+    UniqueFd mFd;
+    UniqueFd mPassed[2];  // the socketpair whose first end send() passes
 };
 
 // What the engine makes of one connection's byte stream: every 64 bytes are one indication,
@@ -199,17 +194,20 @@ void syncWithEngine(FakeClient& client, IndicationStream& stream) {
         stream.add(zeros, padding);
     }
     client.waitUntilReceived();
-    int pair[2];
-    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        fuzzFailure(std::string("socketpair failed: ") + strerror(errno));
+    UniqueFd passedEnd(ends[0]);
+    const UniqueFd watchedEnd(ends[1]);
     PlayEngineIndicationMessage marker;
     memset(&marker, 0, sizeof(marker));
-    client.sendWith(reinterpret_cast<const uint8_t*>(&marker), sizeof(marker), &pair[0], 1);
-    close(pair[0]);
-    pollfd entry = {pair[1], POLLIN, 0};
+    const int passed = passedEnd.get();
+    client.sendWith(reinterpret_cast<const uint8_t*>(&marker), sizeof(marker), &passed, 1);
+    passedEnd.reset();
+    pollfd entry = {watchedEnd.get(), POLLIN, 0};
     char byte;
-    if (poll(&entry, 1, kWaitMs) != 1 || read(pair[1], &byte, 1) != 0)
+    if (poll(&entry, 1, kWaitMs) != 1 || read(watchedEnd.get(), &byte, 1) != 0)
         fuzzFailure("the engine no longer handles indications or keeps a passed descriptor");
-    close(pair[1]);
 }
 
 }  // namespace

@@ -57,19 +57,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzScratchFile input("repair-in");
     static FuzzScratchFile output("repair-out");
 
-    int in = input.openEmpty();
-    writeAll(in, data, size);
+    UniqueFd in = input.openEmpty();
+    writeAll(in.get(), data, size);
     // The repair reads from the start of the file, wherever the descriptor stands.
-    int out = output.openEmpty();
+    UniqueFd out = output.openEmpty();
 
     char message[256];
-    const int result = tavo_repair_recording(in, out, message, sizeof(message));
+    const int result = tavo_repair_recording(in.get(), out.get(), message, sizeof(message));
 
-    const std::vector<uint8_t> after = readAll(in);
+    const std::vector<uint8_t> after = readAll(in.get());
     if (after.size() != size || (size > 0 && memcmp(after.data(), data, size) != 0))
         fail("input modified", message);
-    close(in);
-    close(out);
+    in.reset();
+    out.reset();
 
     if (result == TAVO_REPAIR_OK) {
         const std::string problem = checkMp4Consistency(Mp4File::read(output.path()));

@@ -195,9 +195,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t config = in.u8();
     const SessionLayout layout = {(config & 1) != 0, (config >> 1) & 1};
     applyLayout(layout);
-    int output = file.openEmpty();
-    const bool recording = fuzz.engine()->startRecording(layout.recordingSession, output) == 0;
-    close(output);  // the recorder works on its own duplicate
+    const bool recording =
+        fuzz.engine()->startRecording(layout.recordingSession, file.openEmpty().get()) == 0;
+    // The recorder works on its own duplicate: the descriptor handed in is closed already.
 
     TickClock clock;
     clock.wild = (config & 0x80) != 0;

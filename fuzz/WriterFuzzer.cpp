@@ -79,7 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     _CmmbMetaData meta = {kTimeScales[scales & 7], (config & 8) != 0, (config & 16) != 0};
 
-    std::unique_ptr<CmmbMPEG4Writer> writer(new CmmbMPEG4Writer(file.openEmpty(), Env::platform()));
+    std::unique_ptr<CmmbMPEG4Writer> writer(
+        new CmmbMPEG4Writer(file.openEmpty().release(), Env::platform()));
     for (int i = 0; i < set.count; ++i)
         writer->addSource(&sources[i]);
     writer->setInterleaveDuration(kInterleaves[(audioAndInterleave >> 3) & 3]);
