@@ -1,8 +1,6 @@
 // Recording control through the engine's public interface with real files: session checks,
 // the free-space rules at start and on every frame, failing storage, full file systems and a
-// broadcast clock that wraps and jumps. Faults are injected through the platform's Env (each
-// test installs its own), so this suite links the engine's objects; every test runs in a child
-// because the engine is one object per process.
+// broadcast clock that wraps. Faults are injected through each child's own Env.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -11,7 +9,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
