@@ -1,8 +1,6 @@
 // Recording control through the engine's public interface with real files: session checks,
 // the free-space rules at start and on every frame, failing storage, full file systems and a
-// broadcast clock that wraps and jumps. Faults are injected through the platform's Env (each
-// test installs its own), so this suite links the engine's objects; every test runs in a child
-// because the engine is one object per process.
+// broadcast clock that wraps. Faults are injected through each child's own Env.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -11,7 +9,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -173,8 +170,7 @@ TEST(RecordingFaults, AWriteThatFailsMidChunkEndsTheRecordingAndTheFileIsComplet
         // The next chunk reaches the file only in part, the rest finds no space; then the
         // storage takes the index again.
         env.shortWriteNth(1, 1000, ENOSPC);
-        const int seconds = rig.playUntilRecordingEnds(feed, 5);
-        ASSERT_LE(seconds, 2);
+        ASSERT_LE(rig.playUntilRecordingEnds(feed, 5), 2);
         EXPECT_FALSE(rig.engine().isRecording(0));  // from the frame of the failure on
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // waits for the completion's report
@@ -227,8 +223,6 @@ TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
         rig.playSeconds(feed, 3);
         env.failNth(FaultInjectingEnv::FSYNC, 1, EIO);
         EXPECT_EQ(-1, rig.engine().stopRecording(0));
-        EXPECT_EQ(1, rig.root().countLog("error reason is"));
-        EXPECT_EQ(1, rig.root().countLog("cannot stop the pRecorder!"));
         expectPlayableRecording(rig.outputPath("unsynced.3gp"));
 
         // The recorder that would not stop stayed with the session: the next start stops it
@@ -239,7 +233,6 @@ TEST(RecordingFaults, CompletionFailuresAreReportedByTheStop) {
         rig.playSeconds(feed, 3);
         env.failNth(FaultInjectingEnv::WRITE, 1, ENOSPC, /*sticky=*/true);
         EXPECT_EQ(-1, rig.engine().stopRecording(0));
-        EXPECT_EQ(2, rig.root().countLog("cannot stop the pRecorder!"));
         EXPECT_EQ(0, rig.app().count("onEvent("));  // the application's own stop: no event
         env.clearFaults();
         EXPECT_EQ(0, rig.engine().stopRecording(0));  // the kept recorder, stopped again
@@ -256,51 +249,35 @@ TEST(RecordingFaults, ARecordingOnASmallFileSystemEndsPlayableBeforeItIsFull) {
             GTEST_SKIP() << "cannot mount a tmpfs (" << strerror(errno) << "); needs root";
         // "/sdcard" is on the large file system of the test root; the file is not.
         ASSERT_EQ(0, rig.startRecording("card/small.3gp"));
-        const int seconds = rig.playUntilRecordingEnds(feed, 200);
-        EXPECT_LE(seconds, 200);
+        EXPECT_LE(rig.playUntilRecordingEnds(feed, 200), 200);
         ASSERT_TRUE(rig.app().waitFor("onEvent(152, 0)"));
-        EXPECT_EQ(1, rig.root().countLog("storage is full"));
         EXPECT_EQ(0, rig.root().countLog("write file error!"));
         expectPlayableRecording(rig.outputPath("card/small.3gp"));
         EXPECT_EQ(0, umount(mountPoint.c_str()));
     });
 }
 
-// Plays `seconds` seconds with every time of second s shifted by shift(s) ticks (modulo 2^32).
-void playShifted(RecordingRig& rig, ClipFeed& feed, int seconds,
-                 const std::function<uint32_t(int)>& shift) {
-    for (int s = 0; s < seconds; ++s) {
-        MultiplexFrame frame = feed.nextSecond();
-        for (auto* units : {&frame.video, &frame.audio}) {
-            for (MultiplexFrame::Unit& unit : *units)
-                unit.tsBase += shift(s);
-        }
-        rig.play(frame);
-    }
-}
-
-TEST(RecordingFaults, ARecordingAcrossTheClockWrapAndThroughJumpsKeepsItsDurationAndSync) {
+// (Jumps of the clock are the writer's tick-time unit test.)
+TEST(RecordingFaults, ARecordingAcrossTheClockWrapKeepsItsDurationAndSync) {
     inServiceChild([](FaultInjectingEnv&, RecordingRig& rig, ClipFeed& feed) {
-        // The 32-bit clock wraps ten seconds in; a tuner that resynchronises jumps an hour
-        // forwards after 8 s and two hours back after 14 s.
+        // The 32-bit clock wraps ten seconds in.
         const uint32_t beforeWrap = 0u - 10u * ClipFeed::kTicksPerSecond - ClipFeed::kFirstTick;
-        const uint32_t hour = 3600u * ClipFeed::kTicksPerSecond;
-        const std::pair<const char*, std::function<uint32_t(int)>> clocks[] = {
-            {"wrap.3gp", [&](int) { return beforeWrap; }},
-            {"jumps.3gp", [&](int s) { return s < 8    ? 0u
-                                              : s < 14 ? hour
-                                                       : 0u - hour; }}};
-        for (const auto& clock : clocks) {
-            ASSERT_EQ(0, rig.startRecording(clock.first));
-            playShifted(rig, feed, 20, clock.second);
-            EXPECT_EQ(0, rig.engine().stopRecording(0));
-            const std::string path = rig.outputPath(clock.first);
-            expectPlayableRecording(path);
-            const double video = probeStreamDuration(path, 0), audio = probeStreamDuration(path, 1);
-            EXPECT_NEAR(20.0, video, 1.0) << path;
-            EXPECT_NEAR(20.0, audio, 1.0) << path;
-            EXPECT_NEAR(video, audio, 0.1) << path;  // in sync: both streams end together
+        ASSERT_EQ(0, rig.startRecording("wrap.3gp"));
+        for (int s = 0; s < 20; ++s) {
+            MultiplexFrame frame = feed.nextSecond();
+            for (auto* units : {&frame.video, &frame.audio}) {
+                for (MultiplexFrame::Unit& unit : *units)
+                    unit.tsBase += beforeWrap;
+            }
+            rig.play(frame);
         }
+        EXPECT_EQ(0, rig.engine().stopRecording(0));
+        const std::string path = rig.outputPath("wrap.3gp");
+        expectPlayableRecording(path);
+        const double video = probeStreamDuration(path, 0), audio = probeStreamDuration(path, 1);
+        EXPECT_NEAR(20.0, video, 1.0);
+        EXPECT_NEAR(20.0, audio, 1.0);
+        EXPECT_NEAR(video, audio, 0.1);  // in sync: both streams end together
     });
 }
 

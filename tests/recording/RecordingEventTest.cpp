@@ -41,16 +41,6 @@ void expectReturns(const char* what, const std::function<void()>& work) {
     worker.join();
 }
 
-// Plays seconds (at most four) until one of the two sessions stops recording.
-void playUntilOneStops(RecordingRig& rig, ClipFeed& feed) {
-    for (int second = 0; second < 4; ++second) {
-        rig.play(feed.nextSecond());
-        if (!rig.engine().isRecording(0) || !rig.engine().isRecording(1))
-            return;
-    }
-    ADD_FAILURE() << "both sessions still record";
-}
-
 TEST(RecordingEvents, NoSdcardComesAfterTheFrameAndItsHandlerMayStopServiceAndRecording) {
     EXPECT_IN_CHILD({
         RecordingRig rig;
@@ -116,7 +106,9 @@ TEST(RecordingEvents, AnAgentEventInsideAFrameMayStopAndStartWhileACompletionWai
         ASSERT_EQ(0, rig.startRecording("ended1.3gp", 1));
         rig.playSeconds(feed, 2);
         env.failNth(FaultInjectingEnv::WRITE, 1, EIO);
-        playUntilOneStops(rig, feed);
+        for (int second = 0;
+             second < 4 && rig.engine().isRecording(0) && rig.engine().isRecording(1); ++second)
+            rig.play(feed.nextSecond());
         {
             std::unique_lock<std::mutex> hold(lock);
             ASSERT_TRUE(changed.wait_for(hold, kBound, [&] { return endedSession >= 0; }))

@@ -15,12 +15,10 @@
 
 namespace {
 
-// Records session 0 into `name` until the engine stops recording: one second of the clip
-// (parameter sets and the first IDR), then seconds of large synthetic slices (and audio
-// frames) with the same timing. The disk blocks written so far are freed, except the first
-// page, which the writer rewrites when it completes the file. Then stops, which waits for the
-// completion off the frame path and its event, and checks that `event` was the only one.
-// Returns the seconds played.
+// Records session 0 into `name` until the engine stops: one second of the clip, then seconds
+// of large synthetic slices (and audio) with the same timing, freeing the disk blocks written
+// so far but the first page (rewritten at completion). Then stops (which waits for the
+// completion and its event) and checks that `event` was the only one; the seconds played.
 int recordToTheLimit(RecordingRig& rig, const std::string& name, bool withAudio,
                      const char* event) {
     rig.startService();

@@ -1,6 +1,6 @@
 // Stopping and restarting recordings on an application thread while frames arrive as the
-// agent delivers them. Meant for the ThreadSanitizer build as well: a recorder destroyed
-// under a frame being written shows up there, or as a crash here.
+// agent delivers them, and while a frame is held open. Meant for the ThreadSanitizer build as
+// well: a recorder destroyed under a frame being written shows up there, or as a crash here.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,52 +12,49 @@
 
 namespace {
 
-TEST(RecordingRace, StopAndRestartWhileFramesArriveNeverLosesARecorderUnderAFrame) {
+// Session 0 and 1 in turn, then session 0 with a frame held open.
+TEST(RecordingRace, StopsAndStartsRaceFramesAndWaitForTheFrameInProgress) {
     EXPECT_IN_CHILD({
         RecordingRig rig("ERROR,WARNING");
         rig.startService(true);
-        std::atomic<bool> running{true};
-        std::atomic<int> delivered{0};
-        std::thread agentThread([&] {
-            ClipFeed feed;
-            while (running.load()) {
-                rig.playHere(feed.nextSecond());
-                delivered.fetch_add(1);
+        {
+            SCOPED_TRACE("stop and restart while frames arrive");
+            std::atomic<bool> running{true};
+            std::atomic<int> delivered{0};
+            std::thread agentThread([&] {
+                ClipFeed feed;
+                while (running.load()) {
+                    rig.playHere(feed.nextSecond());
+                    delivered.fetch_add(1);
+                }
+            });
+            int completed = 0;
+            for (int round = 0; round < 60; ++round) {
+                const int session = round % 2;
+                ASSERT_EQ(0, rig.startRecording("race" + std::to_string(round) + ".3gp", session))
+                    << round;
+                // Let from none to a few frames through.
+                const int until = delivered.load() + round % 4;
+                while (delivered.load() < until)
+                    usleep(100);
+                // A recording stopped before any audio arrived cannot be completed (-1).
+                const int stopped = rig.engine().stopRecording(session);
+                EXPECT_TRUE(stopped == 0 || stopped == -1) << stopped;
+                completed += stopped == 0;
+                EXPECT_FALSE(rig.engine().isRecording(session));
             }
-        });
-        int completed = 0;
-        for (int round = 0; round < 60; ++round) {
-            const int session = round % 2;
-            ASSERT_EQ(0, rig.startRecording("race" + std::to_string(round) + ".3gp", session))
-                << round;
-            // Let from none to a few frames through.
-            const int until = delivered.load() + round % 4;
-            while (delivered.load() < until)
-                usleep(100);
-            // A recording stopped before any audio arrived cannot be completed (-1).
-            const int stopped = rig.engine().stopRecording(session);
-            EXPECT_TRUE(stopped == 0 || stopped == -1) << stopped;
-            completed += stopped == 0;
-            EXPECT_FALSE(rig.engine().isRecording(session));
+            running.store(false);
+            agentThread.join();
+            EXPECT_GT(completed, 0);
+            // Every recording ended because it was asked to, never for a failure of its own.
+            EXPECT_EQ(0, rig.app().count("onEvent("));
+            EXPECT_EQ(0, rig.root().countLog("no recorder!!"));
         }
-        running.store(false);
-        agentThread.join();
-        EXPECT_GT(completed, 0);
-        // Every recording ended because it was asked to, never for a failure of its own.
-        EXPECT_EQ(0, rig.app().count("onEvent("));
-        EXPECT_EQ(0, rig.root().countLog("no recorder!!"));
-    });
-}
-
-// While a multiplex frame is in progress, a stop or a replacing start waits for its end.
-TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
-    EXPECT_IN_CHILD({
-        RecordingRig rig("ERROR,WARNING");
-        rig.startService();
+        SCOPED_TRACE("a stop or a replacing start waits for the frame in progress");
         ClipFeed feed;
         ASSERT_EQ(0, rig.startRecording("first.3gp"));
+        const int leftovers = rig.root().countLog("leftover of pRecorder");
         rig.play(feed.nextSecond());
-
         for (bool replace : {true, false}) {
             MBBMSAgentCallback* agent = rig.agent().callback();
             const unsigned char raw[4] = {0};
@@ -75,15 +72,14 @@ TEST(RecordingRace, StopAndReplacingStartWaitForTheFrameInProgress) {
                 returned.store(true);
             });
             usleep(200 * 1000);
-            EXPECT_FALSE(returned.load())
-                << (replace ? "start" : "stop") << " returned while a frame was in progress";
+            EXPECT_FALSE(returned.load()) << (replace ? "start" : "stop") << " did not wait";
             agent->onOutputAVEnd(RecordingRig::kChannel, false);
             application.join();
             EXPECT_EQ(0, result);
             rig.play(feed.nextSecond());
         }
         // The replaced recording was completed as a leftover; the second one by the stop.
-        EXPECT_EQ(1, rig.root().countLog("leftover of pRecorder"));
+        EXPECT_EQ(leftovers + 1, rig.root().countLog("leftover of pRecorder"));
         expectPlayableRecording(rig.outputPath("first.3gp"));
         expectPlayableRecording(rig.outputPath("second.3gp"));
     });

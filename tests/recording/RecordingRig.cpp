@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -126,23 +125,19 @@ bool fileHasMoov(const std::string& path) {
 std::vector<std::string> topLevelBoxes(const std::string& path) {
     std::vector<std::string> boxes;
     const int fd = open(path.c_str(), O_RDONLY);
-    struct stat status;
-    if (fd < 0 || fstat(fd, &status) != 0) {
-        ADD_FAILURE() << "cannot open " << path;
-        return boxes;
-    }
-    for (long long offset = 0; offset < status.st_size;) {
-        unsigned char header[8];
-        const long long size = pread(fd, header, 8, offset) == 8
-                                   ? (static_cast<long long>(header[0]) << 24) | (header[1] << 16) |
-                                         (header[2] << 8) | header[3]
-                                   : 0;
-        if (size < 8 || offset + size > status.st_size) {
+    EXPECT_GE(fd, 0) << path;
+    const long long end = fileSize(path);
+    unsigned char header[8];
+    for (long long offset = 0, size = 0; offset < end; offset += size) {
+        size = pread(fd, header, 8, offset) != 8
+                   ? 0
+                   : (static_cast<long long>(header[0]) << 24) | (header[1] << 16) |
+                         (header[2] << 8) | header[3];
+        if (size < 8 || offset + size > end) {
             boxes.push_back("truncated");
             break;
         }
         boxes.push_back(std::string(reinterpret_cast<char*>(header) + 4, 4));
-        offset += size;
     }
     close(fd);
     return boxes;
@@ -197,7 +192,7 @@ void RecordingRig::play(const MultiplexFrame& frame) {
 }
 
 void RecordingRig::playSeconds(ClipFeed& feed, int seconds) {
-    for (int second = 0; second < seconds; ++second)
+    while (seconds-- > 0)
         play(feed.nextSecond());
 }
 

@@ -33,7 +33,6 @@ public:
     size_t picturesFed() const { return mPicture - mStartPicture; }
     // Whether fed picture i (0 = the first fed) holds an SPS.
     bool pictureHasSps(size_t i) const;
-    size_t audioFrameSize(size_t m) const { return mAudio[m % mAudio.size()].size(); }
 
     static const uint32_t kFirstTick = 45000;
     static const uint32_t kTicksPerSecond = 22500;
@@ -44,17 +43,17 @@ private:
     std::vector<H264Picture> mPictures;
     std::vector<MediaBytes> mAudio;
     size_t mStartPicture;
-    size_t mPicture = 0;     // next picture, counted from the clip's start
-    size_t mAudioFrame = 0;  // next audio frame
-    uint32_t mSecond = 0;    // next multiplex frame
+    size_t mPicture = 0;  // next picture, counted from the clip's start
+    size_t mAudioFrame = 0;
+    uint32_t mSecond = 0;
 };
 
 struct ProbedPacket {
     long long pts;
     int size;
     bool key;
-    bool operator==(const ProbedPacket& other) const {
-        return pts == other.pts && size == other.size && key == other.key;
+    bool operator==(const ProbedPacket& o) const {
+        return pts == o.pts && size == o.size && key == o.key;
     }
 };
 
@@ -96,8 +95,8 @@ public:
         : EngineRig(logMask) {}
 
     void startService(bool bothSessions = false);  // init, then session 0's (and 1's) service
-    // Plays one frame on the agent's thread and waits for it; playHere plays it on the
-    // calling thread. NAL units longer than 1,000 bytes are delivered in fragments.
+    // Plays one frame on the agent's thread (playHere: on this one), NAL units longer than
+    // 1,000 bytes in fragments.
     void play(const MultiplexFrame& frame);
     void playHere(const MultiplexFrame& frame);
     void playSeconds(ClipFeed& feed, int seconds);
@@ -106,8 +105,7 @@ public:
     int playUntilRecordingEnds(ClipFeed& feed, int limit);
 
     int createOutput(const std::string& name) const { return createFile(outputPath(name)); }
-    // Creates the file `name` and starts recording `session` into it (the recorder keeps its
-    // own duplicate of the descriptor); the engine's result.
+    // Starts recording `session` into a new file `name`; the engine's result.
     int startRecording(const std::string& name, int session = 0);
     std::string outputPath(const std::string& name) const { return root().path() + "/" + name; }
 

@@ -78,10 +78,9 @@ int repairPaths(const std::string& in, const std::string& out, std::string* mess
     return result;
 }
 
-// One run of the tool as a child process.
+// One run of the tool as a child process: exit status (-1 when it did not exit) and signal.
 struct ToolRun {
-    int status = -1;  // exit status; -1 when it did not exit
-    int signal = 0;   // the signal that ended it
+    int status = -1, signal = 0;
     std::string out, err;
     long maxRssKb = 0;
 };
@@ -183,7 +182,7 @@ protected:
 
 // (A walk over a count the file cannot back, or over samples of size 0, is the record
 // walker's own test; a record cut short or longer than the file, the record format's.)
-TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAreRefused) {
+TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAndFilesThatAreNotRegularAreRefused) {
     const std::vector<uint8_t> both = {REPAIR_TRACK_AVC, REPAIR_TRACK_AAC};
     const std::vector<Sample> three(3, Sample{20, true, 960});
     const struct {
@@ -217,9 +216,8 @@ TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAreRefused) {
     EXPECT_EQ(TAVO_REPAIR_OK, repairPaths(path("grown.3gp"), path("grown.out"), &message))
         << message;
     EXPECT_NE(std::string::npos, message.find("144 samples")) << message;
-}
 
-TEST_F(RepairHostileInput, InputsAndOutputsThatAreNotRegularFilesAreRefused) {
+    // Inputs and outputs that are not regular files.
     ASSERT_TRUE(plausibleRecording(2).writeTo(path("good.3gp")));
     const int good = open(path("good.3gp").c_str(), O_RDONLY);
     const int empty = open(path("empty.out").c_str(), O_RDWR | O_CREAT, 0644);
@@ -233,7 +231,6 @@ TEST_F(RepairHostileInput, InputsAndOutputsThatAreNotRegularFilesAreRefused) {
     // Over the limit: a sparse file one byte larger than the largest recording.
     const int huge = open(path("huge.3gp").c_str(), O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(0, ftruncate64(huge, static_cast<off64_t>(TAVO_REPAIR_MAX_INPUT_SIZE + 1)));
-    std::string message;
     for (int in : {fifo, zero, directory, sockets[0], huge, -1}) {
         EXPECT_EQ(TAVO_REPAIR_INPUT_FAILED, repairFds(in, empty, &message)) << in;
         EXPECT_FALSE(message.empty());
