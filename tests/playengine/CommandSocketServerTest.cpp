@@ -83,54 +83,50 @@ private:
     bool mReady = true;
 };
 
-class CommandSocketServerTest : public ::testing::Test {
-protected:
-    CommandSocketServerTest() : root(""), server(delegate) {
-        memset(LogMask::masks, 0, sizeof(LogMask::masks));
-        LogMask::masks[LogMask::ERROR] = 1;
-    }
-
-    void startServer() {
-        ASSERT_EQ(0, server.start(Env::platform()));
-        const auto deadline = std::chrono::steady_clock::now() + kBound;
-        while (!server.listening() && std::chrono::steady_clock::now() < deadline)
-            usleep(2000);
-        ASSERT_TRUE(server.listening());
-    }
-    std::string clientPath(const char* name) const { return root.path() + "/" + name; }
-    std::string serverPath() const { return root.resolve(PLAYENGINE_SOCKET_PATH); }
-    // Waits until `count` clients were accepted.
-    void waitForAccepted(size_t count) {
-        EXPECT_TRUE(delegate.waitFor([&] { return delegate.mAccepted.size() >= count; }));
-    }
-
-    TestRoot root;
-    RecordingDelegate delegate;
-    CommandSocketServer server;
-};
-
-TEST_F(CommandSocketServerTest, ClientsWithoutAPathOrRefusedByTheDelegateAreClosedUnserved) {
-    // A file left at the socket path by an earlier run must not stop the server.
-    writeTextFile(serverPath(), "left over");
-    startServer();
-    PlayEngineSocketClient unbound("", serverPath());
-    EXPECT_TRUE(unbound.waitForClose());
-    EXPECT_TRUE(root.waitForLog("socket file not exist!"));
-    EXPECT_EQ(0, delegate.read(delegate.mPrepared));  // refused before anything was made ready
-
-    delegate.setReady(false);
-    PlayEngineSocketClient refused(clientPath("refused.socket"), serverPath());
-    EXPECT_TRUE(refused.waitForClose());
-    EXPECT_EQ(1, delegate.read(delegate.mPrepared));
-    EXPECT_TRUE(delegate.read(delegate.mAccepted).empty());
-    EXPECT_EQ(-1, server.client());
+// Starts `server` and waits until it listens.
+void startServer(CommandSocketServer& server) {
+    ASSERT_EQ(0, server.start(Env::platform()));
+    const auto deadline = std::chrono::steady_clock::now() + kBound;
+    while (!server.listening() && std::chrono::steady_clock::now() < deadline)
+        usleep(2000);
+    ASSERT_TRUE(server.listening());
 }
 
-TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClosed) {
-    startServer();
-    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
-    waitForAccepted(1);
+// One server through its life: clients refused, indications reassembled and passed
+// descriptors closed, then stopped with a client connected.
+TEST(CommandSocketServer, RefusesClientsReassemblesIndicationsAndStopsSilently) {
+    memset(LogMask::masks, 0, sizeof(LogMask::masks));
+    LogMask::masks[LogMask::ERROR] = 1;
+    TestRoot root("");
+    RecordingDelegate delegate;
+    CommandSocketServer server(delegate);
+    const std::string serverPath = root.resolve(PLAYENGINE_SOCKET_PATH);
+    auto clientPath = [&](const char* name) { return root.path() + "/" + name; };
+    auto waitForAccepted = [&](size_t count) {
+        EXPECT_TRUE(delegate.waitFor([&] { return delegate.mAccepted.size() >= count; }));
+    };
 
+    // A file left at the socket path by an earlier run must not stop the server.
+    writeTextFile(serverPath, "left over");
+    ASSERT_NO_FATAL_FAILURE(startServer(server));
+    {
+        SCOPED_TRACE("clients without a path or refused by the delegate");
+        PlayEngineSocketClient unbound("", serverPath);
+        EXPECT_TRUE(unbound.waitForClose());
+        EXPECT_TRUE(root.waitForLog("socket file not exist!"));
+        EXPECT_EQ(0, delegate.read(delegate.mPrepared));  // refused before anything was made ready
+
+        delegate.setReady(false);
+        PlayEngineSocketClient refused(clientPath("refused.socket"), serverPath);
+        EXPECT_TRUE(refused.waitForClose());
+        EXPECT_EQ(1, delegate.read(delegate.mPrepared));
+        EXPECT_TRUE(delegate.read(delegate.mAccepted).empty());
+        EXPECT_EQ(-1, server.client());
+        delegate.setReady(true);
+    }
+    SCOPED_TRACE("indications");
+    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath);
+    waitForAccepted(1);
     EXPECT_TRUE(client.sendIndication("3", 10));  // in two pieces
     EXPECT_TRUE(client.sendIndication("4", 63));
     EXPECT_TRUE(client.sendIndication("2"));
@@ -165,31 +161,28 @@ TEST_F(CommandSocketServerTest, IndicationsAreReassembledAndPassedDescriptorsClo
 
     // Half an indication is lost with its connection: a new client starts afresh.
     EXPECT_TRUE(client.send(&marker, 20));
-    PlayEngineSocketClient next(clientPath("next.socket"), serverPath());
+    PlayEngineSocketClient next(clientPath("next.socket"), serverPath);
     waitForAccepted(2);
     EXPECT_TRUE(next.sendIndication("3"));
     ASSERT_TRUE(delegate.waitFor([&] { return delegate.mCodes.size() == 8; }));
     EXPECT_EQ(3, delegate.read(delegate.mCodes).back());
-}
 
-TEST_F(CommandSocketServerTest, StoppingEndsTheThreadClosesTheClientAndReportsNothing) {
-    startServer();
-    PlayEngineSocketClient client(clientPath("pe.socket"), serverPath());
-    waitForAccepted(1);
+    SCOPED_TRACE("stopping ends the thread, closes the client and reports nothing");
     server.clearRunFlag();
     server.stop();
     EXPECT_FALSE(server.listening());
     EXPECT_EQ(-1, server.client());
-    EXPECT_TRUE(client.waitForClose());
-    EXPECT_TRUE(delegate.read(delegate.mGone).empty());
+    EXPECT_TRUE(next.waitForClose());
+    EXPECT_EQ(1u, delegate.read(delegate.mGone).size()) << "only the displaced client is reported";
 }
 
-TEST_F(CommandSocketServerTest, AThreadThatCannotBeStartedLeavesTheServerStopped) {
+TEST(CommandSocketServer, AThreadThatCannotBeStartedLeavesTheServerStopped) {
     class NoThreads : public EnvWrapper {
     public:
         NoThreads() : EnvWrapper(Env::platform()) {}
         int startThread(pthread_t*, void* (*)(void*), void*) override { return EAGAIN; }
     } noThreads;
+    RecordingDelegate delegate;
     CommandSocketServer unstartable(delegate);
     EXPECT_EQ(-1, unstartable.start(&noThreads));
     EXPECT_FALSE(unstartable.listening());
