@@ -80,7 +80,12 @@ bool sameFile(int a, int b) {
 
 }  // namespace
 
-TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
+// A snapshot needs a known session and 100 KB free, and a play engine that reads. Commands go
+// out and indications come in on the play engine's connection. Snapshot answers are always
+// reported for session 0. A snapshot whose play engine goes before answering ends as failed,
+// for its own session, whether the play engine closes its end or a newcomer pushes it out
+// (closing the former client); one it answered does not fail again.
+TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEngineGoes) {
     EXPECT_IN_CHILD({
         // Installed before init: the engine asks the Env it read there for the free space.
         FaultInjectingEnv env;
@@ -91,13 +96,11 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
             EXPECT_FALSE(bench.engine().isCapturing(session)) << session;
         }
         EXPECT_EQ(0, bench.app().count("onEvent("));
-
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
         env.setFreeBytes(99 * 1024);
         EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         EXPECT_EQ(1, bench.app().count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine().isCapturing(1));
-
         env.setFreeBytes(100 * 1024);
         EXPECT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ReceivedCommand request = bench.player.receive();
@@ -109,23 +112,6 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_TRUE(bench.engine().isCapturing(0));
         EXPECT_EQ(1, bench.app().count("onEvent("));
 
-        // A play engine that stopped reading: the send fails without SIGPIPE and the
-        // snapshot does not stay pending.
-        ASSERT_EQ(0, shutdown(bench.player.fd(), SHUT_RD));
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
-        EXPECT_EQ(2, bench.app().count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine().isCapturing(1));
-    });
-}
-
-// Commands go out and indications come in on the play engine's connection. Snapshot answers
-// are always reported for session 0. A snapshot whose play engine goes before answering ends as
-// failed, for its own session, whether the play engine closes its end or a newcomer pushes it
-// out (closing the former client); one it answered does not fail again.
-TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEngineGoes) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         // A command without a descriptor: status byte 1, session '0', no control data.
         ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
         ReceivedCommand flush = bench.player.receive();
@@ -158,7 +144,7 @@ TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEn
         EXPECT_TRUE(bench.engine().isCapturing(1));
 
         bench.player.disconnect();
-        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)", 2));
         EXPECT_FALSE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.root().waitForLog("Connection closed by client"));
         // Without a client, a command cannot be delivered.
@@ -176,9 +162,16 @@ TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEn
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)", 2));
         EXPECT_FALSE(bench.engine().isCapturing(0));
 
+        // A play engine that stopped reading: the send fails without SIGPIPE and the
+        // snapshot does not stay pending.
+        ASSERT_EQ(0, shutdown(newcomer.fd(), SHUT_RD));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
+        EXPECT_EQ(3, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
+
         newcomer.disconnect();  // owed nothing
         ASSERT_TRUE(bench.root().waitForLog("Connection closed by client", 2));
-        EXPECT_EQ(4, bench.app().count("onEvent("));
+        EXPECT_EQ(6, bench.app().count("onEvent("));
     });
 }
 
