@@ -69,19 +69,15 @@ struct MediaFeed {
         readAnnexBPictures(testMediaPath("clip_320x240_25fps.h264"));
     std::vector<MediaBytes> audio = readAdtsFrames(testMediaPath("clip_24k_stereo.aac"));
 
-    int nalUnitCount(size_t firstPicture, size_t endPicture) const {
-        int count = 0;
-        for (size_t i = firstPicture; i < endPicture; ++i)
-            count += static_cast<int>(pictures[i].nalUnits.size());
-        return count;
-    }
-    // The Annex B stream the play engine should write for the given pictures.
-    MediaBytes annexB(size_t firstPicture, size_t endPicture) const {
+    // The Annex B stream the play engine should write for the whole clip; its NAL unit count.
+    MediaBytes annexB(int* nalUnits) const {
         MediaBytes stream;
-        for (size_t i = firstPicture; i < endPicture; ++i) {
-            for (const MediaBytes& nal : pictures[i].nalUnits) {
+        *nalUnits = 0;
+        for (const H264Picture& picture : pictures) {
+            for (const MediaBytes& nal : picture.nalUnits) {
                 stream.insert(stream.end(), {0, 0, 0, 1});
                 stream.insert(stream.end(), nal.begin(), nal.end());
+                ++*nalUnits;
             }
         }
         return stream;
@@ -178,14 +174,15 @@ TEST(ReferencePlayEngine, AnswersSnapshotsFollowsARestartAndWritesStreamsThatDec
 
         EXPECT_EQ(0, playEngine.stop()) << playEngine.log();
         EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
-        EXPECT_EQ("frames=4 nal=" + std::to_string(feed.nalUnitCount(0, 50)) +
-                      " aac=48 empty=0 bad_records=0",
+        int nalUnits = 0;
+        const MediaBytes expectedVideo = feed.annexB(&nalUnits);
+        EXPECT_EQ("frames=4 nal=" + std::to_string(nalUnits) + " aac=48 empty=0 bad_records=0",
                   playEngine.countersOf(0));
         EXPECT_EQ("frames=0 nal=0 aac=0 empty=0 bad_records=0", playEngine.countersOf(1));
 
         // The video is the clip's NAL units, each behind a 4-byte start code again.
         std::string video = bench.root().path() + "/session0.h264";
-        EXPECT_TRUE(readMediaFile(video) == feed.annexB(0, 50));
+        EXPECT_TRUE(readMediaFile(video) == expectedVideo);
         EXPECT_EQ("50\n", probe("h264", video, "nb_read_frames"));
 
         // The audio carries the clip's raw frames behind the engine's ADTS headers.
