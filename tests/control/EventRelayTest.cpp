@@ -99,12 +99,44 @@ TEST(TS0Gate, TablesOfAPointReachTheApplicationOnceUntilTheNextInitEvenWithoutCa
     });
 }
 
-// Right after init the remembered key is all ones; then it is the key of the last message
-// passed on, and only its five key values tell messages apart.
-TEST(Emergency, InitSetsTheKeyToOnesAndOnlyTheFiveKeyValuesOfTheLastMessageTellApart) {
+// Results are passed on, and event 130 is dropped only in CMMB mode. Right after init the
+// remembered emergency key is all ones; then it is the key of the last message passed on, and
+// only its five key values tell messages apart.
+TEST(Events, ResultsEvent130AndTheEmergencyKeyAreFilteredAsTheirRulesSay) {
     EXPECT_IN_CHILD({
         ControlEngine control;
         ASSERT_EQ(0, control.init());
+        control.fromAgent([](MBBMSAgentCallback& c) {
+            SignalStatus status = {};
+            status.strength = -70;
+            c.onESGXml(ESG_CONTENT, "<content id=\"1\"/>");
+            c.onESGUpdated(true);
+            c.onScanFinished(false);
+            c.onSignalUpdated(status);
+        });
+        EXPECT_EQ((std::vector<std::string>{"onESGXml(3, <content id=\"1\"/>)", "onESGUpdated(1)",
+                                            "onScanFinished(0)", "onSignalUpdated(-70)"}),
+                  control.app().calls());
+
+        // CMMB_MODE, MBBMS_MODE, and a value that is neither.
+        for (int mode : {0, 1, 2}) {
+            control.app().clear();
+            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
+            control.fromAgent([](MBBMSAgentCallback& c) {
+                c.onEvent(EVENT_MBBMS_ONLY, 5);
+                c.onEvent(static_cast<EventType>(131), 6);
+            });
+            std::vector<std::string> expected = {"onEvent(130, 5)", "onEvent(131, 6)"};
+            if (mode == 0)
+                expected.erase(expected.begin());
+            EXPECT_EQ(expected, control.app().calls()) << "mode " << mode;
+        }
+        EXPECT_EQ(1, control.countLogLine("WARNING", "onEvent",
+                                          "No need to call back this type event in CMMB mode"));
+        EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
+
+        SCOPED_TRACE("emergency messages");
+        control.app().clear();
         EmergencyMessage ones = emergency(0xFF, 0xFFFF);
         ones.msgLevel = ones.networkLevel = ones.networkNumber = 0xFF;
         playEmergency(control, ones);
@@ -150,41 +182,6 @@ TEST(Emergency, InitSetsTheKeyToOnesAndOnlyTheFiveKeyValuesOfTheLastMessageTellA
         playEmergency(control, last);
         EXPECT_EQ(1, control.app().count("onEmergencyMessage("));
         EXPECT_EQ(drops, control.root().countLog(kRepeat));
-    });
-}
-
-TEST(Events, ResultsArePassedOnAndEvent130IsDroppedOnlyInCmmbMode) {
-    EXPECT_IN_CHILD({
-        ControlEngine control;
-        ASSERT_EQ(0, control.init());
-        control.fromAgent([](MBBMSAgentCallback& c) {
-            SignalStatus status = {};
-            status.strength = -70;
-            c.onESGXml(ESG_CONTENT, "<content id=\"1\"/>");
-            c.onESGUpdated(true);
-            c.onScanFinished(false);
-            c.onSignalUpdated(status);
-        });
-        EXPECT_EQ((std::vector<std::string>{"onESGXml(3, <content id=\"1\"/>)", "onESGUpdated(1)",
-                                            "onScanFinished(0)", "onSignalUpdated(-70)"}),
-                  control.app().calls());
-
-        // CMMB_MODE, MBBMS_MODE, and a value that is neither.
-        for (int mode : {0, 1, 2}) {
-            control.app().clear();
-            control.engine().setMode(static_cast<TavoMBBMSEngine::Mode>(mode));
-            control.fromAgent([](MBBMSAgentCallback& c) {
-                c.onEvent(EVENT_MBBMS_ONLY, 5);
-                c.onEvent(static_cast<EventType>(131), 6);
-            });
-            std::vector<std::string> expected = {"onEvent(130, 5)", "onEvent(131, 6)"};
-            if (mode == 0)
-                expected.erase(expected.begin());
-            EXPECT_EQ(expected, control.app().calls()) << "mode " << mode;
-        }
-        EXPECT_EQ(1, control.countLogLine("WARNING", "onEvent",
-                                          "No need to call back this type event in CMMB mode"));
-        EXPECT_EQ(3, control.countLogLine("ENGINE", "onEvent", "type=130, param=5"));
     });
 }
 

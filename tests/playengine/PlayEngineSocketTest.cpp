@@ -80,7 +80,12 @@ bool sameFile(int a, int b) {
 
 }  // namespace
 
-TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
+// A snapshot needs a known session and 100 KB free, and a play engine that reads. Commands go
+// out and indications come in on the play engine's connection. Snapshot answers are always
+// reported for session 0. A snapshot whose play engine goes before answering ends as failed,
+// for its own session, whether the play engine closes its end or a newcomer pushes it out
+// (closing the former client); one it answered does not fail again.
+TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEngineGoes) {
     EXPECT_IN_CHILD({
         // Installed before init: the engine asks the Env it read there for the free space.
         FaultInjectingEnv env;
@@ -91,13 +96,11 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
             EXPECT_FALSE(bench.engine().isCapturing(session)) << session;
         }
         EXPECT_EQ(0, bench.app().count("onEvent("));
-
         // 99 KB: refused on the caller's thread, nothing reaches the play engine.
         env.setFreeBytes(99 * 1024);
         EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
         EXPECT_EQ(1, bench.app().count("onEvent(162, 1)"));
         EXPECT_FALSE(bench.engine().isCapturing(1));
-
         env.setFreeBytes(100 * 1024);
         EXPECT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ReceivedCommand request = bench.player.receive();
@@ -109,23 +112,6 @@ TEST(PlayEngineSocket, CaptureNeedsAKnownSessionAndOneHundredKilobytesFree) {
         EXPECT_TRUE(bench.engine().isCapturing(0));
         EXPECT_EQ(1, bench.app().count("onEvent("));
 
-        // A play engine that stopped reading: the send fails without SIGPIPE and the
-        // snapshot does not stay pending.
-        ASSERT_EQ(0, shutdown(bench.player.fd(), SHUT_RD));
-        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
-        EXPECT_EQ(2, bench.app().count("onEvent(162, 1)"));
-        EXPECT_FALSE(bench.engine().isCapturing(1));
-    });
-}
-
-// Commands go out and indications come in on the play engine's connection. Snapshot answers
-// are always reported for session 0. A snapshot whose play engine goes before answering ends as
-// failed, for its own session, whether the play engine closes its end or a newcomer pushes it
-// out (closing the former client); one it answered does not fail again.
-TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEngineGoes) {
-    EXPECT_IN_CHILD({
-        Bench bench;
-        ASSERT_NO_FATAL_FAILURE(bench.startWithPlayer());
         // A command without a descriptor: status byte 1, session '0', no control data.
         ASSERT_EQ(0, bench.impl().sendPlayEngineCommand(CMD_FLUSH, 7, 1));
         ReceivedCommand flush = bench.player.receive();
@@ -141,24 +127,50 @@ TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEn
         ReceivedCommand capture = bench.player.receive();
         EXPECT_EQ("capture", capture.text());
         EXPECT_EQ('1', capture.message.session);
-        ASSERT_TRUE(bench.player.sendIndication("3"));
+        // Indications are reassembled from pieces: this one comes in two writes.
+        ASSERT_TRUE(bench.player.sendIndication("3", 10));
         ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)"));
         EXPECT_TRUE(bench.engine().isCapturing(1));
-        ASSERT_TRUE(bench.player.sendIndication("capture done"));
+        // No number: an unknown code. The descriptor passed with it is closed at once, so the
+        // other end of the pair reads the end of the stream.
+        int pair[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+        UniqueFd watched(pair[1]);
+        PlayEngineIndicationMessage unknown = {};
+        memcpy(unknown.code, "capture done", 12);
+        ASSERT_TRUE(bench.player.send(&unknown, sizeof(unknown), pair[0]));
+        close(pair[0]);
         ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
-        // The play engine's requests for the buffers and its receipt are only logged.
-        ASSERT_TRUE(bench.player.sendIndication("1"));
+        pollfd entry = {watched.get(), POLLIN, 0};
+        ASSERT_EQ(1, poll(&entry, 1, 5000));
+        char byte;
+        EXPECT_EQ(0, read(watched.get(), &byte, 1));
+        // The play engine's requests for the buffers and its receipts are only logged. Two in
+        // one write, then one and a half (the extra field never read as a code), then the rest.
+        PlayEngineIndicationMessage run[3];
+        for (int i = 0; i < 3; ++i) {
+            memset(run[i].extra, 'x', sizeof(run[i].extra));
+            snprintf(run[i].code, sizeof(run[i].code), "%d", i == 0 ? 1 : 2);
+        }
+        ASSERT_TRUE(bench.player.send(run, 2 * sizeof(run[0]) + sizeof(run[0]) / 2));
         ASSERT_TRUE(bench.root().waitForLog("REQUEST_SHAREDBUFFER_FD"));
-        ASSERT_TRUE(bench.player.sendIndication("2"));
         ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD"));
+        ASSERT_TRUE(bench.player.send(reinterpret_cast<char*>(run + 2) + sizeof(run[0]) / 2,
+                                      sizeof(run[0]) / 2));
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
         ASSERT_EQ(0, bench.engine().captureImage(0, bench.file.get()));
         ASSERT_EQ("capture", bench.player.receive().text());
-        ASSERT_TRUE(bench.player.sendIndication("4"));  // answers session 0
+        ASSERT_TRUE(bench.player.sendIndication("4", 63));  // answers session 0
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)"));
+        EXPECT_EQ(2, bench.root().countLog("GOT_SHAREDBUFFER_FD"))
+            << "half an indication passed on";
         EXPECT_TRUE(bench.engine().isCapturing(1));
 
+        // Half an indication is lost with its connection.
+        ASSERT_TRUE(bench.player.send(&unknown, 20));
+
         bench.player.disconnect();
-        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)"));
+        ASSERT_TRUE(bench.app().waitFor("onEvent(162, 1)", 2));
         EXPECT_FALSE(bench.engine().isCapturing(1));
         ASSERT_TRUE(bench.root().waitForLog("Connection closed by client"));
         // Without a client, a command cannot be delivered.
@@ -176,9 +188,19 @@ TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEn
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)", 2));
         EXPECT_FALSE(bench.engine().isCapturing(0));
 
+        // The newcomer's indications start afresh.
+        ASSERT_TRUE(newcomer.sendIndication("2"));
+        ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 3));
+        // A play engine that stopped reading: the send fails without SIGPIPE and the
+        // snapshot does not stay pending.
+        ASSERT_EQ(0, shutdown(newcomer.fd(), SHUT_RD));
+        EXPECT_EQ(0, bench.engine().captureImage(1, bench.file.get()));
+        EXPECT_EQ(3, bench.app().count("onEvent(162, 1)"));
+        EXPECT_FALSE(bench.engine().isCapturing(1));
+
         newcomer.disconnect();  // owed nothing
         ASSERT_TRUE(bench.root().waitForLog("Connection closed by client", 2));
-        EXPECT_EQ(4, bench.app().count("onEvent("));
+        EXPECT_EQ(6, bench.app().count("onEvent("));
     });
 }
 

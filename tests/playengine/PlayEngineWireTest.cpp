@@ -1,19 +1,16 @@
 // The wire codec of the play-engine socket over a socketpair: messages read in pieces,
-// several descriptors in one message, control data that does not fit, surplus descriptors
-// on the sending side and a receive interrupted by a signal. The engine's socket and SDK tests
-// cover the ends of the stream.
+// several descriptors in one message, control data that does not fit and surplus descriptors
+// on the sending side. The SDK tests cover a wait interrupted by a signal and the engine's
+// socket tests the ends of the stream.
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -86,8 +83,9 @@ TEST(PlayEngineWire, AMessageReadInPiecesKeepsItsBytesAndItsDescriptorComesWithT
 }
 
 // Room for every descriptor: each arrives as the file sent and is closed with its holder. Too
-// little room cuts the control data, and every descriptor that came is closed at once.
-TEST(PlayEngineWire, DescriptorsAreKeptOnlyWhenAllFitAndAreClosedWithTheirHolder) {
+// little room cuts the control data, and every descriptor that came is closed at once. A
+// sender may not attach more than a message carries.
+TEST(PlayEngineWire, DescriptorsAreKeptOnlyWhenAllFitAreClosedWithTheirHolderAndLimited) {
     SocketPair pair;
     UniqueFd a = openNull(), b = openNull(), c = openNull();
     const int fds[3] = {a.get(), b.get(), c.get()};
@@ -116,56 +114,18 @@ TEST(PlayEngineWire, DescriptorsAreKeptOnlyWhenAllFitAndAreClosedWithTheirHolder
         EXPECT_EQ(before, openDescriptors());
     }
     EXPECT_FALSE(PassedDescriptors().take(0).valid()) << "an empty holder handed one out";
-}
 
-TEST(PlayEngineWire, MoreDescriptorsThanAMessageMayCarryAreNotSent) {
-    SocketPair pair;
-    UniqueFd file = openNull();
-    int fds[PlayEngineWire::kMaxDescriptors + 1];
-    for (int& fd : fds)
-        fd = file.get();
+    // More descriptors than a message may carry: refused, and nothing goes out.
+    int tooMany[PlayEngineWire::kMaxDescriptors + 1];
+    std::fill(std::begin(tooMany), std::end(tooMany), a.get());
     errno = 0;
-    EXPECT_EQ(-1, sendText(pair.sender.get(), "x", fds, PlayEngineWire::kMaxDescriptors + 1));
+    EXPECT_EQ(-1, sendText(pair.sender.get(), "x", tooMany, PlayEngineWire::kMaxDescriptors + 1));
     EXPECT_EQ(EINVAL, errno);
-    // Nothing went out.
     char byte;
     PassedDescriptors passed;
     Receipt receipt = receive(pair.receiver.get(), &byte, 1, &passed, 1, MSG_DONTWAIT);
     EXPECT_EQ(-1, receipt.bytes);
     EXPECT_EQ(EAGAIN, receipt.error);
-}
-
-std::atomic<int> gSignals{0};
-void countSignal(int) {
-    ++gSignals;
-}
-
-TEST(PlayEngineWire, AReceiveInterruptedByASignalGoesOnWaiting) {
-    struct sigaction action = {}, previous = {};
-    action.sa_handler = countSignal;  // no SA_RESTART: recvmsg fails with EINTR
-    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
-    SocketPair pair;
-    std::atomic<bool> entered{false};
-    Receipt receipt;
-    std::thread receiver([&] {
-        char bytes[4];
-        PassedDescriptors passed;
-        entered = true;
-        receipt = receive(pair.receiver.get(), bytes, sizeof(bytes), &passed, 1, MSG_WAITALL);
-    });
-    while (!entered)
-        std::this_thread::yield();
-    // Signal until one has arrived; the thread is inside or about to enter recvmsg.
-    const int before = gSignals.load();
-    while (gSignals.load() == before) {
-        pthread_kill(receiver.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_EQ(4, sendText(pair.sender.get(), "done"));
-    pair.sender.reset();  // the receive ends at the latest with the end of the stream
-    receiver.join();
-    EXPECT_EQ(4, receipt.bytes);
-    sigaction(SIGUSR1, &previous, nullptr);
 }
 
 }  // namespace

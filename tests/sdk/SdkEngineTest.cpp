@@ -49,8 +49,10 @@ std::string regionInode(tavo_pe* pe, int session) {
 
 // Records and timestamps of a frame arrive as played (the payloads are compared by every data
 // path test, which reads through the SDK); releasing it lets the next frame through without
-// loss, and the engine hears both descriptors acknowledged.
-TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
+// loss, and the engine hears both descriptors acknowledged. Then another process scribbles over
+// the counts and records: the reader sees clamped counts, a count of bad records and only items
+// inside the payload, never a crash; the counts it read stay as read while the scribbler goes on.
+TEST(SdkWithEngine, FramesArriveWithTheirRecordsAndACorruptRegionIsReportedNotFollowed) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, 40, "all", false);
         const Bytes first = nalUnit(4, 0x67, 20, 1), second = nalUnit(3, 0x65, 300, 2);
@@ -60,46 +62,6 @@ TEST(SdkWithEngine, FrameArrivesWithItsRecordsAndIsReleased) {
         bench.nal(40, second, COMPLETE, 1001, 6);
         bench.aac(40, audio, 2000);
         bench.frameEnd(40);
-        EXPECT_EQ("", runInChild([&] {
-                      PlayEngineReader reader;
-                      ASSERT_EQ("", reader.connect(bench.serverPath(),
-                                                   bench.root().path() + "/sdk.socket"));
-                      tavo_pe* const client = reader.sdk();
-                      tavo_pe_frame frame;
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
-                      ASSERT_EQ(2u, frame.nal_count);
-                      ASSERT_EQ(1u, frame.aac_count);
-                      EXPECT_EQ(0u, tavo_pe_frame_bad_records(&frame));
-                      tavo_pe_item item;
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_nal(&frame, 0, &item));
-                      EXPECT_EQ(1000u, item.ts_base);
-                      EXPECT_EQ(5u, item.ts_relative);
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_nal(&frame, 1, &item));
-                      EXPECT_EQ(1001u, item.ts_base);
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_aac(&frame, 0, &item));
-                      EXPECT_EQ(audio.size() + CMMB_ADTS_HEADER_SIZE, item.length);
-                      EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 2, &item));
-                      ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
-                      CmmbSharedBuffer* region = tavo_pe_region(client, 0);
-                      EXPECT_EQ(0u, region->nalCount + region->aacCount);
-                      EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
-                      // Nothing more was played: the next wait ends by its time-out, holding
-                      // nothing.
-                      EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client, 0, 50, &frame));
-                      EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
-                  }));
-        EXPECT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
-        bench.playFrame(40, 1, 0);
-        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
-    });
-}
-
-// Another process scribbles over the counts and records: the reader sees clamped counts, a
-// count of bad records and only items inside the payload, never a crash; the counts it read
-// stay as read while the scribbler goes on.
-TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
-    EXPECT_IN_CHILD({
-        SERVING_BENCH(bench, 40, "all", false);
         EXPECT_EQ(
             "", runInChild([&] {
                 PlayEngineReader reader;
@@ -108,6 +70,27 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                 tavo_pe* const client = reader.sdk();
                 CmmbSharedBuffer* region = tavo_pe_region(client, 0);
                 ASSERT_NE(nullptr, region);
+                tavo_pe_frame frame;
+                tavo_pe_item item;
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
+                ASSERT_EQ(2u, frame.nal_count);
+                ASSERT_EQ(1u, frame.aac_count);
+                EXPECT_EQ(0u, tavo_pe_frame_bad_records(&frame));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_nal(&frame, 0, &item));
+                EXPECT_EQ(1000u, item.ts_base);
+                EXPECT_EQ(5u, item.ts_relative);
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_nal(&frame, 1, &item));
+                EXPECT_EQ(1001u, item.ts_base);
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_aac(&frame, 0, &item));
+                EXPECT_EQ(audio.size() + CMMB_ADTS_HEADER_SIZE, item.length);
+                EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 2, &item));
+                ASSERT_EQ(TAVO_PE_OK, tavo_pe_release_frame(client, &frame));
+                EXPECT_EQ(0u, region->nalCount + region->aacCount);
+                EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
+                // Nothing more was played: the next wait ends by its time-out, holding nothing.
+                EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_wait_frame(client, 0, 50, &frame));
+                EXPECT_EQ(1, valueOf(&region->mutexDataAccessable));
+
                 // The scribbler shares the mapping, as any process holding the descriptor would.
                 EXPECT_EQ(
                     "", runInChild([&] {
@@ -124,7 +107,6 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                         cmmb_sem_post(&region->mutexDataAccessable);
                         cmmb_sem_post(&region->mutexDataAvailable);
                     }));
-                tavo_pe_frame frame;
                 ASSERT_EQ(TAVO_PE_OK, tavo_pe_wait_frame(client, 0, 20000, &frame));
                 EXPECT_EQ(CMMB_NAL_RECORD_SLOTS, frame.nal_count);
                 EXPECT_EQ(CMMB_AAC_RECORD_SLOTS, frame.aac_count);
@@ -132,7 +114,6 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                 region->nalCount = 3;  // changed under the lock: the frame keeps what it read
                 EXPECT_EQ(CMMB_NAL_RECORD_SLOTS + CMMB_AAC_RECORD_SLOTS - 1,
                           tavo_pe_frame_bad_records(&frame));
-                tavo_pe_item item;
                 ASSERT_EQ(TAVO_PE_OK, tavo_pe_frame_nal(&frame, 0, &item));
                 EXPECT_EQ(region->data, item.bytes);
                 EXPECT_EQ(7u, item.ts_base);
@@ -148,6 +129,9 @@ TEST(SdkWithEngine, CorruptRegionIsReportedNotFollowed) {
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_release_frame(client, &frame));
                 EXPECT_EQ(TAVO_PE_INVALID, tavo_pe_frame_nal(&frame, 0, &item));
             }));
+        EXPECT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2));
+        bench.playFrame(40, 1, 0);
+        EXPECT_EQ(0, bench.root().countLog("A/V DATA LOST"));
     });
 }
 

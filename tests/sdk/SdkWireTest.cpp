@@ -171,13 +171,50 @@ TEST(SdkWire, CutShortMessagesAndSurplusDescriptorsEndTheConnection) {
     EXPECT_EQ(TAVO_PE_CLOSED, sdk.result.get());
 }
 
-// After both regions are mapped, commands are passed on with their descriptors (close-on-
-// exec); a repeated "sharebuffer" is dropped; the end of the connection keeps the regions
-// mapped until the caller connects again.
-TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
+// Signals that land in the SDK's wait for a command (handled, without SA_RESTART, as timers of
+// applications and fuzzers often are) do not end the wait: the command that comes later, within
+// the time-out, is still passed on. The end of the connection is reported after it.
+TEST(SdkWire, SignalsDoNotCutAWaitForACommandShort) {
+    struct sigaction handler = {}, previous = {};
+    handler.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &handler, &previous));
     Connecting sdk;
     ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
-    ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 0));
+    tavo_pe_command command;
+    int status = -1;
+    std::thread waiter([&] { status = tavo_pe_next_command(sdk.pe, &command, 20000); });
+    // Several signals some time apart, so that some find the waiter inside its wait.
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+    }
+    sdk.engine.send("flush", '0', {});
+    waiter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    ASSERT_EQ(TAVO_PE_OK, status);
+    EXPECT_EQ(TAVO_PE_CMD_FLUSH, command.kind);
+
+    // The engine's end of the connection ends: reported, and the regions stay mapped until the
+    // caller connects again.
+    sdk.engine.hangUp();
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(sdk.pe, &command, 5000));
+    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
+    EXPECT_NE(nullptr, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
+    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
+    tavo_pe_disconnect(sdk.pe);
+    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
+}
+
+// After both regions are mapped, commands are passed on with their descriptors (close-on-
+// exec) and a repeated "sharebuffer" is dropped. Hanging up ends the connection for the engine,
+// keeps the regions readable, and closes only this process's descriptor: a forked child that
+// hangs up leaves its parent connected, and the parent's hang-up is seen while the child still
+// lives.
+TEST(SdkWire, CommandsArePassedOnAndHangingUpClosesOnlyThisCopyOfTheConnection) {
+    Connecting sdk;
+    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
+    CmmbSharedBuffer* region = tavo_pe_region(sdk.pe, 0);
+    ASSERT_NE(nullptr, region);
     ASSERT_NE(nullptr, tavo_pe_region(sdk.pe, 1));
 
     UniqueFd target(open("/dev/null", O_WRONLY));
@@ -208,47 +245,6 @@ TEST(SdkWire, CommandsArePassedOnAndTheEndIsReported) {
     }
     tavo_pe_command command;
     EXPECT_EQ(TAVO_PE_TIMEOUT, tavo_pe_next_command(sdk.pe, &command, 20));
-    sdk.engine.hangUp();
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_next_command(sdk.pe, &command, 5000));
-    EXPECT_FALSE(tavo_pe_is_connected(sdk.pe));
-    EXPECT_NE(nullptr, tavo_pe_region(sdk.pe, 0)) << "unmapped under the readers' feet";
-    EXPECT_EQ(TAVO_PE_CLOSED, tavo_pe_send_indication(sdk.pe, GOT_SHAREDBUFFER_FD));
-    tavo_pe_disconnect(sdk.pe);
-    EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
-}
-
-// Signals that land in the SDK's wait for a command (handled, without SA_RESTART, as timers of
-// applications and fuzzers often are) do not end the wait: the command that comes later, within
-// the time-out, is still passed on.
-TEST(SdkWire, SignalsDoNotCutAWaitForACommandShort) {
-    struct sigaction handler = {}, previous = {};
-    handler.sa_handler = [](int) {};
-    ASSERT_EQ(0, sigaction(SIGUSR1, &handler, &previous));
-    Connecting sdk;
-    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
-    tavo_pe_command command;
-    int status = -1;
-    std::thread waiter([&] { status = tavo_pe_next_command(sdk.pe, &command, 20000); });
-    // Several signals some time apart, so that some find the waiter inside its wait.
-    for (int i = 0; i < 5; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-    }
-    sdk.engine.send("flush", '0', {});
-    waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    ASSERT_EQ(TAVO_PE_OK, status);
-    EXPECT_EQ(TAVO_PE_CMD_FLUSH, command.kind);
-}
-
-// Hanging up ends the connection for the engine, keeps the regions readable, and closes only
-// this process's descriptor: a forked child that hangs up leaves its parent connected, and
-// the parent's hang-up is seen while the child still lives.
-TEST(SdkWire, HangingUpClosesOnlyThisCopyOfTheConnectionAndKeepsTheRegions) {
-    Connecting sdk;
-    ASSERT_NO_FATAL_FAILURE(sdk.serveRegions());
-    CmmbSharedBuffer* region = tavo_pe_region(sdk.pe, 0);
-    ASSERT_NE(nullptr, region);
 
     int link[2];  // [0] the parent's end, [1] the child's
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link));
