@@ -34,6 +34,7 @@ protected:
 };
 
 // Every fragment position from every state; an overwritten open unit gives its bytes back.
+// Of a position outside 0-3 only bit 1 (begins a unit) and bit 0 (ends one) count.
 TEST_F(IngestionTest, FragmentStateTable) {
     struct Step {
         int pos;
@@ -59,12 +60,16 @@ TEST_F(IngestionTest, FragmentStateTable) {
         {START, 9, true, 4, 90, kStarted},    // 14: overwrites steps 12-13
         {MIDDLE, 4, true, 4, 94, kMiddle},    // 15
         {COMPLETE, 11, true, 5, 92, kNone},   // 16: overwrites steps 14-15, unit 4
+        {6, 20, true, 5, 108, kStarted},      // 17: begins
+        {-64, 10, true, 5, 118, kMiddle},     // 18: no flag bits
+        {-63, 5, true, 6, 123, kNone},        // 19: ends, unit 5
+        {0x7F, 9, true, 7, 128, kNone},       // 20: begins and ends, unit 6
     };
     std::vector<Bytes> sent;
     for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
         const Step& step = steps[i];
         const unsigned char seed = static_cast<unsigned char>(i);
-        const bool startsUnit = step.pos == START || step.pos == COMPLETE;
+        const bool startsUnit = (step.pos & 2) != 0;
         sent.push_back(startsUnit ? nalUnit(4, 0x41, step.size, seed) : pattern(step.size, seed));
         EXPECT_EQ(step.taken, nal(sent.back(), step.pos, 1000 + i, i)) << "step " << i;
         EXPECT_EQ(step.nalCount, b->nalCount) << "step " << i;
@@ -72,9 +77,9 @@ TEST_F(IngestionTest, FragmentStateTable) {
         EXPECT_EQ(step.open, b->nal[b->nalCount].pos) << "step " << i;
     }
     // Units carry the timestamps of their first fragment.
-    const uint32_t offsets[] = {0, 6, 52, 60, 85}, lengths[] = {6, 46, 8, 25, 7};
-    const unsigned firstStep[] = {2, 3, 7, 8, 16};
-    for (int u = 0; u < 5; ++u) {
+    const uint32_t offsets[] = {0, 6, 52, 60, 85, 92, 123}, lengths[] = {6, 46, 8, 25, 7, 31, 5};
+    const unsigned firstStep[] = {2, 3, 7, 8, 16, 17, 20};
+    for (int u = 0; u < 7; ++u) {
         const CmmbNalRecord& r = b->nal[u];
         EXPECT_EQ(std::make_tuple(offsets[u], lengths[u], kNone, 1000 + firstStep[u], firstStep[u]),
                   std::make_tuple(r.offset, r.length, r.pos, r.tsBase, r.tsRelative))
@@ -82,6 +87,7 @@ TEST_F(IngestionTest, FragmentStateTable) {
     }
     EXPECT_EQ(stored({sent[8], sent[9], sent[10], sent[11]}), nalPayload(3));
     EXPECT_EQ(stored({sent[16]}), nalPayload(4));
+    EXPECT_EQ(stored({sent[17], sent[18], sent[19]}), nalPayload(5));
 }
 
 // A first fragment without a start code is dropped, after releasing an open unit.
@@ -99,24 +105,6 @@ TEST_F(IngestionTest, StartCodes) {
     EXPECT_FALSE(nal(Bytes{1, 2, 3, 4}, START));
     EXPECT_EQ(7u, b->dataLength);
     EXPECT_EQ(kNone, b->nal[1].pos);
-}
-
-// Positions outside 0-3: only bit 1 (begins a unit) and bit 0 (ends one) count.
-TEST_F(IngestionTest, ExtraBitsOfTheFragmentPositionAreIgnored) {
-    nal(nalUnit(4, 0x65, 20), 6);  // begins: 16 bytes kept
-    EXPECT_EQ(kStarted, b->nal[0].pos);
-    nal(pattern(10), -64);  // middle (no flag bits)
-    EXPECT_EQ(kMiddle, b->nal[0].pos);
-    EXPECT_EQ(0u, b->nalCount);
-    nal(pattern(5), -63);  // ends
-    EXPECT_EQ(1u, b->nalCount);
-    EXPECT_EQ(31u, b->nal[0].length);
-    EXPECT_EQ(kNone, b->nal[1].pos);
-    nal(nalUnit(3, 0x41, 9), 0x7F);  // begins and ends
-    ASSERT_EQ(2u, b->nalCount);
-    EXPECT_EQ(6u, b->nal[1].length);
-    EXPECT_EQ(0x65, nalPayload(0)[0]);
-    EXPECT_EQ(0x41, nalPayload(1)[0]);
 }
 
 // An open unit overwritten with an AAC frame behind it: the frame is kept, the next unit
