@@ -14,6 +14,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -58,10 +59,9 @@ TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
     const uint32_t lengths[] = {100, 0, 0, 0, 0, 65434, 0};
     for (uint32_t i = 0; i < 7; ++i) {
         const CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy.data(), i);
-        EXPECT_EQ(lengths[i], entry.length) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].tsBase, entry.tsBase) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].tsRelative, entry.tsRelative) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].pos, entry.pos) << "NAL entry " << i;
+        EXPECT_EQ(std::make_tuple(lengths[i], nal[i].tsBase, nal[i].tsRelative, nal[i].pos),
+                  std::make_tuple(entry.length, entry.tsBase, entry.tsRelative, entry.pos))
+            << "NAL entry " << i;
     }
     EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 0).length);
     EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 255).length);
