@@ -3,8 +3,6 @@
 #ifndef TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 #define TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <functional>
 #include <future>
