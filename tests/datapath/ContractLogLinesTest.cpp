@@ -1,6 +1,5 @@
-// Lines of the live data path and of session control whose text is part of the engine's
-// contract, each with the category and the public operation it is logged under: one case per
-// line, each a child with its own engine (session 0 showing a service on channel 40).
+// Contract lines of the live data path and session control, each with its category and the
+// operation it is logged under: one case per line, each a child with its own engine.
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
@@ -22,8 +21,7 @@ TEST_P(DataPathContractLine, IsLoggedUnderItsOperation) {
     });
 }
 
-// One frame carries a fragment without a beginning, a unit without a start code and an audio
-// frame; then the service is stopped.
+// A frame with a fragment without a beginning, a unit without start code and audio; a stop.
 void frameWithDropsThenStop(EngineDataPath& bench) {
     bench.frameStart(40);
     bench.nal(40, pattern(10), MBBMSAgent::NAL_FRAGMENT_MIDDLE);

@@ -1,6 +1,5 @@
-// The data path allocates nothing per item or per frame: every heap allocation of the
-// process (the C library's allocator, which operator new uses too) is counted while a burst
-// of frames goes through the engine's agent callbacks.
+// The data path allocates nothing per item or frame: every heap allocation of the process
+// (through the C library, which new uses too) is counted while a burst of frames goes through.
 #include <gtest/gtest.h>
 
 #include <atomic>

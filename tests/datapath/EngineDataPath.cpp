@@ -79,21 +79,10 @@ std::vector<int> regionDescriptors(int session) {
     return fds;
 }
 
-// The status of the first descriptor of this process that refers to the session's region.
-static bool statRegionDescriptor(int session, struct stat* status) {
-    const std::vector<int> fds = regionDescriptors(session);
-    return !fds.empty() && fstat(fds[0], status) == 0;
-}
-
-off_t PlayEngineReader::regionSize(int session) const {
-    // The SDK keeps the descriptor of each region it maps.
-    struct stat status;
-    return statRegionDescriptor(session, &status) ? status.st_size : -1;
-}
-
 long long regionInodeInThisProcess(int session) {
+    const std::vector<int> fds = regionDescriptors(session);
     struct stat status;
-    return statRegionDescriptor(session, &status) ? static_cast<long long>(status.st_ino) : -1;
+    return !fds.empty() && fstat(fds[0], &status) == 0 ? static_cast<long long>(status.st_ino) : -1;
 }
 
 bool PlayEngineReader::readFrame(int session, ReadFrame* frame, int timeoutMs) {
@@ -141,7 +130,6 @@ void EngineDataPath::frameStart(int channelID, const Bytes& multiplexFrame) {
     });
 }
 
-// The agent's buffers are writable; each call gets its own copy.
 void EngineDataPath::nal(int channelID, Bytes bytes, Pos pos, unsigned long tsBase,
                          unsigned long tsRelative) {
     fromAgent(

@@ -1,10 +1,7 @@
-// Test bench for the live data path, used inside a child process (one engine per process):
-// a play engine that maps both shared buffers and reads them by the reader contract, and the
-// engine initialised with the fake agent, whose frame bracket it plays.
+// Test bench for the live data path inside a child process: the engine with the fake agent,
+// and a play engine that maps both shared buffers and reads them by the reader contract.
 #ifndef TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
 #define TAVO_TESTS_DATAPATH_ENGINE_DATA_PATH_H
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
@@ -23,14 +20,11 @@
 using Pos = MBBMSAgent::NAL_FRAGMENT_POS_IND;
 
 int valueOf(CmmbSharedSemaphore* sem);
-// The inode of the session's region as a descriptor of this process holds it (an engine's
-// process without a play engine holds only the engine's own), or -1. A replaced buffer is a
-// new region and so a new inode.
+// The inode of the session's region held by this process, or -1 (a replaced buffer: a new one).
 long long regionInodeInThisProcess(int session);
 // The descriptors of this process that refer to the region of `session` (-1: of either).
 std::vector<int> regionDescriptors(int session = -1);
-// Straight through the agent's callback, on the calling thread and without allocating: one NAL
-// fragment, one audio frame, and one frame of complete units (unit i carries tsBase + i).
+// Straight through the agent's callback, without allocating (unit i carries tsBase + i).
 void sendNal(MBBMSAgentCallback* agentSide, int channelID, Bytes& unit,
              Pos pos = MBBMSAgent::NAL_FRAGMENT_COMPLETE, unsigned long tsBase = 0,
              unsigned long tsRelative = 0);
@@ -42,8 +36,7 @@ void deliverFrame(MBBMSAgentCallback* agentSide, int channelID, Bytes* units, in
 // Whether `condition` holds within `bound`, polled while yielding.
 bool holdsWithin(std::chrono::milliseconds bound, const std::function<bool()>& condition);
 
-// Runs fn on a thread of its own, for a caller that goes on meanwhile. A thread that does
-// not end in time is left behind: the test has failed and its process ends soon after.
+// Runs fn on a thread of its own, left behind if it does not end (the test has failed).
 class AsyncCall {
 public:
     explicit AsyncCall(std::function<void()> fn) {
@@ -51,7 +44,6 @@ public:
         mDone = task.get_future();
         std::thread(std::move(task)).detach();
     }
-    // True when fn ends within `bound` (from now).
     bool endsWithin(std::chrono::milliseconds bound) {
         return mDone.wait_for(bound) == std::future_status::ready;
     }
@@ -65,23 +57,18 @@ struct ReadFrame {
     std::vector<Bytes> nals, aacs;
 };
 
-// A play engine's view through the play-engine SDK, read here frame by frame. Misbehaving
-// play engines connect through it too, then do what they like with buffer(session).
+// A play engine's view through the play-engine SDK; misbehaving ones use buffer(session).
 class PlayEngineReader {
 public:
-    // Connects from clientPath (retrying while the engine sets up its socket) and maps the
-    // "sharebuffer" regions of sessions 0 and 1. Returns "" or what went wrong.
+    // Connects (retrying while the engine sets up its socket) and maps the "sharebuffer"
+    // regions of sessions 0 and 1. Returns "" or what went wrong.
     std::string connect(const std::string& serverPath, const std::string& clientPath);
     CmmbSharedBuffer* buffer(int session) const { return tavo_pe_region(mSdk.get(), session); }
     tavo_pe* sdk() const { return mSdk.get(); }
     // Ends the connection; the mappings stay.
     void hangUp() { tavo_pe_hang_up(mSdk.get()); }
-    // The size of the region the SDK mapped for the session (its descriptor, found through
-    // /proc/self/fd), or -1.
-    off_t regionSize(int session) const;
-    // Waits (bounded) on mutexDataAvailable, then mutexDataAccessable, copies the payloads,
-    // clears both counts and posts mutexDataAccessable. False on a timeout or a record
-    // outside the payload.
+    // Waits for a frame and its lock, copies the payloads, clears both counts and gives the
+    // lock back. False on a timeout or a record outside the payload.
     bool readFrame(int session, ReadFrame* frame, int timeoutMs = 20000);
 
 private:
@@ -99,7 +86,7 @@ public:
                             const Properties& properties = {});
     ~EngineDataPath() { engine().deinit(); }
 
-    // "" when the engine is initialised (and the play engine connected); else the reason.
+    // "" when set up; else the reason.
     const std::string& setUpError() const { return mError; }
     // startTVService with an IsmaPara carrying serviceID; the agent hands out `channelID`.
     int startService(int session, int serviceID, int channelID, int freqDot = 20);
@@ -120,15 +107,13 @@ private:
     std::string mError;
 };
 
-// Declares `bench` (built from the arguments after `channel`), set up, with session 0
-// showing service 7 on `channel`; fails the test otherwise.
+// Declares `bench` (from the arguments after `channel`), set up, session 0 showing service 7.
 #define SERVING_BENCH(bench, channel, ...) \
     EngineDataPath bench{__VA_ARGS__};     \
     ASSERT_EQ("", bench.setUpError());     \
     ASSERT_EQ(0, bench.startService(0, 7, channel))
 
-// Declares `bench` (built from the arguments after `agentSide`), set up, and `agentSide`, the
-// engine's callback the agent holds, for calls straight from the test's own threads.
+// Declares `bench` (from the arguments after `agentSide`), set up, and the agent's callback.
 #define AGENT_BENCH(bench, agentSide, ...)                    \
     EngineDataPath bench{__VA_ARGS__};                        \
     ASSERT_EQ("", bench.setUpError());                        \

@@ -1,8 +1,5 @@
-// A play engine that does not keep to its contract. It maps both shared buffers read-write,
-// so it can rewrite any count, length, record or payload byte at any moment, and it holds
-// the regions' descriptors, so it can try to resize them. None of that may make the engine
-// read or write outside a region or a copy, or kill it; the frames it hands on and records
-// are what the engine wrote, where the engine still decides.
+// A play engine that rewrites any byte of both shared buffers at any moment and tries to resize
+// the regions: the engine never reads or writes outside a region or a copy, nor dies.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,6 +14,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ChildProcess.h"
@@ -27,10 +25,9 @@
 
 namespace {
 
-// The recording copy of a buffer whose counts and records a reader has set out of range:
-// the counts are clamped to the tables, a record outside the payload area or past what the
-// copy can hold is copied as empty, and the rest is copied exactly. Both the region and the
-// copy area are heap blocks of their exact size, so a stray access is caught by ASan.
+// The recording copy of a buffer with counts and records out of range: counts are clamped, a
+// record outside the payload or past what the copy can hold is copied as empty, the rest
+// exactly. Region and copy are heap blocks of their exact size, so ASan catches a stray access.
 TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
     std::unique_ptr<CmmbSharedBuffer> region(new CmmbSharedBuffer());
     for (size_t i = 0; i < sizeof(region->data); ++i)
@@ -62,10 +59,9 @@ TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
     const uint32_t lengths[] = {100, 0, 0, 0, 0, 65434, 0};
     for (uint32_t i = 0; i < 7; ++i) {
         const CmmbFrameCopyNalEntry entry = cmmbFrameCopyReadNal(copy.data(), i);
-        EXPECT_EQ(lengths[i], entry.length) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].tsBase, entry.tsBase) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].tsRelative, entry.tsRelative) << "NAL entry " << i;
-        EXPECT_EQ(nal[i].pos, entry.pos) << "NAL entry " << i;
+        EXPECT_EQ(std::make_tuple(lengths[i], nal[i].tsBase, nal[i].tsRelative, nal[i].pos),
+                  std::make_tuple(entry.length, entry.tsBase, entry.tsRelative, entry.pos))
+            << "NAL entry " << i;
     }
     EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 0).length);
     EXPECT_EQ(0u, cmmbFrameCopyReadAac(copy.data(), 256, 255).length);
@@ -75,12 +71,10 @@ TEST(HostileReader, RecordingCopyTakesOnlyWhatFits) {
 
 // What the hostile process did, in a page shared with it.
 struct HostileReport {
-    int connected;          // set by the hostile reader once both buffers are mapped
-    int go;                 // set by the test: start rewriting
-    int stop;               // set by the test: finish the current round and exit
-    unsigned long rounds;   // rounds of rewrites done
-    unsigned long locked;   // rounds done while holding a buffer lock, as a reader would
-    unsigned long resized;  // ftruncate calls that succeeded (must stay 0)
+    int connected, go, stop;
+    unsigned long rounds;
+    unsigned long locked;   // rounds done while holding a buffer lock
+    unsigned long resized;  // ftruncate calls that succeeded
 };
 
 using Rng = std::mt19937;
@@ -109,9 +103,8 @@ void rewriteOne(CmmbSharedBuffer* b, Rng& rng) {
     }
 }
 
-// The hostile play engine: connects and maps both buffers like a reader, then until told
-// to stop rewrites them at random, now and then while holding a buffer lock the way a
-// reader takes it, and tries to resize the regions.
+// Rewrites both buffers at random until told to stop, now and then holding a buffer lock the
+// way a reader takes it, and tries to resize the regions.
 [[noreturn]] void runHostileReader(const std::string& server, const std::string& own,
                                    HostileReport* report) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that failed
@@ -167,10 +160,9 @@ MultiplexFrame knownFrame() {
     return frame;
 }
 
-// A hostile play engine in a process of its own keeps rewriting both buffers and trying to
-// resize them (which never succeeds) while two sessions on one channel take a stream of real H.264
-// and AAC and session 0 records it. The engine neither crashes nor (under ASan and UBSan) reads or
-// writes out of bounds; the recording, once stopped, is a file ffprobe reads; and once the
+// A hostile play engine rewrites both buffers and tries to resize them while two sessions on one
+// channel take real H.264 and AAC and session 0 records it. The engine neither crashes nor
+// (under ASan and UBSan) strays out of bounds; the recording is a file ffprobe reads; once the
 // hostile reader has gone, the next frame reaches a new play engine exactly as delivered.
 TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
     EXPECT_IN_CHILD({
@@ -186,18 +178,16 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
                              rig.root().path() + "/hostile.socket", report);
         ASSERT_GT(hostile, 0);
         while (__atomic_load_n(&report->connected, __ATOMIC_ACQUIRE) == 0)
-            usleep(1000);  // connected and mapped
+            usleep(1000);
 
-        // The recording takes its parameter sets, its time base and its first samples from
-        // clean frames: what a reader scribbles into the payload or the records while the
-        // engine copies them may be recorded as it stands, and a file whose parameter sets
-        // or first times were scribbled over would say nothing about the engine's safety.
+        // The recording takes its parameter sets and time base from clean frames: scribbled
+        // ones would be recorded as they stand and say nothing about the engine's safety.
         ASSERT_EQ(0, rig.startRecording("hostile.mp4"));
         ClipFeed feed;
         rig.playSeconds(feed, 2);
         __atomic_store_n(&report->go, 1, __ATOMIC_RELEASE);
         while (__atomic_load_n(&report->rounds, __ATOMIC_RELAXED) == 0)
-            usleep(1000);  // rewriting
+            usleep(1000);
         rig.playSeconds(feed, 60);
         __atomic_store_n(&report->stop, 1, __ATOMIC_RELEASE);
         int status = -1;
@@ -219,8 +209,7 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
         EXPECT_NE(boxes.end(), std::find(boxes.begin(), boxes.end(), "moov"));
         EXPECT_EQ(boxes.end(), std::find(boxes.begin(), boxes.end(), "truncated"));
 
-        // The engine's own descriptors of the regions: sealed at their size, the seals sealed
-        // too (a shrunk region would raise SIGBUS in the engine).
+        // The engine's regions are sealed at their size, the seals sealed too.
         const std::vector<int> fds = regionDescriptors();
         ASSERT_EQ(2u, fds.size());
         for (int fd : fds) {
@@ -233,8 +222,7 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
                 EXPECT_EQ(EPERM, errno) << "to " << size;
             }
         }
-        // A play engine that keeps to its contract reads the next frame in both buffers as
-        // delivered: NAL units without their start code, AAC frames behind a 7-byte header.
+        // NAL units without their start code, AAC frames behind a 7-byte header.
         PlayEngineReader next;
         ASSERT_EQ("", next.connect(rig.root().resolve("/data/app/cmmb.socket"),
                                    rig.root().path() + "/next.socket"));

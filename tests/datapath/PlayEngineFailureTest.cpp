@@ -1,10 +1,7 @@
-// Live TV when the play engine dies, hangs, forks or reconnects. The engine runs in a child
-// process; play engines are further processes that connect over the real socket and map the
-// real shared memory. "Within" bounds here are hang detectors, not performance limits.
-//
-// Every reader process here checks, while it holds a buffer lock, that the engine writes
-// nothing into that buffer: it marks the fields the engine writes at a frame start and finds
-// them intact before it posts the lock; and it checks that the lock never reads above 1.
+// Live TV when the play engine dies, hangs, forks or reconnects: play engines are processes
+// that connect over the real socket and map the real shared memory. "Within" bounds are hang
+// detectors. Every reader checks that the engine writes nothing into a buffer whose lock it
+// holds (marks written under the lock stay intact) and that the lock never reads above 1.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -40,14 +37,12 @@ Regions regions() {
     return {regionInodeInThisProcess(0), regionInodeInThisProcess(1)};
 }
 
-// Session 0 showing service 7, with a lock bound far beyond the checks here: only replacing a
-// buffer can let the agent go on in time.
+// Session 0 showing service 7, with a lock bound far beyond the checks here.
 #define PATIENT_BENCH(bench, connectPlayEngine)                        \
     SERVING_BENCH(bench, kChannel, "ERROR,WARNING", connectPlayEngine, \
                   {{kLockTimeoutProperty, "60000"}})
 
-// Reports of a reader process, one byte each. A frame read is reported as kFrame plus its
-// number of NAL units (at most 25).
+// Reports of a reader process, one byte each; a frame read is kFrame plus its NAL units.
 const char kConnected = 'c', kStopped = 's', kHolding = 'h', kReleased = 'k', kDone = 'd',
            kMarkerBroken = 'X', kLockAboveOne = 'Y', kFrame = 'A';
 
@@ -74,11 +69,10 @@ void sendReport(int fd, char what) {
         pause();
 }
 
-// A process of its own that reports single characters through a pipe; killed when dropped.
+// A process that reports single characters through a pipe; killed when dropped.
 class ReportingProcess {
 public:
     ~ReportingProcess() { kill(SIGKILL); }
-    // Forks a child that runs body with the pipe's writing end; body does not return.
     bool fork(const std::function<void(int)>& body) {
         int fds[2];
         if (pipe(fds) != 0)
@@ -98,8 +92,7 @@ public:
         char report = 0;
         return poll(&entry, 1, timeoutMs) == 1 && read(mPipe.get(), &report, 1) == 1 ? report : 0;
     }
-    // True when `wanted` comes, each report before it within the bound, after other frame
-    // reports only.
+    // True when `wanted` comes, after frame reports only, each within the bound.
     bool reportsWithin(char wanted, int timeoutMs) {
         char report = 0;
         while ((report = readReport(timeoutMs)) != 0 && report != wanted &&
@@ -122,8 +115,7 @@ private:
     UniqueFd mPipe;
 };
 
-// The fields of a buffer that every frame start writes, marked by a reader that holds the
-// lock. They must still hold the marks when it gives the lock back.
+// Marks on fields every frame start writes, set by a reader holding the lock.
 const uint32_t kMark = 0x5A5A5A5Au;
 
 void markBuffer(CmmbSharedBuffer* b) {
@@ -142,8 +134,7 @@ bool markIntact(const CmmbSharedBuffer* b) {
 enum class Step { NONE, AFTER_AVAILABLE, HOLDING_LOCK, MID_READ, COUNTS_CLEARED };
 
 // Follows the reader contract on session 0, reporting every frame read, and stops for good at
-// `stopAt`. With `frames`, it reports kDone and exits after that many, keeping the lock of the
-// last one for `holdLastMs` (reporting kHolding, then kReleased).
+// `stopAt`; with `frames`, exits after that many, holding the last one's lock `holdLastMs`.
 void readFrames(CmmbSharedBuffer* b, int fd, Step stopAt, int frames = -1, int holdLastMs = 0) {
     auto stopHere = [&](Step here) {
         if (here == stopAt)
@@ -185,8 +176,7 @@ void readFrames(CmmbSharedBuffer* b, int fd, Step stopAt, int frames = -1, int h
     _exit(0);
 }
 
-// A play engine process: connects from `name`.socket, maps the buffers, reports kConnected,
-// then reads until it stops at `stopAt`.
+// A play engine process: connects from `name`.socket, then reads until it stops at `stopAt`.
 bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const std::string& name,
                  Step stopAt = Step::NONE) {
     const std::string server = bench.serverPath(),
@@ -200,63 +190,84 @@ bool startReader(ReportingProcess& reader, const EngineDataPath& bench, const st
     }) && reader.readReport() == kConnected;
 }
 
-// A new play engine connects while another holds or kept session 0's lock: its first frame
-// goes through at once.
+// A new play engine connects while another holds or kept session 0's lock: served at once.
 void expectNewcomerServed(EngineDataPath& bench, ReportingProcess& next) {
     ASSERT_TRUE(startReader(next, bench, "next"));
     ASSERT_TRUE(playsWithin(bench, 5));
     EXPECT_TRUE(next.reportsWithin(frameReport(5), 1000));
 }
 
-// Session 0's buffer was replaced since `first`, session 1's was not.
 void expectSession0Replaced(const Regions& first) {
     const Regions now = regions();
     EXPECT_NE(first[0], now[0]);
     EXPECT_EQ(first[1], now[1]) << "session 1 was free";
 }
 
-class ReaderDies : public ::testing::TestWithParam<Step> {};
+struct Failure {
+    Step stopAt;
+    bool hangs;  // stopped with SIGSTOP, killed only once a new play engine is served
+};
 
-// A reader killed at each step of its contract: the frame waiting for its lock goes on, the
-// buffer is replaced exactly when the reader held the lock, and the next play engine gets a
-// frame at once.
-TEST_P(ReaderDies, TheNextPlayEngineGetsAFrameAtOnce) {
+class ReaderFails : public ::testing::TestWithParam<Failure> {};
+
+// A reader killed at each step of its contract, or hung holding the lock: the frame waiting for
+// its lock goes on, the buffer is replaced exactly when the reader held the lock, and the next
+// play engine gets a frame at once. Killing a hung reader afterwards changes nothing.
+TEST_P(ReaderFails, TheNextPlayEngineGetsAFrameAtOnce) {
+    const Failure failure = GetParam();
     EXPECT_IN_CHILD({
         PATIENT_BENCH(bench, false);
         const Regions first = regions();
-        ReportingProcess dying;
-        ASSERT_TRUE(startReader(dying, bench, "dying", GetParam()));
+        ReportingProcess failing, next;
+        ASSERT_TRUE(startReader(failing, bench, "failing", failure.stopAt));
         bench.playFrame(kChannel, 3, 2);
-        ASSERT_EQ(kStopped, dying.readReport());
+        ASSERT_EQ(kStopped, failing.readReport());
         // The agent's thread is blocked in a frame start when the reader holds the lock.
         AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
-        std::this_thread::sleep_for(milliseconds(20));
-        dying.kill(SIGKILL);
+        std::this_thread::sleep_for(milliseconds(100));
+        if (failure.hangs) {
+            failing.kill(SIGSTOP);
+            EXPECT_FALSE(blockedFrame.endsWithin(milliseconds(0))) << "the frame did not wait";
+            ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        } else {
+            failing.kill(SIGKILL);
+        }
         ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
-
-        ReportingProcess next;
-        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
-        if (GetParam() != Step::AFTER_AVAILABLE)
+        if (!failure.hangs) {
+            ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
+        }
+        if (failure.stopAt != Step::AFTER_AVAILABLE)
             expectSession0Replaced(first);
         else
             EXPECT_EQ(first, regions()) << "replaced though the reader never held the lock";
+        if (failure.hangs) {
+            const Regions replaced = regions();
+            failing.kill(SIGKILL);
+            ASSERT_TRUE(playsWithin(bench, 4));
+            EXPECT_TRUE(next.reportsWithin(frameReport(4), 1000));
+            EXPECT_EQ(replaced, regions()) << "killing the hung reader replaced a buffer again";
+        }
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().stopTVService(0); }));
         EXPECT_TRUE(endsWithin(milliseconds(1000), [&] { bench.engine().deinit(); }));
     });
 }
 
-std::string stepName(const ::testing::TestParamInfo<Step>& step) {
+std::string failureName(const ::testing::TestParamInfo<Failure>& failure) {
     static const char* const kNames[] = {"None", "AfterDataAvailable", "HoldingTheLock", "MidRead",
                                          "AfterClearingTheCounts"};
-    return kNames[static_cast<int>(step.param)];
+    return std::string(failure.param.hangs ? "HangsAt" : "DiesAt") +
+           kNames[static_cast<int>(failure.param.stopAt)];
 }
 
-INSTANTIATE_TEST_SUITE_P(AtEachStep, ReaderDies,
-                         ::testing::Values(Step::AFTER_AVAILABLE, Step::HOLDING_LOCK,
-                                           Step::MID_READ, Step::COUNTS_CLEARED),
-                         stepName);
+INSTANTIATE_TEST_SUITE_P(AtEachStep, ReaderFails,
+                         ::testing::Values(Failure{Step::AFTER_AVAILABLE, false},
+                                           Failure{Step::HOLDING_LOCK, false},
+                                           Failure{Step::MID_READ, false},
+                                           Failure{Step::COUNTS_CLEARED, false},
+                                           Failure{Step::MID_READ, true}),
+                         failureName);
 
-// Under an emulator every process start costs seconds, so fewer cycles are run there.
+// Under an emulator every process start costs seconds.
 const int kConnectAndKillCycles = TAVO_EMULATED ? 40 : 200;
 
 // Each cycle replaces session 0's buffer; the old regions' descriptors and mappings go.
@@ -270,10 +281,8 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
                 before = openDescriptors();  // after the first connection has set up
             ReportingProcess reader;
             ASSERT_TRUE(startReader(reader, bench, "cycle", Step::MID_READ));
-            // Each reader is handed a fresh region: the one before it was left locked.
             handedOut.insert(regionInodeInThisProcess(0));
-            // The reader may take the lock for a frame signalled earlier, before this frame
-            // starts, so the frame may block until the reader is gone.
+            // The reader may take the lock of an earlier frame: this one may block until it goes.
             AsyncCall frame([&] { bench.playFrame(kChannel, 2, 1); });
             ASSERT_EQ(kStopped, reader.readReport()) << "cycle " << cycle;
             reader.kill(SIGKILL);
@@ -287,10 +296,9 @@ TEST(ReaderKilledRepeatedly, LeavesNoDescriptorBehind) {
     });
 }
 
-// A play engine forks; its child closes its copy of the connection and goes on reading after
-// the parent has gone. While it does not hold the lock at a check, its buffer stays: it keeps
-// getting frames. When a new play engine arrives while the child holds the lock, the new one
-// gets a fresh buffer, and nothing is written into the child's.
+// A play engine forks; its child hangs up its copy of the connection and reads on after the
+// parent has gone. Its buffer stays while it does not hold the lock; a new play engine arriving
+// while it does gets a fresh buffer, and nothing is written into the child's.
 TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     EXPECT_IN_CHILD({
         PATIENT_BENCH(bench, false);
@@ -329,44 +337,13 @@ TEST(ReaderForks, TheChildReadsOnAndANewPlayEngineGetsAFreshBuffer) {
     });
 }
 
-// A play engine stopped with SIGSTOP while it holds the lock is replaced by a new one before
-// it is killed: the frame waiting for the hung reader ends, the new play engine gets a fresh
-// buffer at once, and killing the hung reader afterwards changes nothing.
-TEST(ReaderHangs, ANewPlayEngineIsServedBeforeTheHungOneIsKilled) {
-    EXPECT_IN_CHILD({
-        PATIENT_BENCH(bench, false);
-        const Regions first = regions();
-        ReportingProcess hung;
-        ASSERT_TRUE(startReader(hung, bench, "hung", Step::MID_READ));
-        bench.playFrame(kChannel, 3, 2);
-        ASSERT_EQ(kStopped, hung.readReport());
-        hung.kill(SIGSTOP);
-        AsyncCall blockedFrame([&] { bench.playFrame(kChannel, 3, 2); });
-        std::this_thread::sleep_for(milliseconds(100));
-        EXPECT_FALSE(blockedFrame.endsWithin(milliseconds(0))) << "the frame did not wait";
-
-        ReportingProcess next;
-        ASSERT_NO_FATAL_FAILURE(expectNewcomerServed(bench, next));
-        ASSERT_TRUE(blockedFrame.endsWithin(milliseconds(1000)));
-        expectSession0Replaced(first);
-
-        const Regions replaced = regions();
-        hung.kill(SIGKILL);
-        ASSERT_TRUE(playsWithin(bench, 4));
-        EXPECT_TRUE(next.reportsWithin(frameReport(4), 1000));
-        EXPECT_EQ(replaced, regions()) << "killing the hung reader replaced a buffer again";
-    });
-}
-
 // A stopped play engine that stays connected holds its session up for the lock bound only
-// (the buffer reset of a stop is skipped, the buffer left as it is), and the other session is
-// served meanwhile.
+// (a stop's reset is skipped), and the other session is served meanwhile.
 TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     EXPECT_IN_CHILD({
         SERVING_BENCH(bench, kChannel, "ERROR,WARNING", true, {{kLockTimeoutProperty, "300"}});
         ASSERT_EQ(0, bench.startService(1, 7, kChannel));
-        // Session 0's lock is taken by this process, as a connected play engine that stopped
-        // would keep it; the same process reads session 1.
+        // This process takes session 0's lock, as a stopped play engine would, and reads 1.
         bench.playFrame(kChannel, 3, 1);
         CmmbSharedBuffer* stuck = bench.buffer(0);
         ASSERT_EQ(0, cmmb_sem_timedwait(&stuck->mutexDataAvailable, 5000));
@@ -399,9 +376,8 @@ TEST(ReaderStopped, WaitIsBoundedAndTheOtherSessionIsServed) {
     });
 }
 
-// Connects through the SDK as a client running as `uid`, in a process of its own, and expects
-// `outcome`: refused (connect() itself, by the socket file's permissions), closed (by the engine,
-// without sending anything) or served (both "sharebuffer" commands received).
+// Connects as `uid` in a process of its own and expects `outcome`: refused (by the socket
+// file's permissions), closed (by the engine) or served.
 void expectConnectAs(uid_t uid, const std::string& server, const std::string& own, int outcome) {
     EXPECT_EQ("", runInChild([&] {
                   ASSERT_EQ(0, setgroups(0, nullptr));
@@ -418,10 +394,10 @@ void expectConnectAs(uid_t uid, const std::string& server, const std::string& ow
         << "uid " << uid;
 }
 
-// Another user's process may not take over the play engine's connection and its buffers, even
-// with umask 0 and directories open to everyone: without listed uids the socket file keeps it
-// out; with a list (the file then open to all) the credentials refuse any uid not listed while
-// a listed one is served. Either way the connected play engine keeps its frames.
+// Another user's process may not take over the play engine's connection, even with umask 0
+// and directories open to all: without listed uids the socket file keeps it out; with a list
+// the credentials refuse any uid not listed while a listed one is served. Either way the
+// connected play engine keeps its frames.
 TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to run clients under other uids";
@@ -447,9 +423,8 @@ TEST(OtherUsersClient, IsRefusedWhileAListedUidIsServed) {
             ReadFrame frame;
             ASSERT_TRUE(bench.reader.readFrame(0, &frame, 5000));
             EXPECT_EQ(4u, frame.nals.size());
-            if (listing.listedUids[0] != '\0') {
+            if (listing.listedUids[0] != '\0')
                 expectConnectAs(4242, server, root + "/listed.socket", TAVO_PE_OK);
-            }
         });
     }
 }

@@ -34,27 +34,10 @@ TEST(TVServiceControl, SessionsShareAChannelPerServiceAndFreedSlotsAreReused) {
     });
 }
 
-// With no session running any frequency point is taken; with one running, only the one the
-// tuner reports (or any, when it reports none).
-TEST(TVServiceControl, FrequencyRuleKeepsRunningChannelsOnOneFrequencyPoint) {
-    EXPECT_IN_CHILD({
-        EngineDataPath bench;
-        ASSERT_EQ("", bench.setUpError());
-        EXPECT_EQ(-1, bench.startService(0, 7, 40, -1));
-        bench.agent().setResult("getFrequency", 20);
-        EXPECT_EQ(0, bench.startService(0, 7, 40, 21));
-        EXPECT_EQ(-1, bench.startService(1, 8, 41, 22));
-        EXPECT_EQ(0, bench.startService(1, 8, 41, 20));
-        ASSERT_EQ(0, bench.engine().stopTVService(1));
-        bench.agent().setResult("getFrequency", -1);
-        EXPECT_EQ(0, bench.startService(1, 8, 41, 23));
-        EXPECT_EQ(3, bench.agent().countCalls("startService"));
-    });
-}
-
 // Refusals leave the tables as they were; every stop, refused or not, empties the session's
-// buffer without signalling it.
-TEST(TVServiceControl, RefusedStartsAndStopsChangeNothing) {
+// buffer without signalling it. With no session running any frequency point is taken; with
+// one running, only the one the tuner reports (or any, when it reports none).
+TEST(TVServiceControl, RefusalsChangeNothingAndChannelsStayOnOneFrequencyPoint) {
     EXPECT_IN_CHILD({
         EngineDataPath bench;
         ASSERT_EQ("", bench.setUpError());
@@ -69,6 +52,7 @@ TEST(TVServiceControl, RefusedStartsAndStopsChangeNothing) {
         EXPECT_EQ(-1, bench.startService(-1, 7, 40));
         EXPECT_EQ(-1, bench.startService(2, 7, 40));
         EXPECT_EQ(-1, bench.engine().stopTVService(2));
+        EXPECT_EQ(-1, bench.startService(0, 7, 40, -1));
         bench.agent().setResult("startService", -1);
         EXPECT_EQ(-1, bench.startService(0, 7, 40));
         bench.agent().clearResult("startService");
@@ -76,8 +60,16 @@ TEST(TVServiceControl, RefusedStartsAndStopsChangeNothing) {
         EXPECT_EQ(0, bench.root().countLog("attachSessionToChannel"));
         EXPECT_EQ(-1, bench.engine().stopTVService(0));
 
-        ASSERT_EQ(0, bench.startService(0, 7, 40));
+        const int agentStarts = bench.agent().countCalls("startService");
+        bench.agent().setResult("getFrequency", 20);
+        ASSERT_EQ(0, bench.startService(0, 7, 40, 21));
         EXPECT_EQ(0, bench.root().countLog("mChannel[1]")) << "the refused slot is reused";
+        EXPECT_EQ(-1, bench.startService(1, 8, 41, 22));
+        EXPECT_EQ(0, bench.startService(1, 8, 41, 20));
+        ASSERT_EQ(0, bench.engine().stopTVService(1));
+        bench.agent().setResult("getFrequency", -1);
+        EXPECT_EQ(0, bench.startService(1, 8, 41, 23));
+        EXPECT_EQ(agentStarts + 3, bench.agent().countCalls("startService"));
     });
 }
 

@@ -1,6 +1,5 @@
-// Sessions started and stopped while the agent delivers frames on its own thread and a play
-// engine reads them: every frame read is whole (all of its units or, after a reset, none)
-// and no lock is left taken. Also run under ThreadSanitizer (label "tsan").
+// Sessions started and stopped while the agent delivers frames and a play engine reads them:
+// every frame read is whole (all units or, after a reset, none), no lock is left taken.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,8 +9,7 @@
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
 
-// Read by ThreadSanitizer only: a race report fails the test, also inside the child that
-// runs its body.
+// A race report fails the test, also inside the child.
 extern "C" const char* __tsan_default_options() {
     return "halt_on_error=1:exitcode=66";
 }
@@ -34,7 +32,7 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
             while (running.load()) {
                 deliverFrame(agentSide, kChannel, units, kUnits);
                 framesDelivered++;
-                // Pacing, as between real multiplex frames, so that the reader gets the lock.
+                // Pacing, so that the reader gets the lock.
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
@@ -52,7 +50,6 @@ TEST(SessionRace, StartAndStopRacingWithFrameDeliveryKeepFramesWhole) {
                 }
             }
         });
-        // Lets frames through while sessions are attached (bounded: a stuck agent fails).
         auto letFramesThrough = [&](long count) {
             const long target = framesDelivered.load() + count;
             holdsWithin(std::chrono::seconds(20), [&] { return framesDelivered.load() >= target; });

@@ -1,6 +1,5 @@
 // White box: the shared buffers' reset, called directly on the engine (it has no public entry
-// of its own), which waits out a frame being written; and init when the buffers cannot be made
-// (the failures come through the Env seam).
+// of its own), which waits out a frame being written.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,8 +7,6 @@
 
 #include "ChildProcess.h"
 #include "EngineDataPath.h"
-#include "FaultInjectingEnv.h"
-#include "OpenDescriptors.h"
 #include "TavoMBBMSEngineImpl.h"
 
 namespace {
@@ -30,24 +27,6 @@ TEST(SharedBufferReset, WaitsForTheFrameInProgress) {
         ReadFrame frame;
         ASSERT_TRUE(bench.reader.readFrame(0, &frame));
         EXPECT_TRUE(frame.nals.empty());
-    });
-}
-
-// Buffers that cannot be made make init fail cleanly, and the next init succeeds. Which call
-// of the buffers' set-up fails makes no difference to init (each is failed in turn by the
-// shared-buffer set's own tests); here it is session 1's region, after session 0's is made.
-TEST(SharedBufferSetUp, AFailureMakesInitFailWithNothingLeftOpenAndTheNextInitWorks) {
-    EXPECT_IN_CHILD({
-        TestRoot root;
-        TavoMBBMSEngine* engine = TavoMBBMSEngineImpl::getInstance();
-        FaultInjectingEnv env;
-        const int descriptorsBefore = openDescriptors();
-        env.failNth(FaultInjectingEnv::CREATE_REGION, 2, ENOMEM);
-        EXPECT_EQ(-1, engine->init(nullptr, nullptr));
-        EXPECT_EQ(descriptorsBefore, openDescriptors());
-        env.clearFaults();
-        ASSERT_EQ(0, engine->init(nullptr, nullptr));
-        EXPECT_EQ(0, engine->deinit());
     });
 }
 

@@ -1,9 +1,6 @@
-// SessionManagerSlot's frame lease on its own, in both of its barrier modes (process-wide
-// barriers, and the read-modify-write per call used where the kernel has none): retire()
-// waits while a call of the bracket is inside and revokes the lease between calls, and only
-// the bracket's thread gets the lease. The manager is a real SessionManager without buffers
-// or agent; a call that reached it after retire() would be caught by the address and thread
-// sanitizers (label "tsan").
+// SessionManagerSlot's frame lease in both barrier modes: retire() waits while a call of the
+// bracket is inside and revokes the lease between calls; only the bracket's thread gets it. A
+// call reaching the manager after retire() is caught by the sanitizers (label "tsan").
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,6 +10,7 @@
 #include <thread>
 
 #include "Env.h"
+#include "FakeClockEnv.h"
 #include "FrameSink.h"
 #include "SessionManager.h"
 #include "SessionManagerSlot.h"
@@ -47,7 +45,7 @@ protected:
     NoFrameSink mSink;
 };
 
-TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) {
+TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseRetireWaitsForItsCallThenRevokesIt) {
     SessionManagerSlot slot(GetParam());
     SessionManager* manager = newManager();
     slot.install(std::unique_ptr<SessionManager>(manager));
@@ -66,6 +64,7 @@ TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) 
         laterCallGotLease = static_cast<bool>(later) ? 1 : 0;
     });
     inside.get_future().wait();
+    std::thread([&] { EXPECT_FALSE(SessionManagerSlot::BracketCall(slot)); }).join();
     std::future<std::unique_ptr<SessionManager>> retired =
         std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
     EXPECT_EQ(std::future_status::timeout, retired.wait_for(std::chrono::milliseconds(200)))
@@ -77,16 +76,11 @@ TEST_P(LeaseSlot, RetireWaitsWhileACallOfTheBracketIsInsideThenRevokesTheLease) 
     EXPECT_EQ(0, laterCallGotLease.load()) << "a call after retire() still got the manager";
 }
 
-TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
+TEST_P(LeaseSlot, TheFrameEndClosesTheLeaseAndRetireThenDoesNotWait) {
     SessionManagerSlot slot(GetParam());
     SessionManager* manager = newManager();
     slot.install(std::unique_ptr<SessionManager>(manager));
     openBracket(slot);
-    std::thread other([&] {
-        SessionManagerSlot::BracketCall call(slot);
-        EXPECT_FALSE(call);
-    });
-    other.join();
     {
         SessionManagerSlot::BracketCall end(slot);
         ASSERT_TRUE(end);
@@ -94,22 +88,19 @@ TEST_P(LeaseSlot, OnlyTheBracketsThreadGetsTheLeaseAndTheFrameEndClosesIt) {
     }
     SessionManagerSlot::BracketCall afterEnd(slot);
     EXPECT_FALSE(afterEnd);
-    // No lease is open: retire() has nothing to wait for.
-    std::future<std::unique_ptr<SessionManager>> retired =
-        std::async(std::launch::async, [&] { return slot.retire(Env::platform()); });
-    ASSERT_EQ(std::future_status::ready, retired.wait_for(kBound));
-    EXPECT_EQ(manager, retired.get().get());
+    FakeClockEnv clock;
+    const auto start = clock.now();
+    EXPECT_EQ(manager, slot.retire(&clock).get());
+    EXPECT_EQ(start, clock.now()) << "retire without users waited";
 }
 
-// Reads the manager as a data callback would, without the frame's locks: the race under test
-// is only about whether the object is still alive.
+// Reads the manager without the frame's locks: the race is only about its lifetime.
 int touch(SessionManager* manager, int channelID) NO_THREAD_SAFETY_ANALYSIS {
     return manager->channelIDToIndex(channelID);
 }
 
-// The bracket's thread calls into the manager as fast as it can while retire() runs at a
-// random moment; once a call finds no lease, none finds it again, and the manager is
-// deleted right after retire() returns.
+// retire() at a random moment while the bracket's thread calls in: once a call finds no
+// lease, none finds it again, and the manager is deleted right after retire() returns.
 TEST_P(LeaseSlot, RetireRacingCallsNeverLeavesAManagerInUse) {
     std::mt19937 random(7);
     for (int round = 0; round < 100; ++round) {

@@ -1,6 +1,5 @@
-// The slot that holds the engine's session manager, in process with threads: Accesses see the
-// manager or nothing, retire() waits for the Accesses taken before it, and it ends a frame the
-// agent left open so that application threads blocked behind that frame go on.
+// The slot holding the engine's session manager, in process: retire() waits for the Accesses
+// taken before it and ends a frame the agent left open, so threads blocked behind it go on.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -19,8 +18,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Long enough for a thread that should block to have blocked; a wrong answer only shows as a
-// missed failure, never as a false one.
+// Long enough for a thread that should block to have blocked (too short only misses a fault).
 const milliseconds kSettle(100);
 
 class SessionManagerSlotTest : public testing::Test {
@@ -34,33 +32,13 @@ protected:
     SessionManagerSlot mSlot;
 };
 
-TEST_F(SessionManagerSlotTest, AccessesSeeTheInstalledManagerUntilItIsRetired) {
-    EXPECT_TRUE(mSlot.installed());
-    {
-        SessionManagerSlot::Access access(mSlot);
-        EXPECT_EQ(mManager, access.get());
-        SessionManagerSlot::Access dataPath(mSlot, true);
-        EXPECT_EQ(mManager, dataPath.get());
-    }
-    EXPECT_EQ(mManager, mSlot.acquire());
-    mSlot.release();
-    FakeClockEnv clock;
-    const auto start = clock.now();
-    EXPECT_EQ(mManager, mSlot.retire(&clock).get());
-    EXPECT_EQ(start, clock.now()) << "retire without users waited";
-    EXPECT_FALSE(mSlot.installed());
-    EXPECT_EQ(nullptr, SessionManagerSlot::Access(mSlot).get());
-    EXPECT_EQ(nullptr, mSlot.acquire());
-    mSlot.release();
-}
-
-// retire() returns only once every Access (and acquire()) taken before it has ended, data-path
-// and application users alike, polling through the Env it is given; Accesses taken during its
-// wait already see no manager.
+// retire() returns once every Access (and acquire()) taken before it has ended, polling
+// through the Env it is given; Accesses taken during its wait see no manager.
 class SlotRetireWait : public SessionManagerSlotTest, public testing::WithParamInterface<bool> {};
 
 TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
     const bool dataPath = GetParam();
+    EXPECT_TRUE(mSlot.installed());
     std::promise<void> done;
     std::promise<SessionManager*> seen;
     std::thread user([&] {
@@ -86,6 +64,8 @@ TEST_P(SlotRetireWait, ReturnsOnceTheAccessesTakenBeforeHaveEnded) {
     ASSERT_EQ(std::future_status::ready, retired.wait_for(seconds(20)));
     EXPECT_EQ(mManager, retired.get().get());
     EXPECT_EQ(nullptr, mSlot.retire(&clock)) << "a second retire found a manager";
+    EXPECT_EQ(nullptr, mSlot.acquire());
+    mSlot.release();
 }
 
 INSTANTIATE_TEST_SUITE_P(Users, SlotRetireWait, testing::Bool(),
@@ -93,12 +73,10 @@ INSTANTIATE_TEST_SUITE_P(Users, SlotRetireWait, testing::Bool(),
                              return user.param ? "DataPath" : "Application";
                          });
 
-// The agent opened a frame and will never end it. An application thread waits behind the
-// frame with an Access of its own; retire() waits for the agent's data callback in progress,
-// then ends the frame, which lets the application thread finish and retire() return.
+// The agent opened a frame and will never end it; an application thread waits behind it.
+// retire() waits for the data callback in progress, then ends the frame.
 TEST_F(SessionManagerSlotTest, RetireEndsAFrameLeftOpenOnceNoDataCallbackRuns) {
-    // The agent's thread stays alive: a new thread could otherwise take over its id, which the
-    // manager keeps as the frame's holder.
+    // The agent's thread stays alive: a new thread could take over its id, the frame's holder.
     std::promise<void> frameOpened, testDone;
     std::thread agentThread([&] {
         {

@@ -1,7 +1,5 @@
-// The engine's two shared buffers, in process: creation and set-up faults, and the engine's
-// hold on a buffer lock told from a reader's (this process taking the lock word through its own
-// mapping, as a play engine would). The timed waits are in the timing tests; which buffer a
-// frame start replaces is shown across processes by the data path's play-engine failure tests.
+// The engine's two shared buffers, in process: creation and set-up faults. The reader's hold
+// and the timed waits are in the timing tests; replacement across processes in the data path's.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,7 +8,6 @@
 #include "Env.h"
 #include "FaultInjectingEnv.h"
 #include "OpenDescriptors.h"
-#include "ReaderMapping.h"
 #include "SharedBufferSet.h"
 #include "TestRoot.h"
 
@@ -47,26 +44,6 @@ TEST_F(SharedBufferSetTest, CreatesTwoEmptyBuffersWithFreeLocks) {
     EXPECT_EQ(nullptr, mSet.buffer(0));
     EXPECT_EQ(-1, mSet.fd(1));
     EXPECT_EQ(-1, mSet.readerHolds(0));
-}
-
-TEST_F(SharedBufferSetTest, TellsAnEngineHoldFromAReaderHold) {
-    if (!mSet.lock(0))
-        FAIL() << "the engine could not take the buffer of session 0";
-    EXPECT_EQ(0, mSet.readerHolds(0));
-    EXPECT_FALSE(mSet.anyAbandoned()) << "the engine's own hold counts as abandoned";
-    mSet.unlock(0);
-
-    ReaderMapping reader(mSet.fd(1));
-    mSet.readerConnected();
-    ASSERT_TRUE(reader.take());
-    EXPECT_EQ(1, mSet.readerHolds(1));
-    EXPECT_EQ(0, mSet.readerHolds(0));
-    EXPECT_FALSE(mSet.anyAbandoned()) << "the reader is still connected";
-    const int fd = mSet.fd(1);
-    EXPECT_TRUE(mSet.replaceAbandoned("test"));
-    EXPECT_EQ(fd, mSet.fd(1)) << "replaced while its reader was connected";
-    reader.giveBack();
-    EXPECT_EQ(0, mSet.readerHolds(1));
 }
 
 struct SetUpFault {

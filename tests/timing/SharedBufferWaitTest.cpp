@@ -1,9 +1,6 @@
-// The shared buffers' timed behaviour against a fake clock: the engine's bounded wait for a
-// buffer lock a reader keeps, the stall that follows a time-out, the short wait slices that
-// end a wait on an abandoned buffer, and the bound on how long a replacement waits for the
-// engine's waiters to leave. The set is built on real regions and semaphores; only time is
-// fake, so each case states exactly how much time the set let pass.
-// The "reader" is this process mapping a region through its descriptor (ReaderMapping.h).
+// The shared buffers' timed behaviour: the bounded wait for a lock a reader keeps, the stall
+// after a time-out, the wait on an abandoned buffer and the bound on a replacement. Real
+// regions and semaphores, fake time; the "reader" is this process mapping a region.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,8 +22,7 @@
 
 namespace {
 
-// Gives back a buffer lock the test took inside an expectation, where the analysis cannot see
-// that it was taken.
+// Gives back a lock taken inside an expectation, where the analysis cannot see it.
 void release(SharedBufferSet& buffers, int session) NO_THREAD_SAFETY_ANALYSIS {
     buffers.unlock(session);
 }
@@ -36,8 +32,7 @@ using std::chrono::milliseconds;
 const char kWaitEnded[] = "the play engine that left holds the buffer of session=0, wait ended";
 const char kReplaced[] = "the play engine that left holds the buffer of session=0, buffer replaced";
 
-// The fake clock with a hook that runs before each semaphore wait, given the wait's number
-// (from 1): a reader giving the lock back, or a gate that keeps a thread inside a wait.
+// The fake clock with a hook run before each semaphore wait, given the wait's number (from 1).
 class HookedClock : public FakeClockEnv {
 public:
     int waitSharedSemaphore(CmmbSharedSemaphore* semaphore, int timeoutMs) override {
@@ -60,13 +55,11 @@ protected:
     }
     void TearDown() override { buffers.destroy(nullptr); }
 
-    // Creates the buffers with the lock bound `timeoutMs` (empty: the default).
     void createWithTimeout(const std::string& timeoutMs) {
         if (!timeoutMs.empty())
             root.setProperty(TAVO_LOCK_TIMEOUT_PROPERTY, timeoutMs);
         ASSERT_EQ(0, buffers.create("test", &clock));
     }
-    // A connected reader that holds the lock of `session`.
     void connectHoldingReader(int session) {
         reader = std::make_unique<ReaderMapping>(buffers.fd(session));
         ASSERT_TRUE(reader->mapped());
@@ -84,17 +77,16 @@ protected:
 };
 
 struct LockBound {
-    const char* property;  // the lock bound property; empty: not set
-    int ms;                // the bound the set keeps
+    const char* property;  // empty: not set
+    int ms;
     int session;
 };
 
 class SharedBufferWaitBound : public SharedBufferWait,
                               public testing::WithParamInterface<LockBound> {};
 
-// A connected reader that keeps the lock holds the engine up for exactly the bound, in slices
-// of 50 ms; a bound of 0 means no wait at all, and without the property the bound is two
-// seconds. Once the reader gives the lock back, the engine takes it.
+// A connected reader keeping the lock holds the engine up for exactly the bound, in 50 ms
+// slices (default two seconds, 0: no wait), and its buffer is neither abandoned nor replaced.
 TEST_P(SharedBufferWaitBound, GivesUpAfterTheBound) {
     const LockBound bound = GetParam();
     createWithTimeout(bound.property);
@@ -108,6 +100,10 @@ TEST_P(SharedBufferWaitBound, GivesUpAfterTheBound) {
     EXPECT_EQ(1, buffers.readerHolds(bound.session));
     EXPECT_EQ(0, reader->lockValue()) << "a timed-out wait changed the lock";
     EXPECT_EQ(0, root.countLog(kWaitEnded)) << "a connected reader's buffer is not abandoned";
+    EXPECT_FALSE(buffers.anyAbandoned());
+    CmmbSharedBuffer* held = buffers.buffer(bound.session);
+    EXPECT_TRUE(buffers.replaceAbandoned("test"));
+    EXPECT_EQ(held, buffers.buffer(bound.session)) << "replaced while its reader was connected";
     reader->giveBack();
     EXPECT_TRUE(buffers.lock(bound.session));
     release(buffers, bound.session);
@@ -120,8 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Bounds, SharedBufferWaitBound,
                              return "Of" + std::to_string(bound.param.ms) + "Ms";
                          });
 
-// A reader that gives the lock back while the engine waits: the engine takes it in the slice
-// in which it became free.
+// A lock given back while the engine waits is taken in the slice in which it became free.
 TEST_F(SharedBufferWait, TheLockIsTakenInTheSliceItIsGivenBack) {
     createWithTimeout("2000");
     connectHoldingReader(0);
@@ -138,9 +133,8 @@ TEST_F(SharedBufferWait, TheLockIsTakenInTheSliceItIsGivenBack) {
     EXPECT_EQ(1, reader->lockValue());
 }
 
-// After one time-out the buffer is stalled: later waits only try, so a hung reader costs the
-// engine no more time; the other session is not affected. The reader giving the lock back, or
-// leaving, ends the stall, and the next hold is waited for in full again.
+// After one time-out the buffer is stalled: later waits only try, the other session is not
+// affected. The lock given back, or the reader leaving, ends the stall.
 TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     createWithTimeout("300");
     connectHoldingReader(0);
@@ -165,7 +159,6 @@ TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     EXPECT_FALSE(buffers.lock(0));
     EXPECT_EQ(milliseconds(300), elapsedSince(start)) << "the stall outlived a taken lock";
 
-    // A new connection gets a full wait too.
     buffers.readerDisconnected();
     reader->giveBack();
     buffers.readerConnected();
@@ -175,28 +168,12 @@ TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     EXPECT_EQ(milliseconds(300), elapsedSince(start));
 }
 
-// The lock of a buffer whose reader's connection has ended is waited for one 50 ms slice
-// only, however long the bound: then the wait ends and the buffer counts as abandoned.
-TEST_F(SharedBufferWait, AnAbandonedBufferEndsTheWaitAfterOneSlice) {
-    createWithTimeout("60000");
-    connectHoldingReader(0);
-    buffers.readerDisconnected();
-
-    const auto start = clock.now();
-    EXPECT_FALSE(buffers.lock(0));
-    EXPECT_EQ(milliseconds(50), elapsedSince(start));
-    EXPECT_EQ(std::vector<int>{50}, clock.waitTimeoutsMs());
-    EXPECT_EQ(1, root.countLog(kWaitEnded));
-    EXPECT_TRUE(buffers.anyAbandoned());
-}
-
-// A replacement never happens while an engine thread waits for the region's lock: it waits
-// for the waiters to leave for two seconds at most, then gives up and leaves the buffer as it
-// is. Once the waiter has left, the buffer is replaced at once.
+// A replacement waits up to two seconds for engine threads waiting on the lock to leave, then
+// gives up; once the waiter has left, the buffer is replaced at once.
 TEST_F(SharedBufferWait, ReplacementWaitsForWaitersTwoSecondsAtMost) {
     createWithTimeout("60000");
     connectHoldingReader(0);
-    // The waiter stays inside its first wait (a real wait, bounded) until the gate opens.
+    // The waiter stays inside its first wait until the gate opens.
     std::promise<void> entered, gate;
     std::shared_future<void> opened = gate.get_future().share();
     clock.beforeWait = [&](int wait) {
