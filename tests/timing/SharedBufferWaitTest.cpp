@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "CmmbSharedBuffer.h"
 #include "FakeClockEnv.h"
@@ -166,6 +167,21 @@ TEST_F(SharedBufferWait, AReaderHoldingTheLockStallsTheBuffer) {
     start = clock.now();
     EXPECT_FALSE(buffers.lock(0));
     EXPECT_EQ(milliseconds(300), elapsedSince(start));
+}
+
+// The lock of a buffer whose reader's connection has ended is waited for one 50 ms slice
+// only, however long the bound: then the wait ends and the buffer counts as abandoned.
+TEST_F(SharedBufferWait, AnAbandonedBufferEndsTheWaitAfterOneSlice) {
+    createWithTimeout("60000");
+    connectHoldingReader(0);
+    buffers.readerDisconnected();
+
+    const auto start = clock.now();
+    EXPECT_FALSE(buffers.lock(0));
+    EXPECT_EQ(milliseconds(50), elapsedSince(start));
+    EXPECT_EQ(std::vector<int>{50}, clock.waitTimeoutsMs());
+    EXPECT_EQ(1, root.countLog(kWaitEnded));
+    EXPECT_TRUE(buffers.anyAbandoned());
 }
 
 // A replacement waits up to two seconds for engine threads waiting on the lock to leave, then
