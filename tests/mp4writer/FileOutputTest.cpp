@@ -1,7 +1,5 @@
 // The writer's output file, in process: buffering, patches of earlier bytes, and what a failed
-// flush or patch leaves behind. Faults come from an Env handed to the output. (A short write
-// mid-chunk, latched until the index is written, is a recording fault test; the per-chunk
-// sample buffer shows in the finished file's samples and in the writer's allocation count.)
+// flush or patch leaves behind. Faults come from an Env handed to the output.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,7 +1,5 @@
-// The file skeleton, then the moov as written at stop: movie and track headers, handlers,
-// sample descriptions with their codec boxes, and the refusal of tracks the header cannot
-// describe. The composition matrix is written inside the mdat of a writer without tracks, so
-// that the finished file shows its bytes as the mdat body.
+// The file skeleton, then the moov as written at stop: headers, handlers, sample descriptions
+// with their codec boxes, and the refusal of tracks the header cannot describe.
 #include <gtest/gtest.h>
 
 #include <ctime>
