@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(RepairRecordFormat, RecordsAreFoundAndReadBackFieldByField) {
+TEST(RepairRecordFormat, RecordsAreReadBackFieldByFieldAndDamagedOrCutShortOnesNotFound) {
     const uint8_t check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
     EXPECT_EQ(0xCBF43926u, repairRecordCrc(check, sizeof(check)));  // CRC-32 check value
 
@@ -46,12 +46,10 @@ TEST(RepairRecordFormat, RecordsAreFoundAndReadBackFieldByField) {
     // Reads past the end fail and the reader stays failed.
     EXPECT_FALSE(reader.u8(&u8));
     EXPECT_FALSE(reader.ok());
-}
 
-TEST(RepairRecordFormat, DamagedCutShortAndOverlongRecordsAreNotFound) {
-    // One record behind the 32 bytes of ftyp and mdat header.
+    // Damaged, cut short and overlong records are not found. One record behind the 32 bytes of
+    // ftyp and mdat header:
     const Bytes good = CraftedRecording().record(REPAIR_RECORD_CONFIG, patternBytes(40, 3)).bytes();
-    RepairRecordView view;
     ASSERT_TRUE(findRepairRecord(good.data(), good.size(), 32, &view));
     for (size_t at = 32; at < good.size(); ++at) {
         Bytes damaged = good;
@@ -71,10 +69,10 @@ TEST(RepairRecordFormat, DamagedCutShortAndOverlongRecordsAreNotFound) {
 
     // A varint of more than 64 bits fails.
     const Bytes endless(11, 0xFF);
-    RepairRecordReader reader(endless.data(), endless.size());
+    RepairRecordReader endlessReader(endless.data(), endless.size());
     uint64_t value;
-    EXPECT_FALSE(reader.varint(&value));
-    EXPECT_FALSE(reader.ok());
+    EXPECT_FALSE(endlessReader.varint(&value));
+    EXPECT_FALSE(endlessReader.ok());
 }
 
 // Walks the records of `bytes` (from a scratch file) from the end of the mdat header; returns
