@@ -113,8 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 // Runs outside the breach table: the verdict, the breaches, and a text that the error or a
-// breach's message contains. A run of the fake agent without a breach is not among them: the
-// table shows it adds nothing to the breach it commits.
+// breach's message contains.
 TEST(AgentCheck, VerdictsOnLibrariesAndNamesOutsideTheBreachTable) {
     struct Verdict {
         int status;
@@ -155,7 +154,6 @@ TEST(AgentCheck, TheTableNamesTheBreachAndItsRule) {
         EXPECT_NE(std::string::npos, run.output.find(text)) << text << "\n" << run.output;
 }
 
-// (--help and --version are checked for every installed tool by the package check.)
 TEST(AgentCheck, BadOptionsEndWithStatus2) {
     for (const char* bad : {"--seconds 0 x.so", "--no-such-option x.so", ""})
         EXPECT_EQ(2, runTool("", bad).status) << bad;

@@ -1,8 +1,6 @@
-// The handset backend of the platform layer, built against the real liblog and libcutils.
-//
-// Semaphore waits: a signal delivered to a waiting thread must neither end a wait early
-// (the engine would then write a buffer the play engine is reading) nor stretch a timed
-// wait past its time-out.
+// The handset backend, built against the real liblog and libcutils. A signal delivered to a
+// thread in a semaphore wait must neither end the wait early (the engine would then write a
+// buffer the play engine is reading) nor stretch a timed wait past its time-out.
 #include <errno.h>
 #include <pthread.h>
 #include <semaphore.h>

@@ -1,7 +1,5 @@
-// Pins the virtual slot of every operation of the four exported interfaces. Applications
-// and agent libraries are compiled against these slot numbers, so a reordered declaration
-// must fail here. The slot is decoded from a pointer to the virtual member under the C++
-// ABI in use.
+// Pins the virtual slot of every operation of the four exported interfaces, which
+// applications and agent libraries are compiled against: a reordered declaration fails here.
 #include <gtest/gtest.h>
 
 #include <cstdint>
