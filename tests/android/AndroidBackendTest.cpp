@@ -1,8 +1,6 @@
-// The handset backend of the platform layer, built against the real liblog and libcutils.
-//
-// Semaphore waits: a signal delivered to a waiting thread must neither end a wait early
-// (the engine would then write a buffer the play engine is reading) nor stretch a timed
-// wait past its time-out.
+// The handset backend, built against the real liblog and libcutils. A signal delivered to a
+// thread in a semaphore wait must neither end the wait early (the engine would then write a
+// buffer the play engine is reading) nor stretch a timed wait past its time-out.
 #include <errno.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -95,7 +93,7 @@ TEST_F(SemaphoreWaits, WaitsOutlastSignalsUntilPosted) {
     }
 }
 
-TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
+TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOutOrAtOnceWhenZero) {
     const auto started = Clock::now();
     InterruptedWaiter waiter([this] { return semaphoreWaitMonotonic(&mSem, 400); });
     waiter.interrupt(1000);
@@ -106,9 +104,8 @@ TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOut) {
     EXPECT_GE(elapsed, milliseconds(400));
     // A hang detector, not a timing goal: the wait must end well before two seconds pass.
     EXPECT_LT(elapsed, milliseconds(2000));
-}
 
-TEST_F(SemaphoreWaits, ZeroTimeOutTakesOnlyWhatIsAlreadyPosted) {
+    // A zero time-out takes only what is already posted.
     EXPECT_EQ(-1, semaphoreWaitMonotonic(&mSem, 0));
     EXPECT_EQ(ETIMEDOUT, errno);
     ASSERT_EQ(0, sem_post(&mSem));

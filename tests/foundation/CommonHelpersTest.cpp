@@ -20,7 +20,7 @@ TEST(FormatStringTest, TextOfAnyLengthIsFormattedWhole) {
     EXPECT_EQ(formatted, "<" + longText + ">");
 }
 
-TEST(ProcessPathsTest, TheExecutableDirectoryHoldsThisProgram) {
+TEST(ProcessPathsTest, TheExecutableDirectoryHoldsThisProgramAndRelativePathsJoinTheCwd) {
     char self[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
     ASSERT_GT(length, 0);
@@ -29,9 +29,7 @@ TEST(ProcessPathsTest, TheExecutableDirectoryHoldsThisProgram) {
     const std::string program(self);
     EXPECT_EQ(program.substr(0, directory.size()), directory);
     EXPECT_EQ(program.rfind('/'), directory.size());
-}
 
-TEST(ProcessPathsTest, RelativePathsAreJoinedToTheCurrentDirectory) {
     char cwd[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     EXPECT_EQ(absolutePath("/etc/hosts"), "/etc/hosts");

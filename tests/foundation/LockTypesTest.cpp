@@ -31,7 +31,7 @@ bool freeForAnotherThread(Mutex& mutex) {
     return taken;
 }
 
-TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndAWaiterGoesOnOnlyThen) {
+TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndDestroyReportsOnce) {
     SemaphoreLock semaphore;
     ASSERT_TRUE(semaphore.initialised());
     // Like the frame bracket: one call takes it and returns still holding it.
@@ -49,11 +49,8 @@ TEST(SemaphoreLock, AnotherThreadMayReleaseWhatOneTookAndAWaiterGoesOnOnlyThen) 
     [&]() NO_THREAD_SAFETY_ANALYSIS { semaphore.unlock(); }();
     waiter.join();
     EXPECT_TRUE(waiterIn.load());
-}
 
-TEST(SemaphoreLock, DestroyReportsOnceAndTheDestructorDoesNotDestroyAgain) {
-    SemaphoreLock semaphore;
-    ASSERT_TRUE(semaphore.initialised());
+    // Destroy reports once, and the destructor does not destroy again.
     EXPECT_TRUE(semaphore.destroy());
     EXPECT_FALSE(semaphore.initialised());
     EXPECT_FALSE(semaphore.destroy());
@@ -75,10 +72,8 @@ TEST(MutexLock, UnlockGivesTheMutexUpUntilLockAndTheScopeEndReleasesOnlyWhatItHo
         lock.unlock();
     }  // already given up: no second unlock
     EXPECT_TRUE(freeForAnotherThread(mutex));
-}
 
-TEST(Mutex, WorksWithTheStandardLocks) {
-    Mutex mutex;
+    // The mutex works with the standard locks.
     std::unique_lock<Mutex> held(mutex, std::try_to_lock);
     ASSERT_TRUE(held.owns_lock());
     EXPECT_FALSE(freeForAnotherThread(mutex));
@@ -112,7 +107,7 @@ private:
     bool mRaised GUARDED_BY(mMutex) = false;
 };
 
-TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWoken) {
+TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWokenOrAtItsDeadline) {
     Flag flag;
     bool woken = false;
     bool held = false;
@@ -122,13 +117,12 @@ TEST(ConditionVariable, AWaiterReleasesTheMutexAndHoldsItAgainWhenWoken) {
     waiter.join();
     EXPECT_TRUE(woken);
     EXPECT_TRUE(held);
-}
 
-TEST(ConditionVariable, WaitUntilReturnsFalseAtTheDeadlineWithTheMutexHeld) {
-    Flag flag;
-    bool held = false;
+    // Raised no more: the wait ends false at its deadline, the mutex held again.
+    Flag unraised;
+    held = false;
     const auto started = steady_clock::now();
-    EXPECT_FALSE(flag.await(started + milliseconds(30), &held));
+    EXPECT_FALSE(unraised.await(started + milliseconds(30), &held));
     EXPECT_GE(steady_clock::now() - started, milliseconds(30));
     EXPECT_TRUE(held);
 }

@@ -26,45 +26,30 @@ struct CountingTraits {
 };
 using CountingHandle = UniqueHandle<CountingTraits>;
 
-class UniqueHandleTest : public ::testing::Test {
-protected:
-    void SetUp() override { gClosed.clear(); }
-};
-
-TEST_F(UniqueHandleTest, DestructionReleasesTheHeldValueOnceAndAnEmptyHandleNothing) {
+TEST(UniqueHandleTest, EachValueIsReleasedOnceByItsLastHolderAndNeverAfterItWasGivenUp) {
+    gClosed.clear();
     {
         CountingHandle empty;
         EXPECT_FALSE(empty.valid());
         EXPECT_EQ(empty.get(), 0);
-        CountingHandle held(7);
-        EXPECT_TRUE(held);
-        EXPECT_EQ(held.get(), 7);
-    }
-    EXPECT_EQ(gClosed, std::vector<int>{7});
-}
-
-TEST_F(UniqueHandleTest, MovingHandsTheValueOverWithoutReleasingIt) {
-    {
         CountingHandle first(3);
+        EXPECT_TRUE(first);
         CountingHandle second(std::move(first));
         EXPECT_FALSE(first.valid());
-        EXPECT_TRUE(gClosed.empty());
+        EXPECT_TRUE(gClosed.empty()) << "moving released the value";
 
         // Assignment releases what the target held and takes the source's value.
         CountingHandle third(4);
         third = std::move(second);
         EXPECT_EQ(gClosed, std::vector<int>{4});
         EXPECT_FALSE(second.valid());
-
-        // Moving a handle onto itself keeps its value.
         CountingHandle& alias = third;
         third = std::move(alias);
-        EXPECT_EQ(third.get(), 3);
+        EXPECT_EQ(third.get(), 3) << "moving onto itself lost the value";
     }
     EXPECT_EQ(gClosed, (std::vector<int>{4, 3}));
-}
 
-TEST_F(UniqueHandleTest, ResetReleasesTheOldValueAndReleaseGivesTheValueUp) {
+    gClosed.clear();
     CountingHandle handle(5);
     handle.reset(6);
     EXPECT_EQ(handle.release(), 6);
@@ -73,7 +58,6 @@ TEST_F(UniqueHandleTest, ResetReleasesTheOldValueAndReleaseGivesTheValueUp) {
     handle.reset(8);
     handle.reset();
     EXPECT_EQ(gClosed, (std::vector<int>{5, 8}));
-    EXPECT_FALSE(handle.valid());
 }
 
 TEST(UniqueFdTest, TheDescriptorIsClosedWithTheLastHandle) {

@@ -1,7 +1,5 @@
-// Pins the virtual slot of every operation of the four exported interfaces. Applications
-// and agent libraries are compiled against these slot numbers, so a reordered declaration
-// must fail here. The slot is decoded from a pointer to the virtual member under the C++
-// ABI in use.
+// Pins the virtual slot of every operation of the four exported interfaces, which
+// applications and agent libraries are compiled against: a reordered declaration fails here.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -36,29 +34,26 @@ long slotOf(MemberPointer member) {
 }
 
 // Checks that the members, in the order given, take consecutive slots from `first` on.
-template <typename... Slots>
-void expectSlots(long first, Slots... slots) {
-    const long list[] = {slots...};
-    for (size_t i = 0; i < sizeof...(slots); ++i)
-        EXPECT_EQ(first + static_cast<long>(i), list[i]) << "member " << i << " of the list";
+template <typename... Members>
+void expectSlots(long first, Members... members) {
+    const long slots[] = {slotOf(members)...};
+    for (size_t i = 0; i < sizeof...(members); ++i)
+        EXPECT_EQ(first + static_cast<long>(i), slots[i]) << "member " << i << " of the list";
 }
 
 }  // namespace
 
 TEST(VtableSlots, EngineInterfaceKeepsItsSlotOrder) {
     using E = TavoMBBMSEngine;
-    expectSlots(2, slotOf(&E::init), slotOf(&E::deinit), slotOf(&E::setMode),
-                slotOf(&E::getModuleInfo), slotOf(&E::setPreference), slotOf(&E::startScan),
-                slotOf(&E::stopScan), slotOf(&E::setFrequency), slotOf(&E::getFrequency),
-                slotOf(&E::getMaxSupportedSessions), slotOf(&E::startTVService),
-                slotOf(&E::stopTVService), slotOf(&E::getTVServiceUrl), slotOf(&E::startUpdateTS0),
-                slotOf(&E::stopUpdateTS0), slotOf(&E::startUpdateESG), slotOf(&E::stopUpdateESG),
-                slotOf(&E::requestUpdateSG), slotOf(&E::requestInitGBA),
-                slotOf(&E::requestUpdateST), slotOf(&E::requestSubscribeService),
-                slotOf(&E::requestUnsubscribeService), slotOf(&E::requestAuthorizeService),
-                slotOf(&E::requestInquiryAccount), slotOf(&E::cancelMBBMSRequest),
-                slotOf(&E::startRecording), slotOf(&E::stopRecording), slotOf(&E::isRecording),
-                slotOf(&E::captureImage), slotOf(&E::isCapturing));
+    expectSlots(2, &E::init, &E::deinit, &E::setMode, &E::getModuleInfo, &E::setPreference,
+                &E::startScan, &E::stopScan, &E::setFrequency, &E::getFrequency,
+                &E::getMaxSupportedSessions, &E::startTVService, &E::stopTVService,
+                &E::getTVServiceUrl, &E::startUpdateTS0, &E::stopUpdateTS0, &E::startUpdateESG,
+                &E::stopUpdateESG, &E::requestUpdateSG, &E::requestInitGBA, &E::requestUpdateST,
+                &E::requestSubscribeService, &E::requestUnsubscribeService,
+                &E::requestAuthorizeService, &E::requestInquiryAccount, &E::cancelMBBMSRequest,
+                &E::startRecording, &E::stopRecording, &E::isRecording, &E::captureImage,
+                &E::isCapturing);
 }
 
 // The agent callback inherits the application callback's slots unchanged, so both are
@@ -66,29 +61,23 @@ TEST(VtableSlots, EngineInterfaceKeepsItsSlotOrder) {
 TEST(VtableSlots, CallbackInterfacesKeepTheirSlotOrder) {
     using C = TavoMBBMSEngineCallback;
     using A = MBBMSAgentCallback;
-    expectSlots(2, slotOf(&C::onServiceParam), slotOf(&C::onCaInfo), slotOf(&C::onEmergencyMessage),
-                slotOf(&C::onTS0Parsed), slotOf(&C::onESGXml), slotOf(&C::onESGUpdated),
-                slotOf(&C::onScanFinished), slotOf(&C::onSignalUpdated),
-                slotOf(&C::onRequestUpdateSG), slotOf(&C::onRequestInitGBA),
-                slotOf(&C::onRequestUpdateST), slotOf(&C::onRequestSubscribeService),
-                slotOf(&C::onRequestUnsubscribeService), slotOf(&C::onRequestInquiryAccount),
-                slotOf(&C::onRequestAuthorizeService), slotOf(&C::onEvent));
-    expectSlots(2, slotOf(static_cast<void (A::*)(ServiceParam&)>(&A::onServiceParam)));
-    expectSlots(17, slotOf(static_cast<void (A::*)(EventType, int)>(&A::onEvent)),
-                slotOf(&A::onOutputAVStart), slotOf(&A::onOutputAVEnd),
-                slotOf(&A::onClearAudioAacFrame), slotOf(&A::onClearVideoNalData));
+    expectSlots(2, &C::onServiceParam, &C::onCaInfo, &C::onEmergencyMessage, &C::onTS0Parsed,
+                &C::onESGXml, &C::onESGUpdated, &C::onScanFinished, &C::onSignalUpdated,
+                &C::onRequestUpdateSG, &C::onRequestInitGBA, &C::onRequestUpdateST,
+                &C::onRequestSubscribeService, &C::onRequestUnsubscribeService,
+                &C::onRequestInquiryAccount, &C::onRequestAuthorizeService, &C::onEvent);
+    expectSlots(2, static_cast<void (A::*)(ServiceParam&)>(&A::onServiceParam));
+    expectSlots(17, static_cast<void (A::*)(EventType, int)>(&A::onEvent), &A::onOutputAVStart,
+                &A::onOutputAVEnd, &A::onClearAudioAacFrame, &A::onClearVideoNalData);
 }
 
 TEST(VtableSlots, AgentInterfaceKeepsItsOwnSlotOrder) {
     using G = MBBMSAgent;
-    expectSlots(2, slotOf(&G::init), slotOf(&G::deinit), slotOf(&G::getModuleInfo),
-                slotOf(&G::preInitStep1), slotOf(&G::preInitStep2), slotOf(&G::setPreference),
-                slotOf(&G::startScan), slotOf(&G::stopScan), slotOf(&G::setFrequency),
-                slotOf(&G::getFrequency), slotOf(&G::getMaxSupportedSessions),
-                slotOf(&G::startService), slotOf(&G::stopService), slotOf(&G::startUpdateTS0),
-                slotOf(&G::stopUpdateTS0), slotOf(&G::startUpdateESG), slotOf(&G::stopUpdateESG),
-                slotOf(&G::requestInitGBA), slotOf(&G::requestUpdateSG),
-                slotOf(&G::requestSubscribeService), slotOf(&G::requestUnsubscribeService),
-                slotOf(&G::requestAuthorizeService), slotOf(&G::requestInquiryAccount),
-                slotOf(&G::requestUpdateST), slotOf(&G::cancelMBBMSRequest));
+    expectSlots(2, &G::init, &G::deinit, &G::getModuleInfo, &G::preInitStep1, &G::preInitStep2,
+                &G::setPreference, &G::startScan, &G::stopScan, &G::setFrequency, &G::getFrequency,
+                &G::getMaxSupportedSessions, &G::startService, &G::stopService, &G::startUpdateTS0,
+                &G::stopUpdateTS0, &G::startUpdateESG, &G::stopUpdateESG, &G::requestInitGBA,
+                &G::requestUpdateSG, &G::requestSubscribeService, &G::requestUnsubscribeService,
+                &G::requestAuthorizeService, &G::requestInquiryAccount, &G::requestUpdateST,
+                &G::cancelMBBMSRequest);
 }

@@ -1,7 +1,5 @@
 // The writer's output file, in process: buffering, patches of earlier bytes, and what a failed
-// flush or patch leaves behind. Faults come from an Env handed to the output. (A short write
-// mid-chunk, latched until the index is written, is a recording fault test; the per-chunk
-// sample buffer shows in the finished file's samples and in the writer's allocation count.)
+// flush or patch leaves behind. Faults come from an Env handed to the output.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -35,8 +33,9 @@ protected:
     std::unique_ptr<FileOutput> mOutput;
 };
 
-TEST_F(FileOutputTest, BuffersSmallWritesAndPatchesBytesOnBothSidesOfTheBuffer) {
-    const Bytes head = patternBytes(100, 0), tail = patternBytes(50, 100);
+TEST_F(FileOutputTest, BuffersSmallWritesPatchesBothSidesOfTheBufferAndKeepsLaterWritesInOrder) {
+    const Bytes head = patternBytes(100, 0), tail = patternBytes(50, 100),
+                chunk = patternBytes(1000, 7), large = patternBytes(70 * 1024, 3);
     EXPECT_EQ(head.size(), mOutput->write(head.data(), head.size()));
     EXPECT_EQ(100, mOutput->position());
     EXPECT_EQ(0, mEnv.calls(FaultInjectingEnv::WRITE)) << "a small write went to the file";
@@ -49,26 +48,17 @@ TEST_F(FileOutputTest, BuffersSmallWritesAndPatchesBytesOnBothSidesOfTheBuffer) 
     ASSERT_TRUE(mOutput->patch(90, patch.data(), patch.size()));
     EXPECT_FALSE(mOutput->patch(145, patch.data(), patch.size())) << "patched past the end";
     EXPECT_EQ(150, mOutput->position());
+
+    ASSERT_TRUE(mOutput->writeThrough(chunk.data(), chunk.size()));
+    EXPECT_EQ(150 + chunk.size(), fileBytes().size()) << "the chunk waited in the buffer";
+    EXPECT_EQ(large.size(), mOutput->write(large.data(), large.size()));
     ASSERT_TRUE(mOutput->close());
     EXPECT_FALSE(mOutput->isOpen());
 
     Bytes expected = head;
-    expected.insert(expected.end(), tail.begin(), tail.end());
-    std::fill(expected.begin() + 90, expected.begin() + 110, 0xEE);
-    EXPECT_EQ(expected, fileBytes());
-}
-
-TEST_F(FileOutputTest, WritesThroughAndLargeWritesReachTheFileInOrder) {
-    const Bytes header = patternBytes(8, 1), chunk = patternBytes(1000, 7),
-                large = patternBytes(70 * 1024, 3);
-    mOutput->write(header.data(), header.size());
-    ASSERT_TRUE(mOutput->writeThrough(chunk.data(), chunk.size()));
-    EXPECT_EQ(header.size() + chunk.size(), fileBytes().size()) << "the chunk waited in the buffer";
-    EXPECT_EQ(large.size(), mOutput->write(large.data(), large.size()));
-    ASSERT_TRUE(mOutput->close());
-    Bytes expected = header;
-    for (const Bytes* part : {&chunk, &large})
+    for (const Bytes* part : {&tail, &chunk, &large})
         expected.insert(expected.end(), part->begin(), part->end());
+    std::fill(expected.begin() + 90, expected.begin() + 110, 0xEE);
     EXPECT_EQ(expected, fileBytes());
 }
 

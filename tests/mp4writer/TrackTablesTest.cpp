@@ -1,10 +1,5 @@
-// Sample bookkeeping as the finished file shows it: stts runs and their conversion, sync
-// samples, sizes, chunks and their offsets, time with paused intervals removed, and sample
-// times from a 32-bit broadcast clock: discontinuities in both directions and arbitrary values
-// (run under UBSan: nothing may overflow). The clock's wrap is checked end to end by the
-// recording fault tests. Then the writer's face towards the recorder: the size cap and the
-// 95 % size limit, the moov prediction, stop with and without a complete moov, and use after
-// stop.
+// Sample bookkeeping as the finished file shows it (tables, chunks, paused time, broadcast
+// clock jumps and arbitrary times), then the size limit, the moov prediction and stop.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -172,8 +167,6 @@ TEST(WriterLifecycleTest, SampleBringingTheEstimateTo95PercentOfTheLimitIsRefuse
     EXPECT_EQ(8u + 949 * 996, file.find("mdat")->size);
 }
 
-// A share below the tables' estimate, which is then added to it, is checked with the
-// warning it logs among the writer's contract lines.
 TEST(WriterLifecycleTest, MoovPredictionIsASmallShareOfTheData) {
     // 500 samples: table estimate H = 4 bytes per sample = 2000; data S = H + 500 * 1896.
     WriterHarness harness;

@@ -1,7 +1,5 @@
 // Memory of a long recording: the sample tables stay compact and grow in a few steps, never
-// by one allocation per sample. Every allocation of this test program is counted while
-// counting is on (the writer runs on the test's thread only); the array forms of new and
-// delete reach these replacements through their default versions.
+// by one allocation per sample. Every allocation is counted while counting is on.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
