@@ -189,3 +189,25 @@ TEST(Init, BringsTheAgentUpInOrderTakesItDownOnceAndFailsOnlyForAnUnusableWorkDi
         }
     });
 }
+
+TEST(Logging, LinesCarryCategoryFunctionAndLine) {
+    EXPECT_IN_CHILD({
+        EngineRig rig("ENGINE,SEMAPHORE");
+        ASSERT_EQ(0, rig.initWithoutCallback());
+        EXPECT_EQ(0, rig.engine().deinit());
+        const std::string initLine =
+            "D/TavoMBBMSEngine(" + std::to_string(getpid()) + "): [LogMask::ENGINE][init():";
+        int initLines = 0;
+        for (const std::string& line : rig.root().logLines()) {
+            if (line.find("[LogMask::ENGINE][init():") == std::string::npos)
+                continue;
+            ++initLines;
+            EXPECT_EQ(0u, line.find(initLine)) << line;
+            EXPECT_EQ("init()", line.substr(line.rfind(']') + 1));
+        }
+        EXPECT_GT(initLines, 0);
+        EXPECT_TRUE(rig.root().logContains("[LogMask::SEMAPHORE][deinit():"));
+        EXPECT_TRUE(rig.root().logContains("]wait mLock...done"));
+        EXPECT_FALSE(rig.root().logContains("[LogMask::MAIN]")) << "MAIN was not switched on";
+    });
+}
