@@ -18,6 +18,7 @@
 
 #include "Ashmem.h"
 #include "SemaphoreWaits.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -115,12 +116,14 @@ TEST_F(SemaphoreWaits, TimedWaitOutlastsSignalsAndEndsAtItsTimeOutOrAtOnceWhenZe
 // The shared buffers rely on libcutils' ashmem regions being mappable by another process.
 TEST(AndroidAshmem, RegionIsSharedWithAChildProcess) {
     const size_t size = 74772;
-    int fd = ashmem_create_region("cmmb_shared_memory_0", size);
+    UniqueFd region(ashmem_create_region("cmmb_shared_memory_0", size));
+    const int fd = region.get();
     ASSERT_GE(fd, 0);
     ASSERT_EQ(0, ashmem_set_prot_region(fd, PROT_READ | PROT_WRITE));
-    void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ASSERT_NE(MAP_FAILED, mapping);
-    unsigned char* bytes = static_cast<unsigned char*>(mapping);
+    void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ASSERT_NE(MAP_FAILED, mapped);
+    UniqueMapping mapping(Mapping{mapped, size});
+    unsigned char* bytes = static_cast<unsigned char*>(mapped);
 
     pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -135,8 +138,6 @@ TEST(AndroidAshmem, RegionIsSharedWithAChildProcess) {
     ASSERT_EQ(child, waitpid(child, &status, 0));
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(0x5A, bytes[size - 1]);
-    munmap(mapping, size);
-    close(fd);
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include "EngineDataPath.h"
 #include "MBBMSRecManager.h"
 #include "RecordingRig.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -171,6 +172,7 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
         void* page = mmap(nullptr, sizeof(HostileReport), PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(MAP_FAILED, page);
+        UniqueMapping pageMapping(Mapping{page, sizeof(HostileReport)});
         HostileReport* report = new (page) HostileReport();
         const pid_t hostile = fork();
         if (hostile == 0)
@@ -243,7 +245,6 @@ TEST(HostileReader, RewritingBothBuffersWhileTwoSessionsIngestAndOneRecords) {
                           MediaBytes(read.aacs[i].begin() + 7, read.aacs[i].end()))
                     << "AAC " << i;
         }
-        munmap(page, sizeof(HostileReport));
     });
 }
 

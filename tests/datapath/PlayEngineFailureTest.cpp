@@ -78,12 +78,13 @@ public:
         if (pipe(fds) != 0)
             return false;
         mPipe.reset(fds[0]);
+        UniqueFd writeEnd(fds[1]);
         mPid = ::fork();
         if (mPid == 0) {
-            body(fds[1]);
+            body(writeEnd.get());
             _exit(1);
         }
-        close(fds[1]);
+        writeEnd.reset();
         return mPid > 0;
     }
     // The next report, or 0 when none comes within the bound.

@@ -12,6 +12,7 @@
 
 #include "CmmbSharedSemaphore.h"
 #include "SharedSemaphorePair.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -42,14 +43,15 @@ protected:
     void SetUp() override {
         void* memory = mmap(nullptr, 12, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(MAP_FAILED, memory);
+        mMemory.reset(Mapping{memory, 12});
         a = static_cast<CmmbSharedSemaphore*>(memory);
         b = a + 1;
         c = a + 2;
         for (CmmbSharedSemaphore* semaphore : {a, b, c})
             ASSERT_EQ(0, cmmb_sem_init(semaphore, 0));
     }
-    void TearDown() override { munmap(a, 12); }
 
+    UniqueMapping mMemory;
     CmmbSharedSemaphore* a = nullptr;
     CmmbSharedSemaphore* b = nullptr;
     CmmbSharedSemaphore* c = nullptr;

@@ -14,6 +14,7 @@
 #include "LogSink.h"
 #include "Properties.h"
 #include "TestRoot.h"
+#include "UniqueHandle.h"
 
 TEST(HostPaths, BuiltInPathsResolveUnderTheRootOnlyWhenOneIsSet) {
     char out[256];
@@ -104,10 +105,10 @@ TEST(HostLogMask, SwitchesComeFromTheEnvironment) {
 // Mapping a region shared is what every shared-buffer test does; here: its size and the
 // protections it accepts.
 TEST(HostAshmem, RegionsHaveTheirSizeAndRefuseExecution) {
-    int fd = ashmem_create_region("cmmb_test_region", 74772);
+    UniqueFd region(ashmem_create_region("cmmb_test_region", 74772));
+    const int fd = region.get();
     ASSERT_GE(fd, 0);
     EXPECT_EQ(74772, lseek(fd, 0, SEEK_END));
     EXPECT_EQ(0, ashmem_set_prot_region(fd, PROT_READ | PROT_WRITE));
     EXPECT_EQ(-1, ashmem_set_prot_region(fd, PROT_EXEC));
-    close(fd);
 }

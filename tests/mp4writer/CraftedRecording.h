@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "RepairRecord.h"
+#include "UniqueHandle.h"
 
 class CraftedRecording {
 public:
@@ -101,12 +102,14 @@ public:
 
     // Writes the bytes to `path` (created or truncated); false on failure.
     bool writeTo(const std::string& path) const {
-        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd < 0)
+        UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        if (!fd)
             return false;
         const bool written =
-            write(fd, mBytes.data(), mBytes.size()) == static_cast<ssize_t>(mBytes.size());
-        return close(fd) == 0 && written;
+            write(fd.get(), mBytes.data(), mBytes.size()) == static_cast<ssize_t>(mBytes.size());
+        // Closed by hand: a failing close means the bytes may not have reached the file, and
+        // the handle's release cannot report that.
+        return close(fd.release()) == 0 && written;
     }
 
 private:

@@ -8,6 +8,7 @@
 #include "Env.h"
 #include "RecordingRepair.h"
 #include "RepairRecordWalker.h"
+#include "UniqueHandle.h"
 #include "WriterHarness.h"
 
 namespace {
@@ -83,7 +84,8 @@ TEST(RepairRecordFormat, RecordsAreReadBackFieldByFieldAndDamagedOrCutShortOnesN
 std::vector<RepairRecordWalker::Step> walk(const Bytes& bytes, std::vector<RepairSample>* samples,
                                            uint64_t* end) {
     char path[] = "/tmp/repair-walk-XXXXXX";
-    const int fd = mkstemp(path);
+    UniqueFd file(mkstemp(path));
+    const int fd = file.get();
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fd, bytes.data(), bytes.size()));
     RepairInput input(fd, bytes.size());
     RepairRecordWalker walker(input, 32, bytes.size());
@@ -95,7 +97,7 @@ std::vector<RepairRecordWalker::Step> walk(const Bytes& bytes, std::vector<Repai
             samples->push_back(sample);
     } while (steps.back() != RepairRecordWalker::kEnd);
     *end = walker.position();
-    close(fd);
+    file.reset();
     unlink(path);
     return steps;
 }
@@ -166,14 +168,14 @@ Bytes recordWithRepairRecords(int seconds) {
 int repairBytes(const Bytes& bytes, Mp4File* copy) {
     char inPath[] = "/tmp/repair-in-XXXXXX";
     char outPath[] = "/tmp/repair-out-XXXXXX";
-    const int in = mkstemp(inPath);
-    const int out = mkstemp(outPath);
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(in, bytes.data(), bytes.size()));
+    UniqueFd in(mkstemp(inPath));
+    UniqueFd out(mkstemp(outPath));
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(in.get(), bytes.data(), bytes.size()));
     std::string message;
-    const int result = repairRecording(in, bytes.size(), out, &message, Env::current());
+    const int result = repairRecording(in.get(), bytes.size(), out.get(), &message, Env::current());
     EXPECT_FALSE(message.empty());
-    close(in);
-    close(out);
+    in.reset();
+    out.reset();
     if (result == 0)
         *copy = Mp4File::read(outPath);
     unlink(inPath);

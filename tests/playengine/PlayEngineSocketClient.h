@@ -20,6 +20,7 @@
 
 #include "PlayEngineProtocol.h"
 #include "PlayEngineWire.h"
+#include "UniqueHandle.h"
 
 struct ReceivedCommand {
     PlayEngineCommandMessage message;
@@ -37,11 +38,7 @@ public:
         : PlayEngineSocketClient(std::move(ownPath)) {
         EXPECT_TRUE(connectTo(serverPath)) << "the server does not listen";
     }
-    ~PlayEngineSocketClient() {
-        disconnect();
-        for (int fd : mPassed)
-            close(fd);
-    }
+    ~PlayEngineSocketClient() { disconnect(); }
     PlayEngineSocketClient(const PlayEngineSocketClient&) = delete;
     PlayEngineSocketClient& operator=(const PlayEngineSocketClient&) = delete;
 
@@ -51,28 +48,25 @@ public:
         const sockaddr_un server = address(serverPath), own = address(mOwnPath);
         for (int attempt = 0; attempt < 500; ++attempt) {
             disconnect();
-            mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            mSocket.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
             unlink(mOwnPath.c_str());
             if (!mOwnPath.empty() &&
-                bind(mFd, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) != 0)
+                bind(mSocket.get(), reinterpret_cast<const sockaddr*>(&own), sizeof(own)) != 0)
                 return false;
-            if (connect(mFd, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) == 0)
+            if (connect(mSocket.get(), reinterpret_cast<const sockaddr*>(&server),
+                        sizeof(server)) == 0)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return false;
     }
-    void disconnect() {
-        if (mFd >= 0)
-            close(mFd);
-        mFd = -1;
-    }
-    int fd() const { return mFd; }
+    void disconnect() { mSocket.reset(); }
+    int fd() const { return mSocket.get(); }
 
     // `size` bytes in one write, with `passedFd` attached when it is one.
     bool send(const void* data, size_t size, int passedFd = -1) {
         const iovec piece = {const_cast<void*>(data), size};
-        return PlayEngineWire::send(mFd, &piece, 1, &passedFd, passedFd >= 0 ? 1 : 0,
+        return PlayEngineWire::send(mSocket.get(), &piece, 1, &passedFd, passedFd >= 0 ? 1 : 0,
                                     MSG_NOSIGNAL) == static_cast<ssize_t>(size);
     }
     // One indication with `code`, its first `firstPiece` bytes in a write of their own.
@@ -88,7 +82,7 @@ public:
     ReceivedCommand receive(int timeoutMs = 10000) {
         ReceivedCommand command;
         errno = 0;
-        pollfd entry = {mFd, POLLIN, 0};
+        pollfd entry = {mSocket.get(), POLLIN, 0};
         if (poll(&entry, 1, timeoutMs) <= 0)
             return command;
         alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))];
@@ -98,12 +92,13 @@ public:
         header.msg_iovlen = 1;
         header.msg_control = control;
         header.msg_controllen = sizeof(control);
-        command.bytes = static_cast<int>(recvmsg(mFd, &header, MSG_CMSG_CLOEXEC | MSG_WAITALL));
+        command.bytes =
+            static_cast<int>(recvmsg(mSocket.get(), &header, MSG_CMSG_CLOEXEC | MSG_WAITALL));
         command.truncated = (header.msg_flags & (MSG_CTRUNC | MSG_TRUNC)) != 0;
         cmsghdr* passed = command.bytes > 0 ? CMSG_FIRSTHDR(&header) : nullptr;
         if (passed != nullptr && passed->cmsg_type == SCM_RIGHTS) {
             memcpy(&command.fd, CMSG_DATA(passed), sizeof(int));
-            mPassed.push_back(command.fd);
+            mPassed.emplace_back(command.fd);
         }
         return command;
     }
@@ -127,8 +122,8 @@ private:
     }
 
     std::string mOwnPath;
-    int mFd = -1;
-    std::vector<int> mPassed;  // descriptors received, closed with the client
+    UniqueFd mSocket;
+    std::vector<UniqueFd> mPassed;  // descriptors received, closed with the client
 };
 
 #endif  // TAVO_TESTS_PLAYENGINE_PLAY_ENGINE_SOCKET_CLIENT_H

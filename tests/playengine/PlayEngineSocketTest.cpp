@@ -27,6 +27,7 @@
 #include "PlayEngineSocketClient.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -59,12 +60,12 @@ struct Bench : EngineRig {
             void* mapped = mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE,
                                 MAP_SHARED, command.fd, 0);
             ASSERT_NE(MAP_FAILED, mapped);
+            UniqueMapping mapping(Mapping{mapped, CMMB_SHARED_BUFFER_SIZE});
             CmmbSharedBuffer* view = static_cast<CmmbSharedBuffer*>(mapped);
             CmmbSharedBuffer* own = impl().sharedBuffer(session);
             own->data[CMMB_PAYLOAD_SIZE - 1] = static_cast<unsigned char>(0xA0 + session);
             EXPECT_EQ(0xA0 + session, view->data[CMMB_PAYLOAD_SIZE - 1]);
             own->data[CMMB_PAYLOAD_SIZE - 1] = 0;
-            munmap(mapped, CMMB_SHARED_BUFFER_SIZE);
         }
     }
 
@@ -135,11 +136,12 @@ TEST(PlayEngineSocket, SendsCommandsReadsIndicationsAndFailsSnapshotsWhosePlayEn
         // other end of the pair reads the end of the stream.
         int pair[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+        UniqueFd passed(pair[0]);
         UniqueFd watched(pair[1]);
         PlayEngineIndicationMessage unknown = {};
         memcpy(unknown.code, "capture done", 12);
-        ASSERT_TRUE(bench.player.send(&unknown, sizeof(unknown), pair[0]));
-        close(pair[0]);
+        ASSERT_TRUE(bench.player.send(&unknown, sizeof(unknown), passed.get()));
+        passed.reset();
         ASSERT_TRUE(bench.root().waitForLog("UNKNOWN_INDICATION"));
         pollfd entry = {watched.get(), POLLIN, 0};
         ASSERT_EQ(1, poll(&entry, 1, 5000));
@@ -321,7 +323,8 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         Env::install(previous);  // not used by the engine, which keeps the Env it read at init
         ASSERT_TRUE(bench.root().waitForLog("server is accepting client"));
         // Socket and address first: once the limit is lowered no descriptor can be made.
-        const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        UniqueFd clientSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const int client = clientSocket.get();
         sockaddr_un own = {}, server = {};
         own.sun_family = server.sun_family = AF_UNIX;
         strncpy(own.sun_path, bench.clientPath("waiting").c_str(), sizeof(own.sun_path) - 1);
@@ -329,8 +332,9 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         ASSERT_EQ(0, bind(client, reinterpret_cast<sockaddr*>(&own), sizeof(own)));
         rlimit original;
         ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &original));
-        const int lowestFree = dup(0);
-        close(lowestFree);
+        UniqueFd probe(dup(0));
+        const int lowestFree = probe.get();
+        probe.reset();
         rlimit lowered = {static_cast<rlim_t>(lowestFree), original.rlim_max};
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &lowered));
         clock.clearRecords();
@@ -352,7 +356,7 @@ TEST(CommandThread, BacksOffWhileAcceptRunsOutOfDescriptors) {
         EXPECT_LE(static_cast<int>(pauses.size()), failuresAfter);
         pollfd entry = {client, POLLIN, 0};
         EXPECT_EQ(1, poll(&entry, 1, 5000)) << "the waiting client was not served";
-        close(client);
+        clientSocket.reset();
         bench.engine().deinit();
         tavo_log_set_sink(nullptr, nullptr);  // once the threads that log have ended
     });
@@ -396,7 +400,8 @@ TEST(CommandThread, ProcessExitWithoutDeinitIsClean) {
 TEST(SharedBuffers, DeinitLeavesADescriptorOfValueZeroOpen) {
     EXPECT_IN_CHILD({
         Bench bench;
-        close(0);
+        UniqueFd standardInput(STDIN_FILENO);  // taken over only to be closed here
+        standardInput.reset();
         bench.start();
         EXPECT_EQ(0, bench.engine().deinit());
         EXPECT_NE(-1, fcntl(0, F_GETFD)) << "descriptor 0 was closed";

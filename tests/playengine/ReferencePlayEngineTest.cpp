@@ -14,6 +14,7 @@
 #include "PlayEngineProcess.h"
 #include "TavoMBBMSEngineImpl.h"
 #include "TestRoot.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -148,19 +149,20 @@ TEST(ReferencePlayEngine, AnswersSnapshotsFollowsARestartAndWritesStreamsThatDec
         ASSERT_TRUE(bench.root().waitForLog("GOT_SHAREDBUFFER_FD", 2)) << playEngine.log();
 
         // No picture yet: the play engine answers with a failure (reported for session 0).
-        int earlyFd = open((bench.root().path() + "/early.png").c_str(), O_CREAT | O_RDWR, 0644);
-        EXPECT_EQ(0, bench.engine().captureImage(1, earlyFd));
+        UniqueFd earlyFd(
+            open((bench.root().path() + "/early.png").c_str(), O_CREAT | O_RDWR, 0644));
+        EXPECT_EQ(0, bench.engine().captureImage(1, earlyFd.get()));
         ASSERT_TRUE(bench.app().waitFor("onEvent(162, 0)")) << playEngine.log();
-        close(earlyFd);
+        earlyFd.reset();
 
         // Pictures 0..14: the IDR picture 0 and P pictures after it.
         ASSERT_TRUE(bench.playFrame(feed, 0, 15, 0, 14)) << playEngine.log();
         std::string snapshot = bench.root().path() + "/snapshot.png";
-        int snapshotFd = open(snapshot.c_str(), O_CREAT | O_RDWR, 0644);
-        EXPECT_EQ(0, bench.engine().captureImage(0, snapshotFd));
+        UniqueFd snapshotFd(open(snapshot.c_str(), O_CREAT | O_RDWR, 0644));
+        EXPECT_EQ(0, bench.engine().captureImage(0, snapshotFd.get()));
         ASSERT_TRUE(bench.app().waitFor("onEvent(161, 0)")) << playEngine.log();
         EXPECT_FALSE(bench.engine().isCapturing(0));
-        close(snapshotFd);
+        snapshotFd.reset();
         EXPECT_EQ("png,320,240,1\n", probe("", snapshot, "codec_name,width,height,nb_read_frames"));
         ASSERT_TRUE(bench.playFrame(feed, 15, 25, 14, 24)) << playEngine.log();
 

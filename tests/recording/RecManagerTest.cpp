@@ -123,7 +123,7 @@ protected:
         manager.read_to_new_sharedbuf(copy.get(), frame.bytes());
         return manager.dataRecording(to != nullptr ? to : &recorder, copy.get());
     }
-    int createOutput(const std::string& name) { return createFile(path(name)); }
+    UniqueFd createOutput(const std::string& name) { return createFile(path(name)); }
     std::string path(const std::string& name) { return root.path() + "/" + name; }
 
     const Bytes sps = nalUnit(0x67, 12, 0x5A);
@@ -215,20 +215,21 @@ TEST_F(RecManager, WithoutAWriterOnlyStopAndInitSucceedAndTheOutputIsOneOwnedDup
         EXPECT_EQ(0, bare.init());
         EXPECT_EQ(-1015, bare.setOutputFile("/tmp/out.3gp"));
 
-        const int fd = createOutput("out.3gp");
+        UniqueFd output = createOutput("out.3gp");
+        const int fd = output.get();
         EXPECT_EQ(0, bare.setOutputFile(fd, 0, 0));
         EXPECT_EQ(0, bare.setOutputFile(fd, 0, 0));  // the first duplicate is closed
         EXPECT_EQ(-1015, bare.setOutputFile(fd, 10, 0));
         EXPECT_EQ(-1015, bare.setOutputFile(fd, 0, 100));
         EXPECT_EQ(baseline + 2, openDescriptors());
-        close(fd);
+        output.reset();
     }
     EXPECT_EQ(baseline, openDescriptors());  // released by destruction
 
     CmmbRecorder bare(Env::current());
-    const int fd = createOutput("out.3gp");
-    ASSERT_EQ(0, bare.setOutputFile(fd, 0, 0));
-    close(fd);
+    UniqueFd output = createOutput("out.3gp");
+    ASSERT_EQ(0, bare.setOutputFile(output.get(), 0, 0));
+    output.reset();
     ASSERT_EQ(0, bare.start());
     EXPECT_EQ(-1015, bare.start());
     ASSERT_EQ(0, bare.pause());

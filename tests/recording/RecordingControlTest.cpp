@@ -36,7 +36,8 @@ void inServiceChild(const std::function<void(FaultInjectingEnv&, RecordingRig&, 
 
 TEST(RecordingControl, SessionsFreeSpaceTheFirstWriteAndTheCompletionThreadDecideStartAndEnd) {
     inServiceChild([](FaultInjectingEnv& env, RecordingRig& rig, ClipFeed& feed) {
-        const int fd = rig.createOutput("out.3gp");
+        UniqueFd output = rig.createOutput("out.3gp");
+        const int fd = output.get();
         for (int session : {-1, 2, 10}) {
             EXPECT_EQ(-1, rig.engine().startRecording(session, fd)) << session;
             EXPECT_EQ(-1, rig.engine().stopRecording(session)) << session;
@@ -66,7 +67,7 @@ TEST(RecordingControl, SessionsFreeSpaceTheFirstWriteAndTheCompletionThreadDecid
         EXPECT_EQ(0, rig.engine().startRecording(0, fd));
         EXPECT_TRUE(rig.engine().isRecording(0));
         EXPECT_FALSE(rig.engine().isRecording(1));
-        close(fd);  // the recorder works on its own duplicate
+        output.reset();  // the recorder works on its own duplicate
 
         // On every frame: from 14 MiB free on the index estimate is not consulted.
         const char* estimateWarning = "required minimal space=";
@@ -107,7 +108,8 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
     EXPECT_IN_CHILD({
         FaultInjectingEnv env;
         RecordingRig rig;
-        const int second = rig.createOutput("second.3gp");
+        UniqueFd secondOutput = rig.createOutput("second.3gp");
+        const int second = secondOutput.get();
         std::mutex lock;
         std::condition_variable changed;
         int events = 0, restartResult = 1, stopResult = 1;
@@ -140,7 +142,7 @@ TEST(RecordingControl, ARecordingRestartedFromItsEventThatEndsAtOnceIsCompletedI
                 changed.wait_for(hold, std::chrono::seconds(20), [&] { return restarted; }));
             EXPECT_EQ(0, restartResult);
         }
-        close(second);
+        secondOutput.reset();
         rig.play(feed.nextSecond());
         env.setFreeBytes(kMiB - 1);
         rig.play(feed.nextSecond());  // the second ends here, its predecessor's event still open

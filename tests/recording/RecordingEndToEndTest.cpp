@@ -17,6 +17,7 @@
 #include "OpenDescriptors.h"
 #include "RecordingRig.h"
 #include "TavoRecordingRepair.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -31,35 +32,34 @@ size_t firstSpsFrom(const ClipFeed& feed, size_t from) {
 
 // Repairs `in` into `out` with the library; returns its result and message.
 int repair(const std::string& in, const std::string& out, std::string* message) {
-    const int inFd = open(in.c_str(), O_RDONLY);
-    const int outFd = open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    const UniqueFd inFd(open(in.c_str(), O_RDONLY));
+    const UniqueFd outFd(open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
     char text[256] = "";
-    const int result = tavo_repair_recording(inFd, outFd, text, sizeof(text));
-    close(inFd);
-    close(outFd);
+    const int result = tavo_repair_recording(inFd.get(), outFd.get(), text, sizeof(text));
     *message = text;
     return result;
 }
 
 // A child that records the clip into `path` and reports every multiplex frame it played on
-// `progress`, until it is killed.
-pid_t startRecordingChild(const std::string& path, int progress[2]) {
+// the write end of the `progress` pipe, until it is killed.
+pid_t startRecordingChild(const std::string& path, UniqueFd& progressRead,
+                          const UniqueFd& progressWrite) {
     const pid_t child = fork();
     if (child != 0)
         return child;
-    close(progress[0]);
+    progressRead.reset();
     // The child never cleans up: its root goes inside the parent's, which is removed.
     setenv("TMPDIR", path.substr(0, path.rfind('/')).c_str(), 1);
     RecordingRig rig("ERROR");
     rig.startService();
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0 || rig.engine().startRecording(0, fd) != 0)
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+    if (!fd || rig.engine().startRecording(0, fd.get()) != 0)
         _exit(3);
-    close(fd);
+    fd.reset();
     ClipFeed feed;
     for (char second = 1;; ++second) {
         rig.play(feed.nextSecond());
-        if (write(progress[1], &second, 1) != 1)
+        if (write(progressWrite.get(), &second, 1) != 1)
             _exit(4);
     }
 }
@@ -72,12 +72,13 @@ TEST(RecordingRepair, ARecordingKilledAtManyPointsIsRepairedIntoAPlayableFile) {
         const std::string path = root.path() + "/killed" + std::to_string(frames) + ".3gp";
         int progress[2];
         ASSERT_EQ(0, pipe(progress));
-        const pid_t child = startRecordingChild(path, progress);
+        UniqueFd progressRead(progress[0]), progressWrite(progress[1]);
+        const pid_t child = startRecordingChild(path, progressRead, progressWrite);
         ASSERT_GT(child, 0);
-        close(progress[1]);
+        progressWrite.reset();
         char second = 0;
         for (int seen = 0; seen < frames; ++seen)
-            ASSERT_EQ(1, read(progress[0], &second, 1)) << "the recording child died";
+            ASSERT_EQ(1, read(progressRead.get(), &second, 1)) << "the recording child died";
         if (frames % 2 == 1)
             usleep(1000 * (frames * 7 % 20));
         kill(child, SIGKILL);
@@ -85,9 +86,9 @@ TEST(RecordingRepair, ARecordingKilledAtManyPointsIsRepairedIntoAPlayableFile) {
         ASSERT_EQ(child, waitpid(child, &status, 0));
         // The child kept playing until it died: count every frame it finished.
         int played = frames;
-        while (read(progress[0], &second, 1) == 1)
+        while (read(progressRead.get(), &second, 1) == 1)
             ++played;
-        close(progress[0]);
+        progressRead.reset();
         EXPECT_FALSE(fileHasMoov(path)) << path;
 
         const std::string before = readTextFile(path);
@@ -119,8 +120,10 @@ TEST(RecordingEndToEnd, SessionsDescriptorsAndRepairRecordsOfFinishedRecordings)
         ClipFeed feed(10);
         {
             SCOPED_TRACE("streams joined midway: each file from its first SPS");
-            const int first = rig.createOutput("session0.3gp");
-            const int second = rig.createOutput("session1.3gp");
+            UniqueFd firstOutput = rig.createOutput("session0.3gp");
+            UniqueFd secondOutput = rig.createOutput("session1.3gp");
+            const int first = firstOutput.get();
+            const int second = secondOutput.get();
             ASSERT_EQ(0, rig.engine().startRecording(0, first));
             rig.play(feed.nextSecond());
             const size_t picturesBeforeSecondStart = feed.picturesFed();
@@ -128,8 +131,8 @@ TEST(RecordingEndToEnd, SessionsDescriptorsAndRepairRecordsOfFinishedRecordings)
             EXPECT_TRUE(rig.engine().isRecording(0));
             EXPECT_TRUE(rig.engine().isRecording(1));
             rig.playSeconds(feed, 3);
-            close(first);
-            close(second);
+            firstOutput.reset();
+            secondOutput.reset();
             ASSERT_EQ(0, rig.engine().stopRecording(0));
             ASSERT_EQ(0, rig.engine().stopRecording(1));
 
@@ -150,18 +153,20 @@ TEST(RecordingEndToEnd, SessionsDescriptorsAndRepairRecordsOfFinishedRecordings)
             SCOPED_TRACE("only a descriptor writable from byte 0; children do not inherit it");
             // Append mode (what ParcelFileDescriptor.MODE_APPEND gives).
             const std::string appended = rig.outputPath("append.3gp");
-            int fd = open(appended.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+            UniqueFd output(open(appended.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+            int fd = output.get();
             ASSERT_GE(fd, 0);
             EXPECT_EQ(-1, rig.engine().startRecording(0, fd));
             EXPECT_FALSE(rig.engine().isRecording(0));
-            close(fd);
+            output.reset();
             EXPECT_EQ(0, fileSize(appended));
 
             // The descriptor of a finished recording shares its offset, now at the file's end:
             // handed in again, it is refused and the finished file stays as it was. Opened
             // without close-on-exec, as an application may.
             const std::string path = rig.outputPath("first.3gp");
-            fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+            output.reset(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+            fd = output.get();
             ASSERT_GE(fd, 0);
             ASSERT_EQ(0, rig.engine().startRecording(0, fd));
             rig.playSeconds(feed, 2);
@@ -180,15 +185,15 @@ TEST(RecordingEndToEnd, SessionsDescriptorsAndRepairRecordsOfFinishedRecordings)
             ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
             ASSERT_EQ(0, ftruncate(fd, 0));
             ASSERT_EQ(0, rig.engine().startRecording(0, fd));
-            close(fd);
+            output.reset();
             rig.playSeconds(feed, 1);
             EXPECT_EQ(2, openDescriptors("first.3gp"));
-            const int witness =
-                open(rig.outputPath("witness.txt").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-            ASSERT_GE(witness, 0);
+            UniqueFd witness(
+                open(rig.outputPath("witness.txt").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+            ASSERT_GE(witness.get(), 0);
             std::string listing;
             ASSERT_EQ(0, runCommand("ls -l /proc/self/fd/", &listing));
-            close(witness);
+            witness.reset();
             EXPECT_NE(std::string::npos, listing.find("witness.txt")) << listing;
             EXPECT_EQ(std::string::npos, listing.find("first.3gp")) << listing;
             rig.playSeconds(feed, 1);

@@ -114,7 +114,8 @@ TEST(RecordingEvents, AnAgentEventInsideAFrameMayStopAndStartWhileACompletionWai
             ASSERT_TRUE(changed.wait_for(hold, kBound, [&] { return endedSession >= 0; }))
                 << "no recording event";
         }
-        restartFd = rig.createOutput("restarted.3gp");
+        UniqueFd restartOutput = rig.createOutput("restarted.3gp");
+        restartFd = restartOutput.get();
 
         expectReturns("the frame with the agent's event", [&] {
             rig.agent().runOnAgentThread([&](MBBMSAgentCallback* agent) {
@@ -130,7 +131,7 @@ TEST(RecordingEvents, AnAgentEventInsideAFrameMayStopAndStartWhileACompletionWai
                 agent->onOutputAVEnd(RecordingRig::kChannel, false);
             });
         });
-        close(restartFd);
+        restartOutput.reset();
         ASSERT_TRUE(app.waitFor("onEvent(154"));
         EXPECT_EQ(0, insideStopped);
         EXPECT_EQ(0, insideStarted);

@@ -22,7 +22,8 @@ namespace {
 int recordToTheLimit(RecordingRig& rig, const std::string& name, bool withAudio,
                      const char* event) {
     rig.startService();
-    const int fd = rig.createOutput(name);
+    UniqueFd output = rig.createOutput(name);
+    const int fd = output.get();
     EXPECT_EQ(0, rig.engine().startRecording(0, fd));
     MultiplexFrame frame = ClipFeed().nextSecond();
     MediaBytes slice = {0, 0, 0, 1, 0x41};
@@ -49,7 +50,7 @@ int recordToTheLimit(RecordingRig& rig, const std::string& name, bool withAudio,
             for (MultiplexFrame::Unit& unit : *units)
                 unit.tsBase = tsBase;
     }
-    close(fd);
+    output.reset();
     EXPECT_FALSE(rig.engine().isRecording(0));
     EXPECT_EQ(0, rig.engine().stopRecording(0));
     EXPECT_EQ(1, rig.app().count(event));

@@ -63,9 +63,8 @@ TEST(RecordingRace, StopsAndStartsRaceFramesAndWaitForTheFrameInProgress) {
             int result = -2;
             std::thread application([&] {
                 if (replace) {
-                    const int next = rig.createOutput("second.3gp");
-                    result = rig.engine().startRecording(0, next);
-                    close(next);
+                    UniqueFd next = rig.createOutput("second.3gp");
+                    result = rig.engine().startRecording(0, next.get());
                 } else {
                     result = rig.engine().stopRecording(0);
                 }

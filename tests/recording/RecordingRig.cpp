@@ -124,7 +124,8 @@ bool fileHasMoov(const std::string& path) {
 
 std::vector<std::string> topLevelBoxes(const std::string& path) {
     std::vector<std::string> boxes;
-    const int fd = open(path.c_str(), O_RDONLY);
+    UniqueFd file(open(path.c_str(), O_RDONLY));
+    const int fd = file.get();
     EXPECT_GE(fd, 0) << path;
     const long long end = fileSize(path);
     unsigned char header[8];
@@ -139,7 +140,6 @@ std::vector<std::string> topLevelBoxes(const std::string& path) {
         }
         boxes.push_back(std::string(reinterpret_cast<char*>(header) + 4, 4));
     }
-    close(fd);
     return boxes;
 }
 
@@ -153,10 +153,8 @@ void RecordingRig::startService(bool bothSessions) {
 }
 
 int RecordingRig::startRecording(const std::string& name, int session) {
-    const int fd = createOutput(name);
-    const int result = engine().startRecording(session, fd);
-    close(fd);
-    return result;
+    const UniqueFd fd = createOutput(name);
+    return engine().startRecording(session, fd.get());
 }
 
 void RecordingRig::playHere(const MultiplexFrame& frame) {
@@ -205,9 +203,9 @@ int RecordingRig::playUntilRecordingEnds(ClipFeed& feed, int limit) {
     return limit + 1;
 }
 
-int createFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    EXPECT_GE(fd, 0) << "cannot create " << path;
+UniqueFd createFile(const std::string& path) {
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    EXPECT_GE(fd.get(), 0) << "cannot create " << path;
     return fd;
 }
 

@@ -13,6 +13,7 @@
 
 #include "EngineRig.h"
 #include "MediaFiles.h"
+#include "UniqueHandle.h"
 
 // One multiplex frame: video NAL units (each behind a 4-byte start code), then raw AAC frames.
 struct MultiplexFrame {
@@ -65,7 +66,7 @@ std::vector<ProbedPacket> probePackets(const std::string& path, int stream);
 // A stream's duration in seconds as ffprobe reports it; negative when unknown.
 double probeStreamDuration(const std::string& path, int stream);
 bool fileHasMoov(const std::string& path);
-int createFile(const std::string& path);  // truncated, read-write; the caller closes it
+UniqueFd createFile(const std::string& path);  // truncated, read-write
 // Types of the top-level boxes, walked by their 32-bit size headers; a box running past the
 // end of the file (or with a size below 8) is listed as "truncated".
 std::vector<std::string> topLevelBoxes(const std::string& path);
@@ -104,7 +105,7 @@ public:
     // `limit` + 1 when it never stopped).
     int playUntilRecordingEnds(ClipFeed& feed, int limit);
 
-    int createOutput(const std::string& name) const { return createFile(outputPath(name)); }
+    UniqueFd createOutput(const std::string& name) const { return createFile(outputPath(name)); }
     // Starts recording `session` into a new file `name`; the engine's result.
     int startRecording(const std::string& name, int session = 0);
     std::string outputPath(const std::string& name) const { return root().path() + "/" + name; }

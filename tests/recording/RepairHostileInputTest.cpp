@@ -27,6 +27,7 @@
 #include "CraftedRecording.h"
 #include "TavoRecordingRepair.h"
 #include "TestRoot.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -70,12 +71,9 @@ int repairFds(int in, int out, std::string* message) {
 
 // Repairs the file at `in` into a new file at `out` with the library.
 int repairPaths(const std::string& in, const std::string& out, std::string* message) {
-    const int inFd = open(in.c_str(), O_RDONLY | O_CLOEXEC);
-    const int outFd = open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int result = repairFds(inFd, outFd, message);
-    close(inFd);
-    close(outFd);
-    return result;
+    const UniqueFd inFd(open(in.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd outFd(open(out.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    return repairFds(inFd.get(), outFd.get(), message);
 }
 
 // One run of the tool as a child process: exit status (-1 when it did not exit) and signal.
@@ -219,17 +217,24 @@ TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAndFilesThatAreNotRegu
 
     // Inputs and outputs that are not regular files.
     ASSERT_TRUE(plausibleRecording(2).writeTo(path("good.3gp")));
-    const int good = open(path("good.3gp").c_str(), O_RDONLY);
-    const int empty = open(path("empty.out").c_str(), O_RDWR | O_CREAT, 0644);
+    std::vector<UniqueFd> opened;  // every descriptor below, closed when the test ends
+    const auto own = [&opened](int fd) {
+        opened.emplace_back(fd);
+        return fd;
+    };
+    const int good = own(open(path("good.3gp").c_str(), O_RDONLY));
+    const int empty = own(open(path("empty.out").c_str(), O_RDWR | O_CREAT, 0644));
     ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0644));
     // A FIFO without a writer: a blocking read would wait for ever.
-    const int fifo = open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
-    const int zero = open("/dev/zero", O_RDONLY);
-    const int directory = open(path("").c_str(), O_RDONLY | O_DIRECTORY);
+    const int fifo = own(open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK));
+    const int zero = own(open("/dev/zero", O_RDONLY));
+    const int directory = own(open(path("").c_str(), O_RDONLY | O_DIRECTORY));
     int sockets[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sockets));
+    own(sockets[0]);
+    own(sockets[1]);
     // Over the limit: a sparse file one byte larger than the largest recording.
-    const int huge = open(path("huge.3gp").c_str(), O_RDWR | O_CREAT, 0644);
+    const int huge = own(open(path("huge.3gp").c_str(), O_RDWR | O_CREAT, 0644));
     ASSERT_EQ(0, ftruncate64(huge, static_cast<off64_t>(TAVO_REPAIR_MAX_INPUT_SIZE + 1)));
     for (int in : {fifo, zero, directory, sockets[0], huge, -1}) {
         EXPECT_EQ(TAVO_REPAIR_INPUT_FAILED, repairFds(in, empty, &message)) << in;
@@ -237,16 +242,14 @@ TEST_F(RepairHostileInput, CountsAndSizesTheFileCannotBackAndFilesThatAreNotRegu
     }
     EXPECT_NE(std::string::npos, message.find("cannot read")) << message;
 
-    const int null = open("/dev/null", O_RDWR);
-    const int full = open(path("full.out").c_str(), O_RDWR | O_CREAT, 0644);
+    const int null = own(open("/dev/null", O_RDWR));
+    const int full = own(open(path("full.out").c_str(), O_RDWR | O_CREAT, 0644));
     ASSERT_EQ(1, write(full, "x", 1));
     for (int out : {null, full, sockets[1], -1}) {
         EXPECT_EQ(TAVO_REPAIR_OUTPUT_FAILED, repairFds(good, out, &message)) << out;
         EXPECT_NE(std::string::npos, message.find("not an empty regular file")) << message;
     }
     EXPECT_EQ(TAVO_REPAIR_OK, repairFds(good, empty, &message)) << message;
-    for (int fd : {good, empty, fifo, zero, directory, sockets[0], sockets[1], huge, null, full})
-        close(fd);
 }
 
 // Virtual memory of this process in bytes, from /proc/self/status.

@@ -235,8 +235,9 @@ TEST(SdkWire, CommandsArePassedOnAndHangingUpClosesOnlyThisCopyOfTheConnection) 
         if (kind == TAVO_PE_CMD_CAPTURE) {
             EXPECT_EQ(1, command.session);
             ASSERT_GE(command.fd, 0);
-            EXPECT_EQ(FD_CLOEXEC, fcntl(command.fd, F_GETFD) & FD_CLOEXEC);
-            close(command.fd);
+            UniqueFd passed(command.fd);
+            EXPECT_EQ(FD_CLOEXEC, fcntl(passed.get(), F_GETFD) & FD_CLOEXEC);
+            passed.reset();
             EXPECT_EQ(TAVO_PE_OK, tavo_pe_send_indication(sdk.pe, IMAGE_CAPTURE_FAIL));
             EXPECT_EQ("4", sdk.engine.indication());
         } else {
@@ -248,6 +249,7 @@ TEST(SdkWire, CommandsArePassedOnAndHangingUpClosesOnlyThisCopyOfTheConnection) 
 
     int link[2];  // [0] the parent's end, [1] the child's
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link));
+    UniqueFd parentEnd(link[0]), childEnd(link[1]);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -279,8 +281,8 @@ TEST(SdkWire, CommandsArePassedOnAndHangingUpClosesOnlyThisCopyOfTheConnection) 
     int status = -1;
     EXPECT_EQ(child, waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
-    for (int fd : link)
-        close(fd);
+    parentEnd.reset();
+    childEnd.reset();
     tavo_pe_disconnect(sdk.pe);
     EXPECT_EQ(nullptr, tavo_pe_region(sdk.pe, 0));
 }

@@ -8,17 +8,17 @@
 
 #include "CmmbSharedBuffer.h"
 #include "CmmbSharedSemaphore.h"
+#include "UniqueHandle.h"
 
 class ReaderMapping {
 public:
     explicit ReaderMapping(int fd) {
         void* address =
             mmap(nullptr, CMMB_SHARED_BUFFER_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        mBuffer = address != MAP_FAILED ? static_cast<CmmbSharedBuffer*>(address) : nullptr;
-    }
-    ~ReaderMapping() {
-        if (mBuffer != nullptr)
-            munmap(mBuffer, CMMB_SHARED_BUFFER_SIZE);
+        if (address != MAP_FAILED) {
+            mMapping.reset(Mapping{address, CMMB_SHARED_BUFFER_SIZE});
+            mBuffer = static_cast<CmmbSharedBuffer*>(address);
+        }
     }
     ReaderMapping(const ReaderMapping&) = delete;
     ReaderMapping& operator=(const ReaderMapping&) = delete;
@@ -35,7 +35,8 @@ public:
     }
 
 private:
-    CmmbSharedBuffer* mBuffer;
+    UniqueMapping mMapping;
+    CmmbSharedBuffer* mBuffer = nullptr;  // where mMapping starts; null when the mapping failed
 };
 
 #endif  // TAVO_TESTS_SUPPORT_READER_MAPPING_H
